@@ -1,0 +1,100 @@
+// State exchanged with the collector (`Server_t`) and the keyword table that
+// applies collector messages to all settings records.
+//
+// The table is one static array of 133 rows in a fixed order; a row either
+// names a field (record, byte offset, width, converter) or a parser with its
+// own logic. Keywords are applied on the control thread only.
+#pragma once
+
+#include <type_traits>
+
+inline constexpr int ZX_STATUS_VALUE_SIZE = 64;
+inline constexpr int ZX_FPG_VERSION_SIZE = 10;
+inline constexpr int ZX_CONN_DESTINATION_SIZE = 1024;
+inline constexpr int ZX_START_RESP_BUFFER_SIZE = 1024;
+inline constexpr long long ZX_ORIGINAL_EPOCH_DIFF_MS = 1388534400000LL;  // 2014-01-01 UTC
+
+struct Server_t {
+  char statusValue[ZX_STATUS_VALUE_SIZE];
+  long long diffTimeFromZXC;
+  char fpgVID[ZX_FPG_VERSION_SIZE];
+  int numInstrProfile;
+  char setInstrumentTraceLevel;
+  int dumpremainingtstime;  // minutes to drain before a stop
+  long long morEpochDiffTime;
+  long long originalMorEpochDiffTime;
+  long long changeOriginalTime;
+  int TestRunIDValue;
+  int isClusterMode;
+
+  // Control-link state.
+  long long lastHeartBeatRcvTime;
+  long long lastConnectionTime;
+  long long connDuration;
+  char connDestination[ZX_CONN_DESTINATION_SIZE];
+  int requestType;
+
+  // Run state.
+  int controlCommunicationBusyFlag;
+  int InstrumentationBusy;
+  int testRunRunning;
+  int retryForDataConn;
+  int retryForAutoSensorConn;
+  int gettingstopInstrumenatation;
+  int numberOfTestRunsTillNow;
+  int captrueIndependentQuery;
+  char isRuntimeApplied;
+  int isTenRecordDump;
+  char startInstrRespBuffer[ZX_START_RESP_BUFFER_SIZE];
+};
+static_assert(std::is_standard_layout_v<Server_t>);
+
+inline constexpr int ZX_KEYWORD_COUNT = 133;
+inline constexpr int ZX_KEYWORD_NAME_SIZE = 32;
+inline constexpr int ZX_MAX_MESSAGE_TOKENS = 1024;
+
+using zx_keyword_parser_t = void (*)(char *value, char *keyword, int index);
+using zx_keyword_setter_t = void (*)(int index, char *value);
+using zx_keyword_converter_t = void (*)(void *target, const char *value, int length);
+
+struct zx_keyword_row_t {
+  char name[ZX_KEYWORD_NAME_SIZE];
+  int offset;  // -1 for parser rows
+  int length;  // bytes the converter writes; 0 for parser rows
+  zx_keyword_parser_t parser;
+  zx_keyword_setter_t setter;
+  zx_keyword_converter_t fill_data;
+};
+
+extern const zx_keyword_row_t keywordsMap[ZX_KEYWORD_COUNT];
+
+// Row index by exact, case-sensitive name; -1 for null or unknown.
+int NameToIndex(const char *keyword);
+
+// Converters: write exactly `length` bytes (at most 8 for numbers) of the
+// value, little-endian low bytes first. fill_char_data never reads past the
+// value's terminator: a shorter value is zero-padded to the width.
+void fill_int_data(void *target, const char *value, int length);
+void fill_long_long_data(void *target, const char *value, int length);
+void fill_double_data(void *target, const char *value, int length);
+void fill_char_data(void *target, const char *value, int length);
+
+// Setters: target = record base + row offset.
+void fill_server_info(int index, char *value);
+void fill_ZXSys_info(int index, char *value);
+void fill_ZXBCISetting_info(int index, char *value);
+void fill_ZXAutoInstrumentation_info(int index, char *value);
+void fill_ZXFlowpathGenerator_info(int index, char *value);
+void fill_ZXInterfaceProcessor_info(int index, char *value);
+void fill_ZXDynamicSettings_info(int index, char *value);
+void fill_ZXASsettings_info(int index, char *value);
+void fill_ZXBTMonitor_info(int index, char *value);
+void fill_ZXBackendMonitor_info(int index, char *value);
+void fill_zxAutoSensorUsingStackTrace_info(int index, char *value);
+
+// Applies the keyword list of a collector message. The message is split in
+// place (";" becomes a terminator), as the collector's text is ours to use.
+void findStatusFromClientMsg(char *message);
+
+// Defaults reset before a fresh keyword set is applied (start of a run).
+void zxlb_init_all_keywords();

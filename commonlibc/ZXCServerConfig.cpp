@@ -1,0 +1,71 @@
+#include "ZXCServerConfig.h"
+
+#include "ZXProxyInstance.h"
+#include "zxlb_mt_log.h"
+
+int active_zxc_idx = 0;
+
+zxc_servers_t &ZXCServerList::at_growing(int index) {
+  if (index < 0) index = 0;
+  ensure();
+  while (index >= capacity()) entries.resize(entries.size() + ZXC_SERVER_LIST_STEP);
+  return entries[static_cast<size_t>(index)];
+}
+
+void ZXCServerList::ensure() {
+  if (entries.empty()) entries.resize(ZXC_SERVER_LIST_STEP);
+}
+
+void init_zxc_server_config() {
+  retryPolicy_t &p = tlzxApplication->retry_policy;
+  p.num_retry = 3;
+  p.time_interval = apr_time_from_sec(60);
+  p.health_check_request_interval = apr_time_from_sec(60);
+  p.reply_unsuccessful_count = 10;
+  p.heartbeat_reply_timeout_check = 6;
+  p.count = 0;
+}
+
+void clear_zxc_server_setting() {
+  ZXProxyInstance_t *app = tlzxApplication;
+  for (auto &e : app->zxc_server_arr.entries) e = zxc_servers_t{};
+  app->zx_dr_state = 0;
+  app->ZXBCISetting.num_zxc_config = 0;
+  app->health_check_fail = 0;
+}
+
+zxc_servers_t &get_active_zxc() {
+  return tlzxApplication->zxc_server_arr.at_growing(active_zxc_idx);
+}
+
+void lookup_for_next_zxc() {
+  ZXProxyInstance_t *app = tlzxApplication;
+  ZXCServerList &list = app->zxc_server_arr;
+  list.ensure();
+  if (app->zx_dr_state) {
+    zxc_servers_t &cur = get_active_zxc();
+    ZX_CTRL_LOG(0, "Info", " current ZXC info: host = %s, port = %d", cur.zxc_host.c_str(),
+                static_cast<int>(cur.zxc_port));
+    cur.state = 0;
+    // The bound is the configured count, not the last configured index: with
+    // two collectors the walk is 0, 1, 2 (an empty entry that fails), 0.
+    if (active_zxc_idx < list.capacity() - 1 && active_zxc_idx < app->ZXBCISetting.num_zxc_config)
+      ++active_zxc_idx;
+    else
+      active_zxc_idx = 0;
+  } else {
+    active_zxc_idx = 0;
+  }
+  zxc_servers_t &next = get_active_zxc();
+  next.state = 1;
+  ZX_CTRL_LOG(0, "Info", "[ZX DR Feature]; Got next ZXC info: [host | port] = [%s | %d]",
+              next.zxc_host.c_str(), static_cast<int>(next.zxc_port));
+}
+
+void connection_retry_failed() {
+  if (tlzxApplication->zx_dr_state)
+    ZX_CTRL_LOG(0, "Info",
+                "[ZX DR Feature]; Retry for connection attempt failed DR is enabled, looking for "
+                "backup");
+  lookup_for_next_zxc();
+}

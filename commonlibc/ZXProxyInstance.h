@@ -1,0 +1,142 @@
+// The application object: all agent state of one monitored application.
+//
+// One per process in an agent (published through `tlzxApplication` and
+// `ZXProxyInstance`), one per served application in the proxy. Settings
+// records are written by the control thread and read lock-free elsewhere;
+// every other shared member names the lock that guards it.
+#pragma once
+
+#include <apr_thread_proc.h>
+#include <apr_time.h>
+
+#include <atomic>
+#include <condition_variable>
+#include <memory>
+#include <mutex>
+#include <vector>
+
+#include "Server.h"
+#include "ZXBCISettings.h"
+#include "ZXCServerConfig.h"
+#include "ZXFeatureSettings.h"
+#include "ZXSupportedProtocols.h"
+#include "ZXSys.h"
+#include "zxlb_apr.h"
+#include "zxlb_owned_string.h"
+
+struct retryPolicy_t {
+  char version[32] = {};
+  char num_retry = 3;
+  int count = 0;
+  int reply_unsuccessful_count = 10;
+  int heartbeat_reply_timeout_check = 6;
+  apr_interval_time_t time_interval = apr_time_from_sec(60);
+  apr_interval_time_t health_check_request_interval = apr_time_from_sec(60);
+};
+
+struct processInfo_t {
+  zx::OwnedString name;
+  int flag = 0;
+};
+
+struct ZXProxyInstance_t {
+  ZXProxyInstance_t();
+  ~ZXProxyInstance_t();
+  ZXProxyInstance_t(const ZXProxyInstance_t &) = delete;
+  ZXProxyInstance_t &operator=(const ZXProxyInstance_t &) = delete;
+
+  // Declared first so that APR and the pools outlive every object made
+  // from them.
+  zx::AprSession apr_session;
+  zx::PoolPtr control_pool;
+  zx::PoolPtr proxy_pool;
+
+  // Settings records (keyword table targets).
+  ZXSys_t ZXSys{};
+  ZXBCISetting_t ZXBCISetting{};
+  Server_t Server{};
+  ZXAutoInstrumentation_t zxAutoInstrumentation{};
+  ZXFlowpathGeneratorSettings_t ZXFlowpathGenerator{};
+  ZXInterfaceProcessor_t ZXInterfaceProcessor{};
+  ZXDynamicSettings_t ZXDynamicSettings{};
+  ZXASsettings_t ZXASsettings{};
+  ZXBTMonitorSettings_t ZXBTMonitor{};
+  ZXBackendMonitorSettings_t ZXBackendMonitor{};
+  ZXAutoSensorUsingStackTrace_t zxAutoSensorUsingStackTrace{};
+  ZXSettings_t ZXSettings{};
+  ZXAgentSetting_t ZXAgentSetting{};
+
+  // Raw values of feature keywords whose features parse them on use; indexed
+  // by keyword row. Control thread only.
+  zx::OwnedString featureKeywordValues[ZX_KEYWORD_COUNT];
+
+  // Lines gathered for the proxy in log mode 2; guarded by agentLogLock.
+  zx::NestedMutex agentLogLock;
+  std::unique_ptr<char[]> agentLogBuffer;
+
+  // Identity beyond the settings records.
+  zx::OwnedString agentName;
+  zx::OwnedString pool_name;
+  zx::OwnedString proc_name;
+  long long processID = 0;
+  long long agentStartTime = 0;  // milliseconds
+
+  // Collector list, failover and retry state (control thread only).
+  ZXCServerList zxc_server_arr;
+  retryPolicy_t retry_policy;
+  int heartbeat_count = 0;
+  char zx_dr_state = 0;
+  char is_switch_over = 0;
+  char health_check_fail = 0;
+  int isMasterZxc = 0;
+  int ActiveAgentProtocolIndex = 0;
+  int lws_active = 0;
+  int proxy_lws_active = 0;
+
+  // Protocol lists: the agent's own and the collector's offer. Each list
+  // carries its own lock (supportedProtocolsLock / supportedProtocolsZXCLock).
+  ZXSupportedProtocols supportedProtocols;
+  ZXSupportedProtocols supportedProtocolsZXC;
+
+  // Process filter table, offered to the host.
+  std::vector<processInfo_t> processInfoStruct;
+  int total_process_entries = 0;
+
+  // Process-wide locks created at start-up.
+  zx::NestedMutex controlThreadTmpLock;
+  zx::NestedMutex methodEntryLock;
+  zx::NestedMutex zxTDHashMapLock;
+
+  // Defaults of initializeZXApplicationGlobal.
+  int maxBuffersAS = 0;
+  int dataBufferSizeAS = 0;
+  int methodIDGlobal = 0, httpid = 0, resourceMetaID = 0;
+  int enable_DD_AI = 0, instrumentSleep = 0;
+  long long GloTimStmp = 0;
+  int allSlow = 0, allVerySlow = 0;
+  int maxStates = 0;
+  int skipCount = 0, dumpHeartBeatforLog = 0;
+  long long lastLogSentTime = 0;
+  int init_flag = 0, InstrFileData_flag = 0;
+  int isRunTime = 0, isModifiedHashmap = 0;
+  apr_interval_time_t TimeOut = 0;
+  int reqCount = 0, xPathCount = 0, g_tlsidx = 0, trace_level = 0;
+  int zxProxyMode = 0;
+
+  // The control thread. Its waits are interruptible so that the agent can be
+  // stopped (unload, tests) without waiting out a retry interval.
+  apr_thread_t *control_thread = nullptr;
+  std::mutex wakeMutex;  // guards wakeRequested, with stopRequested
+  std::condition_variable wakeCond;
+  bool wakeRequested = false;
+  std::atomic<bool> stopRequested{false};
+  std::atomic<int> controlThreadState{0};
+
+  // Waits up to `interval`; returns early (true) when woken or stopping.
+  bool controlSleep(apr_interval_time_t interval);
+  void wakeControlThread();
+};
+
+// The process's application object; both always hold the same pointer.
+extern "C" ZXProxyInstance_t *tlzxApplication;
+extern "C" ZXProxyInstance_t *ZXProxyInstance;

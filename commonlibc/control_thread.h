@@ -1,0 +1,26 @@
+// The control thread: owns the control connection to the collector. It is
+// started once by agent_init and runs until the agent is shut down. Its
+// waits are interruptible so that a shutdown never waits out an interval.
+#pragma once
+
+#include <apr_thread_proc.h>
+
+struct ZXProxyInstance_t;
+
+enum ZXControlThreadState : int {
+  ZX_CTRL_NOT_STARTED = 0,
+  ZX_CTRL_CONFIGURING = 1,  // waiting for a collector to be configured
+  ZX_CTRL_CONFIGURED = 2,   // collector known; connection loop runs
+  ZX_CTRL_STOPPED = 3,
+};
+
+void *APR_THREAD_FUNC control_thread_entry_fun(apr_thread_t *thread, void *app);
+
+// Creates the thread; false (with APR's error text in `err`) on failure.
+bool start_control_thread(ZXProxyInstance_t *app, char *err, int err_len);
+// Asks the thread to stop, wakes it and joins it. Safe when never started.
+void stop_control_thread(ZXProxyInstance_t *app);
+
+// Thread start up to the connection loop: transport choice, retry policy and
+// the configuration loop. False when stopped before a collector was known.
+bool control_thread_configure(ZXProxyInstance_t *app);

@@ -1,0 +1,271 @@
+// Two-file trace log.
+//
+//   cur_index -> "<base>_0"  fills to traceMaxSize
+//                "<base>_1"  opened with the column header at roll-over
+//   next roll-over closes and deletes the other file, reopens it empty
+//
+// Lines are formatted in a per-thread 128 KiB buffer (not on the caller's
+// stack: host threads may have small stacks) and written with one fwrite.
+#include "zxlb_mt_log.h"
+
+#include <sys/syscall.h>
+#include <unistd.h>
+
+#include <cstdarg>
+#include <cstring>
+#include <ctime>
+#include <memory>
+#include <mutex>
+#include <new>
+
+#include "ZXProxyInstance.h"
+#include "proxyServer/ZXProxyServer.h"
+
+MTTraceLogKey *trace_log_key = nullptr;
+int zx_mem_trace_level = 0;
+
+namespace {
+
+constexpr const char kColumnHeader[] =
+    "#TimeStamp|TestRun|Thread Name|Thread ID|Module Name|Src file name|Line number|Function|"
+    "Severity|Message";
+
+char *line_buffer() {
+  thread_local std::unique_ptr<char[]> buf = [] {
+    try {
+      return std::make_unique_for_overwrite<char[]>(ZX_TRACE_LINE_MAX);
+    } catch (const std::bad_alloc &) {
+      return std::unique_ptr<char[]>();
+    }
+  }();
+  return buf.get();
+}
+
+long long kernel_thread_id() {
+  return static_cast<long long>(syscall(SYS_gettid));
+}
+
+ZXSys_t *sys() {
+  return tlzxApplication ? &tlzxApplication->ZXSys : nullptr;
+}
+
+int test_run_id() {
+  return tlzxApplication ? tlzxApplication->Server.TestRunIDValue : 0;
+}
+
+// Formats the message behind `used` header bytes; returns the total length.
+// The buffer's last byte always stays a terminator.
+int append_message(char *buf, int used, const char *format, va_list ap) {
+  int room = ZX_TRACE_LINE_MAX - used;
+  int n = vsnprintf(buf + used, room, format, ap);
+  if (n < 0) n = static_cast<int>(strnlen(buf + used, room - 1));
+  if (n > room - 1) n = room - 1;
+  buf[used + n] = '\0';
+  return used + n;
+}
+
+int format_header(char *buf, const char *thread_name, long long thread_id, const char *module,
+                  const char *severity, const char *file, int line, const char *fname) {
+  char date[64];
+  get_cur_date_time_r(date, sizeof date);
+  int tr = test_run_id();
+  int n = tr == 0 ? snprintf(buf, ZX_TRACE_LINE_MAX, "\n%s|******|%s|%lld|%s|%s|%d|%s|%s|", date,
+                             thread_name ? thread_name : "", thread_id, module ? module : "",
+                             file ? file : "", line, fname ? fname : "", severity ? severity : "")
+                  : snprintf(buf, ZX_TRACE_LINE_MAX, "\n%s|TR%d|%s|%lld|%s|%s|%d|%s|%s|", date, tr,
+                             thread_name ? thread_name : "", thread_id, module ? module : "",
+                             file ? file : "", line, fname ? fname : "", severity ? severity : "");
+  return n;
+}
+
+void write_line(MTTraceLogKey *key, const char *buf, int len) {
+  // Held across the write: a roll-over on another thread may close the
+  // previous file, and this line must not land in a closed FILE.
+  std::lock_guard guard(key->lock);
+  FILE *fp = zxlb_open_mt_trace_log(key);
+  if (!fp) return;
+  size_t written = fwrite(buf, 1, static_cast<size_t>(len), fp);
+  key->log_file_size += static_cast<long long>(written);
+  fflush(fp);
+}
+
+void gated_log(MTTraceLogKey *key, const char *thread_name, long long thread_id, const char *module,
+               const char *severity, const char *file, int line, const char *fname,
+               const char *format, va_list ap) {
+  if (!key) return;
+  char *buf = line_buffer();
+  if (!buf) return;
+  int used = format_header(buf, thread_name, thread_id, module, severity, file, line, fname);
+  if (used < 0 || used >= ZX_TRACE_LINE_MAX) return;
+  int len = append_message(buf, used, format, ap);
+  write_line(key, buf, len);
+}
+
+}  // namespace
+
+MTTraceLogKey::~MTTraceLogKey() {
+  for (auto &f : fp) {
+    if (FILE *open = f.exchange(nullptr)) fclose(open);
+  }
+}
+
+std::unique_ptr<MTTraceLogKey> zxlb_init_mt_trace_log_ex(const char *base_dir, const char *log_file,
+                                                         int, int, apr_pool_t *pool) {
+  if (!log_file) return nullptr;
+  std::unique_ptr<MTTraceLogKey> key;
+  try {
+    key = std::make_unique<MTTraceLogKey>();
+  } catch (const std::bad_alloc &) {
+    return nullptr;
+  }
+  const char *dir = base_dir ? base_dir : ".";
+  snprintf(key->log_file[0], ZX_TRACE_PATH_MAX, "%s/%s_0", dir, log_file);
+  snprintf(key->log_file[1], ZX_TRACE_PATH_MAX, "%s/%s_1", dir, log_file);
+  key->cur_index = 0;
+  key->print_header = 1;
+  key->lock.create(pool);
+  key->mem_lock.create(pool);
+  return key;
+}
+
+void zx_open_log_file(MTTraceLogKey *key, int take_lock) {
+  if (!key) return;
+  std::unique_lock<zx::NestedMutex> guard(key->lock, std::defer_lock);
+  if (take_lock) guard.lock();
+  int idx = key->cur_index;
+  if (key->fp[idx]) return;
+  key->log_file_size = 0;
+  FILE *f = fopen(key->log_file[idx], "a");
+  if (!f) return;
+  if (key->print_header) {
+    ZXSys_t *s = sys();
+    int n = fprintf(f, "%s\n%s", kColumnHeader, s ? s->zxBuild.c_str() : "");
+    if (n > 0) key->log_file_size += n;
+    key->print_header = 0;
+  }
+  key->fp[idx] = f;
+}
+
+void roll_over_file(MTTraceLogKey *key) {
+  int other = 1 - key->cur_index;
+  if (FILE *f = key->fp[other].exchange(nullptr)) {
+    fclose(f);
+    unlink(key->log_file[other]);
+  }
+  key->print_header = 1;
+  key->cur_index = other;
+  zx_open_log_file(key, 0);
+}
+
+FILE *zxlb_open_mt_trace_log(MTTraceLogKey *key) {
+  ZXSys_t *s = sys();
+  long long max = s ? s->traceMaxSize : 0;
+  if (max > 0 && key->log_file_size >= max) {
+    std::lock_guard guard(key->lock);
+    if (key->log_file_size >= max) roll_over_file(key);
+  }
+  if (!key->fp[key->cur_index]) zx_open_log_file(key, 1);
+  return key->fp[key->cur_index];
+}
+
+int getTraceLevel() {
+  ZXSys_t *s = sys();
+  return s ? s->agentTraceLevel : 0;
+}
+
+char *get_cur_date_time_r(char *buf, int len) {
+  if (!buf || len <= 0) return buf;
+  time_t now = time(nullptr);
+  struct tm tmv;
+  if (!localtime_r(&now, &tmv)) {
+    snprintf(buf, len, "Error");
+    return buf;
+  }
+  // The year is taken modulo 2000, not 100, as the log format always had.
+  snprintf(buf, len, "%02d/%02d/%02d %02d:%02d:%02d", tmv.tm_mon + 1, tmv.tm_mday,
+           (tmv.tm_year + 1900) % 2000, tmv.tm_hour, tmv.tm_min, tmv.tm_sec);
+  return buf;
+}
+
+char *get_cur_date_time() {
+  static char buf[100];
+  return get_cur_date_time_r(buf, sizeof buf);
+}
+
+void zxlb_mt_trace_log(MTTraceLogKey *key, const char *thread_name, long long thread_id,
+                       const char *module, const char *severity, const char *file, int line,
+                       const char *fname, const char *format, ...) {
+  if (!key) return;
+  ZXSys_t *s = sys();
+  int mode = s ? s->sendLogsToProxy : 1;
+  bool proxy = ZXProxy.proxyServerFlag != 0;
+  if (!proxy && mode == 0) return;
+  if (long long tid = kernel_thread_id()) thread_id = tid;
+
+  char *buf = line_buffer();
+  if (!buf) return;
+  va_list ap;
+  va_start(ap, format);
+
+  if (!proxy && mode == 2 && tlzxApplication && tlzxApplication->agentLogBuffer) {
+    // Mode 2: the buffer is rebuilt as old contents + this line, and the
+    // control thread ships and clears it.
+    ZXProxyInstance_t *app = tlzxApplication;
+    std::lock_guard guard(app->agentLogLock);
+    char date[64];
+    get_cur_date_time_r(date, sizeof date);
+    const char *old = app->agentLogBuffer.get();
+    const char *tier = app->ZXBCISetting.tierName.c_str();
+    const char *server = app->ZXBCISetting.appServerName.c_str();
+    const char *appn = app->ZXBCISetting.appName.c_str();
+    const char *tn = thread_name ? thread_name : "";
+    const char *fl = file ? file : "";
+    const char *fn = fname ? fname : "";
+    const char *sv = severity ? severity : "";
+    int tr = test_run_id();
+    int used = tr == 0 ? snprintf(buf, ZX_TRACE_LINE_MAX,
+                                  "%s\n%s|******|%s|%lld|AGENT-LOG<%s_%s_%s>|%s|%d|%s|%s|", old,
+                                  date, tn, thread_id, tier, server, appn, fl, line, fn, sv)
+                       : snprintf(buf, ZX_TRACE_LINE_MAX,
+                                  "%s\n%s|TR%d|%s|%lld|AGENT-LOG<%s_%s_%s>|%s|%d|%s|%s|", old, date,
+                                  tr, tn, thread_id, tier, server, appn, fl, line, fn, sv);
+    if (used >= 0 && used < ZX_TRACE_LINE_MAX) {
+      int len = append_message(buf, used, format, ap);
+      std::memcpy(app->agentLogBuffer.get(), buf, static_cast<size_t>(len) + 1);
+    }
+    va_end(ap);
+    return;
+  }
+
+  int used = format_header(buf, thread_name, thread_id, module, severity, file, line, fname);
+  if (used >= 0 && used < ZX_TRACE_LINE_MAX) {
+    int len = append_message(buf, used, format, ap);
+    write_line(key, buf, len);
+  }
+  va_end(ap);
+}
+
+#define ZX_DEFINE_GATED_LOG(name, enabled)                                                        \
+  void name(int level, const char *thread_name, long long thread_id, const char *module,          \
+            const char *severity, const char *file, int line, const char *fname,                  \
+            const char *format, ...) {                                                            \
+    ZXProxyInstance_t *app = tlzxApplication;                                                     \
+    (void)app;                                                                                    \
+    if (!trace_log_key || !(enabled)) return;                                                     \
+    va_list ap;                                                                                   \
+    va_start(ap, format);                                                                         \
+    gated_log(trace_log_key, thread_name, thread_id, module, severity, file, line, fname, format, \
+              ap);                                                                                \
+    va_end(ap);                                                                                   \
+  }
+
+ZX_DEFINE_GATED_LOG(zxlb_mt_trace_log_win, app && app->ZXSys.agentTraceLevel >= level)
+ZX_DEFINE_GATED_LOG(zxlb_mt_trace_log_win_hs, app && app->ZXSys.agentHSTraceLevel >= level)
+ZX_DEFINE_GATED_LOG(zxlb_mt_trace_log_win_ad, app && app->ZXSys.agentADTraceLevel >= level)
+ZX_DEFINE_GATED_LOG(zxlb_mt_trace_log_win_pc, app && app->ZXSys.agentPCTraceLevel >= level)
+ZX_DEFINE_GATED_LOG(zxlb_mt_trace_log_win_ex, app && app->ZXSys.agentEXTraceLevel >= level)
+ZX_DEFINE_GATED_LOG(zxlb_mt_trace_log_win_ai,
+                    app && app->zxAutoInstrumentation.autoInstrTraceLevel >= level)
+ZX_DEFINE_GATED_LOG(zxlb_mt_trace_log_win_dd, app && app->ZXDynamicSettings.ddTraceLevel >= level)
+ZX_DEFINE_GATED_LOG(zxlb_mt_trace_log_mem, ((void)level, zx_mem_trace_level >= 1))
+#undef ZX_DEFINE_GATED_LOG

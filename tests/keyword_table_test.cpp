@@ -1,0 +1,209 @@
+#include "Server.h"
+
+#include <gtest/gtest.h>
+
+#include <cstring>
+#include <set>
+#include <string>
+
+#include "ZXFeatureKeywords.h"
+#include "ZXFileBasedKeywords.h"
+#include "test_support.h"
+
+using zxtest::ScopedApp;
+
+namespace {
+
+std::string start_msg(const std::string &pairs) {
+  return "zx_control_req:action=start_instrumentation;" + pairs;
+}
+
+void apply(std::string msg) {
+  findStatusFromClientMsg(msg.data());
+}
+
+TEST(KeywordTable, ShapeOfTheTable) {
+  std::set<std::string> names;
+  int parsers = 0, fields = 0, inert = 0;
+  for (const auto &row : keywordsMap) {
+    names.insert(row.name);
+    if (row.parser) {
+      ++parsers;
+      EXPECT_EQ(row.offset, -1) << row.name;
+      EXPECT_EQ(row.length, 0) << row.name;
+    } else if (row.setter) {
+      ++fields;
+      EXPECT_TRUE(row.fill_data) << row.name;
+      EXPECT_GE(row.offset, 0) << row.name;
+    } else {
+      ++inert;
+    }
+  }
+  EXPECT_EQ(names.size(), static_cast<size_t>(ZX_KEYWORD_COUNT)) << "names are unique";
+  EXPECT_EQ(inert, 4);
+  EXPECT_EQ(parsers + fields + inert, ZX_KEYWORD_COUNT);
+  // Row indices are part of the protocol (file keyword 0 and 1, ...).
+  EXPECT_EQ(NameToIndex("BTRuleConfig"), 0);
+  EXPECT_EQ(NameToIndex("BTTConfig"), 1);
+  EXPECT_EQ(NameToIndex("status"), 16);
+  EXPECT_EQ(NameToIndex("ZXTGFlushInterval"), 123);
+  EXPECT_EQ(keywordsMap[123].offset, 1104);
+  EXPECT_EQ(NameToIndex("enableCaptureDataOutsideTxn"), 132);
+  EXPECT_EQ(NameToIndex("agenttracelevel"), -1) << "case-sensitive";
+  EXPECT_EQ(NameToIndex(nullptr), -1);
+}
+
+TEST(Converters, WriteExactlyTheirWidth) {
+  unsigned char buf[16];
+  auto fill = [&](auto fn, const char *value, int len) {
+    memset(buf, 0xAB, sizeof buf);
+    fn(buf, value, len);
+  };
+  fill(fill_int_data, "65537", 2);
+  EXPECT_EQ(buf[0], 1);
+  EXPECT_EQ(buf[1], 0);
+  EXPECT_EQ(buf[2], 0xAB);
+  fill(fill_int_data, "-1", 1);
+  EXPECT_EQ(buf[0], 0xFF);
+  EXPECT_EQ(buf[1], 0xAB);
+  fill(fill_long_long_data, "4294967296", 8);
+  long long ll;
+  memcpy(&ll, buf, 8);
+  EXPECT_EQ(ll, 4294967296LL);
+  EXPECT_EQ(buf[8], 0xAB);
+  fill(fill_double_data, "0.25", 8);
+  double d;
+  memcpy(&d, buf, 8);
+  EXPECT_EQ(d, 0.25);
+  fill(fill_double_data, "junk", 8);
+  memcpy(&d, buf, 8);
+  EXPECT_EQ(d, 0.0);
+  // Text: the width is written, a short value is padded, nothing is added.
+  fill(fill_char_data, "1", 1);
+  EXPECT_EQ(buf[0], 0x31);
+  EXPECT_EQ(buf[1], 0xAB);
+  fill(fill_char_data, "ab", 10);
+  EXPECT_EQ(memcmp(buf, "ab\0\0\0\0\0\0\0\0", 10), 0);
+  EXPECT_EQ(buf[10], 0xAB);
+  fill(fill_char_data, "0123456789ABC", 10);
+  EXPECT_EQ(memcmp(buf, "0123456789", 10), 0);
+  EXPECT_EQ(buf[10], 0xAB);
+}
+
+TEST(ClientMessage, FieldRowsReachTheirRecords) {
+  ScopedApp app;
+  apply(start_msg(
+      "captureMethodForAllFP=65537;fileBasedKeywordMode=1;zxEnableDebugMode=258;"
+      "BCITraceMaxSize=123456789012;autoInstrSampleInterval=7;autoInstrSampleThreshold=9;"
+      "autoInstrPct=12.5;status=running;fpVersionID=2.0;maxCharInSeqBlob=77;interfaceTraceLevel=3;"
+      "appID=5;TimeStampDiff=-42;setthresholdTime=2;InstrTraceLevel=4"));
+  EXPECT_EQ(app->ZXSys.captureMethodForAllFP, 1);
+  EXPECT_EQ(app->ZXBCISetting.fileBasedKeywordMode, '1');
+  EXPECT_EQ(app->ZXSys.dumpDebugData, 2);
+  EXPECT_EQ(app->ZXSys.traceMaxSize, 123456789012LL);
+  EXPECT_EQ(app->zxAutoInstrumentation.autoInstrSampleThreshold, 9) << "shared field, last wins";
+  EXPECT_EQ(app->zxAutoInstrumentation.autoInstrPct, 12.5);
+  EXPECT_STREQ(app->Server.statusValue, "running");
+  EXPECT_STREQ(app->Server.fpgVID, "2.0");
+  EXPECT_EQ(app->ZXFlowpathGenerator.maxCharactersInSeqBlob, 77);
+  EXPECT_EQ(app->ZXInterfaceProcessor.interfaceTraceLevel, 3);
+  EXPECT_EQ(app->ZXBCISetting.appID, 5);
+  EXPECT_EQ(app->Server.diffTimeFromZXC, -42);
+  EXPECT_EQ(app->Server.dumpremainingtstime, 2);
+  EXPECT_EQ(app->Server.setInstrumentTraceLevel, '4');
+}
+
+TEST(ClientMessage, WhichMessagesApplyAndWhereTheyStop) {
+  ScopedApp app;
+  apply("zx_control_req:action=modify;AgentTraceLevel=3");
+  EXPECT_EQ(app->ZXSys.agentTraceLevel, 3);
+
+  apply("zx_control_req:action=stop_instrumentation;AgentTraceLevel=4");
+  EXPECT_EQ(app->ZXSys.agentTraceLevel, 3) << "other commands apply nothing";
+
+  app->Server.controlCommunicationBusyFlag = 1;
+  apply(start_msg("AgentTraceLevel=4"));
+  EXPECT_EQ(app->ZXSys.agentTraceLevel, 3) << "a start while busy applies nothing";
+  app->Server.controlCommunicationBusyFlag = 0;
+
+  apply(start_msg("agenttracelevel=9;AgentTraceLevel=1;foo;ControlThreadTraceLevel=2"));
+  EXPECT_EQ(app->ZXSys.agentTraceLevel, 1) << "unknown keys are skipped";
+  EXPECT_EQ(app->ZXSys.controlTraceLevel, 0) << "a token without '=' ends the message";
+
+  apply(start_msg("=5;AgentTraceLevel=2"));
+  EXPECT_EQ(app->ZXSys.agentTraceLevel, 1) << "an empty key ends the message";
+
+  app->ZXSys.closeCtrlConFlag = 1;
+  apply(start_msg("AgentTraceLevel=2"));
+  EXPECT_EQ(app->ZXSys.agentTraceLevel, 1);
+}
+
+TEST(ClientMessage, InertRowsChangeNothing) {
+  ScopedApp app;
+  unsigned char before[sizeof(ZXSys_t)];
+  memcpy(before, static_cast<const void *>(&app->ZXSys), sizeof before);
+  apply(start_msg("ZXTGFlushInterval=5;enableZXTGDataTransfer=1;ZXTGLogPath=/x"));
+  EXPECT_EQ(memcmp(before, static_cast<const void *>(&app->ZXSys), sizeof before), 0);
+}
+
+TEST(ClientMessage, ParserRows) {
+  ScopedApp app;
+  apply(
+      start_msg("morEpochDiff=1500;appName=shop;tierName=web;zxAppServerHost=h1;"
+                "zxAgentDebugLogging=2;testIdx=12;enableBTMonitor=1;maxBTCount=300"));
+  EXPECT_EQ(app->Server.morEpochDiffTime, 1500000);
+  EXPECT_EQ(app->Server.originalMorEpochDiffTime, 1500000);
+  EXPECT_EQ(app->Server.changeOriginalTime, 1);
+  EXPECT_STREQ(app->ZXBCISetting.appName.get(), "shop");
+  EXPECT_STREQ(app->ZXBCISetting.tierName.get(), "web");
+  EXPECT_STREQ(app->ZXBCISetting.appServerName.get(), "h1");
+  EXPECT_EQ(app->ZXSys.sendLogsToProxy, 2);
+  EXPECT_EQ(app->Server.TestRunIDValue, 12);
+  EXPECT_STREQ(featureKeywordValue("maxBTCount"), "300");
+
+  apply(start_msg("morEpochDiff=0"));
+  EXPECT_EQ(app->Server.changeOriginalTime, 0);
+
+  zxlb_init_all_keywords();
+  EXPECT_EQ(app->Server.originalMorEpochDiffTime, ZX_ORIGINAL_EPOCH_DIFF_MS);
+  EXPECT_EQ(app->Server.morEpochDiffTime, 0);
+  EXPECT_STREQ(app->Server.fpgVID, "1.0");
+  EXPECT_EQ(app->ZXSettings.zxVectorSeperator, '>');
+  EXPECT_EQ(featureKeywordValue("maxBTCount"), nullptr);
+}
+
+std::string g_seen;
+void record_file_keyword(char *value, char *keyword, int index) {
+  g_seen += std::string(keyword) + "#" + std::to_string(index) + "=" + value + ";";
+}
+
+TEST(ClientMessage, FileKeywordsReachTheirReaders) {
+  ScopedApp app;
+  registerFileKeywordReader("BTRuleConfig", record_file_keyword);
+  registerFileKeywordReader("BTTConfig", record_file_keyword);
+  apply(start_msg("BTRuleConfig=rules.txt;BTTConfig=thr.txt;zxModuleFile=ignored"));
+  registerFileKeywordReader("BTRuleConfig", nullptr);
+  registerFileKeywordReader("BTTConfig", nullptr);
+  EXPECT_EQ(g_seen, "BTRuleConfig#0=rules.txt;BTTConfig#1=thr.txt;");
+  setFileBasedKeywd(nullptr, nullptr, 0);  // logged, not applied
+}
+
+TEST(ClientMessage, HostileMessages) {
+  ScopedApp app;
+  // Over 1,024 tokens: the ones past the limit are not applied.
+  std::string msg = start_msg("");
+  for (int i = 0; i < 1100; ++i) msg += "unknownKey" + std::to_string(i) + "=1;";
+  msg += "AgentTraceLevel=4";
+  apply(msg);
+  EXPECT_EQ(app->ZXSys.agentTraceLevel, 0);
+
+  // Long keys and values, a bare "=", a short fixed-width value.
+  std::string longkey(5000, 'k');
+  apply(start_msg(longkey + "=1;status=" + std::string(500, 's') + ";fpVersionID=1"));
+  EXPECT_EQ(std::string(app->Server.statusValue, ZX_STATUS_VALUE_SIZE), std::string(64, 's'));
+  EXPECT_EQ(std::string(app->Server.fpgVID, 10), std::string("1\0\0\0\0\0\0\0\0\0", 10));
+  apply("zx_control_req:action=modify;=");
+  findStatusFromClientMsg(nullptr);
+}
+
+}  // namespace
