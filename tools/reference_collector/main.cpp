@@ -1,0 +1,237 @@
+// zx_collector: the reference collector as a command, for trying an agent by hand. It
+// answers connection requests, echoes heartbeats, optionally starts instrumentation, and
+// prints every line it receives, decoded.
+#include <pthread.h>
+#include <signal.h>
+
+#include <charconv>
+#include <condition_variable>
+#include <cstdio>
+#include <deque>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <thread>
+
+#include "reference_collector.h"
+
+namespace {
+
+constexpr std::size_t kMaxPrinted = 4096;
+
+void usage(std::FILE *out) {
+  std::fputs(
+      "usage: zx_collector [options]\n"
+      "  --host ADDR          listen address (default 127.0.0.1)\n"
+      "  --port N             listen port (default 7892; 0 picks a free one)\n"
+      "  --reply KIND         ok | not_running | running | error | any raw reply text\n"
+      "  --protocols LIST     offer protocols in the reply, e.g. \"TCP:7892,WSS:443\"\n"
+      "  --start PAIRS        send start_instrumentation with \"kw=v;kw=v\" to each agent\n"
+      "  --start-delay-ms N   wait N ms after the agent connects before --start (default 0)\n"
+      "  --duration-s N       exit after N seconds (default: until SIGINT/SIGTERM)\n"
+      "  --quiet              print only the listening address and errors\n",
+      out);
+}
+
+template <typename T>
+std::optional<T> number(std::string_view text) {
+  T value{};
+  auto [end, ec] = std::from_chars(text.data(), text.data() + text.size(), value);
+  if (text.empty() || ec != std::errc{} || end != text.data() + text.size()) return std::nullopt;
+  return value;
+}
+
+std::string reply_for(std::string_view kind) {
+  if (kind == "ok") return zxref::reply::ok();
+  if (kind == "not_running") return zxref::reply::not_running();
+  if (kind == "running") return zxref::reply::running();
+  if (kind == "error") return zxref::reply::error();
+  std::string raw(kind);
+  if (raw.empty() || raw.back() != '\n') raw += '\n';
+  return raw;
+}
+
+void print_event(const zxref::Event &e, bool quiet) {
+  using Type = zxref::Event::Type;
+  const std::string kind(zxref::to_string(e.kind));
+  switch (e.type) {
+    case Type::Error:
+      std::fprintf(stderr, "[%s] error: %s\n", kind.c_str(), e.text.c_str());
+      return;
+    case Type::Accepted:
+      if (!quiet) std::printf("[conn %d] accepted\n", e.conn_id);
+      break;
+    case Type::Closed:
+      if (!quiet) std::printf("[%s] connection %d closed\n", kind.c_str(), e.conn_id);
+      break;
+    case Type::Request:
+    case Type::Line:
+      if (!quiet) {
+        std::printf("[%s] %s\n", kind.c_str(), zxref::printable(e.text, kMaxPrinted).c_str());
+      }
+      break;
+    case Type::Blank:
+      if (!quiet) {
+        std::printf("[%s] %s\n", kind.c_str(),
+                    zxref::carries_records(e.kind) ? "heartbeat" : "(blank line)");
+      }
+      break;
+    case Type::Record:
+      if (!quiet) {
+        std::string text = "record";
+        const auto &fields = e.record.fields;
+        // A record-96 header ends in ','; its empty last field is not worth a column.
+        const std::size_t shown =
+            !fields.empty() && fields.back().empty() ? fields.size() - 1 : fields.size();
+        for (std::size_t i = 0; i < shown; ++i) text += " " + fields[i];
+        if (!e.record.payload.empty()) {
+          text += " (+" + std::to_string(e.record.payload.size()) + " bytes binary)";
+        }
+        std::printf("[%s] %s\n", kind.c_str(), zxref::printable(text, kMaxPrinted).c_str());
+      }
+      break;
+  }
+  std::fflush(stdout);
+}
+
+// Control connections waiting for their start command, oldest first, plus the exit flag
+// that the signal thread sets.
+struct Schedule {
+  std::mutex mu;
+  std::condition_variable changed;
+  std::deque<std::pair<zxref::Clock::time_point, int>> starts;
+  bool exit = false;
+};
+
+}  // namespace
+
+int main(int argc, char **argv) {
+  zxref::Config config;
+  config.port = 7892;
+  config.keep_history = false;
+  std::string reply_kind = "ok";
+  std::string protocols;
+  std::optional<std::string> start_pairs;
+  long start_delay_ms = 0;
+  std::optional<long> duration_s;
+  bool quiet = false;
+
+  for (int i = 1; i < argc; ++i) {
+    const std::string_view arg = argv[i];
+    auto value = [&]() -> std::optional<std::string_view> {
+      if (i + 1 >= argc) return std::nullopt;
+      return std::string_view(argv[++i]);
+    };
+    std::optional<std::string_view> v;
+    bool ok = true;
+    if (arg == "--quiet") {
+      quiet = true;
+    } else if (arg == "--help" || arg == "-h") {
+      usage(stdout);
+      return 0;
+    } else if (!(v = value())) {
+      ok = false;
+    } else if (arg == "--host") {
+      config.host = std::string(*v);
+    } else if (arg == "--port") {
+      const auto port = number<std::uint16_t>(*v);
+      ok = port.has_value();
+      if (ok) config.port = *port;
+    } else if (arg == "--reply") {
+      reply_kind = std::string(*v);
+    } else if (arg == "--protocols") {
+      protocols = std::string(*v);
+    } else if (arg == "--start") {
+      start_pairs = std::string(*v);
+    } else if (arg == "--start-delay-ms") {
+      const auto ms = number<long>(*v);
+      ok = ms && *ms >= 0;
+      if (ok) start_delay_ms = *ms;
+    } else if (arg == "--duration-s") {
+      duration_s = number<long>(*v);
+      ok = duration_s && *duration_s >= 0;
+    } else {
+      ok = false;
+    }
+    if (!ok) {
+      std::fprintf(stderr, "zx_collector: bad or incomplete option '%s'\n", argv[i]);
+      usage(stderr);
+      return 2;
+    }
+  }
+
+  config.behaviour.reply = reply_for(reply_kind);
+  if (!protocols.empty()) {
+    config.behaviour.reply = zxref::reply::with_protocols(config.behaviour.reply, protocols);
+  }
+
+  // Blocked before any thread starts, so only the signal thread ever receives them.
+  sigset_t signals;
+  sigemptyset(&signals);
+  sigaddset(&signals, SIGINT);
+  sigaddset(&signals, SIGTERM);
+  pthread_sigmask(SIG_BLOCK, &signals, nullptr);
+
+  Schedule schedule;
+  const auto delay = std::chrono::milliseconds(start_delay_ms);
+  config.observer = [&](const zxref::Event &e) {
+    print_event(e, quiet);
+    if (start_pairs && e.type == zxref::Event::Type::Request &&
+        e.kind == zxref::ConnKind::Control) {
+      {
+        std::lock_guard lock(schedule.mu);
+        schedule.starts.emplace_back(zxref::Clock::now() + delay, e.conn_id);
+      }
+      schedule.changed.notify_all();
+    }
+  };
+
+  zxref::ReferenceCollector collector(std::move(config));
+  if (!collector.start()) {
+    std::fprintf(stderr, "zx_collector: %s\n", collector.error().c_str());
+    return 1;
+  }
+  std::printf("zx_collector listening on port %u\n", static_cast<unsigned>(collector.port()));
+  std::fflush(stdout);
+
+  std::thread signal_thread([&] {
+    int sig = 0;
+    sigwait(&signals, &sig);
+    {
+      std::lock_guard lock(schedule.mu);
+      schedule.exit = true;
+    }
+    schedule.changed.notify_all();
+  });
+
+  const auto end = duration_s ? zxref::Clock::now() + std::chrono::seconds(*duration_s)
+                              : zxref::Clock::time_point::max();
+  std::unique_lock lock(schedule.mu);
+  while (!schedule.exit && zxref::Clock::now() < end) {
+    auto next = end;
+    if (!schedule.starts.empty()) next = std::min(next, schedule.starts.front().first);
+    if (next == zxref::Clock::time_point::max()) {
+      schedule.changed.wait(lock);
+    } else {
+      schedule.changed.wait_until(lock, next);
+    }
+    while (!schedule.starts.empty() && schedule.starts.front().first <= zxref::Clock::now()) {
+      const int conn_id = schedule.starts.front().second;
+      schedule.starts.pop_front();
+      if (collector.send_to(conn_id, zxref::command("start_instrumentation", *start_pairs)) &&
+          !quiet) {
+        std::printf("[control] sent start_instrumentation to connection %d\n", conn_id);
+        std::fflush(stdout);
+      }
+    }
+  }
+  const bool signalled = schedule.exit;
+  lock.unlock();
+
+  // The signal thread is still in sigwait() after a timed exit; release it.
+  if (!signalled) pthread_kill(signal_thread.native_handle(), SIGTERM);
+  signal_thread.join();
+  collector.stop();
+  return 0;
+}
