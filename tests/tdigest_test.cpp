@@ -1,0 +1,268 @@
+#include <algorithm>
+#include <cmath>
+#include <cstring>
+#include <random>
+#include <string>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "tdigest/pwlb_t_digest_quantile.h"
+#include "tdigest/tdigest.h"
+
+namespace {
+
+using Bytes = std::vector<unsigned char>;
+
+td_histogram_ptr digest_of(std::initializer_list<std::pair<double, double>> points) {
+  td_histogram_ptr h(td_new(0.01, 100));
+  for (auto [mean, count] : points) EXPECT_EQ(td_add(h.get(), mean, count), 0);
+  return h;
+}
+
+Bytes serialize(td_histogram_t *h, int mode) {
+  Bytes buf;
+  std::size_t size = 0;
+  EXPECT_NE(td_serialize(h, mode, &buf, &size), nullptr);
+  buf.resize(size);
+  return buf;
+}
+
+double exact_quantile(std::vector<double> sorted, double q) {
+  std::sort(sorted.begin(), sorted.end());
+  return sorted[static_cast<std::size_t>(q * static_cast<double>(sorted.size() - 1))];
+}
+
+TEST(TDigestSizing, CapacityAndParameterChecks) {
+  EXPECT_EQ(td_histogram_ptr(td_new(0.01, 100))->cap, 60010);
+  EXPECT_EQ(td_histogram_ptr(td_new(0, 7))->cap, 52);  // delta 0: compression is K
+  EXPECT_EQ(td_new(-0.01, 100), nullptr);
+  EXPECT_EQ(td_new(1e-9, 100), nullptr);  // asks for an absurd block
+
+  alignas(8) unsigned char block[56 + 16 * 3];
+  EXPECT_EQ(td_init(0.5, 1, sizeof block, block)->cap, 3);
+  EXPECT_EQ(td_init(0.5, 1, 55, block), nullptr);
+}
+
+TEST(TDigestValueAt, SmallDigestsFollowTheFixedRules) {
+  EXPECT_EQ(td_value_at(digest_of({}).get(), 0.5), 0);
+  auto single = digest_of({{42, 1}});
+  for (double q : {0.0, 0.3, 1.0}) EXPECT_EQ(td_value_at(single.get(), q), 42);
+
+  auto two = digest_of({{20, 1}, {10, 1}});
+  EXPECT_DOUBLE_EQ(td_value_at(two.get(), 0.5), 15);
+  EXPECT_DOUBLE_EQ(td_value_at(two.get(), 0.9), 23);
+  EXPECT_DOUBLE_EQ(td_value_at(two.get(), 0.1), 7);
+
+  // A heavy first node: below its centre the walk extrapolates from it and
+  // the next node (previous mean 5 at index 0).
+  auto heavy_first = digest_of({{10, 3}, {20, 1}, {30, 1}});
+  EXPECT_DOUBLE_EQ(td_value_at(heavy_first.get(), 0.1), 7);
+  EXPECT_DOUBLE_EQ(td_value_at(heavy_first.get(), 0.0), 5);
+  EXPECT_DOUBLE_EQ(td_value_at(heavy_first.get(), 0.5), 15);
+  // A heavy last node: past its centre the walk extrapolates a next mean 35.
+  auto heavy_last = digest_of({{10, 1}, {20, 1}, {30, 3}});
+  EXPECT_DOUBLE_EQ(td_value_at(heavy_last.get(), 1.0), 35);
+  EXPECT_DOUBLE_EQ(td_value_at(heavy_last.get(), 0.875), 32.5);
+  // A first node whose centre is index 0 is returned as is.
+  EXPECT_DOUBLE_EQ(td_value_at(digest_of({{1, 1}, {2, 1}, {3, 1}}).get(), 0), 1);
+  // The walk sums whole counts: 1.5 counts as 1 (18 if it did not truncate).
+  EXPECT_DOUBLE_EQ(td_value_at(digest_of({{10, 1.5}, {20, 1}, {30, 1}}).get(), 0.5), 22.5);
+}
+
+TEST(TDigestQuantileOf, HalfWeightsAtEqualAndNeighbouringMeans) {
+  EXPECT_TRUE(std::isnan(td_quantile_of(digest_of({}).get(), 1)));
+  auto h = digest_of({{10, 1}, {10, 1}, {20, 1}});
+  EXPECT_DOUBLE_EQ(td_quantile_of(h.get(), 10), 1.0 / 3);
+  EXPECT_DOUBLE_EQ(td_quantile_of(h.get(), 20), 2.5 / 3);
+  EXPECT_DOUBLE_EQ(td_quantile_of(h.get(), 15), 2.0 / 3);
+  EXPECT_EQ(td_quantile_of(h.get(), 5), 0);
+  EXPECT_EQ(td_quantile_of(h.get(), 25), 1);
+}
+
+TEST(TDigestDistributions, QuantilesWithinTolerance) {
+  std::mt19937_64 rng(7);
+  std::normal_distribution<double> normal(500, 100);
+  std::uniform_real_distribution<double> uniform(0, 1000);
+  for (int dist = 0; dist < 2; ++dist) {
+    td_histogram_ptr h(td_new(0.01, 100));
+    std::vector<double> values;
+    for (int i = 0; i < 200000; ++i) {  // more points than nodes: merges run
+      values.push_back(dist == 0 ? normal(rng) : uniform(rng));
+      ASSERT_EQ(td_add(h.get(), values.back(), 1), 0);
+    }
+    EXPECT_EQ(td_total_count(h.get()), 200000);
+    EXPECT_LT(td_centroid_count(h.get()), h->cap / 6);
+    EXPECT_EQ(h->nodes()[0].count, 1);  // the extremes are never folded
+    EXPECT_EQ(h->nodes()[h->merged_nodes - 1].count, 1);
+    for (double q : {0.01, 0.25, 0.5, 0.8, 0.9, 0.99, 0.999}) {
+      const double expected = exact_quantile(values, q);
+      EXPECT_NEAR(td_value_at(h.get(), q), expected, 0.2) << "dist " << dist << " q " << q;
+      EXPECT_NEAR(td_quantile_of(h.get(), expected), q, 2e-4) << "dist " << dist;
+    }
+  }
+}
+
+TEST(TDigestMerge, MergeMatchesUnionAndResetEmpties) {
+  std::mt19937_64 rng(11);
+  std::exponential_distribution<double> exp_dist(0.01);
+  td_histogram_ptr a(td_new(0.01, 100)), b(td_new(0.01, 100)), all(td_new(0.01, 100));
+  for (int i = 0; i < 50000; ++i) {
+    const double v = exp_dist(rng), w = exp_dist(rng) + 300;  // b sits to the right of a
+    td_add(a.get(), v, 1);
+    td_add(b.get(), w, 2);
+    td_add(all.get(), v, 1);
+    td_add(all.get(), w, 2);
+  }
+  ASSERT_EQ(td_merge(a.get(), b.get()), 0);
+  EXPECT_EQ(td_total_count(a.get()), 150000);
+  for (double q : {0.05, 0.3, 0.5, 0.9, 0.99}) {
+    EXPECT_NEAR(td_value_at(a.get(), q), td_value_at(all.get(), q),
+                0.01 * td_value_at(all.get(), q) + 0.5);
+  }
+  EXPECT_EQ(td_merge(a.get(), a.get()), -1);
+
+  td_reset(a.get());
+  EXPECT_EQ(td_total_count(a.get()), 0);
+  EXPECT_EQ(td_value_at(a.get(), 0.5), 0);
+  td_add(a.get(), 10, 1);
+  td_add(a.get(), 20, 300);
+  EXPECT_EQ(serialize(a.get(), 2), serialize(digest_of({{10, 1}, {20, 300}}).get(), 2));
+}
+
+TEST(TDigestAdd, RefusesBadPointsAndNeverOverrunsTheBuffer) {
+  auto h = digest_of({});
+  EXPECT_EQ(td_add(h.get(), NAN, 1), -1);
+  EXPECT_EQ(td_add(h.get(), INFINITY, 1), -1);
+  EXPECT_EQ(td_add(h.get(), 1, -1), -1);
+  EXPECT_EQ(td_total_count(h.get()), 0);
+
+  td_histogram_ptr tiny(td_new(0, 1));  // cap 16
+  for (int i = 0; i < 1000; ++i) ASSERT_EQ(td_add(tiny.get(), i, 1), 0);
+  EXPECT_EQ(td_total_count(tiny.get()), 1000);
+  EXPECT_NEAR(td_value_at(tiny.get(), 0.5), 500, 150);
+  // Zero weights never fold, so a full buffer drops the point.
+  td_histogram_ptr zeros(td_new(0, 1));
+  int rejected = 0;
+  for (int i = 0; i < 40; ++i) rejected += td_add(zeros.get(), i, 0) != 0;
+  EXPECT_EQ(rejected, 40 - 16);
+}
+
+// 1/0.01 as a double is exactly 100.0: 0x4059000000000000.
+#define TD_HEADER(mode, n) mode, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0x59, 0x40, n, 0, 0, 0
+
+TEST(TDigestSerialize, TinyDigestBytes) {
+  auto h = digest_of({{20, 300}, {10, 1.1}});
+  // clang-format off
+  const Bytes mode1 = {TD_HEADER(1, 2),
+                       0, 0, 0, 0, 0, 0, 0x24, 0x40,  // 10.0
+                       0, 0, 0, 0, 0, 0, 0x34, 0x40,  // 20.0
+                       0x9a, 0x99, 0x99, 0x99,        // low half of 1.1
+                       0, 0, 0, 0};                   // low half of 300.0
+  const Bytes mode2 = {TD_HEADER(2, 2),
+                       0, 0, 0x20, 0x41,  // 10.0f
+                       0, 0, 0x20, 0x41,  // +10.0f
+                       0x01, 0xac, 0x02};
+  // clang-format on
+  EXPECT_EQ(serialize(h.get(), 1), mode1);
+  EXPECT_EQ(serialize(h.get(), 2), mode2);
+  EXPECT_EQ(serialize(digest_of({}).get(), 2), Bytes({TD_HEADER(2, 0)}));
+
+  // A larger buffer is kept; a count of 2^28 needs five bytes, not four.
+  Bytes big(100, 0xee);
+  std::size_t size = 0;
+  ASSERT_EQ(td_serialize(h.get(), 2, &big, &size), big.data());
+  EXPECT_TRUE(big.size() == 100 && size == mode2.size());
+  EXPECT_EQ(td_serialize(h.get(), 3, &big, &size), nullptr);
+  EXPECT_EQ(serialize(digest_of({{1, 1u << 28}}).get(), 2).size(), 16u + 4 + 5);
+}
+
+TEST(TDigestSerialize, RoundTrips) {
+  // Mode 2 keeps every centroid: weights exactly, means to float precision.
+  std::mt19937_64 rng(3);
+  std::lognormal_distribution<double> dist(5, 1);
+  td_histogram_ptr h(td_new(0.02, 50));
+  for (int i = 0; i < 20000; ++i) td_add(h.get(), dist(rng), 1);
+  const Bytes mode2 = serialize(h.get(), 2);
+  td_histogram_ptr back(td_deserialize(mode2.data(), mode2.size(), 50));
+  ASSERT_TRUE(back);
+  EXPECT_DOUBLE_EQ(back->delta, 0.02);
+  ASSERT_EQ(back->unmerged_nodes, h->merged_nodes);
+  for (int i = 0; i < h->merged_nodes; ++i) {
+    EXPECT_EQ(back->nodes()[i].count, h->nodes()[i].count);
+    EXPECT_NEAR(back->nodes()[i].mean, h->nodes()[i].mean, 1e-3);
+  }
+
+  auto tiny = digest_of({{10, 1}, {20, 300}});
+  const Bytes tiny2 = serialize(tiny.get(), 2);
+  td_histogram_ptr tiny_back(td_deserialize(tiny2.data(), tiny2.size(), 100));
+  EXPECT_EQ(serialize(tiny_back.get(), 2), tiny2);
+  // Mode 1 keeps the means; integer weights read back as their zero low half.
+  const Bytes mode1 = serialize(tiny.get(), 1);
+  td_histogram_ptr raw(td_deserialize(mode1.data(), mode1.size(), 0));
+  ASSERT_TRUE(raw);
+  EXPECT_EQ(raw->K, 100);
+  EXPECT_EQ(td_total_count(raw.get()), 0);
+  EXPECT_EQ(serialize(raw.get(), 1), mode1);
+}
+
+TEST(TDigestDeserialize, RejectsTruncatedAndMalformedInput) {
+  const Bytes good = serialize(digest_of({{10, 1}, {20, 300}, {30, 5}}).get(), 2);
+  EXPECT_EQ(td_deserialize(nullptr, 10, 100), nullptr);
+  for (std::size_t len = 0; len < good.size(); ++len) {
+    Bytes cut(good.begin(), good.begin() + static_cast<std::ptrdiff_t>(len));  // exact heap size
+    EXPECT_EQ(td_deserialize(cut.data(), cut.size(), 100), nullptr) << len;
+  }
+  Bytes trailing = good;
+  trailing.push_back('\n');
+  EXPECT_NE(td_histogram_ptr(td_deserialize(trailing.data(), trailing.size(), 100)), nullptr);
+
+  auto corrupt = [&](std::size_t at, std::initializer_list<unsigned char> bytes) {
+    Bytes b = good;
+    std::copy(bytes.begin(), bytes.end(), b.begin() + static_cast<std::ptrdiff_t>(at));
+    return td_histogram_ptr(td_deserialize(b.data(), b.size(), 100));
+  };
+  EXPECT_EQ(corrupt(0, {3}), nullptr);                        // mode
+  EXPECT_EQ(corrupt(12, {0xff, 0xff, 0xff, 0x7f}), nullptr);  // node count past the end
+  EXPECT_EQ(corrupt(12, {0xff, 0xff, 0xff, 0xff}), nullptr);  // negative node count
+  EXPECT_EQ(corrupt(11, {0xc0}), nullptr);                    // 1/delta negative
+  EXPECT_EQ(corrupt(10, {0xe0, 0x7f}), nullptr);              // 1/delta asks for a huge block
+  EXPECT_EQ(corrupt(10, {0xf8, 0x7f}), nullptr);              // 1/delta NaN
+  EXPECT_EQ(corrupt(16, {0, 0, 0xc0, 0x7f}), nullptr);        // NaN mean
+
+  // One node with mean 0: a count of 2^32-1 fits five groups; wider does not.
+  auto one_count = [](std::initializer_list<unsigned char> count) {
+    Bytes b = {TD_HEADER(2, 1), 0, 0, 0, 0};
+    b.insert(b.end(), count);
+    return td_histogram_ptr(td_deserialize(b.data(), b.size(), 100));
+  };
+  EXPECT_EQ(td_total_count(one_count({0xff, 0xff, 0xff, 0xff, 0x0f}).get()), 4294967295.0);
+  EXPECT_EQ(one_count({0xff, 0xff, 0xff, 0xff, 0x1f}), nullptr);
+  EXPECT_EQ(one_count({0xff, 0xff, 0xff, 0xff, 0xff, 0x01}), nullptr);
+}
+
+TEST(TDigestHandle, LifecycleAndDebugDump) {
+  td_histogram_t *slot = nullptr;
+  ASSERT_EQ(pwlb_t_digest_init(&slot, 0.01, 100), 0);
+  pwlb_t_digest_insert(slot, 10, 1);
+  pwlb_t_digest_insert(slot, 20, 2);
+  EXPECT_EQ(pwlb_t_digest_get_ncentroids(slot), 2);
+
+  char full[512];
+  const int n = pwlb_t_digest_debug_ex(slot, full, sizeof full);
+  ASSERT_GT(n, 0);
+  EXPECT_NE(std::strstr(full, "node[1] mean=20.000000 count=2.000000"), nullptr);
+  char small[16];
+  memset(small, 'x', sizeof small);
+  EXPECT_EQ(pwlb_t_digest_debug_ex(slot, small, sizeof small), 15);
+  EXPECT_EQ(std::string(small), std::string(full, 15));
+  EXPECT_EQ(pwlb_t_digest_debug_ex(slot, small, 0), -1);
+
+  const Bytes bytes = serialize(slot, 2);
+  EXPECT_EQ(pwlb_t_digest_deserialize(&slot, bytes.data(), bytes.size(), 100), 0);
+  EXPECT_EQ(pwlb_t_digest_get_data_count(slot), 3);
+  pwlb_t_digest_destroy(&slot);
+  EXPECT_EQ(slot, nullptr);
+}
+
+}  // namespace
