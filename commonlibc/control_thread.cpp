@@ -8,7 +8,9 @@
 #include "zxlb_mt_log.h"
 
 bool control_thread_configure(ZXProxyInstance_t *app) {
-  tlzxApplication = app;
+  // Written only when it differs: in an agent it already holds `app`, and the
+  // host's threads read it concurrently.
+  if (tlzxApplication != app) tlzxApplication = app;
   ZXSys_t &sys = app->ZXSys;
   ZXBCISetting_t &bci = app->ZXBCISetting;
   bool proxy_server = ZXProxy.proxyServerFlag != 0;

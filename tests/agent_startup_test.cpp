@@ -243,7 +243,6 @@ TEST_F(StartupTest, ControlThreadWaitsForACollector) {
   ASSERT_NE(app->control_thread, nullptr);
   EXPECT_TRUE(zxtest::wait_until([&] { return app->controlThreadState == ZX_CTRL_CONFIGURING; }));
 
-  app->ZXSys.controlTraceLevel = 1;
   conf("zxcHost=late\n");
   app->wakeControlThread();
   EXPECT_TRUE(zxtest::wait_until([&] { return app->controlThreadState == ZX_CTRL_CONFIGURED; }));
