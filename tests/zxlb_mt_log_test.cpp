@@ -13,6 +13,7 @@
 
 #include "proxyServer/ZXProxyServer.h"
 #include "test_support.h"
+#include "zx_agent_internal.h"
 
 using zxtest::read_file;
 using zxtest::ScopedApp;
@@ -179,6 +180,22 @@ TEST_F(TraceLogTest, MissingDirectoryIsRetriedOnTheNextLine) {
   std::string text = read_file(dir / "t.log_0");
   EXPECT_EQ(text.find("lost"), std::string::npos);
   EXPECT_NE(text.find("kept"), std::string::npos);
+}
+
+TEST_F(TraceLogTest, WebSocketLibraryLinesAreGatedByControlLevel) {
+  lws_log(1, "always");
+  lws_log(2, "warn-hidden");
+  lws_log(16, "odd-level");
+  app_->ZXSys.controlTraceLevel = 1;
+  lws_log(2, "warn-shown");
+  lws_log(4, "info-hidden");
+  std::string text = file(0);
+  EXPECT_NE(text.find("|WS|"), std::string::npos);
+  EXPECT_NE(text.find("log from lws:always"), std::string::npos);
+  EXPECT_NE(text.find("log from lws level:16 log:odd-level"), std::string::npos);
+  EXPECT_NE(text.find("log from lws:warn-shown"), std::string::npos);
+  EXPECT_EQ(text.find("warn-hidden"), std::string::npos);
+  EXPECT_EQ(text.find("info-hidden"), std::string::npos);
 }
 
 TEST(TraceLogNoKey, NullKeyAndNullNameAreHarmless) {
