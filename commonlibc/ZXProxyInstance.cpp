@@ -17,6 +17,8 @@ ZXProxyInstance_t::ZXProxyInstance_t() {
   agentLogLock.create(control_pool.get());
   supportedProtocols.lock.create(control_pool.get());
   supportedProtocolsZXC.lock.create(control_pool.get());
+  sendBuffers.bufferWriteLock.create(control_pool.get());
+  sendBuffers.bufferMoveLock.create(control_pool.get());
   try {
     agentLogBuffer = std::make_unique<char[]>(ZX_AGENT_LOG_BUFFER_SIZE);
   } catch (const std::bad_alloc &) {

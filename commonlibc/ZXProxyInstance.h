@@ -18,6 +18,7 @@
 #include "Server.h"
 #include "ZXBCISettings.h"
 #include "ZXCServerConfig.h"
+#include "ZXDataDispatcher.h"
 #include "ZXFeatureSettings.h"
 #include "ZXSupportedProtocols.h"
 #include "ZXSys.h"
@@ -101,6 +102,10 @@ struct ZXProxyInstance_t {
   // Process filter table, offered to the host.
   std::vector<processInfo_t> processInfoStruct;
   int total_process_entries = 0;
+
+  // Send buffers between producers and the data thread; the pool documents
+  // its two locks.
+  ZXSendBufferPool sendBuffers;
 
   // Process-wide locks created at start-up.
   zx::NestedMutex controlThreadTmpLock;

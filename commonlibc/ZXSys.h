@@ -8,6 +8,7 @@
 
 #include <apr.h>
 
+#include <atomic>
 #include <type_traits>
 
 #include "zxlb_owned_string.h"
@@ -81,6 +82,11 @@ struct ZXSys_t {
 
   // Atomic sequence counter of flowpath ids.
   volatile apr_uint32_t rSeq;
+
+  // Records dropped by the send-buffer pool. Unlike the settings above it is
+  // written by producers (under bufferWriteLock) and read by anyone, hence
+  // atomic; std::atomic keeps the record standard-layout.
+  std::atomic<long long> discardCount;
 };
 static_assert(std::is_standard_layout_v<ZXSys_t>);
 
