@@ -251,12 +251,19 @@ TEST_F(StartupTest, ControlThreadWaitsForACollector) {
   agent_shutdown();
   EXPECT_EQ(app->controlThreadState, ZX_CTRL_STOPPED);
 
-  // The trace log was written under <home>/logs with the start-up name.
+  // The trace log opens lazily under <home>/logs with the start-up name.
+  zxlb_mt_trace_log(trace_log_key, nullptr, 0, "CONTROL_THREAD", "Info", "t", 1, "fn", "hello");
+  std::string prefix = "zx_trace_DefaultProcess_";
+  prefix.append(64, 'p');
+  prefix += '_';
+  std::string suffix = "_";
+  suffix += std::to_string(getpid());
+  suffix += ".log_0";
   bool found = false;
   for (auto &e : std::filesystem::directory_iterator(home_.path() / "logs")) {
     std::string name = e.path().filename().string();
-    if (name.rfind("zx_trace_DefaultProcess_" + std::string(64, 'p') + "_", 0) == 0 &&
-        name.find("_" + std::to_string(getpid()) + ".log_0") != std::string::npos)
+    if (name.rfind(prefix, 0) == 0 && name.size() > suffix.size() &&
+        name.compare(name.size() - suffix.size(), suffix.size(), suffix) == 0)
       found = true;
   }
   EXPECT_TRUE(found);
