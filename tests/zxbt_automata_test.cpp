@@ -16,7 +16,6 @@ namespace {
 class Patterns : public ::testing::Test {
  protected:
   void SetUp() override { ASSERT_EQ(zxlb_state_machine_init(&sm_, 0), 0); }
-  void TearDown() override { zxlb_state_machine_free(&sm_); }
   int add(std::string_view p, int id, int match_type = 0, int skip = 0) {
     return zxlb_state_machine_add(&sm_, p.data(), static_cast<int>(p.size()), id, match_type, skip);
   }
@@ -26,47 +25,37 @@ class Patterns : public ::testing::Test {
   zxlbStateMachine sm_;
 };
 
-TEST_F(Patterns, EmptyOrFreedAutomatonAnswersOthers) {
+TEST_F(Patterns, EmptyFreedOrNullAnswersOthers) {
   EXPECT_EQ(get("/anything"), 1);
   zxlbStateMachine never_initialised;
   EXPECT_EQ(zxlb_state_machine_get(&never_initialised, "/a", 2, 0), 1);
   EXPECT_EQ(zxlb_state_machine_add(&never_initialised, "/a", 2, 2, 0, 0), -1);
   EXPECT_EQ(zxlb_state_machine_get(nullptr, "/a", 2, 0), 1);
   EXPECT_EQ(add("", 2), -1);
-
   ASSERT_EQ(add("/a", 2), 0);
   EXPECT_EQ(zxlb_state_machine_free(&sm_), 0);
-  EXPECT_EQ(sm_.max_state, 0);
-  EXPECT_EQ(sm_.state_count, 0);
+  EXPECT_EQ(sm_.max_state + sm_.state_count, 0);
   EXPECT_EQ(zxlb_state_machine_free(&sm_), 0) << "freeing twice is harmless";
   EXPECT_EQ(get("/a"), 1);
-  EXPECT_EQ(zxlb_state_machine_free(nullptr), -1);
 }
 
-TEST_F(Patterns, FirstPatternToReachAStateKeepsIt) {
+TEST_F(Patterns, FirstComeIdsImmediateAndFinalResults) {
   ASSERT_EQ(add("/a", 2), 0);
   EXPECT_EQ(add("/a", 3), 0) << "a duplicate is accepted but not recorded";
   EXPECT_EQ(get("/a"), 2);
-
   ASSERT_EQ(add("/long", 4), 0);
   ASSERT_EQ(add("/lo", 5), 0);
   EXPECT_EQ(get("/lo"), 1) << "a prefix of an earlier pattern creates no state";
-  EXPECT_EQ(get("/long"), 4);
-}
 
-TEST_F(Patterns, ImmediateAndFinalResults) {
-  ASSERT_EQ(add("/ab", 4, 1), 0);
-  ASSERT_EQ(add("/abcd", 7, 1), 0);
-  EXPECT_EQ(get("/abc/d"), 4) << "returned as soon as 'b' is read";
-  EXPECT_EQ(get("/abcd"), 4) << "the shortest immediate on the path wins";
-  EXPECT_EQ(get("/a"), 1);
+  ASSERT_EQ(add("/ib", 6, 1), 0);
+  ASSERT_EQ(add("/ibcd", 7, 1), 0);
+  EXPECT_EQ(get("/ibc/d"), 6) << "returned as soon as 'b' is read";
+  EXPECT_EQ(get("/ibcd"), 6) << "the shortest immediate on the path wins";
 
-  ASSERT_EQ(add("/xy", 6), 0);
-  EXPECT_EQ(get("/xy"), 6);
+  ASSERT_EQ(add("/xy", 8), 0);
   EXPECT_EQ(get("/xyz"), 1) << "a final result needs the scan to end there";
-  EXPECT_EQ(get("/xy?x=1"), 6) << "a final match ignores the query string";
+  EXPECT_EQ(get("/xy?x=1"), 8) << "a final match ignores the query string";
   EXPECT_EQ(get("/x?y"), 1) << "'?' stops only on a state with a final result";
-
   ASSERT_EQ(add("/q?id=1", 9), 0);
   EXPECT_EQ(get("/q?id=1"), 9) << "a stored '?' is an ordinary transition";
 }
@@ -77,15 +66,12 @@ TEST_F(Patterns, WildcardsBackOffToTheLastOne) {
   EXPECT_EQ(get("/app/x/lisX"), 1);
   EXPECT_EQ(get("/app/x/list?a=1"), 5);
   EXPECT_EQ(get("/app/x/lis/list"), 5) << "a failed partial match backs off and retries";
-
   ASSERT_EQ(add("/a/*/b/*/c", 13), 0);
   EXPECT_EQ(get("/a/x/b/y/d/c"), 13) << "backing off to the first '*' would lose the '/b/'";
 
   ASSERT_EQ(add("/static/*", 12), 0);
-  EXPECT_EQ(get("/static/css/site.css"), 12) << "trailing '*' keeps the id on its own state";
-  EXPECT_EQ(get("/static/"), 12);
+  EXPECT_EQ(get("/static/css/site.css"), 12) << "a trailing '*' holds the id itself";
   EXPECT_EQ(get("/stat"), 1);
-
   ASSERT_EQ(add("*abc", 14), 0);
   EXPECT_EQ(get("xxabc"), 14) << "a wildcard root swallows leading characters";
   EXPECT_EQ(get("abxabc"), 1) << "but is never a back-off point";
@@ -96,8 +82,6 @@ TEST_F(Patterns, SkipCountLeavesOutTheStoredPrefixOnly) {
   EXPECT_EQ(get("/users"), 15);
   EXPECT_EQ(get("/v1/users"), 1);
   EXPECT_EQ(zxlb_state_machine_get(&sm_, "/users", 6, 3), 15) << "lookup skip count is ignored";
-  EXPECT_EQ(add("/v1", 16, 0, 3), 0) << "nothing left to store";
-  EXPECT_EQ(sm_.state_count, 7);
 }
 
 TEST_F(Patterns, GrowsEveryRowPastItsInitialSize) {
@@ -109,7 +93,6 @@ TEST_F(Patterns, GrowsEveryRowPastItsInitialSize) {
   ASSERT_EQ(zxlb_state_machine_init(&sm_, 0), 0);
   ASSERT_EQ(add("/" + std::string(199, 'p'), 3), 0);
   EXPECT_EQ(sm_.max_state, 128 + 128 + 200) << "a pattern longer than the step adds its length";
-  EXPECT_EQ(get("/" + std::string(199, 'p')), 3);
 }
 
 TEST_F(Patterns, BytesOutsideTheAlphabetAndLongUrls) {
@@ -118,12 +101,10 @@ TEST_F(Patterns, BytesOutsideTheAlphabetAndLongUrls) {
   EXPECT_EQ(add("/b\x1f", 2), -1);
   ASSERT_EQ(add("/del\x7f", 16), 0) << "127 belongs to the pattern alphabet";
   EXPECT_EQ(get("/del\x7f"), 16);
-
   ASSERT_EQ(add("/big/*", 17), 0);
   const std::string url = "/big/" + std::string(10240, 'x');
   EXPECT_EQ(get(url), 17);
   EXPECT_EQ(get(url + "\xc3\xa9"), 1);
-  EXPECT_EQ(get("/big/\xff"), 1);
 }
 
 // ---- Keyword lexicon and automaton ------------------------------------------
@@ -139,6 +120,7 @@ struct KeywordSet {
       built = true;
     }
     const char *bt = search_match_machine(url.c_str(), &trie, &rule);
+    EXPECT_EQ(bt, search_match_machine_exhaustive(url.c_str(), &trie, &rule)) << url;
     return bt ? bt : "<none>";
   }
   ZXBTCustomRule rule;
@@ -146,7 +128,6 @@ struct KeywordSet {
   bool built = false;
 };
 
-// A lone keyword's verdict on `url`.
 std::string lone(const char *kw, char constraint, const std::string &url, unsigned priority = 1) {
   KeywordSet k;
   k.add(kw, priority, "K", constraint);
@@ -164,10 +145,6 @@ TEST(Keywords, PriorityThenLaterEndThenHigherIndex) {
   same_end.add("payment", 1, "LONG", ZXLB_MATCH_CONTAINS);
   same_end.add("ment", 1, "SHORT", ZXLB_MATCH_CONTAINS);
   EXPECT_EQ(same_end.search("/payment"), "SHORT") << "same end: the higher index wins";
-  KeywordSet swapped;
-  swapped.add("ment", 1, "SHORT", ZXLB_MATCH_CONTAINS);
-  swapped.add("payment", 1, "LONG", ZXLB_MATCH_CONTAINS);
-  EXPECT_EQ(swapped.search("/payment"), "LONG");
 
   KeywordSet ranked;
   ranked.add("pay", 5, "P", ZXLB_MATCH_CONTAINS);
@@ -187,20 +164,13 @@ TEST(Keywords, ConstraintsDecideWhereAKeywordCounts) {
   EXPECT_EQ(lone("login", ZXLB_MATCH_EQUALS, "login"), "K");
   EXPECT_EQ(lone("login", ZXLB_MATCH_EQUALS, "/login"), "<none>");
   for (char never : {0, 5, 6, 7, -1}) EXPECT_EQ(lone("x", never, "/x/x"), "<none>") << +never;
-  ZXBTCustomRule empty;
-  EXPECT_EQ(check_for_match_constraint(&empty, 0, 0, 1), 0) << "no such entry";
 }
 
-TEST(Keywords, FailureLinksMatchAReferenceScan) {
-  KeywordSet k;
-  k.add("she", 1, "SHE", ZXLB_MATCH_CONTAINS);
-  k.add("he", 9, "HE", ZXLB_MATCH_CONTAINS);
-  k.add("hers", 10, "HERS", ZXLB_MATCH_CONTAINS);
-  EXPECT_EQ(k.search("/she"), "HE") << "found only through the failure link of 'she'";
-  EXPECT_EQ(k.search("/ushers"), "HERS");
-
-  // Up to 20 keywords (no shared bits) over a tiny alphabet: every overlap
-  // and failure chain shows up, checked against a scan of every position.
+// Random rule sets over a tiny alphabet, so that overlaps, failure chains,
+// shared bits and the empty entries after the 21st keyword all occur. Up to
+// 20 keywords the winner is checked against a scan of every position; the
+// ranked search is always checked against the exhaustive one (in search()).
+TEST(Keywords, RandomRuleSetsMatchAReferenceScan) {
   std::mt19937 rng(7);
   auto text = [&rng](int max_len) {
     std::string s(1 + rng() % max_len, ' ');
@@ -208,80 +178,69 @@ TEST(Keywords, FailureLinksMatchAReferenceScan) {
     return s;
   };
   for (int round = 0; round < 300; ++round) {
-    KeywordSet r;
-    const int n = 1 + static_cast<int>(rng() % 20);
+    KeywordSet k;
+    const int n = 1 + static_cast<int>(rng() % (round % 2 ? 20 : 60));
     for (int j = 0; j < n; ++j) {
-      const std::string kw = text(4);
-      r.add(kw.c_str(), rng() % 3, std::to_string(j).c_str(), static_cast<char>(1 + rng() % 4));
+      k.add(text(4).c_str(), rng() % 3, std::to_string(j).c_str(), static_cast<char>(rng() % 6));
     }
     for (int q = 0; q < 20; ++q) {
       const std::string url = text(12);
+      const std::string got = k.search(url);
+      if (n > 20) continue;
       const int len = static_cast<int>(url.size());
       int best = -1;
       unsigned highest = 0;
       for (int i = 0; i < len; ++i) {
         for (int j = 0; j < n; ++j) {
-          const ZXLBKeywordLexicon &e = r.rule.dictionary[j];
+          const ZXLBKeywordLexicon &e = k.rule.dictionary[j];
           const int start = i - static_cast<int>(e.elements_len) + 1;
           if (start < 0 || url.compare(start, e.elements_len, e.keyword) != 0) continue;
-          if (check_for_match_constraint(&r.rule, j, start, len) && e.priority >= highest) {
+          if (check_for_match_constraint(&k.rule, j, start, len) && e.priority >= highest) {
             best = j;
             highest = e.priority;
           }
         }
       }
-      ASSERT_EQ(r.search(url), best < 0 ? "<none>" : std::to_string(best)) << url;
+      ASSERT_EQ(got, best < 0 ? "<none>" : std::to_string(best)) << url;
     }
   }
 }
 
-TEST(Keywords, TwentyFirstKeywordJumpsTheCountAndGrowthIsUnbounded) {
+TEST(Keywords, TwentyFirstKeywordJumpsTheCountAndBitsAreSharedModulo32) {
+  EXPECT_EQ(lone("abc", ZXLB_MATCH_ENDS_WITH, "/xyz"), "<none>");
+  EXPECT_EQ(DictionaryHeadPointer, nullptr) << "forgotten with its rule set";
   KeywordSet k;
   const unsigned len_before = all_keyword_len;
-  for (int i = 0; i < 20; ++i) k.add(("#" + std::to_string(i)).c_str(), 0, "F", 0);
-  EXPECT_EQ(k.rule.keyword_count, 20u);
-  k.add("twentyfirst", 1, "T", ZXLB_MATCH_CONTAINS);
-  EXPECT_STREQ(k.rule.dictionary[20].keyword, "twentyfirst");
-  EXPECT_EQ(k.rule.keyword_count, 41u);
-  for (int i = 21; i <= 40; ++i) EXPECT_EQ(k.rule.dictionary[i].keyword[0], '\0') << i;
-  k.add("next", 1, "N", ZXLB_MATCH_CONTAINS);
-  EXPECT_STREQ(k.rule.dictionary[41].keyword, "next");
-  for (int i = 0; i < 200; ++i) k.add("k", 0, "F", 0);
-  EXPECT_EQ(k.rule.keyword_count, 242u);
-  EXPECT_EQ(DictionaryHeadPointer, k.rule.dictionary.data()) << "follows the lexicon's growth";
-  EXPECT_EQ(k.search("/a/twentyfirst"), "T");
-  EXPECT_EQ(k.search("/a/next"), "N");
-
-  k.add(std::string(300, 'w').c_str(), 1, std::string(200, 'b').c_str(), ZXLB_MATCH_CONTAINS);
-  const ZXLBKeywordLexicon &cut = k.rule.dictionary[242];
-  EXPECT_EQ(cut.elements_len, 255u);
-  EXPECT_EQ(std::strlen(cut.bt_name), 127u);
-  EXPECT_EQ(all_keyword_len - len_before, 50u + 11 + 4 + 200 + 255);
-
-  dealloc_match_machine(&k.trie, &k.rule);
-  EXPECT_EQ(k.trie.total_states, 0u);
-  EXPECT_EQ(k.rule.keyword_count, 0u);
-  EXPECT_TRUE(k.rule.dictionary.empty());
-  EXPECT_EQ(DictionaryHeadPointer, nullptr);
-  EXPECT_EQ(search_match_machine("/a/next", &k.trie, &k.rule), nullptr);
-  EXPECT_EQ(all_keyword_len - len_before, 520u) << "never reduced";
-}
-
-TEST(Keywords, BitsAreSharedModulo32) {
-  // Index 9 and index 41 share bit 9: an occurrence of the latter reports the
-  // former too, which then passes its own "ends with" test.
-  KeywordSet k;
-  for (int i = 0; i < 21; ++i) {
+  for (int i = 0; i < 20; ++i) {
     if (i == 9)
       k.add("abc", 9, "A", ZXLB_MATCH_ENDS_WITH);
     else
       k.add(("#" + std::to_string(i)).c_str(), 0, "F", 0);
   }
+  k.add("twentyfirst", 1, "T", ZXLB_MATCH_CONTAINS);
+  EXPECT_STREQ(k.rule.dictionary[20].keyword, "twentyfirst");
+  EXPECT_EQ(k.rule.keyword_count, 41u);
+  for (int i = 21; i <= 40; ++i) EXPECT_EQ(k.rule.dictionary[i].keyword[0], '\0') << i;
   k.add("xyz", 1, "X", ZXLB_MATCH_CONTAINS);
-  ASSERT_EQ(k.rule.keyword_count, 42u);
+  EXPECT_STREQ(k.rule.dictionary[41].keyword, "xyz");
+  for (int i = 0; i < 200; ++i) k.add("k", 0, "F", 0);
+  EXPECT_EQ(k.rule.keyword_count, 242u);
+  EXPECT_EQ(DictionaryHeadPointer, k.rule.dictionary.data()) << "follows the lexicon's growth";
+
+  // Index 41 shares bit 9 with "abc", which then passes its own "ends with".
   EXPECT_EQ(k.search("/xyz"), "A");
-  EXPECT_EQ(k.search("/xyz/"), "X") << "not at the end: only xyz's own test passes";
-  EXPECT_EQ(lone("abc", ZXLB_MATCH_ENDS_WITH, "/xyz"), "<none>");
+  EXPECT_EQ(k.search("/xyz/"), "X");
+  EXPECT_EQ(k.search("/a/twentyfirst/"), "T");
+
+  k.add(std::string(300, 'w').c_str(), 1, std::string(200, 'b').c_str(), ZXLB_MATCH_CONTAINS);
+  EXPECT_EQ(k.rule.dictionary[242].elements_len, 255u) << "cut to the field";
+  EXPECT_EQ(std::strlen(k.rule.dictionary[242].bt_name), 127u);
+  EXPECT_EQ(k.search("/xyz/"), "X") << "a keyword added after the build is still seen";
+  dealloc_match_machine(&k.trie, &k.rule);
+  EXPECT_EQ(k.trie.total_states + k.rule.keyword_count, 0u);
+  EXPECT_EQ(DictionaryHeadPointer, nullptr);
+  EXPECT_EQ(search_match_machine("/xyz", &k.trie, &k.rule), nullptr);
+  EXPECT_EQ(all_keyword_len - len_before, 48 + 3 + 11 + 3 + 200 + 255) << "never reduced";
 }
 
 TEST(Keywords, GrowsPastTheDefaultStatesAllArraysTogether) {
@@ -291,10 +250,9 @@ TEST(Keywords, GrowsPastTheDefaultStatesAllArraysTogether) {
     k.add(keyword(j).c_str(), 1, std::to_string(j).c_str(), ZXLB_MATCH_EQUALS);
   const unsigned saved = all_keyword_len;
   all_keyword_len = 0;  // growth step 256 instead of the whole lexicon
-  const int states = create_match_machine(&k.trie, &k.rule);
+  ASSERT_EQ(create_match_machine(&k.trie, &k.rule), 1 + 20 * 21 + 190);
   all_keyword_len = saved;
   k.built = true;
-  ASSERT_EQ(states, 1 + 20 * 21 + 190);
   EXPECT_EQ(k.trie.total_states, 768u);
   EXPECT_EQ(k.trie.out_func.size(), k.trie.total_states);
   EXPECT_EQ(k.trie.f_func.size(), k.trie.total_states);
@@ -310,11 +268,7 @@ TEST(Keywords, BytesOutsideTheAlphabetRestartAtTheRoot) {
   EXPECT_EQ(k.search("/pa\x7fy"), "<none>") << "127 is outside the keyword alphabet";
   EXPECT_EQ(k.search("/\xffpay"), "P");
   EXPECT_EQ(k.search("/p\x80y"), "<none>") << "such a keyword has no path";
-  EXPECT_EQ(find_next_state(&k.trie, 2, '\x80'), 0);
-
-  std::string url(10240, 'q');
-  url += "/checkout";
-  EXPECT_EQ(k.search(url), "C");
+  EXPECT_EQ(k.search(std::string(10240, 'q') + "/checkout"), "C");
   EXPECT_EQ(k.search(std::string(10240, '\xfe')), "<none>");
 }
 
@@ -324,10 +278,8 @@ TEST(Keywords, BuildArgumentsAndTraces) {
   EXPECT_EQ(zxlb_init_automaton(nullptr, &k.rule), -1);
   EXPECT_EQ(search_match_machine("/x", &k.trie, &k.rule), nullptr) << "never built";
   EXPECT_EQ(add_to_lexicon(&k.rule, nullptr, 1, "N", 3), -1);
-  EXPECT_EQ(zxlb_init_automaton(&k.trie, &k.rule), 0) << "an empty lexicon gives the root";
-  EXPECT_EQ(search_match_machine("/x", &k.trie, &k.rule), nullptr);
 
-  // Every trace line formats without faults, and the result is the same.
+  // With detail traces on, every line formats cleanly and the answer holds.
   zxtest::ScopedApp app;
   zxtest::TempDir dir;
   zxtest::ScopedTraceKey key(
@@ -336,11 +288,12 @@ TEST(Keywords, BuildArgumentsAndTraces) {
   k.add("pay", 1, "P", ZXLB_MATCH_CONTAINS);
   EXPECT_EQ(k.search("/pay\x80"), "P");
   EXPECT_EQ(k.search("/none"), "<none>");
+  EXPECT_EQ(find_next_state(&k.trie, 2, 'y'), 3);
   const std::string log = zxtest::read_file(dir.path() / "t.log_0");
-  EXPECT_NE(log.find("Maximum states in automaton = 4"), std::string::npos);
-  EXPECT_NE(log.find("Word:pay with priority: 1 appear from 1 to 3 in pattern:/pay"),
-            std::string::npos);
-  EXPECT_NE(log.find("ret_val = (null)"), std::string::npos);
+  for (const char *line : {"Maximum states in automaton = 4", "answer(state) = 3",
+                           "Word:pay with priority: 1 appear from 1 to 3 in pattern:/pay",
+                           "match_constraint is [3] for keyword [pay]", "ret_val = (null)"})
+    EXPECT_NE(log.find(line), std::string::npos) << line;
 }
 
 }  // namespace

@@ -10,8 +10,8 @@
 // on the search path, so a reload can build a new pair aside and publish it
 // whole.
 //
-// Keywords "he" (index 0) and "she" (index 1); goto edges solid, failure
-// edges to the right:
+// Keywords "he" (index 0) and "she" (index 1), goto edges drawn, failure
+// links listed:
 //
 //   (0) -h-> (1) -e-> (2){bit 0}
 //    |
@@ -24,6 +24,7 @@
 #pragma once
 
 #include <array>
+#include <bitset>
 #include <vector>
 
 #include "zxbt/zxlb_keyword_lexicon.h"
@@ -33,6 +34,10 @@
 inline constexpr int ZXLB_ALPHABET_FIRST = 32;
 inline constexpr int ZXLB_ALPHABET_SIZE = 95;
 inline constexpr unsigned int ZXLB_TRIE_DEFAULT_STATES = 256;
+// A row holds the 95 symbols padded to 128 entries, so that a search finds
+// the next row with a shift instead of a multiply on its load-to-load chain.
+inline constexpr int ZXLB_TRIE_ROW = 128;
+using zxlbTrieRow = std::array<int, ZXLB_TRIE_ROW>;
 
 // The keyword rule set (one per application instance).
 struct ZXBTCustomRule {
@@ -52,16 +57,51 @@ struct ZXBTCustomRule {
   // Entries in use; the lexicon may hold more (empty) entries.
   unsigned int keyword_count = 0;
   std::vector<ZXLBKeywordLexicon> dictionary;
+
+  ZXBTCustomRule() = default;
+  ZXBTCustomRule(const ZXBTCustomRule &) = delete;
+  ZXBTCustomRule &operator=(const ZXBTCustomRule &) = delete;
+  ~ZXBTCustomRule();  // clears DictionaryHeadPointer when it names this lexicon
+};
+
+// Keywords that can ever match (constraint 1 to 4), best first: priority
+// down, then index down.
+struct zxlbRankedKeyword {
+  unsigned int priority;
+  unsigned int index;
+  unsigned int len;
+  char match_constraint;
+};
+
+// What one distinct out_func value can match, summed up so that a search
+// skips a position where no member keyword's constraint can hold.
+struct zxlbMatchClass {
+  zxlbRankedKeyword top{};  // the best member: where it holds, it wins
+  unsigned int bits = 0;
+  unsigned int min_contains_len = ~0u;  // a "contains" holds from this end index on
+  bool has_ends_with = false;
+  std::bitset<ZXLB_KEYWORD_SIZE> starts_with_len;  // holds where end index + 1 is one
+  std::bitset<ZXLB_KEYWORD_SIZE> equals_len;       // holds where the text length is one
 };
 
 struct zxlbTrie {
   // Capacity in states: the size of childrens, out_func and f_func alike.
   unsigned int total_states = 0;
-  // Goto function: childrens[s][c - 32] is the child of s on c, -1 = none;
-  // once built the root has a transition (maybe to itself) on every symbol.
-  std::vector<std::array<int, ZXLB_ALPHABET_SIZE>> childrens;
+  // Goto function: childrens[s][c - 32] is the child of s on c, -1 = none.
+  // Once built, every missing edge holds the state the failure function
+  // leads to, so a search reads one entry per character.
+  std::vector<zxlbTrieRow> childrens;
   std::vector<unsigned int> out_func;  // bit (k mod 32): keyword k ends here
   std::vector<int> f_func;             // failure function
+
+  // Derived from the above and the lexicon as it was built. Past 20
+  // keywords the empty entries put bits on the root, so most states report
+  // a hundred candidates or more; testing them best first and stopping at
+  // the first that holds keeps a search to a few tests per character.
+  std::vector<zxlbRankedKeyword> ranked;
+  std::vector<zxlbMatchClass> classes;  // [0]: nothing can match
+  std::vector<unsigned int> out_class;  // per state, into classes
+  unsigned int built_keyword_count = 0;
 };
 
 // Builds the automaton over the rule set's lexicon: 0, or -1 (the automaton
@@ -76,9 +116,16 @@ int find_next_state(const zxlbTrie *trie_node, int currentState, char nextInput)
 
 // The bt_name of the winning keyword in the NUL-terminated `input`, or null.
 // Among equal priorities the occurrence that ends later wins, and at the same
-// end the higher lexicon index; priority 0 still beats no match.
+// end the higher lexicon index; priority 0 still beats no match. Searched
+// with the rule set it was built from; keywords added since are still seen.
 const char *search_match_machine(const char *input, const zxlbTrie *trie_node,
                                  const ZXBTCustomRule *rule);
+
+// The same answer by testing every keyword of every reported bit, each test
+// traced at the detail levels; search_match_machine takes this way when
+// those traces are on or the lexicon grew after the build.
+const char *search_match_machine_exhaustive(const char *input, const zxlbTrie *trie_node,
+                                            const ZXBTCustomRule *rule);
 
 // 1 when keyword dictionary_idx, found at start_index, stands where its
 // constraint requires in a text of in_str_len bytes; else 0.

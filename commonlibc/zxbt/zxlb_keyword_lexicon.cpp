@@ -59,8 +59,8 @@ int add_to_lexicon(ZXBTCustomRule *rule, const char *keyword, unsigned int prior
 
   const unsigned int index = rule->keyword_count;
   // The first growth has always jumped the count from 20 to 40 before
-  // storing the 21st keyword; indexes (and the output bits they share mod 32)
-  // of existing rule sets depend on it, so it is kept.
+  // storing the 21st keyword; which keywords share an output bit depends on
+  // the indexes this gives, so it is kept.
   const unsigned int count_after = index == ZXLB_LEXICON_INITIAL ? 2 * index + 1 : index + 1;
   if (!ensure_entries(*rule, count_after)) return -1;
 
@@ -80,4 +80,9 @@ void dealloc_lexicon(ZXBTCustomRule *rule) {
   if (DictionaryHeadPointer == rule->dictionary.data()) DictionaryHeadPointer = nullptr;
   std::vector<ZXLBKeywordLexicon>().swap(rule->dictionary);
   rule->keyword_count = 0;
+}
+
+ZXBTCustomRule::~ZXBTCustomRule() {
+  if (!dictionary.empty() && DictionaryHeadPointer == dictionary.data())
+    DictionaryHeadPointer = nullptr;
 }

@@ -37,8 +37,9 @@ struct ZXLBKeywordLexicon {
 // Sum of the lengths of every keyword ever added, in any lexicon; never
 // reduced. Sizes the keyword automaton. Written by the rule reader only.
 extern unsigned int all_keyword_len;
-// The entries of the lexicon built or grown last; null before the first.
-// Informational: lookups go through their rule set, never through it.
+// The entries of the lexicon built or grown last; null before the first and
+// once that lexicon is freed. Informational: lookups go through their rule
+// set, never through it.
 extern ZXLBKeywordLexicon *DictionaryHeadPointer;
 
 // A fresh lexicon of 20 empty entries with keyword_count 0. 0, or -1 when
@@ -48,8 +49,10 @@ int zxlb_build_lexicon(ZXBTCustomRule *rule);
 // Stores a keyword at index keyword_count, building the lexicon first if
 // there is none. Texts longer than their fields are cut; a null bt_name is
 // stored empty. The 21st keyword lifts keyword_count from 20 to 41: it stands
-// at index 20, followed by 20 empty entries that never match, as the rule
-// sets in the field expect. -1 for a null rule or keyword or a failed growth.
+// at index 20, followed by 20 empty entries that never match themselves but
+// do set their output bits on the root; indexes, and so the bits keywords
+// share, stay what they have always been. -1 for a null rule or keyword or a
+// failed growth.
 int add_to_lexicon(ZXBTCustomRule *rule, const char *keyword, unsigned int priority,
                    const char *bt_name, char match_constraint);
 

@@ -101,22 +101,27 @@ int zxlb_state_machine_get(const zxlbStateMachine *state_machine, const char *en
   const int *const immediate = sm.state_machine[ZXLB_SM_IMMEDIATE].data();
   const int *const final_id = sm.state_machine[ZXLB_SM_FINAL].data();
   const int *const wildcard = sm.state_machine[ZXLB_SM_WILDCARD].data();
-  int cur = 0;
-  int last_skip_state = 0;
+  // States are unsigned here so that indexing needs no sign extension on the
+  // load-to-load chain that bounds a lookup.
+  unsigned cur = 0;
+  unsigned last_skip_state = 0;
   bool scanned_all = true;
-  // The back-off re-reads a character without advancing i; it lands on a
+  // The back-off re-reads a character without advancing; it lands on a
   // wildcard state, which consumes or moves on the next round, so every
   // character is read at most twice.
-  for (int i = 0; i < len;) {
-    const auto c = static_cast<unsigned char>(entry[i]);
+  const auto *p = reinterpret_cast<const unsigned char *>(entry);
+  const unsigned char *const end = p + len;
+  while (p != end) {
+    const unsigned char c = *p;
     if (!is_printable(c)) return ZXLB_SM_OTHERS;
-    if (wildcard[cur]) last_skip_state = cur;
-    const int next = sm.state_machine[c][cur];
-    if (next) {
+    const bool is_wildcard = wildcard[cur] != 0;
+    if (is_wildcard) last_skip_state = cur;
+    const auto next = static_cast<unsigned>(sm.state_machine[c][cur]);
+    if (next) [[likely]] {
       cur = next;
       if (immediate[cur]) return immediate[cur];
-      ++i;
-    } else if (!wildcard[cur]) {
+      ++p;
+    } else if (!is_wildcard) {
       // A final match ignores the query string.
       if (c == '?' && final_id[cur]) {
         scanned_all = false;
@@ -126,7 +131,7 @@ int zxlb_state_machine_get(const zxlbStateMachine *state_machine, const char *en
       if (last_skip_state < 1) return ZXLB_SM_OTHERS;
       cur = last_skip_state;
     } else {
-      ++i;
+      ++p;
     }
   }
   if (final_id[cur]) return final_id[cur];
