@@ -107,22 +107,17 @@ struct Reader {
   std::size_t len;
   std::size_t pos;
 
-  bool u32(std::uint32_t *out) {
-    if (len - pos < 4) return false;
-    std::uint32_t v = 0;
-    for (int i = 0; i < 4; ++i) v |= static_cast<std::uint32_t>(p[pos + i]) << (8 * i);
-    pos += 4;
+  template <typename U>
+  bool unsigned_le(U *out) {
+    if (len - pos < sizeof(U)) return false;
+    U v = 0;
+    for (std::size_t i = 0; i < sizeof(U); ++i) v |= static_cast<U>(p[pos + i]) << (8 * i);
+    pos += sizeof(U);
     *out = v;
     return true;
   }
-  bool u64(std::uint64_t *out) {
-    if (len - pos < 8) return false;
-    std::uint64_t v = 0;
-    for (int i = 0; i < 8; ++i) v |= static_cast<std::uint64_t>(p[pos + i]) << (8 * i);
-    pos += 8;
-    *out = v;
-    return true;
-  }
+  bool u32(std::uint32_t *out) { return unsigned_le(out); }
+  bool u64(std::uint64_t *out) { return unsigned_le(out); }
   bool i32(std::int32_t *out) {
     std::uint32_t v;
     if (!u32(&v)) return false;
