@@ -22,6 +22,9 @@
 #include "ZXFeatureSettings.h"
 #include "ZXSupportedProtocols.h"
 #include "ZXSys.h"
+#include "bt/ZXBTManager.h"
+#include "bt/ZXBTMonitor.h"
+#include "zxbt/zxbt_rule_parser.h"
 #include "zxlb_apr.h"
 #include "zxlb_owned_string.h"
 
@@ -111,6 +114,13 @@ struct ZXProxyInstance_t {
   zx::NestedMutex controlThreadTmpLock;
   zx::NestedMutex methodEntryLock;
   zx::NestedMutex zxTDHashMapLock;
+
+  // Business transactions. btRules is the rule set in force, read by request
+  // threads without a lock and replaced whole by a rule-file read; the BT
+  // manager and the BT monitor's slots document their own locks.
+  ZXBTRules btRules;
+  ZXBTManager btManager;
+  ZXBTMonitor_t btMonitor;
 
   // Defaults of initializeZXApplicationGlobal.
   int maxBuffersAS = 0;

@@ -68,7 +68,8 @@ bool grow_states(zxlbTrie &t, unsigned int states, int trace) {
 // Goto function over the whole lexicon. -1 when memory is short.
 int build_goto(zxlbTrie &t, const ZXBTCustomRule &rule, int trace) {
   // Never 0, so a growth always makes room.
-  const unsigned int step = all_keyword_len ? all_keyword_len : ZXLB_TRIE_DEFAULT_STATES;
+  const unsigned int step =
+      std::clamp(all_keyword_len, ZXLB_TRIE_DEFAULT_STATES, ZXLB_TRIE_MAX_STATES);
   if (!grow_states(t, step, trace)) return -1;
   unsigned int next_free = 1;
   for (unsigned int k = 0; k < rule.keyword_count && k < rule.dictionary.size(); ++k) {
@@ -88,7 +89,7 @@ int build_goto(zxlbTrie &t, const ZXBTCustomRule &rule, int trace) {
       if (t.childrens[state][a] == -1) {
         t.childrens[state][a] = static_cast<int>(next_free++);
         if (next_free >= t.total_states) {
-          if (t.total_states > UINT_MAX - step || t.total_states + step > INT_MAX) return -1;
+          if (t.total_states + step > ZXLB_TRIE_MAX_STATES) return -1;
           if (!grow_states(t, t.total_states + step, trace)) return -1;
         }
       }

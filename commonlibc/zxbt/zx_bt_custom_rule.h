@@ -25,6 +25,7 @@
 
 #include <array>
 #include <bitset>
+#include <memory>
 #include <vector>
 
 #include "zxbt/zxlb_keyword_lexicon.h"
@@ -34,12 +35,25 @@
 inline constexpr int ZXLB_ALPHABET_FIRST = 32;
 inline constexpr int ZXLB_ALPHABET_SIZE = 95;
 inline constexpr unsigned int ZXLB_TRIE_DEFAULT_STATES = 256;
+// all_keyword_len only grows across reloads; the automaton never takes more
+// than this many states (128 MB of rows), and a build that needs more fails.
+inline constexpr unsigned int ZXLB_TRIE_MAX_STATES = 1u << 18;
 // A row holds the 95 symbols padded to 128 entries, so that a search finds
 // the next row with a shift instead of a multiply on its load-to-load chain.
 inline constexpr int ZXLB_TRIE_ROW = 128;
 using zxlbTrieRow = std::array<int, ZXLB_TRIE_ROW>;
 
-// The keyword rule set (one per application instance).
+inline constexpr int ZXBT_MAX_PARAM_RULES = 256;
+
+// One request-parameter condition of a keyword rule.
+struct URIParamObject {
+  char parameterName[256] = {};
+  char checkExistence = 0;
+  char parameterValue[256] = {};
+  char parameterOperation = 0;
+};
+
+// The keyword rule set (one per published rule set).
 struct ZXBTCustomRule {
   char chkExistence = 0;
   char activateReversCondition = 0;  // 1 = the URI condition is reversed
@@ -57,6 +71,9 @@ struct ZXBTCustomRule {
   // Entries in use; the lexicon may hold more (empty) entries.
   unsigned int keyword_count = 0;
   std::vector<ZXLBKeywordLexicon> dictionary;
+  // Parameter conditions by parameter rule; immutable once made, so a rule
+  // set built aside shares them with the one it was copied from.
+  std::array<std::shared_ptr<const URIParamObject>, ZXBT_MAX_PARAM_RULES> matchingURIParamObj;
 
   ZXBTCustomRule() = default;
   ZXBTCustomRule(const ZXBTCustomRule &) = delete;

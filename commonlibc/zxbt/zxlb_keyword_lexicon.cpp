@@ -62,6 +62,11 @@ int add_to_lexicon(ZXBTCustomRule *rule, const char *keyword, unsigned int prior
   // storing the 21st keyword; which keywords share an output bit depends on
   // the indexes this gives, so it is kept.
   const unsigned int count_after = index == ZXLB_LEXICON_INITIAL ? 2 * index + 1 : index + 1;
+  if (count_after > ZXLB_LEXICON_MAX) {
+    ZX_LOG_IF(true, "BT_MON", "Error", "Keyword lexicon is full (%u entries), keyword '%s' dropped",
+              index, keyword);
+    return -1;
+  }
   if (!ensure_entries(*rule, count_after)) return -1;
 
   ZXLBKeywordLexicon &e = rule->dictionary[index];

@@ -15,6 +15,9 @@ struct ZXBTCustomRule;
 inline constexpr int ZXLB_KEYWORD_SIZE = 256;
 inline constexpr int ZXLB_BT_NAME_SIZE = 128;
 inline constexpr int ZXLB_LEXICON_INITIAL = 20;
+// Keyword rules add to the lexicon on every reload and nothing removes
+// entries, so its size is bounded here; add_to_lexicon refuses past it.
+inline constexpr unsigned int ZXLB_LEXICON_MAX = 4096;
 
 // Where a keyword must stand; the operation codes of the keyword rules. Any
 // other value (0 for method and parameter-name keywords, the codes 5 to 7)

@@ -1,5 +1,6 @@
 #include "zxbt/zxlb_state_machine.h"
 
+#include <algorithm>
 #include <climits>
 #include <cstddef>
 #include <new>
@@ -17,11 +18,18 @@ inline bool is_printable(unsigned char c) {
 
 // Resizes every row to `new_size`, new entries zeroed. Capacity is reserved
 // for all rows before any size changes, so a failure leaves every row's
-// contents and size as they were.
+// contents and size as they were. max_state grows by a fixed step per
+// pattern, so capacity grows geometrically underneath it: thousands of
+// patterns then cost amortised linear time, not a copy of every row each.
 bool resize_rows(zxlbStateMachine &sm, int new_size) {
   int row = 0;
   try {
-    for (; row < ZXLB_SM_ROWS; ++row) sm.state_machine[row].reserve(new_size);
+    for (; row < ZXLB_SM_ROWS; ++row) {
+      std::vector<int> &r = sm.state_machine[row];
+      if (r.capacity() >= static_cast<std::size_t>(new_size)) continue;
+      const std::size_t want = std::max<std::size_t>(new_size, r.capacity() + r.capacity() / 2);
+      r.reserve(std::min<std::size_t>(want, ZXLB_SM_MAX_STATES));
+    }
   } catch (const std::bad_alloc &) {
     ZX_LOG_OOM(static_cast<long long>(new_size) * sizeof(int), "state machine row", row);
     return false;
@@ -35,7 +43,7 @@ bool resize_rows(zxlbStateMachine &sm, int new_size) {
 int zxlb_state_machine_init(zxlbStateMachine *state_machine, int size) {
   if (!state_machine) return -1;
   zxlb_state_machine_free(state_machine);
-  const int max_state = size > 0 ? size : ZXLB_SM_DEFAULT_SIZE;
+  const int max_state = size > 0 ? std::min(size, ZXLB_SM_MAX_STATES) : ZXLB_SM_DEFAULT_SIZE;
   if (!resize_rows(*state_machine, max_state)) {
     state_machine->state_machine = {};
     return -1;
@@ -66,7 +74,11 @@ int zxlb_state_machine_add(zxlbStateMachine *state_machine, const char *entry, i
   if (static_cast<long long>(len) + sm.state_count + 1 > sm.max_state) {
     long long grown = static_cast<long long>(sm.max_state) + sm.delta_state;
     if (sm.delta_state < len) grown += len;
-    if (grown > INT_MAX || !resize_rows(sm, static_cast<int>(grown))) return -1;
+    if (grown > ZXLB_SM_MAX_STATES) {
+      if (static_cast<long long>(len) + sm.state_count + 1 > ZXLB_SM_MAX_STATES) return -1;
+      grown = ZXLB_SM_MAX_STATES;
+    }
+    if (!resize_rows(sm, static_cast<int>(grown))) return -1;
     sm.max_state = static_cast<int>(grown);
   }
 

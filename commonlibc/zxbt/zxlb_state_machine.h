@@ -31,6 +31,9 @@ inline constexpr int ZXLB_SM_FINAL = 129;
 inline constexpr int ZXLB_SM_WILDCARD = 130;
 inline constexpr int ZXLB_SM_DEFAULT_SIZE = 128;
 inline constexpr int ZXLB_SM_OTHERS = 1;  // the BT id when nothing matches
+// 131 rows of this many ints is 137 MB: a pattern that would need more
+// states is refused.
+inline constexpr int ZXLB_SM_MAX_STATES = 1 << 18;
 
 // Default-constructed it is empty (max_state 0) and answers ZXLB_SM_OTHERS.
 struct zxlbStateMachine {
@@ -42,7 +45,8 @@ struct zxlbStateMachine {
   int delta_state = 0;  // growth step
 };
 
-// Capacity `size` states (128 when size <= 0), the root only. 0, or -1 with
+// Capacity `size` states (128 when size <= 0, at most ZXLB_SM_MAX_STATES),
+// the root only. 0, or -1 with
 // the automaton left empty when memory is short.
 int zxlb_state_machine_init(zxlbStateMachine *state_machine, int size);
 
@@ -54,7 +58,8 @@ int zxlb_state_machine_free(zxlbStateMachine *state_machine);
 // pattern to reach a state keeps it: a duplicate or a prefix of an earlier
 // pattern changes no id and still returns 0. -1 for a null or uninitialised
 // automaton, an empty entry, a character outside 32..127 (states made so far
-// stay) or a failed growth (the automaton stays as it was).
+// stay) or a failed growth, also past ZXLB_SM_MAX_STATES (the automaton stays
+// as it was).
 int zxlb_state_machine_add(zxlbStateMachine *state_machine, const char *entry, int len, int id,
                            int match_type, int skip_count);
 
