@@ -2,10 +2,13 @@
 // distribution from which any quantile can be read, and which travels to the
 // collector in a small binary form so that sketches can be merged there.
 //
-// The histogram header and its nodes live in one heap block owned by whoever
-// called td_new/td_deserialize and released with td_free. Nothing here logs,
-// locks or throws; callers serialise access. Serialised input may come from
-// outside, so td_deserialize never reads past the length it is given.
+// The histogram header and its nodes live in one block owned by whoever called
+// td_new/td_deserialize and released with td_free. The default block has room
+// for 60,010 nodes (about 960 KB) while a digest usually holds a few thousand,
+// so the block is never cleared: only pages that nodes were written to become
+// resident. Nothing here logs, locks or throws; callers serialise access.
+// Serialised input may come from outside, so td_deserialize never reads past
+// the length it is given.
 
 #ifndef PWCORE_TDIGEST_TDIGEST_H
 #define PWCORE_TDIGEST_TDIGEST_H
@@ -25,10 +28,12 @@ struct td_node_t {
 struct td_histogram_t {
   double delta;
   int K;
+  int mapped;  // set by td_new: the block is whole pages of its own (fills padding)
   double compression;
   int cap;
   int merged_nodes;
   int unmerged_nodes;
+  int touched_nodes;  // furthest node written since pages were handed back (fills padding)
   double merged_count;
   double unmerged_count;
 
@@ -62,9 +67,12 @@ double td_compression_of(double delta, int K);
 // Null when the compression is negative, not finite, above
 // TD_MAX_COMPRESSION, or memory runs out.
 td_histogram_t *td_new(double delta, int K);
-// Clears buf and lays a histogram over it; cap = (buf_size - 56) / 16.
-// buf must be aligned for double. Null when it is too small or misaligned.
+// Lays an empty histogram over buf; cap = (buf_size - 56) / 16. Only the
+// header is written. buf must be aligned for double. Null when it is too small
+// or misaligned.
 td_histogram_t *td_init(double delta, int K, std::size_t buf_size, void *buf);
+// Releases a digest from td_new or td_deserialize (or a malloc'd td_init
+// buffer).
 void td_free(td_histogram_t *h);
 
 struct td_free_deleter {
@@ -80,6 +88,8 @@ int td_add(td_histogram_t *h, double mean, double count);
 // Adds every merged node of from into into; 0 on success. A digest cannot be
 // merged into itself.
 int td_merge(td_histogram_t *into, td_histogram_t *from);
+// Empties the digest; pages its nodes had filled are handed back where the
+// block allows it.
 void td_reset(td_histogram_t *h);
 
 double td_total_count(const td_histogram_t *h);
