@@ -155,7 +155,7 @@ char *zxbt_execute_global_rule(const ZXBTRuleSet &rules, const char *uri, const 
   char base[kNameMax];
   switch (g->rule_mode) {
     case 1:
-      zxbt_copy(btName, size, uri ? uri : "");
+      zxbt_copy(btName, size < kNameMax ? size : kNameMax, uri ? uri : "");
       return btName;
     case 2:
       get_bt_name_from_url(*g, uri, btName, size);

@@ -173,10 +173,10 @@ int parse_max_state(const char *line) {
   const char *bar = line ? std::strchr(line, '|') : nullptr;
   if (bar) {
     int v = zxbt_parse_int(bar + 1);
-    if (v > ZXLB_SM_MAX_STATES) {
-      ZXBT_LOG(0, "Warning", "maxStates %d is above %d, using %d", v, ZXLB_SM_MAX_STATES,
-               ZXLB_SM_MAX_STATES);
-      v = ZXLB_SM_MAX_STATES;
+    if (v > ZXBT_MAX_STATES_HINT) {
+      ZXBT_LOG(0, "Warning", "maxStates %d is above %d, using %d", v, ZXBT_MAX_STATES_HINT,
+               ZXBT_MAX_STATES_HINT);
+      v = ZXBT_MAX_STATES_HINT;
     }
     app->maxStates = v;
   }

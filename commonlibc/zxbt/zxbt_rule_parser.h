@@ -26,6 +26,9 @@ inline constexpr int ZXBT_RULE_GLOBAL = 1;
 inline constexpr int ZXBT_RULE_NONE = 0;
 inline constexpr int ZXBT_MAX_URI_SEGMENTS = 32;
 inline constexpr int ZXBT_ERROR_TABLE_SIZE = 600;
+// A kind-5 line sizes the pattern automaton up front (131 rows of this many
+// ints); larger values are cut to it, the automaton still grows on demand.
+inline constexpr int ZXBT_MAX_STATES_HINT = 65536;
 inline constexpr const char *ZXBT_DEFAULT_GLOBAL_RULE =
     "1|2|Default|Segments-Of-URI-With-Dynamic-Part-Of-Request|FromFirst|2|Request-Header|"
     "CustomeHeader|-";
