@@ -164,7 +164,7 @@ void StreamDecoder::finish_payload(std::vector<Frame> &out) {
     return;
   }
   partial_.pop_back();
-  // The payload is kept as sent; a t-digest decoder would turn it into centroids here.
+  // The payload is kept as sent; decode_tdigest_record() reads the digest in it.
   pending_.payload = std::move(partial_);
   partial_.clear();
   out.push_back(Frame{Frame::Type::Record, kind_, std::move(pending_text_), std::move(pending_)});

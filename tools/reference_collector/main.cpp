@@ -15,6 +15,7 @@
 #include <thread>
 
 #include "reference_collector.h"
+#include "tdigest_record.h"
 
 namespace {
 
@@ -87,6 +88,10 @@ void print_event(const zxref::Event &e, bool quiet) {
         for (std::size_t i = 0; i < shown; ++i) text += " " + fields[i];
         if (!e.record.payload.empty()) {
           text += " (+" + std::to_string(e.record.payload.size()) + " bytes binary)";
+        }
+        if (e.record.number == 96) {
+          const auto digest = zxref::decode_tdigest_record(e.record);
+          text += digest ? " " + zxref::describe(*digest) : " (payload is not a t-digest)";
         }
         std::printf("[%s] %s\n", kind.c_str(), zxref::printable(text, kMaxPrinted).c_str());
       }
