@@ -6,6 +6,7 @@
 // own logic. Keywords are applied on the control thread only.
 #pragma once
 
+#include <atomic>
 #include <type_traits>
 
 inline constexpr int ZX_STATUS_VALUE_SIZE = 64;
@@ -34,12 +35,13 @@ struct Server_t {
   char connDestination[ZX_CONN_DESTINATION_SIZE];
   int requestType;
 
-  // Run state.
+  // Run state. The atomic ones are read off the control thread (data thread,
+  // application threads).
   int controlCommunicationBusyFlag;
-  int InstrumentationBusy;
-  int testRunRunning;
-  int retryForDataConn;
-  int retryForAutoSensorConn;
+  std::atomic<int> InstrumentationBusy;
+  std::atomic<int> testRunRunning;
+  std::atomic<int> retryForDataConn;
+  std::atomic<int> retryForAutoSensorConn;
   int gettingstopInstrumenatation;
   int numberOfTestRunsTillNow;
   int captrueIndependentQuery;

@@ -19,8 +19,8 @@ void ZXCServerList::ensure() {
 void init_zxc_server_config() {
   retryPolicy_t &p = tlzxApplication->retry_policy;
   p.num_retry = 3;
-  p.time_interval = apr_time_from_sec(60);
-  p.health_check_request_interval = apr_time_from_sec(60);
+  p.time_interval = tlzxApplication->linkTimings.retryInterval;
+  p.health_check_request_interval = tlzxApplication->linkTimings.retryInterval;
   p.reply_unsuccessful_count = 10;
   p.heartbeat_reply_timeout_check = 6;
   p.count = 0;

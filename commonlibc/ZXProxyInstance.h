@@ -13,6 +13,7 @@
 #include <condition_variable>
 #include <memory>
 #include <mutex>
+#include <string>
 #include <vector>
 
 #include "Server.h"
@@ -20,6 +21,7 @@
 #include "ZXCServerConfig.h"
 #include "ZXDataDispatcher.h"
 #include "ZXFeatureSettings.h"
+#include "ZXSocketManager.h"
 #include "ZXSupportedProtocols.h"
 #include "ZXSys.h"
 #include "bt/ZXBTManager.h"
@@ -36,6 +38,42 @@ struct retryPolicy_t {
   int heartbeat_reply_timeout_check = 6;
   apr_interval_time_t time_interval = apr_time_from_sec(60);
   apr_interval_time_t health_check_request_interval = apr_time_from_sec(60);
+};
+
+// Read buffer of the control connection: bytes between readOffset and
+// writeOffset are received and not yet framed into lines.
+struct controlSocketBuffer_t {
+  std::unique_ptr<char[]> read_socket_buf;
+  int read_len = 0;  // capacity
+  int readOffset = 0;
+  int writeOffset = 0;
+  int readBytes = 0;
+  // Set while the rest of a line too long for the buffer is being skipped.
+  bool discardingLine = false;
+  std::string lastReply;  // the connection reply last judged
+};
+inline constexpr int ZX_CTRL_READ_BUFFER_SIZE = 262144;
+inline constexpr int ZX_HOST_TEXT_SIZE = 256;
+
+// Both ends of one connection to the collector (or the proxy).
+struct socketInfo_t {
+  char sourceIp[ZX_IP_TEXT_SIZE] = {};
+  int srcPort = 0;
+  char dstIp[ZX_HOST_TEXT_SIZE] = {};
+  int dstPort = 0;
+};
+
+// Timing of the collector link. The defaults are the protocol's; tests and
+// embedders may shorten them before the control thread starts (the retry
+// policy takes its interval from here).
+struct ZXLinkTimings_t {
+  apr_interval_time_t retryInterval = apr_time_from_sec(60);
+  apr_interval_time_t ctrlPollTimeout = apr_time_from_sec(10);
+  apr_interval_time_t connectTimeout = apr_time_from_sec(10);
+  apr_interval_time_t ctrlIoTimeout = apr_time_from_sec(10);  // a send making no progress
+  apr_interval_time_t dataConnRetryInterval = apr_time_from_sec(60);
+  apr_interval_time_t dataTick = apr_time_from_msec(100);
+  apr_interval_time_t dataIoTimeout = apr_time_from_msec(100);
 };
 
 struct processInfo_t {
@@ -137,6 +175,43 @@ struct ZXProxyInstance_t {
   apr_interval_time_t TimeOut = 0;
   int reqCount = 0, xPathCount = 0, g_tlsidx = 0, trace_level = 0;
   int zxProxyMode = 0;
+
+  // Control connection. The control thread alone reads, writes and replaces
+  // it; ctrlConnLock guards replacing `zxcCtrlSocket` against other threads
+  // calling its wakeup().
+  controlSocketBuffer_t ctrlBufInfo;
+  socketInfo_t control;
+  std::mutex ctrlConnLock;
+  std::unique_ptr<ZXConnection> zxcCtrlSocket;
+  bool askMasterZxc = false;  // the next pass uses entry 0 (cluster mode)
+  zx::OwnedString startInstMsg;
+  int processCount = 0;            // attached application processes (proxy server)
+  long long totalElapsedTime = 0;  // ms; start of the current connection
+
+  ZXLinkTimings_t linkTimings;
+
+  // Data connection and its thread. The data thread alone uses the
+  // connection; dataConnLock guards replacing `zxcDataSocket` against
+  // wakeup() from other threads. dataThreadLock serialises starting and
+  // stopping the thread (control thread, shutdown).
+  socketInfo_t dataSkt;
+  // dataEndpointLock guards dataSkt's destination and the two texts below,
+  // prepared by the control thread (identity strings may change under
+  // keywords, so the data thread never reads them itself).
+  std::mutex dataEndpointLock;
+  std::string dataRequestText;
+  std::string newConnectionRecordText;
+  std::mutex dataConnLock;
+  std::unique_ptr<ZXConnection> zxcDataSocket;
+  std::mutex dataThreadLock;
+  zx::PoolPtr data_pool;
+  apr_thread_t *data_thread_id = nullptr;
+  std::atomic<bool> dataThreadRunning{false};
+  std::atomic<int> stopDataThread{0};  // setToStopThread
+  std::mutex dataWakeMutex;            // guards dataWakeRequested; with dataWakeCond
+  std::condition_variable dataWakeCond;
+  bool dataWakeRequested = false;
+  int curBuffers = 0;
 
   // The control thread. Its waits are interruptible so that the agent can be
   // stopped (unload, tests) without waiting out a retry interval.

@@ -29,6 +29,8 @@ void ZXSysInit(ZXSys_t &sys) {
   sys.ASDataBuffMaxCount = 16;
   sys.ASDataBuffMinCount = 2;
   sys.zxcHeartBeatThreshold = 90000;
+  // Half a minute of 100 ms ticks: an idle data connection still shows life.
+  sys.zxcBciDataConnectionHeartBeat = 300;
   sys.enableDBBackendName = 0;
   sys.enableProcessNotificationPhase = 0;
   sys.enableUpdateLogMsgForTG = 0;

@@ -49,12 +49,14 @@ struct ZXSys_t {
 
   char supportedProtocolsString[ZX_SUPPORTED_PROTOCOLS_STRING_SIZE];
 
-  // Collector link state.
-  short closeCtrlConFlag;
-  short retryFlag;
-  int dataConnState;
-  int autosensorConnState;
-  long long zxcHeartBeatThreshold;
+  // Collector link state. The flags and connection states are set by the
+  // control thread and read by the data threads, hence atomic.
+  std::atomic<short> closeCtrlConFlag;
+  std::atomic<short> retryFlag;
+  std::atomic<int> dataConnState;
+  std::atomic<int> autosensorConnState;
+  long long zxcHeartBeatThreshold;    // milliseconds
+  int zxcBciDataConnectionHeartBeat;  // data-thread ticks between blank lines
 
   // Feature switches and limits (keyword table rows).
   int enableForcedFlowpathChainMode;

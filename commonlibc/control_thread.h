@@ -18,8 +18,15 @@ void *APR_THREAD_FUNC control_thread_entry_fun(apr_thread_t *thread, void *app);
 
 // Creates the thread; false (with APR's error text in `err`) on failure.
 bool start_control_thread(ZXProxyInstance_t *app, char *err, int err_len);
-// Asks the thread to stop, wakes it and joins it. Safe when never started.
+// Asks the thread to stop and wakes it from any wait; does not join.
+void request_control_stop(ZXProxyInstance_t *app);
+// Asks the thread to stop, wakes it and joins it, then stops the data
+// thread. Safe when never started.
 void stop_control_thread(ZXProxyInstance_t *app);
+
+// The connection loop: connect, live on the connection, reconnect or fail
+// over; returns only when the thread is asked to stop.
+void control_connection_loop(ZXProxyInstance_t *app);
 
 // Thread start up to the connection loop: transport choice, retry policy and
 // the configuration loop. False when stopped before a collector was known.

@@ -1,0 +1,353 @@
+#include "ZXDataThread.h"
+
+#include <apr_thread_proc.h>
+
+#include <chrono>
+#include <cstdio>
+#include <cstring>
+#include <exception>
+#include <mutex>
+#include <string>
+
+#include "ZXDataDispatcher.h"
+#include "ZXProxyInstance.h"
+#include "zxlb_mt_log.h"
+
+namespace {
+
+constexpr int kErrSize = 1024;
+constexpr int kFlushPasses = 100;
+constexpr int kHeartbeatLogEvery = 5;
+
+thread_local ZXProxyInstance_t *dataThreadApp = nullptr;
+
+// Sleeps up to `interval`; ends early on stop or a wake request.
+void dataSleep(ZXProxyInstance_t *app, apr_interval_time_t interval) {
+  std::unique_lock lk(app->dataWakeMutex);
+  app->dataWakeCond.wait_for(lk, std::chrono::microseconds(interval), [app] {
+    return app->dataWakeRequested || app->stopDataThread.load() != 0;
+  });
+  app->dataWakeRequested = false;
+}
+
+void wakeDataThread(ZXProxyInstance_t *app) {
+  {
+    std::lock_guard lk(app->dataWakeMutex);
+    app->dataWakeRequested = true;
+  }
+  app->dataWakeCond.notify_all();
+  std::lock_guard lk(app->dataConnLock);
+  if (app->zxcDataSocket) app->zxcDataSocket->wakeup();
+}
+
+// Bytes sent in one pass over the queued buffers (one send per buffer), or -1
+// when the connection broke.
+long sendPass(ZXProxyInstance_t *app, ZXConnection &conn, bool &allSent) {
+  ZXSendBufferPool &pool = app->sendBuffers;
+  long total = 0;
+  allSent = false;
+  char err[kErrSize] = {};
+  while (nioSettings_t *b = sendBufferHead(pool)) {
+    int left = b->use_len - b->send_len;
+    long n = left > 0 ? conn.send_some(b->buff + b->send_len, static_cast<std::size_t>(left), err,
+                                       sizeof err)
+                      : 0;
+    if (n < 0) {
+      ZX_CTRL_LOG(0, "Error", "Data connection send failed: %s", err);
+      return -1;
+    }
+    total += n;
+    if (markBufferSent(pool, b, static_cast<int>(n)) > 0) {
+      if (n == 0) return total;  // the collector is not reading: try next tick
+      continue;
+    }
+    if (app->stopDataThread) return total;
+  }
+  allSent = true;
+  return total;
+}
+
+// A connection broken mid-line leaves the rest of that line in the buffer
+// being sent; the new connection starts at the next whole line.
+void skipPartialLine(ZXProxyInstance_t *app) {
+  ZXSendBufferPool &pool = app->sendBuffers;
+  nioSettings_t *b = sendBufferHead(pool);
+  if (!b || b->send_len == 0 || b->buff[b->send_len - 1] == '\n') return;
+  const char *from = b->buff + b->send_len;
+  const auto *nl = static_cast<const char *>(
+      memchr(from, '\n', static_cast<std::size_t>(b->use_len - b->send_len)));
+  int skip = nl ? static_cast<int>(nl + 1 - from) : b->use_len - b->send_len;
+  markBufferSent(pool, b, skip);
+}
+
+// Connects, sends the request and record 99. False when any step failed.
+bool connectData(ZXProxyInstance_t *app) {
+  socketInfo_t dst;
+  std::string request;
+  {
+    std::lock_guard lk(app->dataEndpointLock);
+    dst = app->dataSkt;
+    request = app->dataRequestText;
+  }
+  char err[kErrSize] = {};
+  std::unique_ptr<ZXConnection> conn = zx_open_connection(
+      app->lws_active ? app->ActiveAgentProtocolIndex : ZX_PROTO_TCP, dst.dstIp, dst.dstPort,
+      app->linkTimings.connectTimeout, app->linkTimings.dataIoTimeout, err, sizeof err);
+  if (!conn) {
+    ZX_CTRL_LOG(0, "Error", "Error while creating the data connection with %s:%d. Error %s\n",
+                dst.dstIp, dst.dstPort, err);
+    return false;
+  }
+  {
+    std::lock_guard lk(app->dataConnLock);
+    app->zxcDataSocket = std::move(conn);
+  }
+  if (buff_list_init(app) != 0) {
+    ZX_CTRL_LOG(0, "Error", "Error in buff_list_init");
+    close_data_connection(app);
+    return false;
+  }
+  if (send_data_con_req_msg_to_zxc(app)) {
+    ZX_CTRL_LOG(0, "Error", "dataConnectionBreak due to send_data_con_req_msg_to_zxc() == FAIL ");
+    close_data_connection(app);
+    return false;
+  }
+  if (!dumpNewConnectionRecord(app)) {
+    close_data_connection(app);
+    return false;
+  }
+  skipPartialLine(app);
+  ZX_CTRL_LOG(0, "Info", "Data connection established with %s:%d", dst.dstIp, dst.dstPort);
+  return true;
+}
+
+void dataThreadBody(ZXProxyInstance_t *app) {
+  ZXSys_t &sys = app->ZXSys;
+  int ticksLeft = 0;
+  int written = 0;
+  while (!checkAndStopThread(app)) {
+    if (sys.dataConnState == 0) {
+      // The collector closed the data connection; it reopens it by echo.
+      close_data_connection(app);
+      dataSleep(app, app->linkTimings.dataTick);
+      continue;
+    }
+    if (!app->zxcDataSocket && !connectData(app)) {
+      dataSleep(app, app->linkTimings.dataConnRetryInterval);
+      continue;
+    }
+    // A quiet application may take minutes to fill a buffer: a tick with
+    // nothing full to send ships the partly filled one.
+    if (!sendBufferHead(app->sendBuffers)) movePartialToReadList(app->sendBuffers);
+    if (processData(app) < 0) {
+      close_data_connection(app);
+      if (sys.closeCtrlConFlag) {
+        ZX_CTRL_LOG(0, "Info",
+                    "dataConnectionBreak Control connecton already closed. Going to closing data "
+                    "thread");
+        return;
+      }
+      continue;  // reconnect at once; the retry interval applies if that fails
+    }
+    if (checkAndStopThread(app)) break;
+    dataSleep(app, app->linkTimings.dataTick);
+    handleHeartBeat(app, ticksLeft, written);
+  }
+  flushCommonData(app);
+  close_data_connection(app);
+}
+
+void *APR_THREAD_FUNC data_thread_entry(apr_thread_t *thread, void *arg) {
+  auto *app = static_cast<ZXProxyInstance_t *>(arg);
+  dataThreadApp = app;
+  try {
+    dataThreadBody(app);
+  } catch (const std::exception &e) {
+    ZX_CTRL_LOG(0, "Error", "Data thread stopped: %s", e.what());
+    close_data_connection(app);
+  }
+  dataThreadApp = nullptr;
+  app->dataThreadRunning = false;
+  apr_thread_exit(thread, APR_SUCCESS);
+  return nullptr;
+}
+
+// Joins a thread that has ended or was told to. Caller holds dataThreadLock.
+void joinDataThread(ZXProxyInstance_t *app) {
+  if (!app->data_thread_id) return;
+  apr_status_t rv = APR_SUCCESS;
+  apr_thread_join(&rv, app->data_thread_id);
+  app->data_thread_id = nullptr;
+  app->data_pool.reset();
+}
+
+}  // namespace
+
+int makeDataConnectionRequest(ZXProxyInstance_t *app, char *out, std::size_t cap) {
+  const ZXBCISetting_t &bci = app->ZXBCISetting;
+  int n = snprintf(out, cap,
+                   "zx_data_msg_req:appName=%s;appID=%d;zxAppServerID=%d;zxAppServerHost=%s;"
+                   "tierName=%s;tierID=%d;ZXCollectorIP=%s;ZXCollectorPort=%d;testIdx=%d;pid=%"
+                   "lld;agentName=%s\n\n",
+                   bci.appName.c_str(), bci.appID, bci.serverID, bci.appServerName.c_str(),
+                   bci.tierName.c_str(), bci.tierID, app->control.dstIp, app->control.dstPort,
+                   app->Server.TestRunIDValue, app->processID, app->agentName.c_str());
+  if (n < 0) return 0;
+  if (static_cast<std::size_t>(n) >= cap) {
+    // Cut identity values still leave a request line and its blank line.
+    out[cap - 3] = '\n';
+    out[cap - 2] = '\n';
+    return static_cast<int>(cap - 1);
+  }
+  return n;
+}
+
+void check_data_thread(ZXProxyInstance_t *app) {
+  // The request and the endpoint are taken now, on the control thread, for
+  // this and every later reconnection of the thread.
+  char request[4096];
+  int len = makeDataConnectionRequest(app, request, sizeof request);
+  char record[64];
+  int rlen = snprintf(record, sizeof record, "\n%d,NewConnection,FPGVersion:%.*s\n", 99,
+                      ZX_FPG_VERSION_SIZE, app->Server.fpgVID);
+  {
+    std::lock_guard lk(app->dataEndpointLock);
+    app->dataRequestText.assign(request, static_cast<std::size_t>(len));
+    app->newConnectionRecordText.assign(record, static_cast<std::size_t>(rlen));
+    snprintf(app->dataSkt.dstIp, sizeof app->dataSkt.dstIp, "%s", app->control.dstIp);
+    app->dataSkt.dstPort = app->control.dstPort;
+  }
+  std::lock_guard lk(app->dataThreadLock);
+  if (app->data_thread_id && app->dataThreadRunning && !app->stopDataThread) {
+    wakeDataThread(app);
+    return;
+  }
+  joinDataThread(app);
+  app->stopDataThread = 0;
+  app->data_pool = zx::make_pool();
+  if (!app->data_pool) return;
+  app->dataThreadRunning = true;
+  apr_threadattr_t *attr = nullptr;
+  apr_status_t rv = apr_threadattr_create(&attr, app->data_pool.get());
+  if (rv == APR_SUCCESS)
+    rv =
+        apr_thread_create(&app->data_thread_id, attr, data_thread_entry, app, app->data_pool.get());
+  if (rv != APR_SUCCESS) {
+    char err[kErrSize];
+    apr_strerror(rv, err, sizeof err);
+    ZX_CTRL_LOG(0, "Error", "Data thread not started: %s", err);
+    app->data_thread_id = nullptr;
+    app->dataThreadRunning = false;
+    app->data_pool.reset();
+    return;
+  }
+  app->ZXBCISetting.data_thread_running = 1;
+}
+
+void setToStopThread(int stop) {
+  ZXProxyInstance_t *app = tlzxApplication;
+  if (!app) return;
+  app->stopDataThread = stop;
+  if (stop) wakeDataThread(app);
+}
+
+void stop_data_thread(ZXProxyInstance_t *app) {
+  std::lock_guard lk(app->dataThreadLock);
+  if (!app->data_thread_id) return;
+  app->stopDataThread = 1;
+  wakeDataThread(app);
+  joinDataThread(app);
+  app->ZXBCISetting.data_thread_running = 0;
+}
+
+void closeDataConnectionByCollector(ZXProxyInstance_t *app) {
+  wakeDataThread(app);
+}
+
+int processData(ZXProxyInstance_t *app) {
+  ZXConnection *conn = app->zxcDataSocket.get();
+  if (!conn) return -1;
+  bool allSent = false;
+  if (sendPass(app, *conn, allSent) < 0) return -1;
+  return allSent ? 1 : 0;
+}
+
+void flushCommonData(ZXProxyInstance_t *app) {
+  ZXConnection *conn = app->zxcDataSocket.get();
+  if (!conn) return;
+  movePartialToReadList(app->sendBuffers);
+  for (int i = 0; i < kFlushPasses; ++i) {
+    bool allSent = false;
+    long n = sendPass(app, *conn, allSent);
+    if (n <= 0 || allSent) break;
+  }
+}
+
+void handleHeartBeat(ZXProxyInstance_t *app, int &ticksLeft, int &written) {
+  const int period = app->ZXSys.zxcBciDataConnectionHeartBeat;
+  if (period <= 0) return;
+  if (ticksLeft <= 0 || ticksLeft > period) ticksLeft = period;
+  if (--ticksLeft >= 1) return;
+  dumpData(app, "\n", 1);
+  if (++written >= kHeartbeatLogEvery) {
+    ZX_CTRL_LOG(1, "Info", "Heartbeat written on the data connection %d times", written);
+    written = 0;
+  }
+  ticksLeft = period;
+}
+
+bool checkAndStopThread(ZXProxyInstance_t *app) {
+  if (!app->stopDataThread) return false;
+  ZX_CTRL_LOG(0, "Info", "BCI Data thread is to be stopped. Server.isTenRecordDump = %d.",
+              app->Server.isTenRecordDump);
+  return true;
+}
+
+void close_data_connection(ZXProxyInstance_t *app) {
+  std::unique_ptr<ZXConnection> old;
+  {
+    std::lock_guard lk(app->dataConnLock);
+    old = std::move(app->zxcDataSocket);
+  }
+  if (old) ZX_CTRL_LOG(0, "Info", "Data connection closed.");
+}
+
+bool send_data_con_req_msg_to_zxc(ZXProxyInstance_t *app) {
+  std::string request;
+  {
+    std::lock_guard lk(app->dataEndpointLock);
+    request = app->dataRequestText;
+  }
+  ZX_CTRL_LOG(0, "Info", "Data connection request '%s'", request.c_str());
+  char err[kErrSize] = {};
+  if (!app->zxcDataSocket ||
+      app->zxcDataSocket->send_all(request.data(), request.size(), err, sizeof err) != 0) {
+    ZX_CTRL_LOG(0, "Error", "Unable to send data connection request: %s", err);
+    return true;
+  }
+  return false;
+}
+
+bool dumpNewConnectionRecord(ZXProxyInstance_t *app) {
+  std::string record;
+  {
+    std::lock_guard lk(app->dataEndpointLock);
+    record = app->newConnectionRecordText;
+  }
+  char err[kErrSize] = {};
+  if (!app->zxcDataSocket ||
+      app->zxcDataSocket->send_all(record.data(), record.size(), err, sizeof err) != 0) {
+    ZX_CTRL_LOG(0, "Error", "Unable to send the new-connection record: %s", err);
+    return false;
+  }
+  return true;
+}
+
+int sendBufferDataCon(const char *data, int len) {
+  ZXProxyInstance_t *app = dataThreadApp;
+  if (!data || len <= 0) return 0;
+  if (!app || !app->zxcDataSocket || app->lws_active) return dumpData(data, len);
+  char err[kErrSize] = {};
+  long n = app->zxcDataSocket->send_some(data, static_cast<std::size_t>(len), err, sizeof err);
+  return n < 0 ? -1 : static_cast<int>(n);
+}

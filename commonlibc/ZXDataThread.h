@@ -1,0 +1,44 @@
+// The data thread: one connection to the collector's data endpoint that
+// carries every record line from the send-buffer pool. Started by the control
+// thread when a run starts, it connects, sends the data request and record
+// 99, then sends filled buffers every tick until it is told to stop. A broken
+// connection is rebuilt; while the collector keeps the data connection closed
+// (dataConnState 0) it waits.
+#pragma once
+
+#include <cstddef>
+
+struct ZXProxyInstance_t;
+
+// Starts the data thread unless one runs; wakes a running one so that it
+// reconnects at once to the control connection's collector. Control thread.
+void check_data_thread(ZXProxyInstance_t *app);
+// Asks the worker threads to stop (1) or lets them run (0); does not wait.
+void setToStopThread(int stop);
+// Stops the data thread and waits for it (flushing what it can). Idempotent.
+void stop_data_thread(ZXProxyInstance_t *app);
+// The collector closed the data connection (heartbeat echo dataConnState=0).
+void closeDataConnectionByCollector(ZXProxyInstance_t *app);
+
+// Data-thread side; exposed for tests of the send path.
+// -1 without a connection or when it broke, 0 when the collector took nothing
+// within the I/O timeout, 1 when every filled buffer was sent.
+int processData(ZXProxyInstance_t *app);
+// Sends the partly filled buffer and what is queued: up to 100 send passes,
+// stopping at the first that sends nothing.
+void flushCommonData(ZXProxyInstance_t *app);
+// One tick of the data heartbeat; `ticksLeft` carries the countdown.
+void handleHeartBeat(ZXProxyInstance_t *app, int &ticksLeft, int &written);
+// True when the thread must stop (logged).
+bool checkAndStopThread(ZXProxyInstance_t *app);
+void close_data_connection(ZXProxyInstance_t *app);
+// false on success, true on failure.
+bool send_data_con_req_msg_to_zxc(ZXProxyInstance_t *app);
+// Record 99, sent first on every new data connection.
+bool dumpNewConnectionRecord(ZXProxyInstance_t *app);
+// On the data thread: straight onto the connection (bytes sent); elsewhere,
+// or without a connection, through dumpData.
+int sendBufferDataCon(const char *data, int len);
+
+// The data connection request text, with its closing blank line.
+int makeDataConnectionRequest(ZXProxyInstance_t *app, char *out, std::size_t cap);

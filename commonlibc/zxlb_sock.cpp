@@ -1,0 +1,138 @@
+#include "zxlb_sock.h"
+
+#include <apr_portable.h>
+#include <apr_strings.h>
+#include <poll.h>
+#include <sys/socket.h>
+
+#include <cerrno>
+#include <cstdio>
+
+void zxlb_strerror(apr_status_t rv, char *err, int err_len) {
+  if (err && err_len > 0) apr_strerror(rv, err, static_cast<apr_size_t>(err_len));
+}
+
+namespace {
+
+bool peer_gone(apr_status_t rv) {
+  return APR_STATUS_IS_EOF(rv) || APR_STATUS_IS_ECONNRESET(rv) || APR_STATUS_IS_EPIPE(rv) ||
+         APR_STATUS_IS_ECONNABORTED(rv) || rv == APR_FROM_OS_ERROR(ENOTCONN);
+}
+
+}  // namespace
+
+apr_status_t zxlb_tcp_connect(const char *host, int port, apr_interval_time_t timeout,
+                              apr_interval_time_t io_timeout, apr_pool_t *pool, apr_socket_t **out,
+                              char *err, int err_len) {
+  *out = nullptr;
+  if (!host || !*host || port <= 0 || port > 65535) {
+    if (err && err_len > 0)
+      snprintf(err, static_cast<size_t>(err_len), "invalid address '%s:%d'", host ? host : "",
+               port);
+    return APR_EINVAL;
+  }
+  apr_sockaddr_t *sa = nullptr;
+  apr_status_t rv =
+      apr_sockaddr_info_get(&sa, host, APR_UNSPEC, static_cast<apr_port_t>(port), 0, pool);
+  apr_socket_t *sock = nullptr;
+  if (rv == APR_SUCCESS)
+    rv = apr_socket_create(&sock, sa->family, SOCK_STREAM, APR_PROTO_TCP, pool);
+  // A positive timeout makes the connect non-blocking with APR polling for it.
+  if (rv == APR_SUCCESS) rv = apr_socket_timeout_set(sock, timeout > 0 ? timeout : 1);
+  if (rv == APR_SUCCESS) rv = apr_socket_connect(sock, sa);
+  if (rv == APR_SUCCESS) {
+    apr_socket_opt_set(sock, APR_TCP_NODELAY, 1);
+    rv = apr_socket_timeout_set(sock, io_timeout > 0 ? io_timeout : 1);
+  }
+  if (rv != APR_SUCCESS) {
+    zxlb_strerror(rv, err, err_len);
+    if (sock) apr_socket_close(sock);
+    return rv;
+  }
+  *out = sock;
+  return APR_SUCCESS;
+}
+
+namespace {
+
+// A send that never raises SIGPIPE: the host's signal disposition is not
+// ours to change, and a collector that goes away must not kill the process.
+// Waits up to the socket's timeout for room.
+long send_nosignal(apr_socket_t *sock, const char *data, apr_size_t len, apr_status_t *rv) {
+  apr_os_sock_t fd = -1;
+  apr_os_sock_get(&fd, sock);
+  apr_interval_time_t timeout = 0;
+  apr_socket_timeout_get(sock, &timeout);
+  for (int attempt = 0; attempt < 2; ++attempt) {
+    ssize_t n = ::send(fd, data, len, MSG_NOSIGNAL);
+    if (n >= 0) {
+      *rv = APR_SUCCESS;
+      return n;
+    }
+    if (errno == EINTR) {
+      --attempt;
+      continue;
+    }
+    if (errno != EAGAIN && errno != EWOULDBLOCK) {
+      *rv = APR_FROM_OS_ERROR(errno);
+      return -1;
+    }
+    if (attempt == 1) break;
+    pollfd p{fd, POLLOUT, 0};
+    int ms = timeout < 0 ? -1 : static_cast<int>((timeout + 999) / 1000);
+    int r;
+    do {
+      r = ::poll(&p, 1, ms);
+    } while (r < 0 && errno == EINTR);
+    if (r == 0) break;
+  }
+  *rv = APR_TIMEUP;
+  return 0;
+}
+
+}  // namespace
+
+long zxlb_send_some(apr_socket_t *sock, const char *data, apr_size_t len, char *err,
+                    int err_len) {
+  apr_status_t rv = APR_SUCCESS;
+  long n = send_nosignal(sock, data, len, &rv);
+  if (n > 0) return n;
+  if (rv == APR_SUCCESS || APR_STATUS_IS_TIMEUP(rv)) return 0;
+  zxlb_strerror(rv, err, err_len);
+  return peer_gone(rv) ? -1 : -2;
+}
+
+int zxlb_send_n_bytes(apr_socket_t *sock, const char *data, apr_size_t len, char *err,
+                      int err_len) {
+  while (len > 0) {
+    apr_status_t rv = APR_SUCCESS;
+    long n = send_nosignal(sock, data, len, &rv);
+    // A slow reader that takes some bytes per timeout is waited for; one that
+    // takes none within it is a failure.
+    if (n <= 0) {
+      zxlb_strerror(rv, err, err_len);
+      return -2;
+    }
+    data += n;
+    len -= static_cast<apr_size_t>(n);
+  }
+  return 0;
+}
+
+long zxlb_recv_some(apr_socket_t *sock, char *buf, apr_size_t cap, char *err, int err_len) {
+  apr_size_t n = cap;
+  apr_status_t rv = apr_socket_recv(sock, buf, &n);
+  if (n > 0) return static_cast<long>(n);
+  if (rv == APR_SUCCESS || APR_STATUS_IS_TIMEUP(rv) || APR_STATUS_IS_EAGAIN(rv)) return 0;
+  zxlb_strerror(rv, err, err_len);
+  return peer_gone(rv) ? -1 : -2;
+}
+
+void get_src_addr_wrapper(apr_socket_t *sock, char *ip, int ip_len, int *port) {
+  if (ip && ip_len > 0) ip[0] = '\0';
+  if (port) *port = 0;
+  apr_sockaddr_t *sa = nullptr;
+  if (!sock || apr_socket_addr_get(&sa, APR_LOCAL, sock) != APR_SUCCESS || !sa) return;
+  if (ip && ip_len > 0) apr_sockaddr_ip_getbuf(ip, static_cast<apr_size_t>(ip_len), sa);
+  if (port) *port = sa->port;
+}

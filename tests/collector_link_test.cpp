@@ -1,0 +1,620 @@
+// The agent's collector link against the reference collector on loopback:
+// handshake, reply rules, negotiation, failover, liveness, command framing,
+// the data connection and recovery.
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <iostream>
+#include <memory>
+#include <optional>
+#include <regex>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "ServerMessages.h"
+#include "ZXDataDispatcher.h"
+#include "ZXDataThread.h"
+#include "control_connection.h"
+#include "control_thread.h"
+#include "reference_collector.h"
+#include "test_support.h"
+
+namespace {
+
+using namespace std::chrono_literals;
+using zxref::Behaviour;
+using zxref::ConnKind;
+using zxref::ReferenceCollector;
+using zxtest::ScopedApp;
+using zxtest::ScopedEnv;
+using zxtest::TempDir;
+
+constexpr auto kWait = 10s;
+const std::string kModifyError =
+    "zx_control_rep:result=Error:<Unable to process modify message because of stop instrument "
+    "recieved or startInstrument not recieved.";
+
+const char *const kAgentEnv[] = {
+    "MOR_APP_AGENT_TIER",          "MOR_APP_AGENT_SERVER",       "MOR_APP_AGENT_INSTANCE",
+    "MOR_APP_AGENT_ZXCHOST",       "MOR_APP_AGENT_ZXCPORT",      "MOR_APP_AGENT_ZXC_COMM_PROTOCOL",
+    "MOR_APP_AGENT_ZXSAASURL",     "MOR_APP_AGENT_ZXPROJECTKEY", "MOR_APP_AGENT_BACKUPZXCHOSTNAME",
+    "MOR_APP_AGENT_BACKUPZXCPORT",
+};
+
+std::unique_ptr<ReferenceCollector> make_collector(Behaviour b = {}, std::uint16_t port = 0,
+                                                   int receive_buffer = 0) {
+  zxref::Config config;
+  config.port = port;
+  config.behaviour = std::move(b);
+  config.receive_buffer_bytes = receive_buffer;
+  auto c = std::make_unique<ReferenceCollector>(std::move(config));
+  EXPECT_TRUE(c->start()) << c->error();
+  return c;
+}
+
+auto starts = [](std::string prefix) {
+  return [prefix](std::string_view line) { return line.rfind(prefix, 0) == 0; };
+};
+
+// An agent home pointing at collectors, and the connection loop on a thread
+// of its own, as the control thread runs it.
+class LinkTest : public ::testing::Test {
+ protected:
+  LinkTest() : zxhome_("ZXHOME", home_.str().c_str()) {
+    for (const char *name : kAgentEnv) env_.push_back(std::make_unique<ScopedEnv>(name, nullptr));
+  }
+  ~LinkTest() override {
+    stop_agent();
+    // The agent's side of a failure, for whoever reads the test output.
+    if (HasFailure() && trace_) {
+      for (const char *suffix : {"_0", "_1"}) {
+        std::string log = zxtest::read_file(home_.path() / (std::string("trace.log") + suffix));
+        if (log.size() > 20000) log.erase(0, log.size() - 20000);
+        if (!log.empty()) std::cerr << "--- agent trace" << suffix << "\n" << log;
+      }
+    }
+  }
+
+  // Configures the agent for `collector` (plus `extra` settings lines) with
+  // short timings, as the control thread would before its loop.
+  ZXProxyInstance_t &configure(std::uint16_t port, const std::string &extra = "") {
+    home_.write("config/zxsettings.conf",
+                "zxcHost=127.0.0.1\nzxcPort=" + std::to_string(port) + "\n" + extra);
+    app_.emplace(home_.str());
+    ZXProxyInstance_t &a = **app_;
+    trace_.emplace(
+        zxlb_init_mt_trace_log_ex(home_.str().c_str(), "trace.log", 1, 100, a.control_pool.get()));
+    a.ZXSys.controlTraceLevel = 1;
+    ZXLinkTimings_t &t = a.linkTimings;
+    t.retryInterval = apr_time_from_msec(20);
+    t.ctrlPollTimeout = apr_time_from_msec(20);
+    t.connectTimeout = apr_time_from_sec(2);
+    t.ctrlIoTimeout = apr_time_from_sec(2);
+    t.dataConnRetryInterval = apr_time_from_msec(50);
+    t.dataTick = apr_time_from_msec(5);
+    t.dataIoTimeout = apr_time_from_msec(50);
+    a.ZXSys.bciDataBufferMaxSize = 4096;
+    a.ZXSys.dataBuffMaxCount = 16;
+    EXPECT_TRUE(control_thread_configure(&a));
+    return a;
+  }
+  ZXProxyInstance_t &app() { return **app_; }
+
+  void run_loop() {
+    loop_ = std::thread([this] { control_connection_loop(&app()); });
+  }
+  // After stop_agent (whose join makes the thread's writes visible here).
+  void restart_loop() {
+    app().stopRequested = false;
+    run_loop();
+  }
+  void stop_agent() {
+    if (!app_) return;
+    if (loop_.joinable()) {
+      request_control_stop(&app());
+      loop_.join();
+    }
+    stop_data_thread(&app());
+  }
+
+  // Starts a run and waits for the agent's answer and its record 99.
+  void start_run(ReferenceCollector &c, const std::string &pairs = "status=running") {
+    ASSERT_TRUE(c.wait_for_connections(ConnKind::Control, 1, kWait));
+    ASSERT_TRUE(c.send_start(pairs));
+    ASSERT_TRUE(
+        c.wait_for_control_line(starts("zx_control_rep:action=start_instrumentation"), kWait));
+    ASSERT_TRUE(c.wait_for_record(99, kWait));
+  }
+
+  TempDir home_;
+  ScopedEnv zxhome_;
+  std::vector<std::unique_ptr<ScopedEnv>> env_;
+  std::optional<ScopedApp> app_;
+  std::optional<zxtest::ScopedTraceKey> trace_;
+  std::thread loop_;
+};
+
+std::string escape(const std::string &s) {
+  static const std::regex special(R"([.^$|()\[\]{}*+?\\])");
+  return std::regex_replace(s, special, R"(\$&)");
+}
+
+TEST_F(LinkTest, RequestBytesAndAcceptedReply) {
+  auto c = make_collector();
+  ZXProxyInstance_t &a = configure(c->port());
+  a.ZXBCISetting.appName.assign("inst");
+  a.ZXBCISetting.agentType.assign("PHP");
+  a.ZXBCISetting.appServerName.assign("srv");
+  a.ZXBCISetting.tierName.assign("tier");
+  a.ZXBCISetting.authToken.assign("tok");
+  a.agentName.assign("agent");
+  a.processID = 4242;
+  a.agentStartTime = 1700000000123;
+  run_loop();
+  auto req = c->wait_for_control_line(starts("zx_ctrl_msg_req:"), kWait);
+  ASSERT_TRUE(req);
+  const std::string home = home_.str();
+  const std::string expected =
+      escape(
+          "zx_ctrl_msg_req:appName=inst;zxAppServerHost=srv;tierName=tier;bciVersion=4.3.0;"
+          "bciStartTime=1700000000123;zxHome=" +
+          home + ";pid=4242;BCITimeStamp=") +
+      R"(\d{13})" +
+      escape(
+          ";agentType=PHP;serverIp=127.0.0.1;hostName=srv;isAgentLess=N;jvmType=PHP;"
+          "javaVersion=1.0;javaHome=/apps/java;machineType=") +
+      R"([^;]+)" +
+      escape(
+          ";requestType=0;lastConnectionTimeStamp=0;connDuration=0;connDestination=;"
+          "agentName=agent;supportedProtocols=TCP;authtoken=tok;protoVer=1 ");
+  EXPECT_TRUE(std::regex_match(req->text, std::regex(expected))) << req->text;
+  EXPECT_EQ(a.ZXBCISetting
+                .controlConnectionReqMessage[a.ZXBCISetting.controlConnectionReqMessage_len - 1],
+            '\n');
+
+  // Accepted: the connection stays, and commands are answered on it.
+  ASSERT_TRUE(c->send_modify("x=1"));
+  auto err = c->wait_for_control_line(starts("zx_control_rep:result=Error"), kWait);
+  ASSERT_TRUE(err);
+  EXPECT_EQ(err->text + "\n", kModifyError + "\n");
+  EXPECT_EQ(err->text.size() + 1, 131u);
+  EXPECT_EQ(c->snapshot().of(ConnKind::Control).connections, 1u);
+  stop_agent();
+  EXPECT_EQ(std::string(a.Server.connDestination), "127.0.0.1:" + std::to_string(c->port()));
+}
+
+TEST(ControlRequest, SaasFormAndOverlongIdentityStillEndsTheLine) {
+  TempDir home;
+  ScopedApp app(home.str());
+  app->ZXBCISetting.saasMode = 1;
+  zxc_servers_t &e0 = app->zxc_server_arr.at_growing(0);
+  e0.saasServer = 1;
+  app->ZXBCISetting.appName.assign("inst");
+  app->ZXBCISetting.agentType.assign("PHP");
+  app->ZXBCISetting.projectKey.assign("pk");
+  app->ZXBCISetting.saasHost.assign("saas.example");
+  app->agentName.assign("agent");
+  app->processID = 7;
+  snprintf(app->ZXSys.supportedProtocolsString, sizeof app->ZXSys.supportedProtocolsString, "WSS");
+  setControlConnectionReqMessage();
+  std::string req(app->ZXBCISetting.controlConnectionReqMessage,
+                  static_cast<size_t>(app->ZXBCISetting.controlConnectionReqMessage_len));
+  std::regex expected(
+      escape("mor_saas_auth_agent_msg_req:appName=inst;agentVersion=4.3.0;agentStartTime=") +
+      R"(\d{13})" +
+      escape(";zxHome=" + home.str() +
+             ";pid=7;isAgentLess=N;jvmType=PHP;javaVersion=1.0;javaHome=/apps/"
+             "java;machineType=") +
+      R"([^;]+)" +
+      escape(";requestType=0;lastConnectionTimeStamp=0;connDuration=0;connDestination=;"
+             "projectKey=pk;protoVer=1;agentType=PHP;supportedProtocols=WSS;agentIp=saas."
+             "example;agentHostName=agent\n"));
+  EXPECT_TRUE(std::regex_match(req, expected)) << req;
+
+  e0.saasServer = 0;
+  app->ZXBCISetting.appName.assign(std::string(5000, 'n').c_str());
+  setControlConnectionReqMessage();
+  const ZXBCISetting_t &bci = app->ZXBCISetting;
+  EXPECT_EQ(bci.controlConnectionReqMessage_len, ZX_CONTROL_MSG_SIZE - 1);
+  EXPECT_EQ(bci.controlConnectionReqMessage[bci.controlConnectionReqMessage_len - 1], '\n');
+}
+
+TEST_F(LinkTest, ReplyRules) {
+  auto c = make_collector();
+  ZXProxyInstance_t &a = configure(c->port());
+  // Rejections are retried at once, without the retry interval.
+  a.retry_policy.time_interval = apr_time_from_sec(60);
+  c->update_behaviour([](Behaviour &b) { b.reply = zxref::reply::error(); });
+  run_loop();
+  ASSERT_TRUE(c->wait_for_connections(ConnKind::Control, 3, 5s));
+  stop_agent();
+
+  // NOT_RUNNING clears the data retry; the connection is kept and used.
+  Behaviour notRunning;
+  notRunning.reply = zxref::reply::not_running();
+  auto c2 = make_collector(notRunning);
+  a.zxc_server_arr.at_growing(0).zxc_port = c2->port();
+  a.Server.retryForDataConn = 1;
+  restart_loop();
+  ASSERT_TRUE(c2->wait_for_connections(ConnKind::Control, 1, kWait));
+  ASSERT_TRUE(c2->send_modify("a=1"));
+  ASSERT_TRUE(c2->wait_for_control_line(starts("zx_control_rep:result=Error"), kWait));
+  EXPECT_EQ(a.Server.retryForDataConn, 0);
+  EXPECT_EQ(c2->snapshot().of(ConnKind::Control).connections, 1u);
+}
+
+TEST(ReplyJudgement, EveryRuleInItsOrder) {
+  TempDir home;
+  ScopedApp app(home.str());
+  auto judge = [](std::string reply) { return handle_zxc_con_res_msg(reply.data()); };
+  EXPECT_EQ(judge("zx_ctrl_msg_rep:result=Ok;"), ZX_REPLY_ACCEPTED);
+  app->Server.retryForDataConn = 0;
+  EXPECT_EQ(judge("zx_ctrl_msg_rep:result=Ok;status=RUNNING"), ZX_REPLY_ACCEPTED);
+  EXPECT_EQ(app->Server.retryForDataConn, 1);
+  EXPECT_EQ(judge("zx_ctrl_msg_rep:result=Ok;status=NOT_RUNNING;"), ZX_REPLY_ACCEPTED);
+  EXPECT_EQ(app->Server.retryForDataConn, 0);
+  EXPECT_EQ(judge("zx_ctrl_msg_rep:result=Error:busy;"), ZX_REPLY_REJECTED);
+  EXPECT_EQ(judge("zx_ctrl_msg_rep:result=Okay"), ZX_REPLY_REJECTED);
+  EXPECT_EQ(judge(""), ZX_REPLY_REJECTED);
+  EXPECT_EQ(judge(std::string("\x01\xff garbage")), ZX_REPLY_REJECTED);
+  EXPECT_EQ(judge("mor_saas_auth_agent_msg_rep:status=ERROR;reason=key"), ZX_REPLY_REJECTED);
+
+  // A heartbeat echo first: its states apply, too few fields reject.
+  EXPECT_EQ(judge("zx_control_req:action=reconnect;heartBeat 3;dataConnState=0;"
+                  "AutosensorConnState=0;"),
+            ZX_REPLY_ACCEPTED);
+  EXPECT_EQ(app->ZXSys.dataConnState, 0);
+  EXPECT_EQ(app->ZXSys.autosensorConnState, 0);
+  EXPECT_EQ(judge("zx_control_req:action=reconnect;heartBeat 3"), ZX_REPLY_REJECTED);
+
+  // The SaaS endpoint names the collector to use: it becomes entry 0.
+  app->zxc_server_arr.at_growing(0).saasServer = 1;
+  EXPECT_EQ(judge("mor_saas_auth_agent_msg_rep:status=OK;zxcHost=zxc.example;zxcPort=7001;"),
+            ZX_REPLY_REJECTED);
+  const zxc_servers_t &e0 = app->zxc_server_arr.at_growing(0);
+  EXPECT_STREQ(e0.zxc_host.get(), "zxc.example");
+  EXPECT_EQ(e0.zxc_port, 7001u);
+  EXPECT_EQ(e0.saasServer, 0);
+}
+
+TEST_F(LinkTest, RunningReplyAndHeartbeatEchoAsReply) {
+  auto c = make_collector();
+  ZXProxyInstance_t &a = configure(c->port());
+  c->update_behaviour([](Behaviour &b) { b.reply = zxref::reply::running(); });
+  run_loop();
+  ASSERT_TRUE(zxtest::wait_until([&] { return a.Server.retryForDataConn == 1; }, kWait));
+
+  // An echo with too few fields as the reply closes the connection.
+  c->update_behaviour(
+      [](Behaviour &b) { b.reply = "zx_control_req:action=reconnect;heartBeat 1\n"; });
+  c->close_connections(ConnKind::Control);
+  ASSERT_TRUE(c->wait_for_closed(ConnKind::Control, 2, kWait));
+}
+
+TEST_F(LinkTest, ProtocolNegotiation) {
+  auto c = make_collector();
+  ZXProxyInstance_t &a = configure(c->port());
+  const std::string port = std::to_string(c->port());
+  // Nothing the agent supports: the TCP connection persists.
+  c->update_behaviour(
+      [](Behaviour &b) { b.reply = zxref::reply::with_protocols(zxref::reply::ok(), "WS:8080"); });
+  run_loop();
+  ASSERT_TRUE(c->wait_for_connections(ConnKind::Control, 1, kWait));
+  ASSERT_TRUE(c->send_modify("x=1"));
+  ASSERT_TRUE(c->wait_for_control_line(starts("zx_control_rep:result=Error"), kWait));
+  EXPECT_EQ(c->snapshot().of(ConnKind::Control).connections, 1u);
+
+  // Same protocol on another port: the connection is rebuilt at once.
+  c->update_behaviour([&](Behaviour &b) {
+    b.reply = zxref::reply::with_protocols(zxref::reply::ok(), "WSS:443,TCP:1");
+  });
+  c->close_connections(ConnKind::Control);
+  ASSERT_TRUE(c->wait_for_connections(ConnKind::Control, 3, kWait));
+
+  // Same protocol and port: kept.
+  c->update_behaviour([&](Behaviour &b) {
+    b.reply = zxref::reply::with_protocols(zxref::reply::ok(), "TCP:" + port);
+  });
+  ASSERT_TRUE(c->wait_for_connections(ConnKind::Control, 4, kWait));
+  size_t n = c->snapshot().of(ConnKind::Control).connections;
+  ASSERT_TRUE(c->send_modify("x=2"));
+  ASSERT_TRUE(c->wait_for_control_line(starts("zx_control_rep:result=Error"), kWait, 1));
+  EXPECT_EQ(c->snapshot().of(ConnKind::Control).connections, n);
+  stop_agent();
+  EXPECT_EQ(a.ActiveAgentProtocolIndex, ZX_PROTO_TCP);
+}
+
+TEST(ProtocolNegotiation, SwitchesToTheCollectorsFirstSharedProtocol) {
+  TempDir home;
+  ScopedApp app(home.str());
+  upDateAgentSupportedProtocolData("TCP:7892,WS:8080");
+  app->ActiveAgentProtocolIndex = ZX_PROTO_TCP;
+  app->control.dstPort = 7892;
+  EXPECT_EQ(setProtocolFromResponseMessage("zx_ctrl_msg_rep:result=Ok;supportedProtocols=WSS:443,"
+                                           "WS:8080,TCP:7892"),
+            1);
+  EXPECT_EQ(app->ActiveAgentProtocolIndex, ZX_PROTO_WS);
+  EXPECT_EQ(app->lws_active, 1);
+  EXPECT_EQ(setProtocolFromResponseMessage("zx_ctrl_msg_rep:result=Ok;"), 0);
+
+  char reply[] = "zx_ctrl_msg_rep:result=Ok;supportedProtocols=TCP:7892";
+  app->ActiveAgentProtocolIndex = ZX_PROTO_TCP;
+  EXPECT_EQ(handle_zxc_con_res_msg(reply), ZX_REPLY_ACCEPTED);
+}
+
+TEST_F(LinkTest, FailoverWalksTheListThroughTheEmptyEntry) {
+  Behaviour reject;
+  reject.reply = zxref::reply::error();
+  auto first = make_collector(reject);
+  auto backup = make_collector(reject);
+  ZXProxyInstance_t &a = configure(first->port(), "backupZxcHostName=127.0.0.1\nbackupZxcPort=" +
+                                                      std::to_string(backup->port()) + "\n");
+  a.zx_dr_state = 1;
+  ASSERT_EQ(a.ZXBCISetting.num_zxc_config, 2);
+  run_loop();
+  // 0 (rejects), 1 (rejects), 2 (empty: three failed sockets), back to 0.
+  ASSERT_TRUE(first->wait_for_connections(ConnKind::Control, 1, kWait));
+  ASSERT_TRUE(backup->wait_for_connections(ConnKind::Control, 1, kWait));
+  ASSERT_TRUE(first->wait_for_connections(ConnKind::Control, 2, kWait));
+  stop_agent();
+  auto requests = [](ReferenceCollector &c) {
+    std::vector<zxref::Clock::time_point> at;
+    for (const auto &l : c.lines(ConnKind::Control))
+      if (l.text.rfind("zx_ctrl_msg_req:", 0) == 0) at.push_back(l.received_at);
+    return at;
+  };
+  auto p = requests(*first);
+  auto b = requests(*backup);
+  ASSERT_GE(p.size(), 2u);
+  ASSERT_GE(b.size(), 1u);
+  EXPECT_LT(p[0], b[0]);
+  EXPECT_LT(b[0], p[1]);
+  if (b.size() > 1) {
+    EXPECT_GT(b[1], p[1]) << "the empty entry comes between backup and primary";
+  }
+  EXPECT_EQ(a.retry_policy.count, 3);
+  EXPECT_EQ(a.Server.requestType, 3);
+}
+
+TEST_F(LinkTest, UnansweredHeartbeatsDropTheConnection) {
+  Behaviour silent;
+  silent.echo_heartbeats = false;
+  auto c = make_collector(silent);
+  ZXProxyInstance_t &a = configure(c->port());
+  a.zx_dr_state = 1;
+  a.retry_policy.heartbeat_reply_timeout_check = 1;
+  run_loop();
+  // Ten heartbeats go out unanswered; the connection is then dropped.
+  ASSERT_TRUE(
+      c->wait_for_control_line(starts("zx_control_req:action=reconnect;heartBeat 9;"), kWait));
+  ASSERT_TRUE(c->wait_for_closed(ConnKind::Control, 1, kWait));
+  EXPECT_FALSE(
+      c->wait_for_control_line(starts("zx_control_req:action=reconnect;heartBeat 10;"), 100ms));
+  stop_agent();
+  EXPECT_EQ(a.health_check_fail, 1);
+}
+
+TEST_F(LinkTest, AnsweredHeartbeatsKeepTheConnection) {
+  auto c = make_collector();
+  ZXProxyInstance_t &a = configure(c->port());
+  a.zx_dr_state = 1;
+  a.retry_policy.heartbeat_reply_timeout_check = 1;
+  run_loop();
+  ASSERT_TRUE(c->wait_until(
+      [](const zxref::History &h) {
+        size_t n = 0;
+        for (const auto &l : h.lines_of(ConnKind::Control))
+          if (l.text.rfind("zx_control_req:action=reconnect;heartBeat", 0) == 0) ++n;
+        return n >= 30;
+      },
+      kWait));
+  EXPECT_EQ(c->snapshot().of(ConnKind::Control).connections, 1u);
+  stop_agent();
+  EXPECT_LT(a.heartbeat_count, 10);
+}
+
+TEST_F(LinkTest, SilentCollectorIsDroppedAfterTheThreshold) {
+  Behaviour silent;
+  silent.echo_heartbeats = false;
+  auto c = make_collector(silent);
+  ZXProxyInstance_t &a = configure(c->port());
+  a.ZXSys.zxcHeartBeatThreshold = 200;
+  run_loop();
+  ASSERT_TRUE(c->wait_for_connections(ConnKind::Control, 1, kWait));
+  ASSERT_TRUE(c->wait_for_closed(ConnKind::Control, 1, kWait));
+  ASSERT_TRUE(c->wait_for_connections(ConnKind::Control, 2, kWait)) << "and reconnects";
+}
+
+TEST_F(LinkTest, CommandFraming) {
+  auto c = make_collector();
+  configure(c->port());
+  run_loop();
+  ASSERT_TRUE(c->wait_for_connections(ConnKind::Control, 1, kWait));
+  auto errors = [&] {
+    size_t n = 0;
+    for (const auto &l : c->lines(ConnKind::Control))
+      if (l.text == kModifyError) ++n;
+    return n;
+  };
+  // Two commands in one read, then one command over two reads.
+  const std::string modify = zxref::command("modify", "x=1");
+  ASSERT_TRUE(c->send(ConnKind::Control, modify + modify));
+  ASSERT_TRUE(zxtest::wait_until([&] { return errors() == 2; }, kWait));
+  ASSERT_TRUE(c->send(ConnKind::Control, modify.substr(0, 10)));
+  std::this_thread::sleep_for(50ms);  // lets the first half arrive on its own
+  EXPECT_EQ(errors(), 2u);
+  ASSERT_TRUE(c->send(ConnKind::Control, modify.substr(10)));
+  ASSERT_TRUE(zxtest::wait_until([&] { return errors() == 3; }, kWait));
+
+  // Garbage, NUL bytes, a line far larger than the buffer, and a command one
+  // byte per write: the link survives and still answers.
+  ASSERT_TRUE(c->send(ConnKind::Control, std::string("\x01\x02garbage\0with nul\n", 19)));
+  ASSERT_TRUE(c->send(ConnKind::Control, std::string(600 * 1024, 'x') + "\n"));
+  zxref::SendOptions bytewise;
+  bytewise.bytes_per_write = 1;
+  ASSERT_TRUE(c->send(ConnKind::Control, modify, bytewise));
+  ASSERT_TRUE(zxtest::wait_until([&] { return errors() == 4; }, kWait));
+  EXPECT_EQ(c->snapshot().of(ConnKind::Control).connections, 1u);
+}
+
+TEST_F(LinkTest, RecordsFlowAfterStartAndStopEndsTheRun) {
+  auto c = make_collector();
+  ZXProxyInstance_t &a = configure(c->port());
+  a.ZXBCISetting.appName.assign("inst");
+  a.ZXBCISetting.appID = 3;
+  run_loop();
+  start_run(*c, "status=running;testIdx=77");
+  auto req = c->lines(ConnKind::Data);
+  ASSERT_FALSE(req.empty());
+  EXPECT_EQ(req[0].text.rfind("zx_data_msg_req:appName=inst;appID=3;", 0), 0u) << req[0].text;
+  EXPECT_NE(req[0].text.find(";testIdx=77;"), std::string::npos);
+  auto records = c->records();
+  ASSERT_FALSE(records.empty());
+  EXPECT_EQ(records[0].number, 99) << "record 99 comes first";
+  EXPECT_EQ(records[0].fields.back(), "FPGVersion:1.0");
+
+  EXPECT_EQ(dumpData("7,login,2\n", 10), 0);
+  auto r7 = c->wait_for_record(7, kWait);
+  ASSERT_TRUE(r7);
+  EXPECT_EQ(r7->fields[1], "login");
+
+  ASSERT_TRUE(c->send_stop());
+  ASSERT_TRUE(
+      c->wait_for_control_line(starts("zx_control_rep:action=stop_instrumentation"), kWait));
+  EXPECT_TRUE(c->wait_for_closed(ConnKind::Data, 1, kWait));
+  EXPECT_EQ(a.Server.InstrumentationBusy, 0);
+  // After the stop a modify is refused again.
+  ASSERT_TRUE(c->send_modify("y=1"));
+  EXPECT_TRUE(
+      c->wait_for_control_line([](std::string_view l) { return l == kModifyError; }, kWait));
+}
+
+TEST_F(LinkTest, StopWithoutARunningStatusIsIgnored) {
+  auto c = make_collector();
+  configure(c->port());
+  run_loop();
+  start_run(*c, "testIdx=1");
+  ASSERT_TRUE(c->send_stop());
+  ASSERT_TRUE(c->send_modify("z=1"));
+  ASSERT_TRUE(c->wait_for_control_line(starts("zx_control_rep:action=modify;result=Ok"), kWait));
+  for (const auto &l : c->lines(ConnKind::Control))
+    EXPECT_EQ(l.text.find("stop_instrumentation;status=stopping"), std::string::npos);
+}
+
+TEST_F(LinkTest, DataConnectionComesBackAfterTheCollectorRestarts) {
+  auto c = make_collector();
+  ZXProxyInstance_t &a = configure(c->port());
+  run_loop();
+  start_run(*c);
+  const std::uint16_t port = c->port();
+  c->stop();
+  c.reset();
+
+  auto back = make_collector({}, port);
+  ASSERT_TRUE(back->wait_for_connections(ConnKind::Control, 1, kWait));
+  ASSERT_TRUE(back->wait_for_record(99, kWait))
+      << "the run goes on without a new start; collector errors: "
+      << (back->snapshot().errors.empty() ? "" : back->snapshot().errors[0]);
+  EXPECT_EQ(dumpData("7,back,1\n", 9), 0);
+  EXPECT_TRUE(back->wait_for_record(7, kWait));
+  EXPECT_EQ(a.Server.testRunRunning, 1);
+}
+
+TEST_F(LinkTest, CollectorThatStopsReadingCostsDropsNotWaits) {
+  auto c = make_collector({}, 0, 4096);
+  ZXProxyInstance_t &a = configure(c->port());
+  run_loop();
+  start_run(*c);
+  c->update_behaviour([](Behaviour &b) { b.read_data = false; });
+  const std::string rec = "7," + std::string(200, 'r') + "\n";
+  for (int i = 0; i < 20000; ++i) dumpData(rec.data(), static_cast<int>(rec.size()));
+  EXPECT_GT(a.ZXSys.discardCount.load(), 0);
+
+  // Once it reads again the data thread catches up and sends new records.
+  c->update_behaviour([](Behaviour &b) { b.read_data = true; });
+  ASSERT_TRUE(zxtest::wait_until([&] { return dumpData("7,after,1\n", 10) == 0; }, kWait));
+  EXPECT_TRUE(c->wait_until(
+      [](const zxref::History &h) {
+        for (const auto &r : h.records)
+          if (r.number == 7 && r.fields.size() > 1 && r.fields[1] == "after") return true;
+        return false;
+      },
+      kWait));
+}
+
+TEST_F(LinkTest, HandshakeFaultsAndUnreachableCollectors) {
+  Behaviour b;
+  b.on_control_request = zxref::RequestAction::HalfReplyThenClose;
+  auto c = make_collector(b);
+  configure(c->port());
+  run_loop();
+  ASSERT_TRUE(c->wait_for_connections(ConnKind::Control, 3, kWait)) << "keeps retrying";
+  c->update_behaviour([](Behaviour &x) {
+    x.on_control_request = zxref::RequestAction::Reply;
+    x.close_on_accept = true;
+  });
+  size_t accepted = c->snapshot().accepted;
+  ASSERT_TRUE(
+      c->wait_until([&](const zxref::History &h) { return h.accepted >= accepted + 3; }, kWait));
+  stop_agent();
+
+  // A name that does not resolve: the loop retries and stops promptly.
+  app_.reset();
+  home_.write("config/zxsettings.conf", "zxcHost=no-such-host.invalid\nzxcPort=7\n");
+  app_.emplace(home_.str());
+  ASSERT_TRUE(control_thread_configure(&app()));
+  app().retry_policy.time_interval = apr_time_from_sec(60);
+  run_loop();
+  ASSERT_TRUE(zxtest::wait_until([&] { return app().retry_policy.count >= 0; }));
+  auto t0 = std::chrono::steady_clock::now();
+  stop_agent();
+  EXPECT_LT(std::chrono::steady_clock::now() - t0, 5s);
+  EXPECT_EQ(dumpData("7,x\n", 4), -99) << "no buffers before a run: dropped, never waited";
+}
+
+TEST_F(LinkTest, RerouteMovesToTheNewCollectorAndRewritesTheSettings) {
+  auto c = make_collector();
+  auto other = make_collector();
+  configure(c->port());
+  run_loop();
+  ASSERT_TRUE(c->wait_for_connections(ConnKind::Control, 1, kWait));
+  ASSERT_TRUE(c->send(ConnKind::Control,
+                      "zx_control_req:action=reroute_ctrl_con;zxcHost=127.0.0.1;"
+                      "zxcPort=" +
+                          std::to_string(other->port()) + ";\n"));
+  ASSERT_TRUE(other->wait_for_connections(ConnKind::Control, 1, kWait));
+  std::string conf = zxtest::read_file(home_.path() / "config/zxsettings.conf");
+  EXPECT_NE(conf.find("zxcPort=" + std::to_string(other->port()) + "\n"), std::string::npos);
+  EXPECT_EQ(conf.find("zxcPort=" + std::to_string(c->port()) + "\n"), std::string::npos);
+}
+
+TEST(StartInstrumentation, TimeBase) {
+  TempDir home;
+  ScopedApp app(home.str());
+  Server_t &srv = app->Server;
+  // "morEpochDiff" without "TimeStampDiff": both offsets restart, the
+  // collector's difference is forgotten.
+  srv.diffTimeFromZXC = 99;
+  srv.morEpochDiffTime = 5;
+  char start[] = "zx_control_req:action=start_instrumentation;note=morEpochDiff;";
+  handleReceivedClientMessageFromZXCollector(start);
+  EXPECT_EQ(srv.diffTimeFromZXC, 0);
+  EXPECT_EQ(srv.morEpochDiffTime, 0);
+  EXPECT_EQ(srv.originalMorEpochDiffTime, ZX_ORIGINAL_EPOCH_DIFF_MS);
+  EXPECT_EQ(srv.InstrumentationBusy, 1);
+  EXPECT_EQ(srv.numberOfTestRunsTillNow, 1);
+
+  // Without a control connection the reply fails and flags the link closed.
+  srv.diffTimeFromZXC = 0;
+  app->ZXSys.closeCtrlConFlag = 0;
+  char withDiff[] =
+      "zx_control_req:action=start_instrumentation;morEpochDiff=1000;TimeStampDiff=250;";
+  handleReceivedClientMessageFromZXCollector(withDiff);
+  EXPECT_EQ(srv.diffTimeFromZXC, 250);
+  EXPECT_EQ(srv.morEpochDiffTime, 1000000 - 250);
+  EXPECT_EQ(srv.originalMorEpochDiffTime, 1000000 - 250);
+  stop_data_thread(&*app);
+}
+
+}  // namespace
