@@ -18,6 +18,7 @@
 #include <string>
 #include <thread>
 
+#include "ZXDataDispatcher.h"
 #include "control_thread.h"
 #include "reference_collector.h"
 #include "zx_agent.h"
@@ -50,8 +51,7 @@ void write_settings(const fs::path &home, int port) {
 void print_resolved(ZXProxyInstance_t &app) {
   const ZXBCISetting_t &bci = app.ZXBCISetting;
   std::printf("== Agent identity\n");
-  std::printf("  pool=%s process=%s agentType=%s\n", gPool, gProcessName,
-              bci.agentType.c_str());
+  std::printf("  pool=%s process=%s agentType=%s\n", gPool, gProcessName, bci.agentType.c_str());
   std::printf("  tier=%s server=%s instance=%s home=%s\n", bci.tierName.c_str(),
               bci.appServerName.c_str(), bci.appName.c_str(), app.ZXSys.zxHomePath.c_str());
   std::printf("== Collector list (%d configured)\n", bci.num_zxc_config);
@@ -93,10 +93,6 @@ int main(int argc, char **argv) {
   }
 
   zxref::Config config;
-  config.observer = [](const zxref::Event &ev) {
-    if (ev.type == zxref::Event::Type::Request || ev.type == zxref::Event::Type::Line)
-      std::printf("[collector] %s\n", ev.text.c_str());
-  };
   zxref::ReferenceCollector collector(config);
   if (!collector.start()) {
     std::fprintf(stderr, "collector: %s\n", collector.error().c_str());
@@ -124,11 +120,29 @@ int main(int argc, char **argv) {
     std::this_thread::sleep_for(std::chrono::milliseconds(10));
   print_resolved(*app);
 
-  collector.wait_for_connections(zxref::ConnKind::Control, 1,
-                                 deadline - std::chrono::steady_clock::now());
+  using namespace std::chrono_literals;
+  if (collector.wait_for_connections(zxref::ConnKind::Control, 1, 10s)) {
+    // A run as the collector drives it: start, records, stop.
+    collector.send_start("status=running;testIdx=1");
+    if (collector.wait_for_record(99, 10s)) {
+      for (int i = 0; i < 3; ++i) {
+        std::string line = "7,DemoBT" + std::to_string(i) + "," + std::to_string(i + 2) + "\n";
+        dumpData(line.data(), static_cast<int>(line.size()));
+      }
+      collector.wait_until([](const zxref::History &h) { return h.records.size() >= 4; }, 10s);
+    }
+    collector.send_stop();
+    collector.wait_for_control_line(
+        [](std::string_view l) { return l.rfind("zx_control_rep:action=stop", 0) == 0; }, 10s);
+  }
   zxref::History seen = collector.snapshot();
   std::printf("== Collector received %zu connection(s), %zu record(s)\n", seen.accepted,
               seen.records.size());
+  for (const zxref::Line &l : seen.lines_of(zxref::ConnKind::Control))
+    std::printf("  control <- %s\n", zxref::printable(l.text, 160).c_str());
+  for (const zxref::Line &l : seen.lines_of(zxref::ConnKind::Data))
+    std::printf("  data    <- %s\n", zxref::printable(l.text, 160).c_str());
+  std::printf("  records dropped by the agent: %lld\n", app->ZXSys.discardCount.load());
 
   agent_shutdown();
   print_trace_logs(home);
