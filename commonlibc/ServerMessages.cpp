@@ -16,6 +16,7 @@
 #include "control_connection.h"
 #include "proxyServer/ZXProxyServer.h"
 #include "zx_agent_internal.h"
+#include "zxbt/zxbt_bt_object.h"
 #include "zxlb_mt_log.h"
 #include "zxlb_utiles.h"
 
@@ -116,6 +117,7 @@ void handleStartInstrumentation(char *message) {
   ZX_CTRL_LOG(0, "Info", "Receive msg '%s'", message);
 
   zxlb_init_all_keywords();
+  ZXBTConfigModelInit();
   ZX_CTRL_LOG(0, "Info", "Calling transfer_data_callback to pass agentTraceLevel");
 
   srv.captrueIndependentQuery = 0;

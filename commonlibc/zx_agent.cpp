@@ -24,6 +24,7 @@
 #include "proxyServer/ZXProxyServer.h"
 #include "zx_agent.h"
 #include "zx_agent_internal.h"
+#include "zxbt/zxbt_bt_object.h"
 #include "zxlb_home.h"
 #include "zxlb_mt_log.h"
 #include "zxlb_utiles.h"
@@ -570,6 +571,7 @@ extern "C" ZX_EXPORT void agent_init(char *pool, int connect_zxc, char *process_
     ZX_CTRL_LOG(0, "Info", "Proxy is running ...");
     return;
   }
+  ZXBTConfigModelInit();
   ZX_CTRL_LOG(0, "Info", "Going to start control thread ...");
   char err[1024] = {};
   if (start_control_thread(app, err, sizeof err)) {
