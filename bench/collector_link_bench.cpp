@@ -1,0 +1,81 @@
+// The data thread end to end: two producer threads hand 200-byte records to
+// dumpData while the data thread sends them to the reference collector on
+// loopback. Reports the rate at which the collector receives bytes and how
+// many records the producers had to drop.
+#include <benchmark/benchmark.h>
+
+#include <atomic>
+#include <chrono>
+#include <memory>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "ZXDataDispatcher.h"
+#include "ZXDataThread.h"
+#include "ZXProxyInstance.h"
+#include "reference_collector.h"
+
+namespace {
+
+using namespace std::chrono_literals;
+
+const std::string kRecord = "2," + std::string(197, 'r') + "\n";
+constexpr int kProducers = 2;
+constexpr int kRecordsPerProducer = 250000;  // 100 MB per round
+
+void BM_DataThreadToCollector(benchmark::State &state) {
+  zxref::Config config;
+  config.keep_history = false;
+  zxref::ReferenceCollector collector(std::move(config));
+  if (!collector.start()) {
+    state.SkipWithError("collector did not start");
+    return;
+  }
+  auto app = std::make_unique<ZXProxyInstance_t>();
+  ZXSysInit(app->ZXSys);
+  ZXBCISettingInit(app->ZXBCISetting);
+  tlzxApplication = ZXProxyInstance = app.get();
+  app->linkTimings.dataTick = apr_time_from_msec(100);
+  snprintf(app->control.dstIp, sizeof app->control.dstIp, "127.0.0.1");
+  app->control.dstPort = collector.port();
+  check_data_thread(app.get());
+  if (!collector.wait_for_connections(zxref::ConnKind::Data, 1, 10s)) {
+    state.SkipWithError("no data connection");
+    return;
+  }
+  const std::uint64_t base = collector.snapshot().of(zxref::ConnKind::Data).bytes;
+  std::uint64_t expected = base;
+  long long dropped = 0;
+  for (auto _ : state) {
+    const long long dropsBefore = app->ZXSys.discardCount.load();
+    auto t0 = std::chrono::steady_clock::now();
+    std::vector<std::thread> producers;
+    for (int p = 0; p < kProducers; ++p)
+      producers.emplace_back([] {
+        for (int i = 0; i < kRecordsPerProducer; ++i)
+          dumpData(kRecord.data(), static_cast<int>(kRecord.size()));
+      });
+    for (auto &t : producers) t.join();
+    const long long drops = app->ZXSys.discardCount.load() - dropsBefore;
+    dropped += drops;
+    expected += (static_cast<std::uint64_t>(kProducers) * kRecordsPerProducer -
+                 static_cast<std::uint64_t>(drops)) *
+                kRecord.size();
+    if (!collector.wait_until(
+            [&](const zxref::History &h) { return h.of(zxref::ConnKind::Data).bytes >= expected; },
+            60s)) {
+      state.SkipWithError("collector did not receive everything");
+      break;
+    }
+    state.SetIterationTime(
+        std::chrono::duration<double>(std::chrono::steady_clock::now() - t0).count());
+  }
+  state.SetBytesProcessed(static_cast<long long>(expected - base));
+  state.counters["dropped"] = static_cast<double>(dropped);
+  stop_data_thread(app.get());
+  tlzxApplication = ZXProxyInstance = nullptr;
+}
+BENCHMARK(BM_DataThreadToCollector)->UseManualTime()->Unit(benchmark::kMillisecond)->Iterations(10);
+
+}  // namespace
