@@ -83,16 +83,16 @@ void skipPartialLine(ZXProxyInstance_t *app) {
 // Connects, sends the request and record 99. False when any step failed.
 bool connectData(ZXProxyInstance_t *app) {
   socketInfo_t dst;
-  std::string request;
+  int protocol;
   {
     std::lock_guard lk(app->dataEndpointLock);
     dst = app->dataSkt;
-    request = app->dataRequestText;
+    protocol = app->dataProtocol;
   }
   char err[kErrSize] = {};
-  std::unique_ptr<ZXConnection> conn = zx_open_connection(
-      app->lws_active ? app->ActiveAgentProtocolIndex : ZX_PROTO_TCP, dst.dstIp, dst.dstPort,
-      app->linkTimings.connectTimeout, app->linkTimings.dataIoTimeout, err, sizeof err);
+  std::unique_ptr<ZXConnection> conn =
+      zx_open_connection(protocol, dst.dstIp, dst.dstPort, app->linkTimings.connectTimeout,
+                         app->linkTimings.dataIoTimeout, err, sizeof err);
   if (!conn) {
     ZX_CTRL_LOG(0, "Error", "Error while creating the data connection with %s:%d. Error %s\n",
                 dst.dstIp, dst.dstPort, err);
@@ -216,6 +216,7 @@ void check_data_thread(ZXProxyInstance_t *app) {
     app->newConnectionRecordText.assign(record, static_cast<std::size_t>(rlen));
     snprintf(app->dataSkt.dstIp, sizeof app->dataSkt.dstIp, "%s", app->control.dstIp);
     app->dataSkt.dstPort = app->control.dstPort;
+    app->dataProtocol = app->lws_active ? app->ActiveAgentProtocolIndex : ZX_PROTO_TCP;
   }
   std::lock_guard lk(app->dataThreadLock);
   if (app->data_thread_id && app->dataThreadRunning && !app->stopDataThread) {

@@ -195,12 +195,13 @@ struct ZXProxyInstance_t {
   // wakeup() from other threads. dataThreadLock serialises starting and
   // stopping the thread (control thread, shutdown).
   socketInfo_t dataSkt;
-  // dataEndpointLock guards dataSkt's destination and the two texts below,
+  // dataEndpointLock guards dataSkt's destination and the fields below,
   // prepared by the control thread (identity strings may change under
   // keywords, so the data thread never reads them itself).
   std::mutex dataEndpointLock;
   std::string dataRequestText;
   std::string newConnectionRecordText;
+  int dataProtocol = ZX_PROTO_TCP;
   std::mutex dataConnLock;
   std::unique_ptr<ZXConnection> zxcDataSocket;
   std::mutex dataThreadLock;
