@@ -92,7 +92,8 @@ bool connectData(ZXProxyInstance_t *app) {
   char err[kErrSize] = {};
   std::unique_ptr<ZXConnection> conn =
       zx_open_connection(protocol, dst.dstIp, dst.dstPort, app->linkTimings.connectTimeout,
-                         app->linkTimings.dataIoTimeout, err, sizeof err);
+                         app->linkTimings.dataIoTimeout, err, sizeof err,
+                         [app] { return app->stopDataThread.load() != 0; });
   if (!conn) {
     ZX_CTRL_LOG(0, "Error", "Error while creating the data connection with %s:%d. Error %s\n",
                 dst.dstIp, dst.dstPort, err);

@@ -51,14 +51,15 @@ class TcpConnection final : public ZXConnection {
 };
 
 std::unique_ptr<ZXConnection> open_tcp(const char *host, int port, apr_interval_time_t timeout,
-                                       apr_interval_time_t io_timeout, char *err, int err_len) {
+                                       apr_interval_time_t io_timeout, char *err, int err_len,
+                                       const std::function<bool()> &abandon) {
   zx::PoolPtr pool = zx::make_pool();
   if (!pool) {
     if (err && err_len > 0) snprintf(err, static_cast<size_t>(err_len), "no memory for a pool");
     return nullptr;
   }
   apr_socket_t *sock = nullptr;
-  if (zxlb_tcp_connect(host, port, timeout, io_timeout, pool.get(), &sock, err, err_len) !=
+  if (zxlb_tcp_connect(host, port, timeout, io_timeout, pool.get(), &sock, err, err_len, abandon) !=
       APR_SUCCESS)
     return nullptr;
   apr_pollset_t *pollset = nullptr;
@@ -84,8 +85,10 @@ std::unique_ptr<ZXConnection> open_tcp(const char *host, int port, apr_interval_
 std::unique_ptr<ZXConnection> zx_open_connection(int protocol, const char *host, int port,
                                                  apr_interval_time_t timeout,
                                                  apr_interval_time_t io_timeout, char *err,
-                                                 int err_len) {
-  if (protocol == ZX_PROTO_TCP) return open_tcp(host, port, timeout, io_timeout, err, err_len);
+                                                 int err_len,
+                                                 const std::function<bool()> &abandon) {
+  if (protocol == ZX_PROTO_TCP)
+    return open_tcp(host, port, timeout, io_timeout, err, err_len, abandon);
   if (err && err_len > 0)
     snprintf(err, static_cast<size_t>(err_len), "no transport for protocol %d (%s)", protocol,
              protocolNameFromCode(protocol));

@@ -10,6 +10,7 @@
 #include <apr_poll.h>
 
 #include <cstddef>
+#include <functional>
 #include <memory>
 
 #include "zxlb_apr.h"
@@ -46,9 +47,11 @@ class ZXConnection {
 };
 
 // Opens a connection with `protocol` (1 TCP, 2 WS, 3 WSS) to host:port within
-// `timeout`; `io_timeout` bounds each later send. Null with the reason in
-// `err` on failure.
+// `timeout`; `io_timeout` bounds each later send. `abandon`, polled while the
+// connect is pending, ends it early (a stop). Null with the reason in `err`
+// on failure.
 std::unique_ptr<ZXConnection> zx_open_connection(int protocol, const char *host, int port,
                                                  apr_interval_time_t timeout,
                                                  apr_interval_time_t io_timeout, char *err,
-                                                 int err_len);
+                                                 int err_len,
+                                                 const std::function<bool()> &abandon = {});

@@ -49,9 +49,9 @@ bool starts_with(const char *text, std::string_view prefix) {
 int create_control_conn(ZXProxyInstance_t *app, const char *host, int port, char *err,
                         int err_len) {
   int protocol = app->lws_active ? app->ActiveAgentProtocolIndex : ZX_PROTO_TCP;
-  std::unique_ptr<ZXConnection> conn =
-      zx_open_connection(protocol, host, port, app->linkTimings.connectTimeout,
-                         app->linkTimings.ctrlIoTimeout, err, err_len);
+  std::unique_ptr<ZXConnection> conn = zx_open_connection(
+      protocol, host, port, app->linkTimings.connectTimeout, app->linkTimings.ctrlIoTimeout, err,
+      err_len, [app] { return app->stopRequested.load(); });
   if (!conn) return -1;
   socketInfo_t &c = app->control;
   copy_text(c.sourceIp, conn->source().ip);

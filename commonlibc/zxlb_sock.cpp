@@ -2,9 +2,12 @@
 
 #include <apr_portable.h>
 #include <apr_strings.h>
+#include <arpa/inet.h>
+#include <netinet/in.h>
 #include <poll.h>
 #include <sys/socket.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdio>
 
@@ -21,9 +24,39 @@ bool peer_gone(apr_status_t rv) {
 
 }  // namespace
 
+namespace {
+
+constexpr int kConnectSliceMs = 50;
+
+// Waits for a non-blocking connect in short slices so that `abandon` (a stop
+// request) ends the wait within a slice: a host's exit must not wait out a
+// connect timeout.
+apr_status_t finish_connect(apr_socket_t *sock, apr_interval_time_t timeout,
+                            const std::function<bool()> &abandon) {
+  apr_os_sock_t fd = -1;
+  apr_os_sock_get(&fd, sock);
+  const apr_time_t deadline = apr_time_now() + (timeout > 0 ? timeout : 1);
+  for (;;) {
+    if (abandon && abandon()) return APR_ECONNABORTED;
+    apr_interval_time_t left = deadline - apr_time_now();
+    if (left <= 0) return APR_TIMEUP;
+    int ms = static_cast<int>(std::min<apr_interval_time_t>((left + 999) / 1000, kConnectSliceMs));
+    pollfd p{fd, POLLOUT, 0};
+    int r = ::poll(&p, 1, ms);
+    if (r < 0 && errno != EINTR) return APR_FROM_OS_ERROR(errno);
+    if (r <= 0) continue;
+    int soerr = 0;
+    socklen_t len = sizeof soerr;
+    if (::getsockopt(fd, SOL_SOCKET, SO_ERROR, &soerr, &len) != 0) return APR_FROM_OS_ERROR(errno);
+    return soerr == 0 ? APR_SUCCESS : APR_FROM_OS_ERROR(soerr);
+  }
+}
+
+}  // namespace
+
 apr_status_t zxlb_tcp_connect(const char *host, int port, apr_interval_time_t timeout,
                               apr_interval_time_t io_timeout, apr_pool_t *pool, apr_socket_t **out,
-                              char *err, int err_len) {
+                              char *err, int err_len, const std::function<bool()> &abandon) {
   *out = nullptr;
   if (!host || !*host || port <= 0 || port > 65535) {
     if (err && err_len > 0)
@@ -37,9 +70,13 @@ apr_status_t zxlb_tcp_connect(const char *host, int port, apr_interval_time_t ti
   apr_socket_t *sock = nullptr;
   if (rv == APR_SUCCESS)
     rv = apr_socket_create(&sock, sa->family, SOCK_STREAM, APR_PROTO_TCP, pool);
-  // A positive timeout makes the connect non-blocking with APR polling for it.
-  if (rv == APR_SUCCESS) rv = apr_socket_timeout_set(sock, timeout > 0 ? timeout : 1);
-  if (rv == APR_SUCCESS) rv = apr_socket_connect(sock, sa);
+  // Timeout 0: a non-blocking connect that finish_connect waits for.
+  if (rv == APR_SUCCESS) rv = apr_socket_timeout_set(sock, 0);
+  if (rv == APR_SUCCESS) {
+    rv = apr_socket_connect(sock, sa);
+    if (APR_STATUS_IS_EINPROGRESS(rv) || APR_STATUS_IS_EAGAIN(rv))
+      rv = finish_connect(sock, timeout, abandon);
+  }
   if (rv == APR_SUCCESS) {
     apr_socket_opt_set(sock, APR_TCP_NODELAY, 1);
     rv = apr_socket_timeout_set(sock, io_timeout > 0 ? io_timeout : 1);
@@ -92,8 +129,7 @@ long send_nosignal(apr_socket_t *sock, const char *data, apr_size_t len, apr_sta
 
 }  // namespace
 
-long zxlb_send_some(apr_socket_t *sock, const char *data, apr_size_t len, char *err,
-                    int err_len) {
+long zxlb_send_some(apr_socket_t *sock, const char *data, apr_size_t len, char *err, int err_len) {
   apr_status_t rv = APR_SUCCESS;
   long n = send_nosignal(sock, data, len, &rv);
   if (n > 0) return n;
@@ -131,8 +167,26 @@ long zxlb_recv_some(apr_socket_t *sock, char *buf, apr_size_t cap, char *err, in
 void get_src_addr_wrapper(apr_socket_t *sock, char *ip, int ip_len, int *port) {
   if (ip && ip_len > 0) ip[0] = '\0';
   if (port) *port = 0;
-  apr_sockaddr_t *sa = nullptr;
-  if (!sock || apr_socket_addr_get(&sa, APR_LOCAL, sock) != APR_SUCCESS || !sa) return;
-  if (ip && ip_len > 0) apr_sockaddr_ip_getbuf(ip, static_cast<apr_size_t>(ip_len), sa);
-  if (port) *port = sa->port;
+  apr_os_sock_t fd = -1;
+  if (!sock || apr_os_sock_get(&fd, sock) != APR_SUCCESS) return;
+  // Asked of the kernel: APR's own record is filled only by its blocking connect.
+  sockaddr_storage ss{};
+  socklen_t len = sizeof ss;
+  if (::getsockname(fd, reinterpret_cast<sockaddr *>(&ss), &len) != 0) return;
+  const void *addr = nullptr;
+  int p = 0;
+  if (ss.ss_family == AF_INET) {
+    const auto *in = reinterpret_cast<const sockaddr_in *>(&ss);
+    addr = &in->sin_addr;
+    p = ntohs(in->sin_port);
+  } else if (ss.ss_family == AF_INET6) {
+    const auto *in6 = reinterpret_cast<const sockaddr_in6 *>(&ss);
+    addr = &in6->sin6_addr;
+    p = ntohs(in6->sin6_port);
+  } else {
+    return;
+  }
+  if (ip && ip_len > 0 && !inet_ntop(ss.ss_family, addr, ip, static_cast<socklen_t>(ip_len)))
+    ip[0] = '\0';
+  if (port) *port = p;
 }

@@ -5,12 +5,15 @@
 #include <apr_network_io.h>
 #include <apr_pools.h>
 
-// Resolves `host` and connects within `timeout`. On success the socket is
-// left with `io_timeout` for later sends and receives. APR_SUCCESS, or the
-// failing status with its text in `err`.
+#include <functional>
+
+// Resolves `host` and connects within `timeout`, giving up early once
+// `abandon` (when given) returns true. On success the socket is left with
+// `io_timeout` for later sends and receives. APR_SUCCESS, or the failing
+// status with its text in `err`.
 apr_status_t zxlb_tcp_connect(const char *host, int port, apr_interval_time_t timeout,
                               apr_interval_time_t io_timeout, apr_pool_t *pool, apr_socket_t **out,
-                              char *err, int err_len);
+                              char *err, int err_len, const std::function<bool()> &abandon = {});
 
 // Sends all `len` bytes: 0, or -2 with the reason in `err` (timeouts included).
 int zxlb_send_n_bytes(apr_socket_t *sock, const char *data, apr_size_t len, char *err, int err_len);

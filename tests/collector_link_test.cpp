@@ -573,6 +573,19 @@ TEST_F(LinkTest, HandshakeFaultsAndUnreachableCollectors) {
   EXPECT_EQ(dumpData("7,x\n", 4), -99) << "no buffers before a run: dropped, never waited";
 }
 
+TEST_F(LinkTest, StopDoesNotWaitOutAPendingConnect) {
+  // An address that black-holes the handshake (where the network lets it
+  // pend at all): the stop must not wait the 30 s connect timeout.
+  ZXProxyInstance_t &a = configure(9);
+  a.zxc_server_arr.at_growing(0).zxc_host.assign("10.255.255.1");
+  a.linkTimings.connectTimeout = apr_time_from_sec(30);
+  run_loop();
+  std::this_thread::sleep_for(200ms);  // lets the connect begin
+  auto t0 = std::chrono::steady_clock::now();
+  stop_agent();
+  EXPECT_LT(std::chrono::steady_clock::now() - t0, 2s);
+}
+
 TEST_F(LinkTest, RerouteMovesToTheNewCollectorAndRewritesTheSettings) {
   auto c = make_collector();
   auto other = make_collector();
