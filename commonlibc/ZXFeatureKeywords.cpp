@@ -4,6 +4,7 @@
 
 #include "Server.h"
 #include "ZXFileBasedKeywords.h"
+#include "ZXMethodManager.h"
 #include "ZXProxyInstance.h"
 #include "zxlb_mt_log.h"
 
@@ -17,9 +18,8 @@ void setFileBasedKeywd(char *value, char *keyword, int index) {
 }
 
 void setInstProfile(char *value, char *keyword, int index) {
-  // The method table takes the profile when it is built; until then the
-  // latest values are kept here.
   storeFeatureKeyword(value, keyword, index);
+  setInstrProfileKeyword(keyword, value);
 }
 
 void parseMorEpochDiff(char *value, char *, int) {

@@ -30,6 +30,10 @@
 #include "zxlb_apr.h"
 #include "zxlb_owned_string.h"
 
+#include "ZXMethodManager.h"
+#include "ZXRunTimeChangeHandle.h"
+#include "flowpath/ZXManageTIdToTLocal.h"
+
 struct retryPolicy_t {
   char version[32] = {};
   char num_retry = 3;
@@ -159,6 +163,26 @@ struct ZXProxyInstance_t {
   ZXBTRules btRules;
   ZXBTManager btManager;
   ZXBTMonitor_t btMonitor;
+
+  // Transaction tracing: per-thread slots and the method table.
+  // tlsMutex guards the free and busy lists, both counters, tlsBlocks,
+  // tlsdatastruct with size_array, and g_tlsidx (below) after start-up.
+  zx::NestedMutex tlsMutex;
+  int gFreeTLSCnt = 0, gBusyTLSCnt = 0;
+  ZXPerThreadData_t *gFreeTLSHead = nullptr, *gFreeTLSTail = nullptr;
+  ZXPerThreadData_t *gBusyTLSHead = nullptr, *gBusyTLSTail = nullptr;
+  std::vector<std::unique_ptr<ZXPerThreadData_t[]>> tlsBlocks;  // never shrinks
+  std::unique_ptr<TLSDataStruct[]> tlsdatastruct;              // hotspot capture only
+  int size_array = 0;
+  // threadLocalMutex guards threadIdToThreadLocal.
+  zx::NestedMutex threadLocalMutex;
+  ZXThreadIdMap threadIdToThreadLocal;
+  // methodEntryLock (above) guards both nodes, the retirement list and
+  // methodIDGlobal; instrProfileInfo is the control thread's.
+  ZXMethodNodePtr methodHashMapNode;
+  ZXMethodNodePtr methodHashMapNodeTemp;
+  ZXRetirementList methodNodeRetirement;
+  ZXInstrProfileInfo_t instrProfileInfo;
 
   // Defaults of initializeZXApplicationGlobal.
   int maxBuffersAS = 0;

@@ -21,6 +21,7 @@
 #include <string>
 
 #include "control_thread.h"
+#include "flowpath/zxlb_mem_pool.h"
 #include "proxyServer/ZXProxyServer.h"
 #include "zx_agent.h"
 #include "zx_agent_internal.h"
@@ -556,6 +557,7 @@ extern "C" ZX_EXPORT void agent_init(char *pool, int connect_zxc, char *process_
   if (connect_zxc <= 0) return;
 
   app->controlThreadTmpLock.create(app->control_pool.get());
+  initPerThreadSlots(app);
   app->processID = static_cast<long long>(getpid());
   app->agentStartTime = my_gettimeofday();
   app->ZXSys.rSeq = 0;

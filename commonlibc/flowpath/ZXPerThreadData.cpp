@@ -1,0 +1,35 @@
+#include "flowpath/ZXPerThreadData.h"
+
+#include <mutex>
+
+#include "ZXProxyInstance.h"
+
+void resetAllThreadLocals(ZXPerThreadData_t *r, ZXProxyInstance_t *app) {
+  if (!r) return;
+  r->flowpathInstance = r->firstFlowpathInstance = r->prevFlowpathInstance = 0;
+  r->fpStartTimeforReset = 0;
+  r->httpCallOutDepth = 0;
+  r->tlBTObj = nullptr;
+  r->seqNum = r->tlTestRunNumber = 0;
+  r->tlServiceMethodCount = r->tlNonServiceMethodCount = 0;
+  r->sequenceBlobLen = 0;
+  r->tlFlowPathTimeStampInMS = r->tlFpCPUTime = r->tlDuration = 0;
+  r->agentThreadID = r->syncTime = r->waitTime = 0;
+  r->bitFlags = r->tlFlowpathType = 0;
+  r->tlIsFPCaptured = r->tlIsBTExcluded = r->tlIsForceDump = 0;
+  r->tlIsFPHeaderDumped = r->tlLogCompleteFlowPath = r->tlCategory = r->setEndFPFlag = 0;
+  r->tlCorrelationIdHeader[0] = '\0';
+  r->sequenceBlob[0] = '\0';
+  r->tlURL[0] = r->tlURLParameters[0] = '\0';
+  r->flowpathInstanceStr[0] = '\0';
+  r->tlStatusCode = 200;
+  r->qTimeInMS = -1;
+  // The text is the record's own copy (setTierCallOut made it), so it is freed
+  // here rather than dropped: a dropped copy would leak once per chained
+  // flowpath.
+  r->prevTierSeq.reset();
+  if (!app) return;
+  std::lock_guard lk(app->tlsMutex);
+  if (app->tlsdatastruct && r->tlsIdx >= 0 && r->tlsIdx < app->size_array)
+    app->tlsdatastruct[r->tlsIdx] = TLSDataStruct{};
+}

@@ -1,0 +1,101 @@
+// The per-thread record: everything one flowpath in progress keeps on the
+// thread that runs it.
+//
+// Records live in blocks of 64 taken from the slot pool (zxlb_mem_pool.h) or,
+// for threads that a traced thread starts, in the thread-id map
+// (ZXManageTIdToTLocal.h). Value-initialising a record zeroes it: every field
+// has a zero default. A record belongs to its thread while busy; only the
+// blob and the BT object are touched by other threads (a call-out thread, the
+// hotspot sampler), under sequenceBlobLock and updateBTLock.
+#pragma once
+
+#include <memory>
+
+#include "zxlb_apr.h"
+#include "zxlb_owned_string.h"
+
+struct BTObject;
+struct ZXSQLProperties_t;
+struct ZXMonitorDataModel;
+struct node_t;
+struct ZXProxyInstance_t;
+
+inline constexpr int ZX_SEQ_BLOB_SIZE = 16384;
+inline constexpr int ZX_CORRELATION_ID_SIZE = 128;
+inline constexpr int ZX_TL_URL_SIZE = 512;
+inline constexpr int ZX_FPI_STR_SIZE = 32;
+inline constexpr int ZX_DEBUG_MODE_BUF_SIZE = 128;
+
+struct ZXPerThreadData_t {
+  char tlIsFPCaptured = 0;
+  char tlIsBTExcluded = 0;
+  char tlIsForceDump = 0;
+  zx::OwnedString prevTierSeq;
+  char tlCorrelationIdHeader[ZX_CORRELATION_ID_SIZE] = {};
+  char tlLogCompleteFlowPath = 0;
+  char sequenceBlob[ZX_SEQ_BLOB_SIZE] = {};
+  char tlIsFPHeaderDumped = 0;
+  char tlCategory = 0;
+  char tlURL[ZX_TL_URL_SIZE] = {};
+  char tlURLParameters[ZX_TL_URL_SIZE] = {};
+  int tlStatusCode = 0;  // -3: a child thread primed by its parent
+  int tlServiceMethodDepth = 0, tlServiceMethodCount = 0;
+  int sequenceBlobLen = 0;
+  int tlNonServiceMethodCount = 0;
+  int httpCallOutDepth = 0;
+  char flowpathInstanceStr[ZX_FPI_STR_SIZE] = {};
+  long long flowpathInstance = 0;
+  long long tlsIdx = 0;  // unique slot number in the process (g_tlsidx)
+  long long seqNum = 0;
+  long long tlTestRunNumber = 0;
+  long long tlFlowPathTimeStampInMS = 0;
+  long long tlThreadId = 0;
+  long long tlFpCPUTime = 0, tlDuration = 0;
+  long long firstFlowpathInstance = 0, prevFlowpathInstance = 0;
+  long long tlTierStartTime = 0;
+  // Last call-out header built; capacity in tierCallOutHeaderLen.
+  std::unique_ptr<char[]> tierCallOutHeader;
+  int tierCallOutHeaderLen = 0;
+  long long tierCallOutSeqNum = 0;
+  BTObject *tlBTObj = nullptr;
+  ZXSQLProperties_t *tlSQLObj = nullptr;
+  ZXMonitorDataModel *tlMonitorDataModel = nullptr;
+  // The method-table node this flowpath holds a reference on.
+  node_t *hasMapNodePtr = nullptr;
+  // Pool links; tlsMutex guards them and isBusy.
+  ZXPerThreadData_t *free_next = nullptr, *free_prev = nullptr;
+  ZXPerThreadData_t *busy_next = nullptr, *busy_prev = nullptr;
+  char isBusy = 0;  // on the busy list: guards against giving a slot back twice
+  char setEndFPFlag = 0;
+  long long zxSessionId = 0;
+  long long prev_fp_start_time = 0;
+  int instrumented = 0, btCategory = 0, exceptionCount = 0, totalFpcount = 0;
+  int tierID = 0, zxAppServerID = 0, appID = 0, tlFlowpathType = 0;
+  long long morSID = 0, ZXPageID = 0, last_fptimestamp_from_cookie = 0;
+  long long agentThreadID = 0, syncTime = 0, waitTime = 0;
+  long long qTimeInMS = 0;  // -1: unknown
+  int debugModeLen = 0;
+  char debugModeBuf[ZX_DEBUG_MODE_BUF_SIZE] = {};
+  int bitFlags = 0;
+  zx::NestedMutex sequenceBlobLock, updateBTLock;
+  // Exception being recorded (filled by exception capture).
+  zx::OwnedString excepMessage;
+  char dumpERecordFlag = 0;
+  unsigned long long unwindfID = 0;
+  int exceptionFlagForEventType = 0;
+  zx::OwnedString excepClassName, throwingCName, throwingMName, exceptionBackendName,
+      exceptionStackTrace;
+  long long fpStartTimeforReset = 0;
+  int prevPID = 0, isBTOverride = 0;
+};
+
+// One entry per slot number, for the hotspot sampler.
+struct TLSDataStruct {
+  ZXPerThreadData_t *Tlsdata;
+  long long threadId;
+  unsigned long long timestamp;
+};
+
+// Clears the record's transaction fields (not its identity, locks, links or
+// monitor model) and zeroes its tlsdatastruct entry under tlsMutex.
+void resetAllThreadLocals(ZXPerThreadData_t *record, ZXProxyInstance_t *app);

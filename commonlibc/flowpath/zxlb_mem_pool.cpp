@@ -1,0 +1,187 @@
+#include "flowpath/zxlb_mem_pool.h"
+
+#include <algorithm>
+#include <mutex>
+#include <new>
+
+#include "ZXDataThread.h"
+#include "ZXProxyInstance.h"
+#include "flowpath/ZXManageTIdToTLocal.h"
+#include "zxlb_mt_log.h"
+
+#define ZX_FP_LOG(above, severity, ...)                                                   \
+  ZX_LOG_IF(tlzxApplication && tlzxApplication->ZXSys.fpTraceLevel > (above), "FLOWPATH", \
+            severity, __VA_ARGS__)
+
+namespace {
+
+bool hotspotCaptureOn(const ZXProxyInstance_t *app) {
+  return app->ZXSys.zxEnableTxHotspot == 1;
+}
+
+// Makes tlsdatastruct hold g_tlsidx entries, keeping the old ones. Caller
+// holds tlsMutex. On failure the array is dropped, as the sampler then has
+// nothing to read rather than a short array.
+void growTlsDataStruct(ZXProxyInstance_t *app, const char *what) {
+  const int want = app->g_tlsidx;
+  if (app->tlsdatastruct && app->size_array >= want) return;
+  std::unique_ptr<TLSDataStruct[]> grown(new (std::nothrow) TLSDataStruct[want]());
+  if (!grown) {
+    ZX_LOG_OOM(static_cast<long long>(want) * sizeof(TLSDataStruct), what, -1);
+    app->tlsdatastruct.reset();
+    app->size_array = 0;
+    return;
+  }
+  if (app->tlsdatastruct) std::copy_n(app->tlsdatastruct.get(), app->size_array, grown.get());
+  app->tlsdatastruct = std::move(grown);
+  app->size_array = want;
+}
+
+}  // namespace
+
+ZXPerThreadData_t *create_tls_pool(ZXProxyInstance_t *app, int loc_BusyTLSCnt) {
+  if (!app) return nullptr;
+  app->tlsMutex.create(app->control_pool.get());
+  if (hotspotCaptureOn(app) && !app->tlsdatastruct)
+    growTlsDataStruct(app, "Create tls data structure for hotspot");
+
+  std::unique_ptr<ZXPerThreadData_t[]> block(new (std::nothrow)
+                                                 ZXPerThreadData_t[ZX_TLS_BLOCK_SIZE]());
+  if (!block) {
+    ZX_LOG_OOM(sizeof(ZXPerThreadData_t) * ZX_TLS_BLOCK_SIZE,
+               "Create TLS pool of ZXPerThreadData_t", -1);
+    return nullptr;
+  }
+  // In an application process of proxy mode the engine runs in the proxy,
+  // so records there need neither locks nor monitor models.
+  const bool engineHere = app->ZXSys.proxyMode != 1;
+  for (int i = 0; i < ZX_TLS_BLOCK_SIZE; ++i) {
+    ZXPerThreadData_t &r = block[i];
+    r.tlsIdx = app->g_tlsidx++;
+    if (engineHere) {
+      r.sequenceBlobLock.create(app->control_pool.get());
+      r.updateBTLock.create(app->control_pool.get());
+    }
+    r.free_next = i + 1 < ZX_TLS_BLOCK_SIZE ? &block[i + 1] : nullptr;
+    r.tlThreadId = static_cast<long long>(loc_BusyTLSCnt) + i + 1;
+    r.tlStatusCode = 200;
+    r.qTimeInMS = -1;
+  }
+  app->gFreeTLSTail = &block[ZX_TLS_BLOCK_SIZE - 1];
+  app->gFreeTLSCnt += ZX_TLS_BLOCK_SIZE;
+  ZXPerThreadData_t *head = block.get();
+  try {
+    app->tlsBlocks.push_back(std::move(block));
+  } catch (const std::bad_alloc &) {
+    // The block stays reachable through the free list; only its owner slot
+    // is missing, so it is kept alive on purpose rather than freed under use.
+    (void)block.release();
+  }
+  return head;
+}
+
+ZXPerThreadData_t *create_tls_pool(int loc_BusyTLSCnt) {
+  return create_tls_pool(tlzxApplication, loc_BusyTLSCnt);
+}
+
+ZXPerThreadData_t *get_free_tls_slot(ZXProxyInstance_t *app) {
+  if (!app) return nullptr;
+  std::lock_guard lk(app->tlsMutex);
+  bool made = false;
+  if (!app->gFreeTLSHead) {
+    app->gFreeTLSHead = create_tls_pool(app, app->gBusyTLSCnt);
+    made = app->gFreeTLSHead != nullptr;
+  }
+  if (hotspotCaptureOn(app) && (made || !app->tlsdatastruct))
+    growTlsDataStruct(app, "Reallocating tlsdata");
+  ZXPerThreadData_t *r = app->gFreeTLSHead;
+  if (!r) return nullptr;
+
+  // gFreeTLSTail stays where it is, even when this empties the list.
+  app->gFreeTLSHead = r->free_next;
+  r->free_next = r->free_prev = nullptr;
+  app->gFreeTLSCnt -= 1;
+
+  if (app->gBusyTLSTail) {
+    app->gBusyTLSTail->busy_next = r;
+    r->busy_prev = app->gBusyTLSTail;
+    r->busy_next = nullptr;
+    app->gBusyTLSTail = r;
+  } else {
+    r->busy_next = r->busy_prev = nullptr;
+    app->gBusyTLSHead = app->gBusyTLSTail = r;
+  }
+  r->isBusy = 1;
+  app->gBusyTLSCnt += 1;
+  if (!app->tlsdatastruct) app->size_array = app->g_tlsidx;
+  return r;
+}
+
+ZXPerThreadData_t *get_free_tls_slot() {
+  return get_free_tls_slot(tlzxApplication);
+}
+
+void free_tls_slot(ZXProxyInstance_t *app, ZXPerThreadData_t *r) {
+  if (!app || !r) {
+    ZX_LOG_IF(true, "FLOWPATH", "Error", "Null argument is passed, hence returning");
+    return;
+  }
+  std::lock_guard lk(app->tlsMutex);
+  if (!r->isBusy) {
+    ZX_FP_LOG(0, "Warning", "Slot %lld is not busy, hence not freed again", r->tlsIdx);
+    return;
+  }
+  r->isBusy = 0;
+  app->gFreeTLSCnt += 1;
+  app->gBusyTLSCnt -= 1;
+
+  // Behind the tail, which may be a busy record (see the header): then this
+  // slot is out of reach until the pool is gone.
+  ZXPerThreadData_t *oldTail = app->gFreeTLSTail;
+  if (oldTail) oldTail->free_next = r;
+  r->free_prev = oldTail;
+  r->free_next = nullptr;
+  app->gFreeTLSTail = r;
+  if (!app->gFreeTLSHead && !oldTail) app->gFreeTLSHead = r;
+
+  if (app->gBusyTLSHead == r) app->gBusyTLSHead = r->busy_next;
+  if (app->gBusyTLSTail == r) app->gBusyTLSTail = r->busy_prev;
+  if (r->busy_prev) r->busy_prev->busy_next = r->busy_next;
+  if (r->busy_next) r->busy_next->busy_prev = r->busy_prev;
+  r->busy_next = r->busy_prev = nullptr;
+}
+
+void free_tls_slot(ZXPerThreadData_t *r) {
+  free_tls_slot(tlzxApplication, r);
+}
+
+void dumpFpFromBusyList(ZXProxyInstance_t *app, ZXIncompleteFPWriter writer, void *user) {
+  if (!app) return;
+  ZXPerThreadData_t *r = nullptr;
+  {
+    std::lock_guard lk(app->tlsMutex);
+    r = app->gBusyTLSHead;
+  }
+  if (!r) {
+    ZX_FP_LOG(0, "Info", "gBusyTLSHead is null. Hence returning.");
+    return;
+  }
+  while (r) {
+    if (writer) writer(r, user);
+    resetAllThreadLocals(r, app);
+    free_tls_slot(app, r);
+    std::lock_guard lk(app->tlsMutex);
+    r = app->gBusyTLSHead;
+  }
+  flushCommonData(app);
+}
+
+void initPerThreadSlots(ZXProxyInstance_t *app) {
+  if (!app) return;
+  app->tlsMutex.create(app->control_pool.get());
+  if (!app->ZXSys.proxyServerFlag) {
+    std::lock_guard lk(app->tlsMutex);
+    if (!app->gFreeTLSHead) app->gFreeTLSHead = create_tls_pool(app, app->gBusyTLSCnt);
+  }
+  if (app->ZXSys.proxyMode == 0) initZXManageTIdToTLocal(app);
+}

@@ -1,0 +1,49 @@
+// The slot pool: per-thread records handed to flowpaths without allocating.
+//
+// Records come in blocks of 64 that are never freed. Taking and giving back a
+// slot is a list operation under tlsMutex (a member of the application). The
+// pool keeps one deliberate quirk: taking the last free slot leaves
+// gFreeTLSTail on it although it is now busy, so a slot given back while the
+// free list is empty is chained behind that busy record, out of reach, and
+// the next request makes a new block. The pool therefore only grows.
+//
+//   free:  gFreeTLSHead -> [r] -> [r] -> ... -> [r] <- gFreeTLSTail
+//   busy:  gBusyTLSHead <-> [r] <-> ... <-> [r] <- gBusyTLSTail
+//   lost:  a busy record that is still gFreeTLSTail -> [given back] -> ...
+#pragma once
+
+#include "flowpath/ZXPerThreadData.h"
+
+inline constexpr int ZX_TLS_BLOCK_SIZE = 64;
+
+struct ZXProxyInstance_t;
+
+// A new block of 64 records linked as a free list, with slot numbers from
+// g_tlsidx and thread numbers loc_BusyTLSCnt + 1 .. + 64; null when memory is
+// short. gFreeTLSTail moves to its last record; the caller makes the first
+// one gFreeTLSHead. Caller holds tlsMutex (or is start-up).
+ZXPerThreadData_t *create_tls_pool(ZXProxyInstance_t *app, int loc_BusyTLSCnt);
+ZXPerThreadData_t *create_tls_pool(int loc_BusyTLSCnt);
+
+// A record moved from the free list to the busy list, or null when no block
+// could be made.
+ZXPerThreadData_t *get_free_tls_slot(ZXProxyInstance_t *app);
+ZXPerThreadData_t *get_free_tls_slot();
+
+// Gives a busy record back. A null record is logged; a record that is not
+// busy (already given back, or never taken) is ignored, so that the stop path
+// and the owning thread cannot both free it.
+void free_tls_slot(ZXProxyInstance_t *app, ZXPerThreadData_t *record);
+void free_tls_slot(ZXPerThreadData_t *record);
+
+// Writes a flowpath still in progress as incomplete; supplied by the flowpath
+// generator.
+using ZXIncompleteFPWriter = void (*)(ZXPerThreadData_t *record, void *user);
+
+// At stop: for each busy record, head first, writes it with `writer` (when
+// given) outside tlsMutex, resets and frees it; then flushes the send buffers.
+void dumpFpFromBusyList(ZXProxyInstance_t *app, ZXIncompleteFPWriter writer, void *user);
+
+// Start-up: creates tlsMutex and the first block (unless this is the proxy
+// server), and the thread-id map when proxyMode is 0.
+void initPerThreadSlots(ZXProxyInstance_t *app);

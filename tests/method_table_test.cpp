@@ -1,0 +1,308 @@
+// The method table: ids and record 5 (checked at the reference collector),
+// profile files and their grammar, the swap under a flowpath in flight, and
+// both clean-ups of retired nodes.
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <optional>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "ZXDataThread.h"
+#include "ZXFeatureKeywords.h"
+#include "ZXMethodManager.h"
+#include "ZXRunTimeChangeHandle.h"
+#include "control_thread.h"
+#include "reference_collector.h"
+#include "test_support.h"
+
+namespace {
+
+using namespace std::chrono_literals;
+using zxref::ConnKind;
+using zxtest::ScopedApp;
+using zxtest::ScopedEnv;
+using zxtest::TempDir;
+
+class MethodTableTest : public ::testing::Test {
+ protected:
+  MethodTableTest() : app_(home_.str()) {
+    app_->methodEntryLock.create(app_->control_pool.get());
+    app_->methodIDGlobal = 1;
+  }
+  ZXProxyInstance_t &app() { return *app_; }
+  node_t *inForce() { return app().methodHashMapNode.get(); }
+  methodPropProperties *byName(const char *name) {
+    return getMethodPropFromMethodName(name, inForce());
+  }
+
+  TempDir home_;
+  ScopedApp app_;
+};
+
+TEST_F(MethodTableTest, NewNamesGetConsecutiveIdsFromOne) {
+  node_t *node = acquireMethodHashMapNode(&app());
+  ASSERT_NE(node, nullptr);
+  methodPropProperties *begin = byName(ZX_BEGIN_REQUEST_METHOD);
+  ASSERT_NE(begin, nullptr) << "every table knows the flowpath's opening method";
+  EXPECT_EQ(begin->methodId, 1);
+  getMethodHashMapLock();
+  methodPropProperties *a = updateMethodHashMap("shop.Cart.add", 1, 0, node);
+  methodPropProperties *b = updateMethodHashMap("db.orders", 0, 2, node);
+  releaseMethodHashMapLock();
+  ASSERT_TRUE(a && b);
+  EXPECT_EQ(a->methodId, 2);
+  EXPECT_EQ(b->methodId, 3);
+  EXPECT_EQ(b->type, 2);
+  EXPECT_EQ(byName("shop.Cart.add"), a);
+  EXPECT_EQ(getMethodPropFromMethodId(3, node), b);
+  EXPECT_EQ(getMethodPropFromMethodId(4, node), nullptr);
+  EXPECT_EQ(byName("absent"), nullptr);
+  releaseMethodHashMapNode(node);
+}
+
+TEST_F(MethodTableTest, ProfileGrammar) {
+  const char *profile =
+      "# comment\n"
+      "\n"
+      "shop.Cart.place(int qty, String sku)void|1|0|shop|-\n"
+      "  shop.Cart.view  \r\n"
+      "py.handler(request; *args)|0x9\n"
+      "http.backend|8|1|-|payments\n"
+      "bad(unclosed|1\n"
+      "|1\n";
+  ASSERT_EQ(setMethodHashMapNode(&app(), profile), 0);
+  EXPECT_EQ(inForce()->type, 1);
+  methodPropProperties *place = byName("shop.Cart.place");
+  ASSERT_NE(place, nullptr);
+  EXPECT_EQ(place->isEntryPoint, 1);
+  EXPECT_STREQ(place->moduleName.c_str(), "shop");
+  EXPECT_FALSE(place->aliasMethodName.is_set()) << "'-' is an absent field";
+  EXPECT_STREQ(place->methodRetType.c_str(), "void");
+  ASSERT_EQ(place->methodArgsListCount, 2u);
+  EXPECT_STREQ(place->methodArgList[0].type.c_str(), "int");
+  EXPECT_STREQ(place->methodArgList[0].argName.c_str(), "qty");
+  EXPECT_STREQ(place->methodArgList[1].argName.c_str(), "sku");
+  ASSERT_NE(byName("shop.Cart.view"), nullptr);
+  methodPropProperties *handler = byName("py.handler");
+  ASSERT_NE(handler, nullptr);
+  EXPECT_EQ(handler->isEntryPoint, 9);
+  ASSERT_EQ(handler->methodArgsListCount, 2u);
+  EXPECT_STREQ(handler->methodArgList[1].argName.c_str(), "*args");
+  EXPECT_STREQ(handler->methodRetType.c_str(), "");
+  methodPropProperties *backend = byName("http.backend");
+  ASSERT_NE(backend, nullptr);
+  EXPECT_EQ(backend->type, 1);
+  EXPECT_STREQ(backend->aliasMethodName.c_str(), "payments");
+  EXPECT_EQ(byName("bad"), nullptr);
+  EXPECT_EQ(search_hashmap("shop.Cart.view", inForce()->ptr), byName("shop.Cart.view"))
+      << "profile methods are in both maps";
+  EXPECT_EQ(app().methodIDGlobal, 6) << "four profile methods and the opening method";
+}
+
+TEST_F(MethodTableTest, SwapLeavesTheFlowpathInFlightOnItsNode) {
+  ASSERT_EQ(setMethodHashMapNode(&app(), "app.A|1\napp.B|0\n"), 0);
+  node_t *before = acquireMethodHashMapNode(&app());  // a flowpath starts
+  methodPropProperties *bOld = byName("app.B");
+  ASSERT_NE(bOld, nullptr);
+  const int bId = bOld->methodId;
+
+  ASSERT_EQ(setMethodHashMapNode(&app(), "app.B|1|0|mod\napp.C|0\n"), 0);
+  ASSERT_NE(inForce(), before);
+  EXPECT_EQ(retiredNodeCount(&app()), 1);
+  // The flowpath still resolves through the node it started with.
+  EXPECT_EQ(getMethodPropFromMethodName("app.B", before), bOld);
+  EXPECT_EQ(bOld->isEntryPoint, 0);
+  EXPECT_EQ(getMethodPropFromMethodName("app.C", before), nullptr);
+  EXPECT_EQ(getMethodPropFromMethodId(bId, before), bOld);
+  // The new node has the profile's view, under the same id.
+  methodPropProperties *bNew = byName("app.B");
+  ASSERT_NE(bNew, nullptr);
+  EXPECT_EQ(bNew->methodId, bId);
+  EXPECT_EQ(bNew->isEntryPoint, 1);
+  EXPECT_NE(byName("app.C"), nullptr);
+  EXPECT_NE(byName("app.A"), nullptr) << "methods of the old profile stay named";
+
+  checkAndDeleteNode(&app());
+  EXPECT_EQ(retiredNodeCount(&app()), 1) << "held by the flowpath in flight";
+  EXPECT_EQ(getMethodPropFromMethodName("app.A", before)->methodId, byName("app.A")->methodId);
+  releaseMethodHashMapNode(before);  // the flowpath ends
+  checkAndDeleteNode(&app());
+  EXPECT_EQ(retiredNodeCount(&app()), 0);
+  EXPECT_NE(byName("app.A"), nullptr) << "shared records outlive the retired node";
+}
+
+TEST_F(MethodTableTest, AgeBasedClearIgnoresReferencesAndForceEmptiesTheList) {
+  app().ZXSys.hashMapClearTime = 30;
+  ASSERT_EQ(setMethodHashMapNode(&app(), "x|0\n"), 0);
+  node_t *held = acquireMethodHashMapNode(&app());
+  ASSERT_EQ(setMethodHashMapNode(&app(), "y|0\n"), 0);
+  ASSERT_EQ(setMethodHashMapNode(&app(), "z|0\n"), 0);
+  EXPECT_EQ(retiredNodeCount(&app()), 2);
+  checkAndClearHashMapNode(&app(), 0);
+  EXPECT_EQ(retiredNodeCount(&app()), 2) << "younger than hashMapClearTime";
+  app().methodNodeRetirement.head->timeStamp -= 31 * 60000LL;
+  checkAndClearHashMapNode(&app(), 0);
+  EXPECT_EQ(retiredNodeCount(&app()), 1) << "old enough, freed although referenced";
+  (void)held;
+  checkAndClearHashMapNode(&app(), 1);
+  EXPECT_EQ(retiredNodeCount(&app()), 0);
+  EXPECT_EQ(app().methodNodeRetirement.tail, nullptr);
+  checkAndClearHashMapNode(&app(), 1);  // empty list
+}
+
+TEST_F(MethodTableTest, ProfileAndEntryPointFiles) {
+  EXPECT_EQ(readingFileInstrProfile(), 1) << "absent";
+  EXPECT_EQ(readingEntryPointfile(), 1);
+  // A file beyond the read limit loses the line that the limit cuts.
+  std::string text = "first.method|1\n";
+  while (text.size() < ZX_INSTR_FILE_READ_MAX - 10)
+    text += "m" + std::to_string(text.size()) + "|0\n";
+  const std::string cut = "cut.by.the.limit.somewhere.in.this.name|0\n";
+  text += cut;
+  home_.write("instrProfile.txt", text);
+  ASSERT_EQ(readingFileInstrProfile(), 0);
+  EXPECT_NE(byName("first.method"), nullptr);
+  for (size_t len = 1; len < cut.size() - 3; ++len)
+    EXPECT_EQ(byName(cut.substr(0, len).c_str()), nullptr) << len;
+
+  home_.write("entryPointFile.txt", "first.method|8\nnew.entry\n");
+  ASSERT_EQ(readingEntryPointfile(), 0);
+  EXPECT_EQ(byName("first.method")->isEntryPoint, 9) << "entry-point bits are added";
+  ASSERT_NE(byName("new.entry"), nullptr);
+  EXPECT_EQ(byName("new.entry")->isEntryPoint, 1);
+}
+
+TEST_F(MethodTableTest, ProfileKeywordsAndSavedFile) {
+  setInstProfile(const_cast<char *>("orders.prof"), const_cast<char *>("instrProfile"), 56);
+  setInstProfile(const_cast<char *>("1700000000"), const_cast<char *>("lmd"), 57);
+  setInstProfile(const_cast<char *>("10"), const_cast<char *>("size"), 58);
+  EXPECT_STREQ(app().instrProfileInfo.name.c_str(), "orders.prof");
+  EXPECT_STREQ(app().instrProfileInfo.lmd.c_str(), "1700000000");
+  EXPECT_EQ(app().instrProfileInfo.size, 10);
+  EXPECT_TRUE(instrProfileNeedsFetch(&app())) << "no local copy yet";
+
+  app().ZXBCISetting.fileBasedKeywordMode = 1;
+  app().InstrFileData_flag = 1;
+  ASSERT_EQ(setMethodHashMapNode(&app(), "a.b|1\nc|0\n"), 0);
+  EXPECT_EQ(zxtest::read_file(home_.path() / "instrProfile.txt"), "a.b|1\nc|0");
+  EXPECT_FALSE(instrProfileNeedsFetch(&app())) << "the saved copy has the announced size";
+  app().instrProfileInfo.size = 99;
+  EXPECT_TRUE(instrProfileNeedsFetch(&app()));
+}
+
+TEST_F(MethodTableTest, LookupsAndSwapsFromManyThreads) {
+  ASSERT_EQ(setMethodHashMapNode(&app(), "t.base|1\n"), 0);
+  std::atomic<bool> stop{false};
+  std::vector<std::thread> workers;
+  for (int t = 0; t < 3; ++t)
+    workers.emplace_back([&, t] {
+      int i = 0;
+      while (!stop.load()) {
+        node_t *node = acquireMethodHashMapNode(&app());
+        ASSERT_NE(node, nullptr);
+        std::string name = "t" + std::to_string(t) + "." + std::to_string(i++ % 50);
+        getMethodHashMapLock();
+        methodPropProperties *r = search_hashmap(name.c_str(), node->dynamic_ptr);
+        if (!r) r = updateMethodHashMap(name.c_str(), 0, 0, node);
+        releaseMethodHashMapLock();
+        ASSERT_NE(r, nullptr);
+        EXPECT_EQ(getMethodPropFromMethodId(r->methodId, node), r);
+        releaseMethodHashMapNode(node);
+      }
+    });
+  for (int swap = 0; swap < 50; ++swap) {
+    ASSERT_EQ(setMethodHashMapNode(&app(), "t.base|1\n"), 0);
+    checkAndDeleteNode(&app());
+  }
+  stop = true;
+  for (auto &w : workers) w.join();
+  checkAndDeleteNode(&app());
+  EXPECT_EQ(retiredNodeCount(&app()), 0);
+}
+
+// Record 5 as the collector receives it.
+class MetaRecordTest : public ::testing::Test {
+ protected:
+  MetaRecordTest() : zxhome_("ZXHOME", home_.str().c_str()) {
+    for (const char *name : {"MOR_APP_AGENT_ZXCHOST", "MOR_APP_AGENT_ZXCPORT",
+                             "MOR_APP_AGENT_ZXC_COMM_PROTOCOL", "MOR_APP_AGENT_ZXSAASURL"})
+      env_.push_back(std::make_unique<ScopedEnv>(name, nullptr));
+  }
+  ~MetaRecordTest() override {
+    if (loop_.joinable()) {
+      request_control_stop(&**app_);
+      loop_.join();
+    }
+    if (app_) stop_data_thread(&**app_);
+  }
+  ZXProxyInstance_t &start(std::uint16_t port) {
+    home_.write("config/zxsettings.conf",
+                "zxcHost=127.0.0.1\nzxcPort=" + std::to_string(port) + "\n");
+    app_.emplace(home_.str());
+    ZXProxyInstance_t &a = **app_;
+    ZXLinkTimings_t &t = a.linkTimings;
+    t.retryInterval = t.ctrlPollTimeout = apr_time_from_msec(20);
+    t.dataConnRetryInterval = apr_time_from_msec(50);
+    t.dataTick = apr_time_from_msec(5);
+    a.ZXSys.bciDataBufferMaxSize = 4096;
+    a.ZXSys.dataBuffMaxCount = 16;
+    a.methodEntryLock.create(a.control_pool.get());
+    a.methodIDGlobal = 1;
+    EXPECT_TRUE(control_thread_configure(&a));
+    loop_ = std::thread([&a] { control_connection_loop(&a); });
+    return a;
+  }
+
+  TempDir home_;
+  ScopedEnv zxhome_;
+  std::vector<std::unique_ptr<ScopedEnv>> env_;
+  std::optional<ScopedApp> app_;
+  std::thread loop_;
+};
+
+TEST_F(MetaRecordTest, RecordFiveOnlyWhileTheDataThreadRuns) {
+  zxref::Config config;
+  zxref::ReferenceCollector c(config);
+  ASSERT_TRUE(c.start()) << c.error();
+  ZXProxyInstance_t &a = start(c.port());
+
+  node_t *node = acquireMethodHashMapNode(&a);  // before the run: ids 1, 2 unannounced
+  getMethodHashMapLock();
+  ASSERT_NE(updateMethodHashMap("before.run", 0, 0, node), nullptr);
+  releaseMethodHashMapLock();
+
+  ASSERT_TRUE(c.wait_for_connections(ConnKind::Control, 1, 10s));
+  ASSERT_TRUE(c.send_start("status=running"));
+  ASSERT_TRUE(c.wait_for_record(99, 10s));
+
+  getMethodHashMapLock();
+  methodPropProperties *r = updateMethodHashMap("shop.Cart.add", 1, 0, node);
+  releaseMethodHashMapLock();
+  ASSERT_NE(r, nullptr);
+  r->methodRetType.assign("int");
+  r->methodArgList = std::make_unique<methodArgList_t[]>(2);
+  r->methodArgList[0].argName.assign("qty");
+  r->methodArgList[1].argName.assign("sku");
+  r->methodArgsListCount = 2;
+  dumpMetadataForSig(r);
+  ASSERT_EQ(setMethodHashMapNode(&a, "prof.m(String s)bool|1\n"), 0);
+  releaseMethodHashMapNode(node);
+
+  auto line = [&](const std::string &text) {
+    return c.wait_for_line(
+        ConnKind::Data, [&](std::string_view l) { return l == text; }, 10s);
+  };
+  EXPECT_TRUE(line("5,shop.Cart.add,3"));
+  EXPECT_TRUE(line("5,shop.Cart.add(qty;sku;)int,3"));
+  EXPECT_TRUE(line("5,prof.m(s;)bool,4"));
+  std::vector<std::string> fives;
+  for (const auto &l : c.lines(ConnKind::Data))
+    if (l.text.rfind("5,", 0) == 0) fives.push_back(l.text);
+  EXPECT_EQ(fives, (std::vector<std::string>{"5,shop.Cart.add,3", "5,shop.Cart.add(qty;sku;)int,3",
+                                             "5,prof.m(s;)bool,4"}))
+      << "ids given out before the run are never announced";
+}
+
+}  // namespace
