@@ -14,6 +14,8 @@
 
 #include "ZXFeatureKeywords.h"
 #include "ZXProxyInstance.h"
+#include "ZXTDigest.h"
+#include "bt/ZXBTMonitor.h"
 #include "zxlb_mt_log.h"
 #include "zxlb_utiles.h"
 
@@ -79,22 +81,22 @@ const zx_keyword_row_t keywordsMap[ZX_KEYWORD_COUNT] = {
     ZX_P("ASReportInterval", FEATURE),
     ZX_SRV("fpVersionID", fpgVID, ZX_FPG_VERSION_SIZE, C),
     ZX_SYS("enableBTMonitorTrace", btMonitorTraceLevel, 4, I),
-    ZX_P("enableBTMonitor", FEATURE),
-    ZX_P("maxBTCount", FEATURE),
+    ZX_P("enableBTMonitor", parseBTMonitorKeyword),
+    ZX_P("maxBTCount", parseMaxBTCount),
     ZX_P("maxIPCount", FEATURE),
-    ZX_P("doNotDiscardFlowPaths", FEATURE),
+    ZX_P("doNotDiscardFlowPaths", parseDoNotDiscardVal),
     ZX_F("maxCharInSeqBlob", ZXFlowpathGeneratorSettings_t, maxCharactersInSeqBlob, 4, I,
          fill_ZXFlowpathGenerator_info),
     ZX_P("collectASData", FEATURE),
-    ZX_P("zxVectorSeparator", FEATURE),
+    ZX_P("zxVectorSeparator", parseVectorSeparator),
     ZX_SYS("captureExceptionTraceLevel", exceptionTraceLevel, 4, I),
     ZX_SYS("zxMethodMonTraceLevel", methodMonTraceLevel, 4, I),
-    ZX_P("enableBTMonitorError", FEATURE),
+    ZX_P("enableBTMonitorError", parseBTMonitorErrorLevel),
     ZX_P("enableBackendMonitor", FEATURE),
     ZX_SYS("enableBackendMonTrace", backendMonTraceLevel, 4, I),
     ZX_P("genNewMonRecord", FEATURE),
     ZX_SYS("enableThreadMonTraceLevel", threadMonTraceLevel, 4, I),
-    ZX_P("BTAggDataArraySize", FEATURE),
+    ZX_P("BTAggDataArraySize", parseBTAggDataArraySize),
     ZX_SYS("AppLogTraceLevel", appLogTraceLevel, 4, I),
     ZX_SYS("ControlThreadTraceLevel", controlTraceLevel, 4, I),
     ZX_SYS("AgentTraceLevel", agentTraceLevel, 4, I),
@@ -114,7 +116,7 @@ const zx_keyword_row_t keywordsMap[ZX_KEYWORD_COUNT] = {
     ZX_P("hdrListForValueAsId", FEATURE),
     ZX_P("ASThresholdMatchCount", FEATURE),
     ZX_P("ASStackComparingDepth", FEATURE),
-    ZX_P("zxMonitorInterval", FEATURE),
+    ZX_P("zxMonitorInterval", parseMonitorInterval),
     ZX_P("ASReportDumpMode", FEATURE),
     ZX_P("ASEnableHotspotRecord", FEATURE),
     ZX_P("enableZXSession", FEATURE),
@@ -175,8 +177,8 @@ const zx_keyword_row_t keywordsMap[ZX_KEYWORD_COUNT] = {
     ZX_P("formatIPResourceURL", FEATURE),
     ZX_SYS("AgentEXTraceLevel", agentEXTraceLevel, 4, I),
     ZX_SYS("enableCallBackException", enableCallBackException, 4, I),
-    ZX_P("tDigestPercentileBT", FEATURE),
-    ZX_P("tDigestPercentileIP", FEATURE),
+    ZX_P("tDigestPercentileBT", setTDigestPercentileBT),
+    ZX_P("tDigestPercentileIP", setTDigestPercentileIP),
     ZX_P("zxAgentDebugLogging", parseAgentDebugLogging),
     ZX_P("enableCaptureDataOutsideTxn", FEATURE),
 };

@@ -11,8 +11,10 @@
 #include <string_view>
 
 #include "Server.h"
+#include "ZXAutoSensorData.h"
 #include "ZXDataThread.h"
 #include "ZXProxyInstance.h"
+#include "bt/ZXMonitorTimer.h"
 #include "control_connection.h"
 #include "proxyServer/ZXProxyServer.h"
 #include "zx_agent_internal.h"
@@ -102,6 +104,8 @@ void handleStartInstrumentationCase(char *message) {
   // Runs start their data connection here; the instrumentation profile and
   // the hotspot sensor join the start when they exist.
   check_data_thread(app);
+  check_as_data_thread(app);
+  startMonitorTimer(app);
 }
 
 void handleStartInstrumentation(char *message) {
@@ -167,6 +171,8 @@ void handleStoppingCaseAtStopInstrumentCase(char *message) {
   srv.gettingstopInstrumenatation = 0;
 
   setToStopThread(1);
+  stopMonitorTimer(app);
+  stop_as_data_thread(app);
   srv.testRunRunning = 0;
   srv.retryForDataConn = 0;
   srv.retryForAutoSensorConn = 0;

@@ -17,6 +17,7 @@
 #include <vector>
 
 #include "Server.h"
+#include "ZXAutoSensorData.h"
 #include "ZXBCISettings.h"
 #include "ZXCServerConfig.h"
 #include "ZXDataDispatcher.h"
@@ -24,8 +25,10 @@
 #include "ZXSocketManager.h"
 #include "ZXSupportedProtocols.h"
 #include "ZXSys.h"
+#include "ZXTDigest.h"
 #include "bt/ZXBTManager.h"
 #include "bt/ZXBTMonitor.h"
+#include "bt/ZXMonitorTimer.h"
 #include "zxbt/zxbt_rule_parser.h"
 #include "zxlb_apr.h"
 #include "zxlb_owned_string.h"
@@ -250,6 +253,14 @@ struct ZXProxyInstance_t {
   // Waits up to `interval`; returns early (true) when woken or stopping.
   bool controlSleep(apr_interval_time_t interval);
   void wakeControlThread();
+
+  // BT monitor reporting: t-digest settings and period, the auto-sensor data
+  // connection that carries record 96, and the monitoring timer. Declared
+  // last so that the timer, then the auto-sensor sender, stop before anything
+  // they use goes away; each type documents its own locks.
+  ZXTDigest_t tDigest;
+  ZXASDataLink asData;
+  ZXMonitorTimer monitorTimer;
 };
 
 // The process's application object; both always hold the same pointer.

@@ -1,5 +1,9 @@
 #include "bt/ZXBTMonitor.h"
 
+#include <sys/syscall.h>
+#include <unistd.h>
+
+#include <algorithm>
 #include <climits>
 #include <cstdio>
 #include <cstdlib>
@@ -7,8 +11,24 @@
 
 #include "ZXFeatureKeywords.h"
 #include "ZXProxyInstance.h"
+#include "ZXTDigest.h"
+#include "tdigest/pwlb_t_digest_quantile.h"
 #include "zxbt/zxbt_bt_object.h"
 #include "zxbt/zxbt_utils.h"
+
+namespace {
+std::atomic<std::uint64_t> gMonitorSerial{0};
+}  // namespace
+
+ZXBTMonitor_t::ZXBTMonitor_t() : serial(gMonitorSerial.fetch_add(1) + 1) {}
+
+ZXBTMonitor_t::~ZXBTMonitor_t() {
+  const int size = aggDataArraySize.load(std::memory_order_acquire);
+  for (int i = 0; i < size; ++i) {
+    td_histogram_t *h = aggBTDataArr[i].tdigest_key.exchange(nullptr);
+    pwlb_t_digest_destroy(&h);
+  }
+}
 
 void initZXBTMonitorDataCounters(ZXBTMonitorDataCounters *c) {
   if (!c) return;
@@ -51,17 +71,14 @@ ZXBTMonitorDataCounters *btMonitorSlot(const ZXBTMonitor_t &m, int id) noexcept 
   return &m.aggBTDataArr[id];
 }
 
-namespace {
-
 void createVectorPrefix(ZXBTMonitor_t &m, const ZXProxyInstance_t &app) {
   const char sep = app.ZXSettings.zxVectorSeperator;
+  std::lock_guard guard(m.slotLock);
   snprintf(m.vectorPrefix, sizeof m.vectorPrefix, "%s%c%s%c%s%c", app.ZXBCISetting.tierName.c_str(),
            sep, app.ZXBCISetting.appServerName.c_str(), sep, app.ZXBCISetting.appName.c_str(), sep);
   snprintf(m.vectorPrefixID, sizeof m.vectorPrefixID, "%d|%d|", app.ZXBCISetting.tierID,
            app.ZXBCISetting.appID);
 }
-
-}  // namespace
 
 int ZXBTMonitorInit(ZXBTMonitor_t &m) {
   if (tlzxApplication) createVectorPrefix(m, *tlzxApplication);
@@ -79,16 +96,11 @@ int ZXBTMonitorInit(ZXBTMonitor_t &m) {
   m.isBTMonitorOn = 1;
   m.sendReSetEventOnAggDataConn = 0;
   m.maxBTCount = ZXBT_MAX_BT_COUNT;
-  m.numberOfThreads = 0;
-  if (const char *interval = featureKeywordValue("zxMonitorInterval")) {
-    const int secs = zxbt_parse_int(interval);
-    if (secs > 0) m.monitorIntervalInSecs = secs;
-  }
   if (tlzxApplication) m.btMonitorTraceLevel = tlzxApplication->ZXSys.btMonitorTraceLevel;
   ZXBT_LOG(0, "Info",
            "currentReportingCount = %d, monitorIntervalInSecs = %d, aggDataArraySize = %d, "
            "vectorPrefix = %s, vectorPrefixID = %s",
-           m.currentReportingCount, m.monitorIntervalInSecs, m.aggDataArraySize.load(),
+           m.currentReportingCount, m.monitorIntervalInSecs.load(), m.aggDataArraySize.load(),
            m.vectorPrefix, m.vectorPrefixID);
   return 0;
 }
@@ -117,13 +129,416 @@ int checkAndIncrementAggrBTDataArray(ZXBTMonitor_t &m, BTObject *obj) {
   }
   ZXBTMonitorDataCounters &slot = m.aggBTDataArr[id];
   slot.tlBTObj.store(obj, std::memory_order_release);
-  // The t-digest of a rebound slot is retired by its reporter, which may
-  // still be reading it.
-  slot.tdigest_key.store(nullptr, std::memory_order_release);
+  // Reports hold slotLock while they use a digest, so it can go now.
+  td_histogram_t *old = slot.tdigest_key.exchange(nullptr, std::memory_order_acq_rel);
+  pwlb_t_digest_destroy(&old);
   slot.tdigestDataExist.store(0, std::memory_order_release);
   return 0;
 }
 
 int checkAndIncrementAggrBTDataArray(BTObject *obj) {
   return tlzxApplication ? checkAndIncrementAggrBTDataArray(tlzxApplication->btMonitor, obj) : -1;
+}
+
+// ---- Counting ----
+
+namespace {
+
+// The calling thread's model of one monitor. Flags the model on thread exit
+// so that the reporter can drop it after its last merge.
+struct ThreadModelRef {
+  std::uint64_t serial = 0;
+  std::shared_ptr<ZXMonitorDataModel> model;
+  ~ThreadModelRef() {
+    if (model) model->threadExited.store(true, std::memory_order_release);
+  }
+};
+thread_local ThreadModelRef tlsModel;
+
+ZXMonitorDataModel *threadModel(ZXProxyInstance_t &app) {
+  ZXBTMonitor_t &m = app.btMonitor;
+  if (tlsModel.model && tlsModel.serial == m.serial) return tlsModel.model.get();
+  const long tid = static_cast<long>(syscall(SYS_gettid));
+  try {
+    std::lock_guard guard(app.controlThreadTmpLock);
+    std::shared_ptr<ZXMonitorDataModel> &model = m.threadModels[tid];
+    if (!model) {
+      model = std::make_shared<ZXMonitorDataModel>();
+      model->threadId = tid;
+      m.numberOfThreads.fetch_add(1, std::memory_order_relaxed);
+    }
+    // A recycled thread id takes over the model of the thread that had it.
+    model->threadExited.store(false, std::memory_order_relaxed);
+    tlsModel.serial = m.serial;
+    tlsModel.model = model;
+  } catch (const std::bad_alloc &) {
+    ZX_LOG_OOM(sizeof(ZXMonitorDataModel), "BT monitor thread model", tid);
+    return nullptr;
+  }
+  return tlsModel.model.get();
+}
+
+// Caller holds the model's lockForBT.
+ZXBTMonitorDataCounters *newBlock(ZXMonitorDataModel &model, int id) {
+  try {
+    if (model.currentSizeOfBTArray <= id) {
+      model.btmDataArray.resize(static_cast<std::size_t>(id) + 1);
+      model.currentSizeOfBTArray = id + 1;
+    }
+    auto block = std::make_unique<ZXBTMonitorDataCounters>();
+    initZXBTMonitorDataCounters(block.get());
+    model.btmDataArray[id] = std::move(block);
+  } catch (const std::bad_alloc &) {
+    ZX_LOG_OOM(sizeof(ZXBTMonitorDataCounters), "BT monitor counters", id);
+    return nullptr;
+  }
+  return model.btmDataArray[id].get();
+}
+
+void minMax(long long v, long long &lo, long long &hi) {
+  if (v < lo) lo = v;
+  if (v > hi) hi = v;
+}
+
+void updatePropertiesOfBT(ZXBTMonitorDataCounters &c, const ZXBTTransaction_t &tx) {
+  const char cat = tx.category;
+  if (cat != ZXBT_CATEGORY_NORMAL && cat != ZXBT_CATEGORY_SLOW && cat != ZXBT_CATEGORY_VERY_SLOW &&
+      cat != ZXBT_CATEGORY_ERROR && cat != ZXBT_CATEGORY_GENERAL_ONLY)
+    return;
+  minMax(tx.duration, c.minDuration, c.maxDuration);
+  minMax(tx.cpuTime, c.minCpuTime, c.maxCpuTime);
+  if (tx.queueTime > c.maxQueueTime) c.maxQueueTime = tx.queueTime;
+  if (tx.queueTime > 0) {
+    if (tx.queueTime < c.minQueueTime) c.minQueueTime = tx.queueTime;
+    c.cumQueueTime += tx.queueTime;
+  }
+  minMax(tx.waitTime, c.minWaitTime, c.maxWaitTime);
+  minMax(tx.syncTime, c.minSyncTime, c.maxSyncTime);
+  ++c.count;
+  c.duration += tx.duration;
+  c.cpuTime += tx.cpuTime;
+  c.cumWaitTime += tx.waitTime;
+  c.cumSyncTime += tx.syncTime;
+  ++c.waitCount;
+  ++c.syncCount;
+  ++c.queueCount;
+
+  auto category = [&tx](int &n, long long &sum, long long &lo, long long &hi) {
+    ++n;
+    sum += tx.duration;
+    minMax(tx.duration, lo, hi);
+  };
+  switch (cat) {
+    case ZXBT_CATEGORY_NORMAL:
+      category(c.normalCount, c.normalDuration, c.minNormalDuration, c.maxNormalDuration);
+      break;
+    case ZXBT_CATEGORY_SLOW:
+      category(c.slowCount, c.slowDuration, c.minSlowDuration, c.maxSlowDuration);
+      break;
+    case ZXBT_CATEGORY_VERY_SLOW:
+      category(c.verySlowCount, c.verySlowDuration, c.minVerySlowDuration, c.maxVerySlowDuration);
+      break;
+    case ZXBT_CATEGORY_ERROR:
+      category(c.errorCount, c.errorDuration, c.minErrorDuration, c.maxErrorDuration);
+      break;
+    default:  // 15: general items only
+      break;
+  }
+}
+
+// Adds src into dst and resets src.
+void mergeCounters(ZXBTMonitorDataCounters &dst, ZXBTMonitorDataCounters &src) {
+  auto lo = [](long long &d, long long s) { d = std::min(d, s); };
+  auto hi = [](long long &d, long long s) { d = std::max(d, s); };
+  dst.count += src.count;
+  dst.duration += src.duration;
+  lo(dst.minDuration, src.minDuration);
+  hi(dst.maxDuration, src.maxDuration);
+  dst.cpuTime += src.cpuTime;
+  lo(dst.minCpuTime, src.minCpuTime);
+  hi(dst.maxCpuTime, src.maxCpuTime);
+  dst.normalCount += src.normalCount;
+  dst.normalDuration += src.normalDuration;
+  lo(dst.minNormalDuration, src.minNormalDuration);
+  hi(dst.maxNormalDuration, src.maxNormalDuration);
+  dst.slowCount += src.slowCount;
+  dst.slowDuration += src.slowDuration;
+  lo(dst.minSlowDuration, src.minSlowDuration);
+  hi(dst.maxSlowDuration, src.maxSlowDuration);
+  dst.verySlowCount += src.verySlowCount;
+  dst.verySlowDuration += src.verySlowDuration;
+  lo(dst.minVerySlowDuration, src.minVerySlowDuration);
+  hi(dst.maxVerySlowDuration, src.maxVerySlowDuration);
+  dst.errorCount += src.errorCount;
+  dst.errorDuration += src.errorDuration;
+  lo(dst.minErrorDuration, src.minErrorDuration);
+  hi(dst.maxErrorDuration, src.maxErrorDuration);
+  dst.waitCount += src.waitCount;
+  dst.cumWaitTime += src.cumWaitTime;
+  lo(dst.minWaitTime, src.minWaitTime);
+  hi(dst.maxWaitTime, src.maxWaitTime);
+  dst.syncCount += src.syncCount;
+  dst.cumSyncTime += src.cumSyncTime;
+  lo(dst.minSyncTime, src.minSyncTime);
+  hi(dst.maxSyncTime, src.maxSyncTime);
+  dst.queueCount += src.queueCount;
+  dst.cumQueueTime += src.cumQueueTime;
+  lo(dst.minQueueTime, src.minQueueTime);
+  hi(dst.maxQueueTime, src.maxQueueTime);
+  initZXBTMonitorDataCounters(&src);
+}
+
+}  // namespace
+
+bool updateCounterAndDurationForBT(ZXProxyInstance_t &app, const ZXBTTransaction_t &tx) {
+  ZXBTMonitor_t &m = app.btMonitor;
+  if (!m.isBTMonitorOn.load(std::memory_order_relaxed) || !tx.btObj) return false;
+  const int id = tx.btObj->bt_id.load(std::memory_order_relaxed);
+  if (id <= 0 || id >= ZXBT_MAX_SLOTS) return false;
+  ZXMonitorDataModel *model = threadModel(app);
+  if (!model) return false;
+  model->lastUpdateTimeStamp.store(tx.endTime, std::memory_order_relaxed);
+  std::lock_guard guard(model->lockForBT);
+  ZXBTMonitorDataCounters *c =
+      id < model->currentSizeOfBTArray ? model->btmDataArray[id].get() : nullptr;
+  if (!c && !(c = newBlock(*model, id))) return false;
+  updatePropertiesOfBT(*c, tx);
+  return true;
+}
+
+bool updateCounterAndDurationForBT(const ZXBTTransaction_t &tx) {
+  return tlzxApplication && updateCounterAndDurationForBT(*tlzxApplication, tx);
+}
+
+// ---- Report ----
+
+namespace {
+
+double minI(long long x) {
+  return x == INT_MAX ? 500000.0 : static_cast<double>(x);
+}
+double minL(long long x) {
+  return x == LLONG_MAX ? 500000.0 : static_cast<double>(x);
+}
+double avg(long long x, int n) {
+  return n > 0 ? static_cast<double>(x) / n : 0.0;
+}
+
+// Threads -> slots. Caller holds slotLock; size is the slot count.
+void mergeThreadModels(ZXProxyInstance_t &app, int size) {
+  ZXBTMonitor_t &m = app.btMonitor;
+  const TDigestPercentile_t &td = app.tDigest.TDigestPercentileBT;
+  const bool feedDigests = td.is_enabled.load(std::memory_order_relaxed) > 0;
+  std::lock_guard models(app.controlThreadTmpLock);
+  for (auto it = m.threadModels.begin(); it != m.threadModels.end();) {
+    ZXMonitorDataModel &model = *it->second;
+    // Read before the merge: an exit flagged later still has its last
+    // update merged next interval.
+    const bool exited = model.threadExited.load(std::memory_order_acquire);
+    {
+      std::lock_guard guard(model.lockForBT);
+      if (model.currentSizeOfBTArray > size) {
+        ZXBT_LOG(0, "Warning",
+                 "Current Thread, ID : %ld has %d counters, more than the %d slots; skipped",
+                 model.threadId, model.currentSizeOfBTArray, size);
+        ++it;
+        continue;
+      }
+      for (int i = 0; i < model.currentSizeOfBTArray; ++i) {
+        ZXBTMonitorDataCounters *block = model.btmDataArray[i].get();
+        if (!block) {
+          ZXBT_LOG(2, "Info",
+                   "Current Thread, ID : %d doesnot have any counters for current BT. btID  %d so "
+                   "ignoring it",
+                   static_cast<int>(model.threadId), i);
+          continue;
+        }
+        ZXBTMonitorDataCounters &slot = m.aggBTDataArr[i];
+        if (feedDigests && block->duration > 0) {
+          td_histogram_t *h = slot.tdigest_key.load(std::memory_order_relaxed);
+          if (!h && pwlb_t_digest_init(&h, td.delta.load(std::memory_order_relaxed),
+                                       td.k.load(std::memory_order_relaxed)) == 0)
+            slot.tdigest_key.store(h, std::memory_order_relaxed);
+          if (h) {
+            pwlb_t_digest_insert(h, static_cast<double>(block->duration), 1);
+            slot.tdigestDataExist.store(1, std::memory_order_relaxed);
+            ZXBT_LOG(1, "Info", "TDigestPercentile inserted for BT:%d , duration:%d", i,
+                     static_cast<int>(block->duration));
+          }
+        }
+        mergeCounters(slot, *block);
+        slot.dataExist = 1;
+      }
+    }
+    if (exited) {
+      it = m.threadModels.erase(it);
+      m.numberOfThreads.fetch_sub(1, std::memory_order_relaxed);
+    } else {
+      ++it;
+    }
+  }
+}
+
+}  // namespace
+
+bool dump74RecordForEveryBT(const ZXBTMonitor_t &m, char *buf, int *len, int cap,
+                            const ZXBTMonitorDataCounters &c, int btId, const char *btName) {
+  if (!buf || !len || *len < 0 || *len >= cap) return false;
+  int interval = m.monitorIntervalInSecs.load(std::memory_order_relaxed);
+  if (interval <= 0) interval = ZXBT_DEFAULT_INTERVAL_SECS;
+  const double secs = interval;
+  const int room = cap - *len;
+  const int n = snprintf(
+      buf + *len, static_cast<std::size_t>(room),
+      "%d,%s%d:%s%s|%lf %lf %lf %lld %d 0.0 %lf %lf %lf %lld %d %lf %lf %lld %d %lf %lf %lld %d "
+      "%lf %lf %lld %d %lf %lf %lf %lf %d %lf %lld %lld %d %lf %lld %lld %d %lf %lld %lld %d\n",
+      74, m.vectorPrefixID, btId, m.vectorPrefix, btName ? btName : "",
+      c.count ? c.count / secs : 0.0, avg(c.duration, c.count), minI(c.minDuration), c.maxDuration,
+      c.count, c.errorCount ? c.errorCount / secs : 0.0, avg(c.normalDuration, c.normalCount),
+      minI(c.minNormalDuration), c.maxNormalDuration, c.normalCount,
+      avg(c.slowDuration, c.slowCount), minI(c.minSlowDuration), c.maxSlowDuration, c.slowCount,
+      avg(c.verySlowDuration, c.verySlowCount), minI(c.minVerySlowDuration), c.maxVerySlowDuration,
+      c.verySlowCount, avg(c.errorDuration, c.errorCount), minI(c.minErrorDuration),
+      c.maxErrorDuration, c.errorCount,
+      c.count ? (c.slowCount + c.verySlowCount) * 100.0 / c.count : 0.0,
+      avg(c.cpuTime, c.count) / 1000000.0, minL(c.minCpuTime) / 1000000.0,
+      static_cast<double>(c.maxCpuTime) / 1000000.0, c.count, avg(c.cumSyncTime, c.syncCount),
+      c.minSyncTime, c.maxSyncTime, c.syncCount, avg(c.cumWaitTime, c.waitCount), c.minWaitTime,
+      c.maxWaitTime, c.waitCount, avg(c.cumQueueTime, c.queueCount), c.minQueueTime, c.maxQueueTime,
+      c.queueCount);
+  // A cut record would corrupt the line stream; it is left out whole.
+  if (n < 0 || n >= room) {
+    buf[*len] = '\0';
+    ZXBT_LOG(0, "Warning", "Record 74 for BT %d does not fit (%d bytes left); dropped", btId, room);
+    return false;
+  }
+  ZXBT_LOG(1, "Info", "Dumping 74 record started ...Where length of current record is : '%d'", n);
+  *len += n;
+  return true;
+}
+
+bool generateAndDumpBTMonitoringRecord(ZXProxyInstance_t &app, char *buf, int *len, int cap) {
+  ZXBTMonitor_t &m = app.btMonitor;
+  if (!buf || !len) return false;
+  std::lock_guard slots(m.slotLock);
+  bool anyThread;
+  {
+    std::lock_guard models(app.controlThreadTmpLock);
+    anyThread = !m.threadModels.empty();
+  }
+  if (!anyThread) {
+    ZXBT_LOG(1, "Info",
+             "Returnign without dumping any monitoring record, as no threads executed any BT "
+             "yet.");
+    return false;
+  }
+  if (app.btManager.config.total_bt_count.load(std::memory_order_relaxed) <= 0) {
+    ZXBT_LOG(1, "Info",
+             "Returning without dumping any monitoring record, as no business transactions "
+             "discovered yet.");
+    return false;
+  }
+  const int size = m.aggDataArraySize.load(std::memory_order_acquire);
+  if (size <= 0) {
+    ZXBT_LOG(0, "Error", "overallData is empty");
+    return false;
+  }
+  mergeThreadModels(app, size);
+
+  ZXBTMonitorDataCounters &overall = m.aggBTDataArr[0];
+  for (int i = 1; i < size; ++i) {
+    ZXBTMonitorDataCounters &slot = m.aggBTDataArr[i];
+    if (!slot.dataExist) continue;
+    const BTObject *obj = slot.tlBTObj.load(std::memory_order_acquire);
+    dump74RecordForEveryBT(m, buf, len, cap, slot, i, obj ? obj->bt_name : "");
+    mergeCounters(overall, slot);
+    slot.dataExist = 0;
+  }
+  dump74RecordForEveryBT(m, buf, len, cap, overall, 0, "AllTransactions");
+  initZXBTMonitorDataCounters(&overall);
+  ++m.currentReportingCount;
+  return true;
+}
+
+// ---- Keywords ----
+// Each parser also keeps the raw text (featureKeywordValue), as every
+// feature keyword does.
+
+namespace {
+
+ZXBTMonitor_t *monitorFor(char *value, char *keyword, int index) {
+  if (!value || !tlzxApplication) return nullptr;
+  storeFeatureKeyword(value, keyword, index);
+  return &tlzxApplication->btMonitor;
+}
+
+}  // namespace
+
+void parseBTMonitorKeyword(char *value, char *keyword, int index) {
+  if (ZXBTMonitor_t *m = monitorFor(value, keyword, index))
+    m->isBTMonitorOn.store(zxbt_parse_int(value) > 0 ? 1 : 0, std::memory_order_relaxed);
+}
+
+void parseMaxBTCount(char *value, char *keyword, int index) {
+  ZXBTMonitor_t *m = monitorFor(value, keyword, index);
+  if (!m) return;
+  const int count = zxbt_parse_int(value);
+  if (count < 1) {
+    ZXBT_LOG(0, "Error",
+             "parseMaxBTCount method - Invalid MaxBTCount specified by User. Current Value  : %d "
+             "Specified BTMaxCount value %s",
+             m->maxBTCount.load(), value);
+    return;
+  }
+  m->maxBTCount.store(count, std::memory_order_relaxed);
+  // The manager hands out ids up to this count.
+  ZXBTManager &mgr = tlzxApplication->btManager;
+  std::lock_guard guard(mgr.bt_obj_map_lock);
+  mgr.config.max_bt_count = count;
+}
+
+void parseBTAggDataArraySize(char *value, char *keyword, int index) {
+  ZXBTMonitor_t *m = monitorFor(value, keyword, index);
+  if (!m) return;
+  const int size = zxbt_parse_int(value);
+  std::lock_guard guard(m->slotLock);
+  const int current = m->aggDataArraySize.load(std::memory_order_relaxed);
+  if (size <= current) {
+    ZXBT_LOG(0, "Error",
+             "parseBTAggDataArraySize - Could not decrease size of array, as targeted size is "
+             "less or equal than current size.Where current size : %d,  specified size : %d",
+             current, size);
+    return;
+  }
+  if (size > ZXBT_MAX_SLOTS || !m->aggBTDataArr.reserve(size)) {
+    ZXBT_LOG(0, "Error", "parseBTAggDataArraySize - %d slots not available (bound %d)", size,
+             ZXBT_MAX_SLOTS);
+    return;
+  }
+  m->aggDataArraySize.store(size, std::memory_order_release);
+}
+
+void parseBTMonitorErrorLevel(char *value, char *keyword, int index) {
+  ZXBTMonitor_t *m = monitorFor(value, keyword, index);
+  const int level = m ? zxbt_parse_int(value) : -1;
+  if (level >= 0) m->btMonitorErrorLevel.store(level, std::memory_order_relaxed);
+}
+
+void parseDoNotDiscardVal(char *value, char *keyword, int index) {
+  if (ZXBTMonitor_t *m = monitorFor(value, keyword, index))
+    m->doNotDisacrdAnyTransaction.store(zxbt_parse_int(value) >= 1 ? 1 : 0,
+                                        std::memory_order_relaxed);
+}
+
+void parseMonitorInterval(char *value, char *keyword, int index) {
+  ZXBTMonitor_t *m = monitorFor(value, keyword, index);
+  const int secs = m ? zxbt_parse_int(value) : 0;
+  if (secs > 0) m->monitorIntervalInSecs.store(secs, std::memory_order_relaxed);
+}
+
+void parseVectorSeparator(char *value, char *keyword, int index) {
+  ZXBTMonitor_t *m = monitorFor(value, keyword, index);
+  if (!m || value[0] == '\0') return;
+  tlzxApplication->ZXSettings.zxVectorSeperator = value[0];
+  createVectorPrefix(*m, *tlzxApplication);
 }

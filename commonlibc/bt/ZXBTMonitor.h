@@ -15,18 +15,32 @@
 //
 // A slot's counters belong to the reporter (merge and print once per
 // interval); its binding fields (tlBTObj, tdigest_key, tdigestDataExist) are
-// atomic because the manager side rebinds them while the reporter and
-// request threads read them.
+// atomic because the manager side rebinds them while request threads read
+// them.
+//
+// Counting: an application thread counts a finished transaction only in its
+// own model (one counter block per BT id) under the model's own lock. Once
+// per interval the reporter, holding slotLock (so that no slot is rebound or
+// grown under it), takes the models one at a time, merges each block into
+// its slot, prints record 74 per BT with data plus the overall record, and
+// resets what it merged:
+//
+//   thread A: [b1][b5]--+
+//   thread B: [b1]------+--> slots [0][1]..[5].. --> 74 per slot, slot -> [0]
+//   thread C: [b5][b9]--+                            74 for [0], [0] reset
 #pragma once
 
 #include <array>
 #include <atomic>
+#include <cstdint>
 #include <memory>
 #include <mutex>
+#include <unordered_map>
 #include <vector>
 
 struct BTObject;
 struct td_histogram_t;
+struct ZXProxyInstance_t;
 
 inline constexpr int ZXBT_DEFAULT_SLOTS = 128;
 inline constexpr int ZXBT_SLOT_CHUNK = 64;
@@ -35,6 +49,10 @@ inline constexpr int ZXBT_SLOT_CHUNK = 64;
 inline constexpr int ZXBT_MAX_SLOTS = 65536;
 inline constexpr int ZXBT_VECTOR_PREFIX_SIZE = 1024;
 inline constexpr int ZXBT_VECTOR_PREFIX_ID_SIZE = 64;
+// Record 74 and record 96 reports are built in buffers of this size.
+inline constexpr int ZXBT_REPORT_BUFFER_SIZE = 131072;
+inline constexpr int ZXBT_DEFAULT_INTERVAL_SECS = 60;
+inline constexpr int ZXBT_CATEGORY_GENERAL_ONLY = 15;
 
 struct ZXBTMonitorDataCounters {
   int count;
@@ -86,25 +104,71 @@ class ZXBTSlotArray {
   std::vector<std::unique_ptr<Chunk>> owned_;  // slotLock holders only
 };
 
+// One application thread's counters. Shared with the thread's own
+// thread-local reference, so a thread that outlives its application object
+// never writes into freed memory.
+struct ZXMonitorDataModel {
+  long threadId = 0;
+  std::atomic<long long> lastUpdateTimeStamp{0};
+  // Set when the thread exits, after its last update; the reporter then
+  // merges the model one last time and drops it.
+  std::atomic<bool> threadExited{false};
+  // lockForBT guards btmDataArray, currentSizeOfBTArray and every block. A
+  // std::mutex, not an APR one: the model can outlive the application's pools.
+  std::mutex lockForBT;
+  std::vector<std::unique_ptr<ZXBTMonitorDataCounters>> btmDataArray;  // by BT id
+  int currentSizeOfBTArray = 0;
+};
+
+// A finished transaction as the flowpath hands it over. Units: durations,
+// wait, synchronisation and queue times in milliseconds; CPU time in
+// nanoseconds (the record prints it divided by 1,000,000).
+struct ZXBTTransaction_t {
+  BTObject *btObj = nullptr;
+  long long duration = 0;
+  char category = 0;  // 10 normal, 11 slow, 12 very slow, 13 error, 15 general only
+  long long cpuTime = 0;
+  long long waitTime = 0;
+  long long syncTime = 0;
+  long long queueTime = 0;
+  long long endTime = 0;  // ms; stamps the model, so the hot path reads no clock
+};
+
 struct ZXBTMonitor_t {
+  ZXBTMonitor_t();
+  ~ZXBTMonitor_t();  // frees the slots' t-digests
+  ZXBTMonitor_t(const ZXBTMonitor_t &) = delete;
+  ZXBTMonitor_t &operator=(const ZXBTMonitor_t &) = delete;
+
   // Usable slots; published after the chunks that hold them, so a reader that
   // sees a size finds every slot below it.
   std::atomic<int> aggDataArraySize{0};
   ZXBTSlotArray aggBTDataArr;  // slot 0 is the overall block
-  // Serialises growth and binding (callers also hold the BT manager lock).
+  // slotLock serialises growth and binding (callers also hold the BT manager
+  // lock) against the reports, which hold it throughout: the slots' counters,
+  // their t-digests and the two prefix texts are touched only under it.
   std::mutex slotLock;
 
   char vectorPrefix[ZXBT_VECTOR_PREFIX_SIZE] = {};
   char vectorPrefixID[ZXBT_VECTOR_PREFIX_ID_SIZE] = {};
-  int currentReportingCount = 0;
-  int monitorIntervalInSecs = 60;
-  char isBTMonitorOn = 1;
+  int currentReportingCount = 0;  // slotLock
+
+  // Settings: written by the control thread, read lock-free elsewhere.
+  std::atomic<int> monitorIntervalInSecs{ZXBT_DEFAULT_INTERVAL_SECS};
+  std::atomic<char> isBTMonitorOn{1};
   int btMonitorTraceLevel = 0;
-  int btMonitorErrorLevel = 0;
+  std::atomic<int> btMonitorErrorLevel{0};
   char sendReSetEventOnAggDataConn = 0;
-  int maxBTCount = 256;
-  int numberOfThreads = 0;
-  char doNotDisacrdAnyTransaction = 0;
+  std::atomic<int> maxBTCount{256};
+  std::atomic<int> numberOfThreads{0};
+  std::atomic<char> doNotDisacrdAnyTransaction{0};
+
+  // Per-thread models by thread id; guarded by the application's
+  // controlThreadTmpLock. A thread caches its own model (see serial).
+  std::unordered_map<long, std::shared_ptr<ZXMonitorDataModel>> threadModels;
+  // Tells a thread's cached model apart from one of an earlier monitor that
+  // lived at the same address.
+  const std::uint64_t serial;
 };
 
 // The slot of `id`, or null outside the array.
@@ -122,3 +186,31 @@ int ZXBTMonitorInit(ZXBTMonitor_t &m);
 // ZXBT_MAX_SLOTS or above, or no memory (the array is then as it was).
 int checkAndIncrementAggrBTDataArray(BTObject *obj);
 int checkAndIncrementAggrBTDataArray(ZXBTMonitor_t &m, BTObject *obj);
+
+// Counts one finished transaction in the calling thread's model. false when
+// the monitor is off, the BT id is not positive or memory is short. After the
+// thread's first transaction on a BT: no allocation, one uncontended lock.
+bool updateCounterAndDurationForBT(ZXProxyInstance_t &app, const ZXBTTransaction_t &tx);
+bool updateCounterAndDurationForBT(const ZXBTTransaction_t &tx);
+
+// The interval's report: merges every thread's blocks into the slots (and
+// feeds the slots' t-digests when those are on), appends record 74 per BT
+// with data and the overall record to buf (advancing *len, never past cap)
+// and resets what it merged. false when no thread counted anything yet or no
+// BT exists.
+bool generateAndDumpBTMonitoringRecord(ZXProxyInstance_t &app, char *buf, int *len, int cap);
+// One record 74; false (nothing appended) when it does not fit.
+bool dump74RecordForEveryBT(const ZXBTMonitor_t &m, char *buf, int *len, int cap,
+                            const ZXBTMonitorDataCounters &c, int btId, const char *btName);
+
+// Rebuilds the vector prefix from the application's identity and separator.
+void createVectorPrefix(ZXBTMonitor_t &m, const ZXProxyInstance_t &app);
+
+// Keyword parsers (keyword table rows); control thread.
+void parseBTMonitorKeyword(char *value, char *keyword, int index);
+void parseMaxBTCount(char *value, char *keyword, int index);
+void parseBTAggDataArraySize(char *value, char *keyword, int index);
+void parseBTMonitorErrorLevel(char *value, char *keyword, int index);
+void parseDoNotDiscardVal(char *value, char *keyword, int index);
+void parseMonitorInterval(char *value, char *keyword, int index);
+void parseVectorSeparator(char *value, char *keyword, int index);

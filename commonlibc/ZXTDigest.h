@@ -1,0 +1,60 @@
+// Percentile sketches per business transaction: the settings that switch
+// them on, and record 96, which ships each slot's t-digest once per
+// aggregation period over the auto-sensor data connection.
+//
+// The BT monitor's report feeds the slots' digests (one point per thread per
+// interval); the record-96 report writes, merges into the overall digest and
+// destroys them. Both run on the monitoring timer and hold the monitor's
+// slotLock, so digests are never touched by two threads at once.
+//
+// Record 96 = text header, binary payload, "\n":
+//   "96,<tier>|<app>|<group>|<graph>:<vector prefix><name>,<agent ms>,<len>,\n"
+//   <len bytes of the serialised digest>"\n"
+#pragma once
+
+#include <atomic>
+
+struct ZXProxyInstance_t;
+struct td_histogram_t;
+
+inline constexpr int ZXTD_DEFAULT_AGGREGATE_MS = 5 * 60000;
+inline constexpr int ZXTD_INITIAL_SERIALIZE_SIZE = 1024;
+
+// One settings keyword ("tDigestPercentileBT" or "tDigestPercentileIP").
+// Written by the control thread, read by the monitoring timer.
+struct TDigestPercentile_t {
+  std::atomic<int> is_enabled{0};
+  std::atomic<long long> aggregate_time{ZXTD_DEFAULT_AGGREGATE_MS};  // ms
+  std::atomic<int> serialization{2};
+  std::atomic<double> delta{0.01};
+  std::atomic<int> k{100};
+  std::atomic<long> group_id{0};
+  std::atomic<int> graph_id{0};
+};
+
+struct ZXTDigest_t {
+  TDigestPercentile_t TDigestPercentileBT;
+  // Kept for the backend monitor, which owns the backend slots.
+  TDigestPercentile_t TDigestPercentileIP;
+  // Agent time (ms) at which the next period's records are due; timer only.
+  std::atomic<long long> nextLogTime{0};
+};
+
+// "%20"-separated fields: enabled, aggregation minutes, mode, compression
+// (delta = 1 / value), k, group id, graph id; absent fields keep their value.
+void setTDigestPercentileBT(char *value, char *keyword, int index);
+void setTDigestPercentileIP(char *value, char *keyword, int index);
+void setTDigestPercentile(TDigestPercentile_t &s, const char *name, const char *value);
+
+// Appends record 96 for every BT slot with digest data, then the overall
+// "AllTransactions" record, destroying the slots' digests. Advances *len,
+// never past cap; a record that does not fit is left out. Takes slotLock.
+bool generateAndDumpTDigestDataForBT(ZXProxyInstance_t &app, char *buf, int *len, int cap);
+// One record 96 from `digest` (serialised with the configured mode).
+bool dumpTDigestRecordForBT(ZXProxyInstance_t &app, char *buf, int *len, int cap,
+                            td_histogram_t *digest, const char *btName);
+bool dumpTDigestRecordForOverallBT(ZXProxyInstance_t &app, char *buf, int *len, int cap,
+                                   td_histogram_t *digest);
+// The period: builds the records and hands them to dumpASData, then sets
+// nextLogTime one aggregation period ahead. Monitoring timer only.
+void generateAndDumpPartialTDigestBTRecords(ZXProxyInstance_t &app);
