@@ -1,10 +1,12 @@
 #include "ZXAutoSensorData.h"
 
+#include <algorithm>
 #include <chrono>
 #include <cstdio>
 #include <cstring>
 #include <exception>
 #include <new>
+#include <system_error>
 
 #include "ZXDataThread.h"
 #include "ZXProxyInstance.h"

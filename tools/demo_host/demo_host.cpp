@@ -14,15 +14,20 @@
 #include <filesystem>
 #include <fstream>
 #include <iostream>
+#include <map>
 #include <sstream>
 #include <string>
 #include <thread>
 
 #include "ZXDataDispatcher.h"
+#include "bt/ZXBTMonitor.h"
 #include "control_thread.h"
 #include "reference_collector.h"
+#include "tdigest/pwlb_t_digest_quantile.h"
+#include "tdigest_record.h"
 #include "zx_agent.h"
 #include "zx_agent_internal.h"
+#include "zxbt/zxbt_rule_execute.h"
 
 namespace fs = std::filesystem;
 
@@ -75,6 +80,90 @@ void print_trace_logs(const fs::path &home) {
   }
 }
 
+constexpr int kTransactionsPerBT = 60;
+const char *const kUrls[] = {"/shop/cart", "/shop/login", "/shop/search"};
+
+// The demo has no instrumented application yet (the SDK comes later), so it
+// plays one: it names requests through the BT rules and hands finished
+// transactions straight to the BT monitor, each on a short-lived thread as a
+// request would run.
+int simulate_transactions() {
+  int n = 0;
+  for (int b = 0; b < 3; ++b) {
+    BTObject *bt = get_obj_from_bt_name(kUrls[b], "", nullptr, nullptr, "GET");
+    if (!bt) continue;
+    for (int i = 0; i < kTransactionsPerBT; ++i, ++n)
+      std::thread([bt, b, i] {
+        ZXBTTransaction_t tx;
+        tx.btObj = bt;
+        tx.duration = 40 + 60 * b + (i * 37) % 200 + (i % 20 == 0 ? 900 : 0);
+        tx.category = i % 17 == 0 ? 13 : tx.duration > 700 ? 12 : tx.duration > 250 ? 11 : 10;
+        tx.cpuTime = tx.duration * 400000;
+        updateCounterAndDurationForBT(tx);
+      }).join();
+  }
+  return n;
+}
+
+// The collector's view of one BT: record 74 counts summed over intervals,
+// record 96 digests merged over periods.
+struct BTRow {
+  long long count = 0, slow = 0, verySlow = 0, errors = 0;
+  double durationSum = 0;
+  td_histogram_ptr digest;
+};
+
+// "<ids>:<prefix><name>|<values>" -> name (after the prefix's last '>').
+std::string bt_name_of(const std::string &field, std::string::size_type end) {
+  const auto start = field.rfind('>', end);
+  return field.substr(start + 1, end - start - 1);
+}
+
+std::map<std::string, BTRow> collector_table(const std::vector<zxref::Record> &records) {
+  std::map<std::string, BTRow> rows;
+  for (const zxref::Record &r : records) {
+    if (r.fields.size() < 2) continue;
+    if (r.number == 74) {
+      const auto bar = r.fields[1].find('|', r.fields[1].find(':'));
+      std::istringstream in(r.fields[1].substr(bar + 1));
+      std::vector<double> v;
+      for (double x; in >> x;) v.push_back(x);
+      if (v.size() < 40) continue;
+      BTRow &row = rows[bt_name_of(r.fields[1], bar)];
+      row.count += static_cast<long long>(v[4]);
+      row.durationSum += v[1] * v[4];
+      row.slow += static_cast<long long>(v[14]);
+      row.verySlow += static_cast<long long>(v[18]);
+      row.errors += static_cast<long long>(v[22]);
+    } else if (r.number == 96) {
+      auto decoded = zxref::decode_tdigest_record(r);
+      if (!decoded || !decoded->digest) continue;
+      BTRow &row = rows[bt_name_of(decoded->name, decoded->name.size())];
+      if (!row.digest) {
+        row.digest = std::move(decoded->digest);
+      } else {
+        pwlb_t_digest_merge(row.digest.get(), decoded->digest.get());
+      }
+    }
+  }
+  return rows;
+}
+
+void print_bt_table(const std::map<std::string, BTRow> &rows) {
+  std::printf("== Per-BT figures from records 74 and 96 (collector side)\n");
+  std::printf("  %-16s %6s %9s %5s %9s %6s %8s %8s %8s\n", "BT", "count", "avg ms", "slow",
+              "very slow", "errors", "p50", "p90", "p99");
+  for (const auto &[name, row] : rows) {
+    auto q = [&row](double x) { return row.digest ? td_value_at(row.digest.get(), x) : 0.0; };
+    std::printf("  %-16s %6lld %9.1f %5lld %9lld %6lld %8.1f %8.1f %8.1f\n", name.c_str(),
+                row.count, row.count ? row.durationSum / row.count : 0.0, row.slow, row.verySlow,
+                row.errors, q(0.5), q(0.9), q(0.99));
+  }
+  std::printf(
+      "  (p50/p90/p99 are over each request thread's interval total, one point per\n"
+      "   thread per interval, as the agent feeds its digests)\n");
+}
+
 }  // namespace
 
 int main(int argc, char **argv) {
@@ -123,13 +212,20 @@ int main(int argc, char **argv) {
   using namespace std::chrono_literals;
   if (collector.wait_for_connections(zxref::ConnKind::Control, 1, 10s)) {
     // A run as the collector drives it: start, records, stop.
-    collector.send_start("status=running;testIdx=1");
+    // A one-second monitoring interval, and record 96 every interval.
+    collector.send_start(
+        "status=running;testIdx=1;zxMonitorInterval=1;"
+        "tDigestPercentileBT=1%200%202%20100%20100%201%201");
     if (collector.wait_for_record(99, 10s)) {
-      for (int i = 0; i < 3; ++i) {
-        std::string line = "7,DemoBT" + std::to_string(i) + "," + std::to_string(i + 2) + "\n";
-        dumpData(line.data(), static_cast<int>(line.size()));
-      }
-      collector.wait_until([](const zxref::History &h) { return h.records.size() >= 4; }, 10s);
+      const long long total = simulate_transactions();
+      collector.wait_until(
+          [total](const zxref::History &h) {
+            auto rows = collector_table(h.records);
+            auto all = rows.find("AllTransactions");
+            return all != rows.end() && all->second.count >= total && all->second.digest &&
+                   td_total_count(all->second.digest.get()) >= total;
+          },
+          10s);
     }
     collector.send_stop();
     collector.wait_for_control_line(
@@ -142,7 +238,10 @@ int main(int argc, char **argv) {
     std::printf("  control <- %s\n", zxref::printable(l.text, 160).c_str());
   for (const zxref::Line &l : seen.lines_of(zxref::ConnKind::Data))
     std::printf("  data    <- %s\n", zxref::printable(l.text, 160).c_str());
+  for (const zxref::Line &l : seen.lines_of(zxref::ConnKind::AutoSensor))
+    std::printf("  auto-sensor <- %s\n", zxref::printable(l.text, 160).c_str());
   std::printf("  records dropped by the agent: %lld\n", app->ZXSys.discardCount.load());
+  print_bt_table(collector_table(seen.records));
 
   agent_shutdown();
   print_trace_logs(home);
