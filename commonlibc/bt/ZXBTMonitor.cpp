@@ -91,8 +91,8 @@ int ZXBTMonitorInit(ZXBTMonitor_t &m) {
       }
       m.aggDataArraySize.store(ZXBT_DEFAULT_SLOTS, std::memory_order_release);
     }
+    m.currentReportingCount = 0;
   }
-  m.currentReportingCount = 0;
   m.isBTMonitorOn = 1;
   m.sendReSetEventOnAggDataConn = 0;
   m.maxBTCount = ZXBT_MAX_BT_COUNT;
@@ -100,8 +100,8 @@ int ZXBTMonitorInit(ZXBTMonitor_t &m) {
   ZXBT_LOG(0, "Info",
            "currentReportingCount = %d, monitorIntervalInSecs = %d, aggDataArraySize = %d, "
            "vectorPrefix = %s, vectorPrefixID = %s",
-           m.currentReportingCount, m.monitorIntervalInSecs.load(), m.aggDataArraySize.load(),
-           m.vectorPrefix, m.vectorPrefixID);
+           0, m.monitorIntervalInSecs.load(), m.aggDataArraySize.load(), m.vectorPrefix,
+           m.vectorPrefixID);
   return 0;
 }
 
