@@ -55,6 +55,9 @@ void modify_hashmap(const char *key, methodPropProperties *value, apr_hash_t *ma
     if (old == value) return;
     retain(value);
     // The key must live as long as the entry: the record's own name does.
+    // APR keeps an entry's first key on replacement, so the old entry (keyed
+    // by the name of the record it held) is removed first.
+    if (old) apr_hash_set(map, key, APR_HASH_KEY_STRING, nullptr);
     apr_hash_set(map, value->methodName.c_str(), APR_HASH_KEY_STRING, value);
   }
   releaseMethodRecord(old);
