@@ -11,6 +11,7 @@
 
 #include "ZXDataDispatcher.h"
 #include "ZXProxyInstance.h"
+#include "flowpath/zxlb_mem_pool.h"
 #include "zxlb_mt_log.h"
 
 namespace {
@@ -302,6 +303,13 @@ bool checkAndStopThread(ZXProxyInstance_t *app) {
   if (!app->stopDataThread) return false;
   ZX_CTRL_LOG(0, "Info", "BCI Data thread is to be stopped. Server.isTenRecordDump = %d.",
               app->Server.isTenRecordDump);
+  // Flowpaths still running go out as incomplete while the connection is up.
+  dumpFpFromBusyList(
+      app,
+      [](ZXPerThreadData_t *record, void *user) {
+        dumpIncompleteFPAtTestStop(static_cast<ZXProxyInstance_t *>(user), record);
+      },
+      app);
   return true;
 }
 

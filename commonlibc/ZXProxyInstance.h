@@ -35,6 +35,7 @@
 
 #include "ZXMethodManager.h"
 #include "ZXRunTimeChangeHandle.h"
+#include "flowpath/ZXFlowpathGenerator.h"
 #include "flowpath/ZXManageTIdToTLocal.h"
 
 struct retryPolicy_t {
@@ -106,6 +107,7 @@ struct ZXProxyInstance_t {
   Server_t Server{};
   ZXAutoInstrumentation_t zxAutoInstrumentation{};
   ZXFlowpathGeneratorSettings_t ZXFlowpathGenerator{};
+  ZXFlowpathIdSettings_t ZXFlowpathIds{};
   ZXInterfaceProcessor_t ZXInterfaceProcessor{};
   ZXDynamicSettings_t ZXDynamicSettings{};
   ZXASsettings_t ZXASsettings{};
@@ -175,7 +177,7 @@ struct ZXProxyInstance_t {
   ZXPerThreadData_t *gFreeTLSHead = nullptr, *gFreeTLSTail = nullptr;
   ZXPerThreadData_t *gBusyTLSHead = nullptr, *gBusyTLSTail = nullptr;
   std::vector<std::unique_ptr<ZXPerThreadData_t[]>> tlsBlocks;  // never shrinks
-  std::unique_ptr<TLSDataStruct[]> tlsdatastruct;              // hotspot capture only
+  std::unique_ptr<TLSDataStruct[]> tlsdatastruct;               // hotspot capture only
   int size_array = 0;
   // threadLocalMutex guards threadIdToThreadLocal.
   zx::NestedMutex threadLocalMutex;
@@ -186,6 +188,8 @@ struct ZXProxyInstance_t {
   ZXMethodNodePtr methodHashMapNodeTemp;
   ZXRetirementList methodNodeRetirement;
   ZXInstrProfileInfo_t instrProfileInfo;
+  // Flowpaths in progress by id; the map documents its lock.
+  ZXFpiToTLS fpiToTLS;
 
   // Defaults of initializeZXApplicationGlobal.
   int maxBuffersAS = 0;

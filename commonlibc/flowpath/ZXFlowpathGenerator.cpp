@@ -1,0 +1,383 @@
+#include "flowpath/ZXFlowpathGenerator.h"
+
+#include <apr_atomic.h>
+
+#include <algorithm>
+#include <atomic>
+#include <charconv>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+
+#include "ZXDataDispatcher.h"
+#include "ZXMethodManager.h"
+#include "ZXProxyInstance.h"
+#include "bt/ZXBTMonitor.h"
+#include "flowpath/ZXManageTierCallOut.h"
+#include "flowpath/zxlb_mem_pool.h"
+#include "zxbt/zxbt_bt_object.h"
+#include "zxbt/zxbt_rule_execute.h"
+#include "zxlb_utiles.h"
+
+namespace {
+
+std::atomic<int> gMaxCharactersInSeqBlob{ZX_MAX_CHARS_IN_SEQ_BLOB};
+
+// Bounded appender for blob entries and record lines: the same bytes as the
+// printf formats, without parsing a format on every method event. Output is
+// cut at `end` rather than overrunning.
+struct LineWriter {
+  char *p;
+  char *end;
+  void num(long long v) {
+    auto r = std::to_chars(p, end, v);
+    p = r.ec == std::errc{} ? r.ptr : end;
+  }
+  void ch(char c) {
+    if (p < end) *p++ = c;
+  }
+  void str(const char *s) {
+    std::size_t n = std::min<std::size_t>(std::strlen(s), static_cast<std::size_t>(end - p));
+    std::memcpy(p, s, n);
+    p += n;
+  }
+  void mem(const char *s, int len) {
+    std::size_t n = std::min<std::size_t>(static_cast<std::size_t>(len), end - p);
+    std::memcpy(p, s, n);
+    p += n;
+  }
+  void instance(long long id, bool forced) {
+    num(id);
+    if (forced) ch('F');
+  }
+};
+
+int appendBlobEntry(ZXProxyInstance_t *app, ZXPerThreadData_t *r, int mid, long long startTime,
+                    int eventID, int pageID, long long cpuTime, int isAsyncCall, long long threadID,
+                    const char *urlStr, int captureArgument) {
+  char *blob = r->sequenceBlob;
+  LineWriter w{blob + r->sequenceBlobLen, blob + ZX_SEQ_BLOB_SIZE - 1};
+  if (eventID == ZX_FP_EVENT_ENTRY) {
+    if (pageID >= 0) {
+      w.num(mid), w.str("_0_"), w.num(startTime), w.ch('_'), w.num(pageID), w.ch('_');
+    } else if (isAsyncCall) {
+      w.num(mid), w.ch(':'), w.num(threadID), w.str(":1:"), w.str(urlStr ? urlStr : "");
+      w.str("_0_"), w.num(startTime), w.str("__");
+    } else {
+      w.num(mid), w.ch(':'), w.num(threadID), w.str("_0_"), w.num(startTime), w.str("__");
+    }
+  } else if (eventID == ZX_FP_EVENT_EXIT || eventID == 3 || eventID == 4) {
+    w.num(mid), w.ch(':'), w.num(threadID), w.ch('_'), w.num(eventID);
+    if (eventID == ZX_FP_EVENT_EXIT && captureArgument &&
+        app->ZXSys.enableProcessNotificationPhase == 1) {
+      w.ch(':'), w.num(r->seqNum);
+    }
+    w.ch('_'), w.num(startTime);
+    if (cpuTime < 0) {
+      w.str("____");
+    } else {
+      w.ch('_'), w.num(cpuTime), w.str("___");
+    }
+  } else {
+    return 0;
+  }
+  *w.p = '\0';
+  r->sequenceBlobLen = static_cast<int>(w.p - blob);
+  return 1;
+}
+
+bool isChained(const ZXPerThreadData_t *r) {
+  return r->firstFlowpathInstance != 0;
+}
+
+}  // namespace
+
+long long generate_flowpath_instance(ZXProxyInstance_t *app) {
+  const ZXFlowpathIdSettings_t &s = app->ZXFlowpathIds;
+  long long t = my_gettimeofday() - app->Server.morEpochDiffTime;
+  apr_atomic_inc32(&app->ZXSys.rSeq);
+  long long base = s.flowPathInstanceInitialID + ((t & s.timeStampMask) << s.seqNoDigits);
+  long long seq = apr_atomic_inc32(&app->ZXSys.rSeq);
+  return base + (seq & s.seqNumMask);
+}
+
+int tokenize_flowpathmasks(char *text, char **parts, const char *separator, int max) {
+  if (!text || !separator || !*separator || max <= 0) return 0;
+  std::size_t sepLen = std::strlen(separator);
+  int n = 0;
+  char *p = text;
+  while (n < max) {
+    parts[n++] = p;
+    char *next = std::strstr(p, separator);
+    if (!next || n == max) break;
+    *next = '\0';
+    p = next + sepLen;
+  }
+  return n;
+}
+
+int parse_flowpath_mask(ZXProxyInstance_t *app, const char *text) {
+  if (!app || !text) return -1;
+  char copy[256];
+  std::snprintf(copy, sizeof copy, "%s", text);
+  char *parts[6] = {};
+  if (tokenize_flowpathmasks(copy, parts, "%20", 6) < 4) return -1;
+  ZXFlowpathIdSettings_t &s = app->ZXFlowpathIds;
+  s.timeStampMask = std::strtoll(parts[1], nullptr, 16);
+  s.seqNoDigits = std::strtoll(parts[2], nullptr, 10);
+  s.seqNumMask = std::strtoll(parts[3], nullptr, 16);
+  return 0;
+}
+
+int getMaxCharactersInSeqBlob() {
+  return gMaxCharactersInSeqBlob.load(std::memory_order_relaxed);
+}
+
+void setMaxCharactersInSeqBlob(int value) {
+  // Above the array less one entry's room, a blob could overrun before its flush.
+  if (value > 0 && value <= ZX_SEQ_BLOB_SIZE - 1024)
+    gMaxCharactersInSeqBlob.store(value, std::memory_order_relaxed);
+}
+
+void updateFPSeqBlob(ZXProxyInstance_t *app, ZXPerThreadData_t *record, int mid,
+                     long long startTime, int eventID, int pageID, long long cpuTime,
+                     int isAsyncCall, long long threadID, const char *urlStr, int captureArgument) {
+  if (!app || !record) return;
+  record->sequenceBlobLock.lock();
+  if (appendBlobEntry(app, record, mid, startTime, eventID, pageID, cpuTime, isAsyncCall, threadID,
+                      urlStr, captureArgument))
+    checkToDumpFPSeqBlob(app, record);
+  record->sequenceBlobLock.unlock();
+}
+
+void checkToDumpFPSeqBlob(ZXProxyInstance_t *app, ZXPerThreadData_t *record) {
+  if (record->sequenceBlobLen >= getMaxCharactersInSeqBlob())
+    dumpIncompleteFlowpathSeqBlock(app, record);
+}
+
+int dumpFPHeaderRecord(ZXProxyInstance_t *app, ZXPerThreadData_t *r) {
+  const bool forced = r->tlIsForceDump != 0;
+  const char *f = forced ? "F" : "";
+  char instance[96];
+  char position[ZX_FP_RECORD_MAX / 4];
+  if (isChained(r)) {
+    std::snprintf(instance, sizeof instance, "%lld%s:%lld%s:%lld%s", r->flowpathInstance, f,
+                  r->firstFlowpathInstance, f, r->prevFlowpathInstance, f);
+    std::snprintf(position, sizeof position, "%s.1", r->prevTierSeq.c_str());
+  } else {
+    std::snprintf(instance, sizeof instance, "%lld%s", r->flowpathInstance, f);
+    std::snprintf(position, sizeof position, "%lld.1", r->tlThreadId);
+  }
+  char url[2 * ZX_TL_URL_SIZE + 2];
+  if (r->tlURLParameters[0])
+    std::snprintf(url, sizeof url, "%s?%s", r->tlURL, r->tlURLParameters);
+  else
+    std::snprintf(url, sizeof url, "%s", r->tlURL);
+  char sid[32];
+  std::snprintf(sid, sizeof sid, r->morSID > 0 ? "%021lld" : "%lld", r->morSID);
+  const char *correlation =
+      app->ZXFlowpathIds.captureCorrelationEnabled ? r->tlCorrelationIdHeader : "";
+  int btId = r->tlBTObj ? r->tlBTObj->bt_id.load(std::memory_order_relaxed) : 0;
+
+  char line[ZX_FP_RECORD_MAX];
+  int n =
+      std::snprintf(line, sizeof line, "2,%s,%lld,%lld,%s,%d,%s,%s,%lld,%s,%lld,,%d,%lld\n",
+                    instance, r->tlFlowPathTimeStampInMS / 1000, r->tlThreadId, position, btId, url,
+                    correlation, r->zxSessionId, sid, r->ZXPageID, r->tlFlowpathType, r->qTimeInMS);
+  if (n >= static_cast<int>(sizeof line)) {
+    n = sizeof line - 1;
+    line[n - 1] = '\n';
+  }
+  r->tlIsFPHeaderDumped = 1;
+  return dumpData(app, line, n);
+}
+
+int dumpIncompleteFlowpathSeqBlock(ZXProxyInstance_t *app, ZXPerThreadData_t *r) {
+  if (!r->tlIsFPHeaderDumped) dumpFPHeaderRecord(app, r);
+  char line[ZX_FP_RECORD_MAX];
+  LineWriter w{line, line + sizeof line - 1};
+  w.str("3,"), w.instance(r->flowpathInstance, r->tlIsForceDump), w.ch(',');
+  w.mem(r->sequenceBlob, r->sequenceBlobLen);
+  *w.p++ = '\n';
+  r->sequenceBlobLen = 0;
+  r->sequenceBlob[0] = '\0';
+  return dumpData(app, line, static_cast<int>(w.p - line));
+}
+
+int dumpCompleteFlowpathSeqBlock(ZXProxyInstance_t *app, ZXPerThreadData_t *r, int category,
+                                 long long fpCPUTime, long long respTime) {
+  int status = r->tlStatusCode;
+  const bool discardable =
+      !r->tlIsFPCaptured && !app->btMonitor.doNotDisacrdAnyTransaction.load() && category == 10;
+  if (r->tlIsBTExcluded || discardable) {
+    // Once a header went out the collector expects the flowpath's end.
+    if (!r->tlIsFPHeaderDumped) return 0;
+    status = -99;
+  }
+  if (!r->tlIsFPHeaderDumped) dumpFPHeaderRecord(app, r);
+  char line[ZX_FP_RECORD_MAX];
+  LineWriter w{line, line + sizeof line - 1};
+  w.str("4,"), w.instance(r->flowpathInstance, r->tlIsForceDump), w.ch(',');
+  w.num(status), w.ch(','), w.num(category), w.ch(','), w.num(fpCPUTime), w.ch(',');
+  w.num(respTime), w.ch(',');
+  w.num(r->tlBTObj ? r->tlBTObj->bt_id.load(std::memory_order_relaxed) : 0), w.ch(',');
+  w.num(r->tlFlowpathType), w.ch(',');
+  w.mem(r->sequenceBlob, r->sequenceBlobLen);
+  *w.p++ = '\n';
+  dumpData(app, line, static_cast<int>(w.p - line));
+  return 1;
+}
+
+namespace {
+
+void copyText(char *dst, std::size_t size, const char *src) {
+  std::snprintf(dst, size, "%s", src ? src : "");
+}
+
+bool writesMethodEvents(const ZXPerThreadData_t *r, const methodPropProperties *m,
+                        long long limit) {
+  return r->tlNonServiceMethodCount <= limit && !r->tlIsBTExcluded &&
+         (r->tlIsFPCaptured || r->tlIsForceDump || (m->isEntryPoint & 8));
+}
+
+}  // namespace
+
+ZXPerThreadData_t *startFP(ZXProxyInstance_t *app, const char *flowpathinstance, const char *url,
+                           char *btHeaderValue, long long TLS, const char *ZXCookieStr,
+                           const char *RBCookieStr, const char *correlationIdHeader,
+                           long long qTimeInMS, long long startTimeFP) {
+  (void)TLS, (void)ZXCookieStr, (void)RBCookieStr;
+  if (!app || !app->Server.testRunRunning.load() || app->Server.gettingstopInstrumenatation)
+    return nullptr;
+  ZXPerThreadData_t *r = get_free_tls_slot(app);
+  if (!r) return nullptr;
+  resetAllThreadLocals(r, app);
+  long long start = startTimeFP > 0 ? startTimeFP : my_gettimeofday();
+  r->tlFlowPathTimeStampInMS = start - app->Server.morEpochDiffTime;
+
+  if (flowpathinstance && *flowpathinstance) {
+    if (std::strpbrk(flowpathinstance, "Ff")) r->tlIsForceDump = 1;
+    if (std::strchr(flowpathinstance, '_')) {
+      parseTierCallOut(r, flowpathinstance);
+      r->flowpathInstance = generate_flowpath_instance(app);
+    } else {
+      r->flowpathInstance = std::atoll(flowpathinstance);
+    }
+  } else {
+    r->flowpathInstance = generate_flowpath_instance(app);
+  }
+  std::snprintf(r->flowpathInstanceStr, sizeof r->flowpathInstanceStr, "%lld", r->flowpathInstance);
+  copyText(r->tlURL, sizeof r->tlURL, url);
+  r->qTimeInMS = qTimeInMS;
+  copyText(r->tlCorrelationIdHeader, sizeof r->tlCorrelationIdHeader, correlationIdHeader);
+  r->tlIsFPCaptured = 1;
+
+  r->tlBTObj = get_obj_from_bt_name(r->tlURL, "", btHeaderValue, &r->updateBTLock, "");
+  r->tlIsBTExcluded = !r->tlBTObj || r->tlBTObj->bt_id.load(std::memory_order_relaxed) == -2;
+  {
+    std::lock_guard lk(app->fpiToTLS.lock);
+    app->fpiToTLS.map[r->flowpathInstanceStr] = r;
+  }
+  r->hasMapNodePtr = acquireMethodHashMapNode(app);
+  if (const methodPropProperties *begin =
+          getMethodPropFromMethodName(ZX_BEGIN_REQUEST_METHOD, r->hasMapNodePtr))
+    zxMethodEntryEx(app, r, begin, r->tlFlowPathTimeStampInMS);
+  return r;
+}
+
+void zxMethodEntryEx(ZXProxyInstance_t *app, ZXPerThreadData_t *r, const methodPropProperties *m,
+                     long long nowMs) {
+  if (!app || !r || !m) return;
+  if (m->isEntryPoint & 1)
+    ++r->tlServiceMethodDepth;
+  else
+    ++r->tlNonServiceMethodCount;
+  if (!writesMethodEvents(r, m, app->ZXSys.bciMaxNonServiceMethodsPerFP)) return;
+  r->seqNum += 1;
+  updateFPSeqBlob(app, r, m->methodId, nowMs - r->tlFlowPathTimeStampInMS, ZX_FP_EVENT_ENTRY, -1,
+                  -1, m->isAsyncCall, r->tlThreadId, r->tlURL, 0);
+}
+
+void zxMethodExitEx(ZXProxyInstance_t *app, ZXPerThreadData_t *r, const methodPropProperties *m,
+                    long long methodWallTime, long long fpCPUTime) {
+  if (!app || !r || !m) return;
+  const long long limit = app->ZXSys.bciMaxNonServiceMethodsPerFP;
+  if (m->isEntryPoint & 1) {
+    --r->tlServiceMethodDepth;
+  } else if (r->tlNonServiceMethodCount > limit) {
+    // Its entry was not written either: only undo the count.
+    --r->tlNonServiceMethodCount;
+    return;
+  }
+  if (!writesMethodEvents(r, m, limit)) return;
+  updateFPSeqBlob(app, r, m->methodId, methodWallTime, ZX_FP_EVENT_EXIT, -1, fpCPUTime,
+                  m->isAsyncCall, r->tlThreadId, nullptr, 0);
+}
+
+void endFP(ZXProxyInstance_t *app, ZXPerThreadData_t *r, int statusCode, long long TLS,
+           long long endTime) {
+  (void)TLS;
+  if (!app || !r || !app->Server.testRunRunning.load()) return;
+  const long long epochDiff = app->Server.morEpochDiffTime;
+  if (endTime <= 0) endTime = r->tlFlowPathTimeStampInMS + epochDiff;
+  r->setEndFPFlag = 1;
+  r->tlStatusCode = statusCode;
+  r->tlDuration = endTime - epochDiff - r->tlFlowPathTimeStampInMS;
+  if (const methodPropProperties *begin =
+          getMethodPropFromMethodName(ZX_BEGIN_REQUEST_METHOD, r->hasMapNodePtr))
+    zxMethodExitEx(app, r, begin, r->tlDuration, -1);
+
+  if (BTObject *bt = r->tlBTObj) {
+    int category = r->tlIsBTExcluded ? 157
+                                     : findCategoryOfBT(bt->bt_threshold, r->tlDuration, statusCode,
+                                                        &r->tlIsFPCaptured);
+    r->btCategory = category;
+    r->sequenceBlobLock.lock();
+    dumpCompleteFlowpathSeqBlock(app, r, category, 0, r->tlDuration);
+    r->sequenceBlobLock.unlock();
+    if (!r->tlIsBTExcluded) {
+      ZXBTTransaction_t tx;
+      tx.btObj = bt;
+      tx.duration = r->tlDuration;
+      tx.category = static_cast<char>(category);
+      tx.queueTime = r->qTimeInMS;
+      tx.waitTime = r->waitTime;
+      tx.syncTime = r->syncTime;
+      tx.endTime = endTime;
+      updateCounterAndDurationForBT(*app, tx);
+    }
+  }
+  if (r->hasMapNodePtr) {
+    releaseMethodHashMapNode(r->hasMapNodePtr);
+    r->hasMapNodePtr = nullptr;
+  }
+  std::lock_guard lk(app->fpiToTLS.lock);
+  auto it = app->fpiToTLS.map.find(r->flowpathInstanceStr);
+  if (it != app->fpiToTLS.map.end() && it->second == r) app->fpiToTLS.map.erase(it);
+}
+
+void reset(ZXProxyInstance_t *app, ZXPerThreadData_t *r) {
+  if (!app || !r) return;
+  resetAllThreadLocals(r, app);
+  free_tls_slot(app, r);
+}
+
+void dumpIncompleteFPAtTestStop(ZXProxyInstance_t *app, ZXPerThreadData_t *r) {
+  if (!app || !r || !r->flowpathInstance || r->setEndFPFlag) return;
+  r->sequenceBlobLock.lock();
+  dumpIncompleteFlowpathSeqBlock(app, r);
+  r->sequenceBlobLock.unlock();
+  if (r->hasMapNodePtr) {
+    releaseMethodHashMapNode(r->hasMapNodePtr);
+    r->hasMapNodePtr = nullptr;
+  }
+  std::lock_guard lk(app->fpiToTLS.lock);
+  app->fpiToTLS.map.erase(r->flowpathInstanceStr);
+}
+
+ZXPerThreadData_t *findFPFromInstance(ZXProxyInstance_t *app, const char *flowpathInstanceStr) {
+  if (!app || !flowpathInstanceStr) return nullptr;
+  std::lock_guard lk(app->fpiToTLS.lock);
+  auto it = app->fpiToTLS.map.find(flowpathInstanceStr);
+  return it == app->fpiToTLS.map.end() ? nullptr : it->second;
+}

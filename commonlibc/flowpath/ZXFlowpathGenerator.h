@@ -1,0 +1,112 @@
+// The flowpath generator: instance ids, the sequence blob of one traced
+// transaction, and the flowpath records (2 header, 3 incomplete block,
+// 4 complete block) handed to dumpData.
+//
+// Blob appends run on the application's hot path: they format with
+// std::to_chars straight into the record's fixed blob, never allocate and
+// never block on the network (dumpData drops and counts what does not fit).
+// Every blob write and every record 3/4 write happens under the record's
+// sequenceBlobLock, because a call-out thread may append to the same blob.
+#pragma once
+
+#include <mutex>
+#include <string>
+#include <unordered_map>
+
+#include "flowpath/ZXPerThreadData.h"
+
+struct ZXProxyInstance_t;
+
+// Instance id layout (the "zxFlowpathMasks" keyword sets the three masks)
+// and the header's correlation switch. Written by the control thread, read
+// without locks like every settings record.
+struct ZXFlowpathIdSettings_t {
+  long long flowPathInstanceInitialID;
+  long long timeStampMask;
+  long long seqNoDigits;  // a shift in bits
+  long long seqNumMask;
+  char captureCorrelationEnabled;
+};
+
+// Flowpaths in progress by id text, so that a later call (a call-out thread,
+// the proxy's reader) finds one by its id.
+struct ZXFpiToTLS {
+  std::mutex lock;  // guards map
+  std::unordered_map<std::string, ZXPerThreadData_t *> map;
+};
+
+inline constexpr int ZX_MAX_CHARS_IN_SEQ_BLOB = 13312;
+inline constexpr int ZX_FP_RECORD_MAX = 16384;
+
+// Event ids of blob entries.
+inline constexpr int ZX_FP_EVENT_ENTRY = 0;
+inline constexpr int ZX_FP_EVENT_EXIT = 1;
+
+// A new id from agent time and the application's rSeq. The counter is
+// advanced twice per id, so consecutive ids use every second value.
+long long generate_flowpath_instance(ZXProxyInstance_t *app);
+
+// Cuts `text` in place at each `separator`, storing at most `max` pieces;
+// returns their count.
+int tokenize_flowpathmasks(char *text, char **parts, const char *separator, int max);
+// "ignored%20<timeStampMask hex>%20<seqNoDigits>%20<seqNumMask hex>".
+// Leaves the settings alone when a piece is missing. 0 on success, -1 not.
+int parse_flowpath_mask(ZXProxyInstance_t *app, const char *text);
+
+int getMaxCharactersInSeqBlob();
+void setMaxCharactersInSeqBlob(int value);
+
+// Appends one entry (event 0 entry, 1 exit, 3 and 4 as exits); other events
+// append nothing. For an entry startTime is ms since the flowpath began, for
+// an exit the method's wall time. cpuTime < 0: unknown. Flushes the blob as
+// record 3 once it reaches getMaxCharactersInSeqBlob(). Takes
+// sequenceBlobLock.
+void updateFPSeqBlob(ZXProxyInstance_t *app, ZXPerThreadData_t *record, int mid,
+                     long long startTime, int eventID, int pageID, long long cpuTime,
+                     int isAsyncCall, long long threadID, const char *urlStr, int captureArgument);
+
+// Caller holds sequenceBlobLock.
+void checkToDumpFPSeqBlob(ZXProxyInstance_t *app, ZXPerThreadData_t *record);
+
+// Record 2; sets tlIsFPHeaderDumped. Returns dumpData's result.
+int dumpFPHeaderRecord(ZXProxyInstance_t *app, ZXPerThreadData_t *record);
+// Record 3 (header first when not yet written) and empties the blob. Caller
+// holds sequenceBlobLock.
+int dumpIncompleteFlowpathSeqBlock(ZXProxyInstance_t *app, ZXPerThreadData_t *record);
+// Record 4 under the discarding rules; 1 when a record was written, 0 when
+// the flowpath was dropped. Caller holds sequenceBlobLock.
+int dumpCompleteFlowpathSeqBlock(ZXProxyInstance_t *app, ZXPerThreadData_t *record, int category,
+                                 long long fpCPUTime, long long respTime);
+
+struct methodPropProperties;
+
+// A new flowpath on a free slot, or null while no test run is running or a
+// stop is under way. flowpathinstance (may be null): the id ("F" or "f"
+// forces it) or a caller tier's call-out header. Cookies are not parsed yet:
+// every flowpath is captured. startTimeFP <= 0: now.
+ZXPerThreadData_t *startFP(ZXProxyInstance_t *app, const char *flowpathinstance, const char *url,
+                           char *btHeaderValue, long long TLS, const char *ZXCookieStr,
+                           const char *RBCookieStr, const char *correlationIdHeader,
+                           long long qTimeInMS, long long startTimeFP);
+
+// Method events. nowMs is agent time; the exit's methodWallTime and
+// fpCPUTime (< 0: unknown) are the method's own. Methods past
+// bciMaxNonServiceMethodsPerFP write neither entry nor exit.
+void zxMethodEntryEx(ZXProxyInstance_t *app, ZXPerThreadData_t *record,
+                     const methodPropProperties *method, long long nowMs);
+void zxMethodExitEx(ZXProxyInstance_t *app, ZXPerThreadData_t *record,
+                    const methodPropProperties *method, long long methodWallTime,
+                    long long fpCPUTime);
+
+// Categorises the flowpath, writes record 4, counts it in the BT monitor and
+// drops its method-table reference and fpiToTLS entry. endTime <= 0: the
+// flowpath's own start. The slot stays taken until reset.
+void endFP(ZXProxyInstance_t *app, ZXPerThreadData_t *record, int statusCode, long long TLS,
+           long long endTime);
+// Clears the record and gives the slot back.
+void reset(ZXProxyInstance_t *app, ZXPerThreadData_t *record);
+// At stop: a flowpath still running goes out as record 3 (header first).
+void dumpIncompleteFPAtTestStop(ZXProxyInstance_t *app, ZXPerThreadData_t *record);
+
+// The flowpath registered under its id text, or null.
+ZXPerThreadData_t *findFPFromInstance(ZXProxyInstance_t *app, const char *flowpathInstanceStr);

@@ -1,0 +1,302 @@
+// The flowpath generator: instance ids and their masks, blob entries against
+// the printf formats they replace, records 2/3/4 byte for byte with the
+// discarding rules, the flush threshold, the method limit, and a whole
+// flowpath from start to end and to the stop walk.
+#include <gtest/gtest.h>
+
+#include <cstdio>
+#include <functional>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "ZXDataDispatcher.h"
+#include "ZXMethodManager.h"
+#include "ZXProxyInstance.h"
+#include "bt/ZXBTMonitor.h"
+#include "flowpath/ZXFlowpathGenerator.h"
+#include "flowpath/zxlb_mem_pool.h"
+#include "test_support.h"
+#include "zxbt/zxbt_bt_object.h"
+#include "zxlb_utiles.h"
+
+namespace {
+
+using zxtest::ScopedApp;
+
+class FlowpathTest : public ::testing::Test {
+ protected:
+  FlowpathTest() {
+    app_->ZXSys.bciDataBufferMaxSize = 1 << 17;
+    app_->ZXSys.dataBuffMaxCount = 8;
+    EXPECT_EQ(buff_list_init(&*app_), 0);
+    rec_->sequenceBlobLock.create(app_->control_pool.get());
+    rec_->tlThreadId = 7;
+    rec_->flowpathInstance = 5001;
+    rec_->tlIsFPCaptured = 1;
+    rec_->tlBTObj = &bt_;
+    bt_.bt_id = 4;
+  }
+  ZXProxyInstance_t &app() { return *app_; }
+  // Every record sent since the last call.
+  std::string records() {
+    std::string out;
+    movePartialToReadList(app().sendBuffers);
+    while (nioSettings_t *b = sendBufferHead(app().sendBuffers)) {
+      out.append(b->buff, static_cast<size_t>(b->use_len));
+      markBufferSent(app().sendBuffers, b, b->use_len - b->send_len);
+    }
+    return out;
+  }
+  std::string blob() const { return std::string(rec_->sequenceBlob, rec_->sequenceBlobLen); }
+  void entry(int mid, long long t, int pageID = -1, int async = 0, const char *url = "") {
+    updateFPSeqBlob(&app(), rec_.get(), mid, t, ZX_FP_EVENT_ENTRY, pageID, -1, async,
+                    rec_->tlThreadId, url, 0);
+  }
+  void exit(int mid, long long wall, long long cpu = -1, int event = ZX_FP_EVENT_EXIT,
+            int capture = 0) {
+    updateFPSeqBlob(&app(), rec_.get(), mid, wall, event, -1, cpu, 0, rec_->tlThreadId, nullptr,
+                    capture);
+  }
+  int complete(int category) {
+    rec_->sequenceBlobLock.lock();
+    int n = dumpCompleteFlowpathSeqBlock(&app(), rec_.get(), category, 3, 250);
+    rec_->sequenceBlobLock.unlock();
+    return n;
+  }
+
+  ScopedApp app_;
+  BTObject bt_;
+  std::unique_ptr<ZXPerThreadData_t> rec_ = std::make_unique<ZXPerThreadData_t>();
+};
+
+TEST_F(FlowpathTest, InstanceIdsStepTheCounterTwiceUnderTheMasks) {
+  ZXFlowpathIdSettings_t &s = app().ZXFlowpathIds;
+  s.flowPathInstanceInitialID = 1000;
+  s.seqNumMask = 0xFFFF;
+  EXPECT_EQ(generate_flowpath_instance(&app()), 1001);
+  EXPECT_EQ(generate_flowpath_instance(&app()), 1003);
+  app().ZXSys.rSeq = 0x1FFFF;  // the mask wraps the counter
+  EXPECT_EQ(generate_flowpath_instance(&app()), 1000);
+
+  ASSERT_EQ(parse_flowpath_mask(&app(), "0%20FF%2016%20ffff%20x%20y"), 0);
+  EXPECT_EQ(s.timeStampMask, 0xFF);
+  EXPECT_EQ(s.seqNoDigits, 16);
+  EXPECT_EQ(s.seqNumMask, 0xFFFF);
+  app().Server.morEpochDiffTime = 5000;
+  long long before = my_gettimeofday() - 5000;
+  long long id = generate_flowpath_instance(&app());
+  long long after = my_gettimeofday() - 5000;
+  long long stamp = (id - 1000) >> 16;
+  EXPECT_TRUE(stamp == (before & 0xFF) || stamp == (after & 0xFF)) << id;
+  EXPECT_EQ((id - 1000) & 0xFFFF, 2);
+
+  EXPECT_EQ(parse_flowpath_mask(&app(), "0%201%202"), -1);
+  EXPECT_EQ(s.seqNoDigits, 16) << "a short value changes nothing";
+  char text[] = "a%20b%20c";
+  char *parts[2];
+  EXPECT_EQ(tokenize_flowpathmasks(text, parts, "%20", 2), 2);
+  EXPECT_STREQ(parts[0], "a");
+  EXPECT_STREQ(parts[1], "b%20c") << "the last piece keeps the rest";
+}
+
+TEST_F(FlowpathTest, BlobEntriesMatchTheirPrintfFormats) {
+  struct Case {
+    const char *want;
+    std::function<void()> append;
+  };
+  const long long big = 9223372036854775807LL;
+  char oracle[128];
+  std::snprintf(oracle, sizeof oracle, "%d:%lld_%d_%lld_%lld___", -3, 7LL, 4, big, -0LL);
+  std::vector<Case> cases = {
+      {"12_0_40_6_", [&] { entry(12, 40, 6); }},
+      {"12:7:1:/cart?x=1_0_40__", [&] { entry(12, 40, -1, 1, "/cart?x=1"); }},
+      {"12:7_0_40__", [&] { entry(12, 40); }},
+      {"12:7_1_95____", [&] { exit(12, 95); }},
+      {"12:7_1_95_0___", [&] { exit(12, 95, 0); }},
+      {"12:7_3_95_8___", [&] { exit(12, 95, 8, 3); }},
+      {"12:7_4_95____", [&] { exit(12, 95, -1, 4); }},
+      {"12:7_1_95____", [&] { exit(12, 95, -1, 1, 1); }},  // notification phase off
+      {"", [&] { exit(12, 95, -1, 2); }},
+      {oracle, [&] { exit(-3, big, 0, 4); }},
+  };
+  for (const Case &c : cases) {
+    rec_->sequenceBlobLen = 0;
+    c.append();
+    EXPECT_EQ(blob(), c.want);
+  }
+  app().ZXSys.enableProcessNotificationPhase = 1;
+  rec_->seqNum = 33;
+  rec_->sequenceBlobLen = 0;
+  exit(12, 95, -1, 1, 1);
+  exit(12, 95, 2, 1, 1);
+  EXPECT_EQ(blob(), "12:7_1:33_95____12:7_1:33_95_2___") << "entries follow without separator";
+  EXPECT_EQ(records(), "") << "nothing goes out below the threshold";
+}
+
+TEST_F(FlowpathTest, HeaderAndBlocksByteForByte) {
+  rec_->tlFlowPathTimeStampInMS = 1700000000999;
+  std::snprintf(rec_->tlURL, sizeof rec_->tlURL, "/shop/cart");
+  std::snprintf(rec_->tlURLParameters, sizeof rec_->tlURLParameters, "id=3");
+  std::snprintf(rec_->tlCorrelationIdHeader, sizeof rec_->tlCorrelationIdHeader, "corr-1");
+  rec_->zxSessionId = 77;
+  rec_->morSID = 123;
+  rec_->ZXPageID = 9;
+  rec_->tlFlowpathType = 2;
+  rec_->qTimeInMS = -1;
+  rec_->tlStatusCode = 200;
+  entry(12, 40);
+  rec_->sequenceBlobLock.lock();
+  dumpIncompleteFlowpathSeqBlock(&app(), rec_.get());
+  rec_->sequenceBlobLock.unlock();
+  exit(12, 95);
+  EXPECT_EQ(complete(11), 1);
+  EXPECT_EQ(records(),
+            "2,5001,1700000000,7,7.1,4,/shop/cart?id=3,,77,000000000000000000123,9,,2,-1\n"
+            "3,5001,12:7_0_40__\n"
+            "4,5001,200,11,3,250,4,2,12:7_1_95____\n");
+
+  // Chained and forced: every id gets its F; the position is the caller's.
+  rec_->tlIsFPHeaderDumped = 0;
+  rec_->sequenceBlobLen = 0;
+  rec_->tlIsForceDump = 1;
+  rec_->firstFlowpathInstance = 11;
+  rec_->prevFlowpathInstance = 22;
+  rec_->prevTierSeq.assign("3.2");
+  rec_->morSID = 0;
+  rec_->tlURLParameters[0] = '\0';
+  app().ZXFlowpathIds.captureCorrelationEnabled = 1;
+  EXPECT_EQ(complete(10), 1);
+  EXPECT_EQ(records(),
+            "2,5001F:11F:22F,1700000000,7,3.2.1,4,/shop/cart,corr-1,77,0,9,,2,-1\n"
+            "4,5001F,200,10,3,250,4,2,\n");
+}
+
+TEST_F(FlowpathTest, DiscardedFlowpathsWriteNothingOrEndWithMinus99) {
+  rec_->tlIsFPCaptured = 0;
+  EXPECT_EQ(complete(10), 0) << "uncaptured and normal";
+  EXPECT_EQ(complete(11), 1) << "slow ones are kept";
+  std::string slow = records();
+  EXPECT_NE(slow.find("\n4,5001,0,11,"), std::string::npos) << slow;
+
+  rec_->tlIsFPHeaderDumped = 0;
+  app().btMonitor.doNotDisacrdAnyTransaction = 1;
+  EXPECT_EQ(complete(10), 1);
+  app().btMonitor.doNotDisacrdAnyTransaction = 0;
+  records();
+  EXPECT_EQ(complete(10), 1) << "a header went out, so the end follows";
+  EXPECT_EQ(records(), "4,5001,-99,10,3,250,4,0,\n");
+
+  rec_->tlIsFPCaptured = 1;
+  rec_->tlIsBTExcluded = 1;
+  EXPECT_EQ(complete(157), 1);
+  EXPECT_EQ(records(), "4,5001,-99,157,3,250,4,0,\n");
+  rec_->tlIsFPHeaderDumped = 0;
+  EXPECT_EQ(complete(157), 0);
+  EXPECT_EQ(records(), "");
+}
+
+TEST_F(FlowpathTest, FullBlobIsFlushedAsRecord3AndContinuesEmpty) {
+  EXPECT_EQ(getMaxCharactersInSeqBlob(), 13312);
+  const std::string one = "12:7_0_40__";  // 11 bytes: 1210 stay below 13312, 1211 reach it
+  std::string all;
+  for (int i = 0; i < 1210; ++i) entry(12, 40), all += one;
+  EXPECT_EQ(rec_->sequenceBlobLen, 13310);
+  EXPECT_EQ(records(), "");
+  entry(12, 40), all += one;
+  EXPECT_EQ(rec_->sequenceBlobLen, 0);
+  entry(12, 41);
+  complete(10);
+  EXPECT_EQ(records(), "2,5001,0,7,7.1,4,,,0,0,0,,0,0\n3,5001," + all +
+                           "\n4,5001,0,10,3,250,4,0,12:7_0_41__\n");
+}
+
+TEST_F(FlowpathTest, MethodsPastTheLimitWriteNeitherEntryNorExit) {
+  app().ZXSys.bciMaxNonServiceMethodsPerFP = 2;
+  methodPropProperties service{}, plain{}, callout{};
+  service.methodId = 1, service.isEntryPoint = 1;
+  plain.methodId = 2;
+  callout.methodId = 3, callout.isEntryPoint = 8;
+  const long long t0 = rec_->tlFlowPathTimeStampInMS = 1000;
+  zxMethodEntryEx(&app(), rec_.get(), &service, t0);
+  for (int i = 0; i < 4; ++i) zxMethodEntryEx(&app(), rec_.get(), &plain, t0 + 1 + i);
+  for (int i = 0; i < 4; ++i) zxMethodExitEx(&app(), rec_.get(), &plain, 5, -1);
+  zxMethodEntryEx(&app(), rec_.get(), &plain, t0 + 9);  // still past the limit
+  zxMethodExitEx(&app(), rec_.get(), &plain, 1, -1);
+  zxMethodExitEx(&app(), rec_.get(), &service, 10, -1);
+  EXPECT_EQ(blob(), "1:7_0_0__2:7_0_1__2:7_0_2__2:7_1_5____2:7_1_5____1:7_1_10____");
+  EXPECT_EQ(rec_->seqNum, 3);
+
+  // An uncaptured flowpath still records call-outs.
+  rec_->sequenceBlobLen = 0;
+  rec_->tlNonServiceMethodCount = 0;
+  rec_->tlIsFPCaptured = 0;
+  zxMethodEntryEx(&app(), rec_.get(), &plain, t0 + 2);
+  zxMethodEntryEx(&app(), rec_.get(), &callout, t0 + 3);
+  zxMethodExitEx(&app(), rec_.get(), &callout, 1, -1);
+  EXPECT_EQ(blob(), "3:7_0_3__3:7_1_1____");
+}
+
+class FlowpathRunTest : public FlowpathTest {
+ protected:
+  FlowpathRunTest() {
+    initPerThreadSlots(&app());
+    app().methodEntryLock.create(app().control_pool.get());
+    app().methodIDGlobal = 1;
+    app().allSlow = 3000;
+    app().allVerySlow = 5000;
+    app().maxStates = 128;
+    EXPECT_EQ(ZXBTConfigModelInit(), 0);
+    app().Server.testRunRunning = 1;
+  }
+};
+
+TEST_F(FlowpathRunTest, ForcedFlowpathFromStartToEnd) {
+  app().Server.testRunRunning = 0;
+  EXPECT_EQ(startFP(&app(), nullptr, "/a", nullptr, 0, nullptr, nullptr, nullptr, -1, 0), nullptr);
+  app().Server.testRunRunning = 1;
+
+  ZXPerThreadData_t *r =
+      startFP(&app(), "123F", "/a", nullptr, 0, nullptr, nullptr, "c1", 4, 1700000000500);
+  ASSERT_NE(r, nullptr);
+  ASSERT_NE(r->tlBTObj, nullptr);
+  EXPECT_EQ(findFPFromInstance(&app(), "123"), r);
+  EXPECT_EQ(r->flowpathInstance, 123);
+  EXPECT_EQ(r->tlIsForceDump, 1);
+  endFP(&app(), r, 200, 0, 1700000000520);
+  EXPECT_EQ(r->tlDuration, 20);
+  EXPECT_EQ(findFPFromInstance(&app(), "123"), nullptr);
+  EXPECT_EQ(r->hasMapNodePtr, nullptr) << "the method table reference was dropped";
+  const std::string bt = std::to_string(r->tlBTObj->bt_id.load());
+  const std::string tid = std::to_string(r->tlThreadId);
+  // The new BT announces itself (record 7) first.
+  EXPECT_EQ(records(), "7," + bt + ",/a\n2,123F,1700000000," + tid + "," + tid + ".1," + bt +
+                           ",/a,,0,0,0,,0,4\n" + "4,123F,200,10,0,20," + bt + ",0,1:" + tid +
+                           "_0_0__1:" + tid + "_1_20____\n");
+  reset(&app(), r);
+  EXPECT_EQ(app().gBusyTLSCnt, 0);
+}
+
+TEST_F(FlowpathRunTest, StopWritesRunningFlowpathsAsIncomplete) {
+  ZXPerThreadData_t *running =
+      startFP(&app(), "77", "/b", nullptr, 0, nullptr, nullptr, nullptr, -1, 0);
+  ZXPerThreadData_t *ended =
+      startFP(&app(), "78", "/b", nullptr, 0, nullptr, nullptr, nullptr, -1, 0);
+  ASSERT_TRUE(running && ended);
+  endFP(&app(), ended, 200, 0, 0);
+  records();
+  dumpFpFromBusyList(
+      &app(),
+      [](ZXPerThreadData_t *rec, void *user) {
+        dumpIncompleteFPAtTestStop(static_cast<ZXProxyInstance_t *>(user), rec);
+      },
+      &app());
+  std::string out = records();
+  const std::string tid = std::to_string(running->tlThreadId);
+  EXPECT_NE(out.find("\n3,77,1:" + tid + "_0_0__\n"), std::string::npos) << out;
+  EXPECT_EQ(out.find("78"), std::string::npos) << "an ended flowpath is not written again";
+  EXPECT_EQ(app().gBusyTLSCnt, 0);
+  EXPECT_EQ(findFPFromInstance(&app(), "77"), nullptr);
+}
+
+}  // namespace
