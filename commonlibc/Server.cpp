@@ -63,7 +63,7 @@ const zx_keyword_row_t keywordsMap[ZX_KEYWORD_COUNT] = {
     ZX_P("ZXInterfaceFile", FILE_KW),
     ZX_P("saveConfigFiles", FILE_KW),
     ZX_SRV("status", statusValue, ZX_STATUS_VALUE_SIZE, C),
-    ZX_P("zxFlowpathMasks", FEATURE),
+    ZX_P("zxFlowpathMasks", parseZXFlowpathMasks),
     ZX_P("testIdx", parseTestIdx),
     ZX_P("morEpochDiff", parseMorEpochDiff),
     ZX_SRV("TimeStampDiff", diffTimeFromZXC, 8, L),

@@ -10,6 +10,7 @@
 #include <string>
 #include <vector>
 
+#include "Server.h"
 #include "ZXDataDispatcher.h"
 #include "ZXMethodManager.h"
 #include "ZXProxyInstance.h"
@@ -91,8 +92,12 @@ TEST_F(FlowpathTest, InstanceIdsStepTheCounterTwiceUnderTheMasks) {
   EXPECT_TRUE(stamp == (before & 0xFF) || stamp == (after & 0xFF)) << id;
   EXPECT_EQ((id - 1000) & 0xFFFF, 2);
 
+  char modify[] = "zx_control_req:action=modify;zxFlowpathMasks=0%20F%204%20F";
+  findStatusFromClientMsg(modify);
+  EXPECT_EQ(s.timeStampMask, 0xF) << "the keyword applies the masks";
+  EXPECT_EQ(s.seqNoDigits, 4);
   EXPECT_EQ(parse_flowpath_mask(&app(), "0%201%202"), -1);
-  EXPECT_EQ(s.seqNoDigits, 16) << "a short value changes nothing";
+  EXPECT_EQ(s.seqNoDigits, 4) << "a short value changes nothing";
   char text[] = "a%20b%20c";
   char *parts[2];
   EXPECT_EQ(tokenize_flowpathmasks(text, parts, "%20", 2), 2);
@@ -132,6 +137,32 @@ TEST_F(FlowpathTest, BlobEntriesMatchTheirPrintfFormats) {
   exit(12, 95, 2, 1, 1);
   EXPECT_EQ(blob(), "12:7_1:33_95____12:7_1:33_95_2___") << "entries follow without separator";
   EXPECT_EQ(records(), "") << "nothing goes out below the threshold";
+}
+
+TEST_F(FlowpathTest, CallOutEntriesByTypeAndStatus) {
+  methodPropProperties db{}, six{}, http{};
+  db.methodId = 20, db.type = 2;
+  six.methodId = 21, six.type = 6;
+  http.methodId = 22, http.type = 1;
+  rec_->seqNum = 5;
+  auto callout = [&](const methodPropProperties &m, long long resource) {
+    updateFPSeqBlobWithTierCallOutRecord(&app(), rec_.get(), 300, 45, &m, resource);
+  };
+  callout(db, 9);
+  callout(six, 9);
+  rec_->tierCallOutSeqNum = 8;
+  callout(http, 9);
+  EXPECT_EQ(rec_->tierCallOutSeqNum, 0);
+  callout(http, 9);
+  EXPECT_EQ(blob(), "T5:20:45:10:9:300_T5:21:45:8:0:300_T8:22:45:1:0:300_T5:22:45:1:0:300_");
+
+  rec_->sequenceBlobLen = 0;
+  rec_->tlStatusCode = 503;
+  app().ZXSys.enableIPResourceURL = 1;
+  callout(db, 9);
+  callout(six, 9);
+  callout(http, 9);
+  EXPECT_EQ(blob(), "E5:20:45:10:9:300:503_E5:21:45:8:0:300:503_E5:22:45:1:0:300:503:9_");
 }
 
 TEST_F(FlowpathTest, HeaderAndBlocksByteForByte) {

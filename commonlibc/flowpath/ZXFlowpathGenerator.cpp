@@ -10,6 +10,7 @@
 #include <cstring>
 
 #include "ZXDataDispatcher.h"
+#include "ZXFeatureKeywords.h"
 #include "ZXMethodManager.h"
 #include "ZXProxyInstance.h"
 #include "bt/ZXBTMonitor.h"
@@ -129,6 +130,11 @@ int parse_flowpath_mask(ZXProxyInstance_t *app, const char *text) {
   return 0;
 }
 
+void parseZXFlowpathMasks(char *value, char *keyword, int index) {
+  storeFeatureKeyword(value, keyword, index);
+  parse_flowpath_mask(tlzxApplication, value);
+}
+
 int getMaxCharactersInSeqBlob() {
   return gMaxCharactersInSeqBlob.load(std::memory_order_relaxed);
 }
@@ -150,9 +156,41 @@ void updateFPSeqBlob(ZXProxyInstance_t *app, ZXPerThreadData_t *record, int mid,
   record->sequenceBlobLock.unlock();
 }
 
+void updateFPSeqBlobWithTierCallOutRecord(ZXProxyInstance_t *app, ZXPerThreadData_t *r,
+                                          long long methodStartTime, long long duration,
+                                          const methodPropProperties *method,
+                                          long long resourceID) {
+  if (!app || !r || !method) return;
+  const bool error = r->tlStatusCode > 399;
+  r->sequenceBlobLock.lock();
+  char *blob = r->sequenceBlob;
+  LineWriter w{blob + r->sequenceBlobLen, blob + ZX_SEQ_BLOB_SIZE - 1};
+  w.ch(error ? 'E' : 'T');
+  if (method->type == 2) {
+    w.num(r->seqNum), w.ch(':'), w.num(method->methodId), w.ch(':'), w.num(duration);
+    w.str(":10:"), w.num(resourceID), w.ch(':'), w.num(methodStartTime);
+    if (error) w.ch(':'), w.num(r->tlStatusCode);
+  } else {
+    const bool other = method->type != 6;
+    long long seq = other && r->tierCallOutSeqNum ? r->tierCallOutSeqNum : r->seqNum;
+    w.num(seq), w.ch(':'), w.num(method->methodId), w.ch(':'), w.num(duration);
+    w.str(other ? ":1:0:" : ":8:0:"), w.num(methodStartTime);
+    if (error) w.ch(':'), w.num(r->tlStatusCode);
+    if (other && app->ZXSys.enableIPResourceURL) w.ch(':'), w.num(resourceID);
+    if (other) r->tierCallOutSeqNum = 0;
+  }
+  w.ch('_');
+  *w.p = '\0';
+  r->sequenceBlobLen = static_cast<int>(w.p - blob);
+  checkToDumpFPSeqBlob(app, r);
+  r->sequenceBlobLock.unlock();
+}
+
 void checkToDumpFPSeqBlob(ZXProxyInstance_t *app, ZXPerThreadData_t *record) {
-  if (record->sequenceBlobLen >= getMaxCharactersInSeqBlob())
-    dumpIncompleteFlowpathSeqBlock(app, record);
+  // The keyword's value counts only below the array less one entry's room.
+  int limit = app->ZXFlowpathGenerator.maxCharactersInSeqBlob;
+  if (limit <= 0 || limit > ZX_SEQ_BLOB_SIZE - 1024) limit = getMaxCharactersInSeqBlob();
+  if (record->sequenceBlobLen >= limit) dumpIncompleteFlowpathSeqBlock(app, record);
 }
 
 int dumpFPHeaderRecord(ZXProxyInstance_t *app, ZXPerThreadData_t *r) {

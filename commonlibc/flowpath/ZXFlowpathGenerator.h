@@ -16,6 +16,7 @@
 #include "flowpath/ZXPerThreadData.h"
 
 struct ZXProxyInstance_t;
+struct methodPropProperties;
 
 // Instance id layout (the "zxFlowpathMasks" keyword sets the three masks)
 // and the header's correlation switch. Written by the control thread, read
@@ -52,6 +53,8 @@ int tokenize_flowpathmasks(char *text, char **parts, const char *separator, int 
 // "ignored%20<timeStampMask hex>%20<seqNoDigits>%20<seqNumMask hex>".
 // Leaves the settings alone when a piece is missing. 0 on success, -1 not.
 int parse_flowpath_mask(ZXProxyInstance_t *app, const char *text);
+// Keyword row "zxFlowpathMasks": applies the masks and keeps the raw value.
+void parseZXFlowpathMasks(char *value, char *keyword, int index);
 
 int getMaxCharactersInSeqBlob();
 void setMaxCharactersInSeqBlob(int value);
@@ -65,7 +68,16 @@ void updateFPSeqBlob(ZXProxyInstance_t *app, ZXPerThreadData_t *record, int mid,
                      long long startTime, int eventID, int pageID, long long cpuTime,
                      int isAsyncCall, long long threadID, const char *urlStr, int captureArgument);
 
-// Caller holds sequenceBlobLock.
+// A call-out's entry: "T" (success) or "E" with the status (tlStatusCode >
+// 399), by the method's type: 2 database (resourceID is the query's id), 6,
+// else HTTP and the like (resourceID written with enableIPResourceURL).
+// Resets tierCallOutSeqNum. Takes sequenceBlobLock.
+void updateFPSeqBlobWithTierCallOutRecord(ZXProxyInstance_t *app, ZXPerThreadData_t *record,
+                                          long long methodStartTime, long long duration,
+                                          const methodPropProperties *method, long long resourceID);
+
+// Caller holds sequenceBlobLock; uses the "maxCharInSeqBlob" setting when
+// one was given.
 void checkToDumpFPSeqBlob(ZXProxyInstance_t *app, ZXPerThreadData_t *record);
 
 // Record 2; sets tlIsFPHeaderDumped. Returns dumpData's result.
@@ -77,8 +89,6 @@ int dumpIncompleteFlowpathSeqBlock(ZXProxyInstance_t *app, ZXPerThreadData_t *re
 // the flowpath was dropped. Caller holds sequenceBlobLock.
 int dumpCompleteFlowpathSeqBlock(ZXProxyInstance_t *app, ZXPerThreadData_t *record, int category,
                                  long long fpCPUTime, long long respTime);
-
-struct methodPropProperties;
 
 // A new flowpath on a free slot, or null while no test run is running or a
 // stop is under way. flowpathinstance (may be null): the id ("F" or "f"
