@@ -7,6 +7,7 @@
 #include <cstdio>
 #include <functional>
 #include <memory>
+#include <regex>
 #include <string>
 #include <vector>
 
@@ -258,14 +259,17 @@ TEST_F(FlowpathTest, MethodsPastTheLimitWriteNeitherEntryNorExit) {
   EXPECT_EQ(blob(), "1:7_0_0__2:7_0_1__2:7_0_2__2:7_1_5____2:7_1_5____1:7_1_10____");
   EXPECT_EQ(rec_->seqNum, 3);
 
-  // An uncaptured flowpath still records call-outs.
+  // An uncaptured flowpath still records call-outs, with their call-out entry.
+  rec_->tlFlowPathTimeStampInMS = my_gettimeofday() - 10;
   rec_->sequenceBlobLen = 0;
   rec_->tlNonServiceMethodCount = 0;
   rec_->tlIsFPCaptured = 0;
-  zxMethodEntryEx(&app(), rec_.get(), &plain, t0 + 2);
-  zxMethodEntryEx(&app(), rec_.get(), &callout, t0 + 3);
+  const long long t1 = rec_->tlFlowPathTimeStampInMS;
+  zxMethodEntryEx(&app(), rec_.get(), &plain, t1 + 2);
+  zxMethodEntryEx(&app(), rec_.get(), &callout, t1 + 3);
   zxMethodExitEx(&app(), rec_.get(), &callout, 1, -1);
-  EXPECT_EQ(blob(), "3:7_0_3__3:7_1_1____");
+  EXPECT_TRUE(std::regex_match(blob(), std::regex("3:7_0_3__3:7_1_1____T4:3:1:1:0:[0-9]+_")))
+      << blob();
 }
 
 class FlowpathRunTest : public FlowpathTest {

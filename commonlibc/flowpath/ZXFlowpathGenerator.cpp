@@ -350,6 +350,11 @@ void zxMethodExitEx(ZXProxyInstance_t *app, ZXPerThreadData_t *r, const methodPr
   if (!writesMethodEvents(r, m, limit)) return;
   updateFPSeqBlob(app, r, m->methodId, methodWallTime, ZX_FP_EVENT_EXIT, -1, fpCPUTime,
                   m->isAsyncCall, r->tlThreadId, nullptr, 0);
+  if (m->isEntryPoint & 8) {
+    // Only call-outs pay for a clock read: their entry carries the start.
+    long long end = my_gettimeofday() - app->Server.morEpochDiffTime - r->tlFlowPathTimeStampInMS;
+    updateFPSeqBlobWithTierCallOutRecord(app, r, end - methodWallTime, methodWallTime, m, 0);
+  }
 }
 
 void endFP(ZXProxyInstance_t *app, ZXPerThreadData_t *r, int statusCode, long long TLS,
