@@ -112,6 +112,7 @@ PassEnd connectionPass(ZXProxyInstance_t *app, int &rejections) {
               ep.port);
   char err[kErrSize] = {};
   if (create_control_conn(app, ep.host.c_str(), ep.port, err, sizeof err) != 0) {
+    if (app->stopRequested) return PassEnd::NextPass;  // abandoned, not failed
     if (ep.proxy)
       ZX_CTRL_LOG(0, "Error",
                   "Socket was not created and retry after 60seconds with "

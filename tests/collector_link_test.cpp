@@ -373,7 +373,8 @@ TEST_F(LinkTest, FailoverWalksTheListThroughTheEmptyEntry) {
   if (b.size() > 1) {
     EXPECT_GT(b[1], p[1]) << "the empty entry comes between backup and primary";
   }
-  EXPECT_EQ(a.retry_policy.count, 3);
+  // Three failed sockets on the empty entry; a later pass may have added more.
+  EXPECT_GE(a.retry_policy.count, 3);
   EXPECT_EQ(a.Server.requestType, 3);
 }
 
@@ -528,7 +529,8 @@ TEST_F(LinkTest, CollectorThatStopsReadingCostsDropsNotWaits) {
   start_run(*c);
   c->update_behaviour([](Behaviour &b) { b.read_data = false; });
   const std::string rec = "7," + std::string(200, 'r') + "\n";
-  for (int i = 0; i < 20000; ++i) dumpData(rec.data(), static_cast<int>(rec.size()));
+  // More than the pool and every socket buffer on the way can hold.
+  for (int i = 0; i < 100000; ++i) dumpData(rec.data(), static_cast<int>(rec.size()));
   EXPECT_GT(a.ZXSys.discardCount.load(), 0);
 
   // Once it reads again the data thread catches up and sends new records.
@@ -566,7 +568,7 @@ TEST_F(LinkTest, HandshakeFaultsAndUnreachableCollectors) {
   ASSERT_TRUE(control_thread_configure(&app()));
   app().retry_policy.time_interval = apr_time_from_sec(60);
   run_loop();
-  ASSERT_TRUE(zxtest::wait_until([&] { return app().retry_policy.count >= 0; }));
+  std::this_thread::sleep_for(100ms);  // lets the loop reach its retry wait
   auto t0 = std::chrono::steady_clock::now();
   stop_agent();
   EXPECT_LT(std::chrono::steady_clock::now() - t0, 5s);
