@@ -229,24 +229,13 @@ void handleHeartbeatEcho(char *message) {
 }
 
 bool parseReRouteMessageAndUpdateClientInfo(const char *message) {
-  ZXProxyInstance_t *app = self();
-  std::string text(message);
-  char *fields[ZX_MAX_MESSAGE_TOKENS] = {};
-  int n = zxlb_get_tokens_with_multi_delimiter(text.data(), fields, ZX_MAX_MESSAGE_TOKENS, ";");
   std::string host;
   int port = 0;
-  for (int i = 0; i < n; ++i) {
-    char key[64];
-    char *value = split_key_value(fields[i], key, sizeof key);
-    if (!value) continue;
-    if (strcmp(key, "zxcHost") == 0) host = value;
-    if (strcmp(key, "zxcPort") == 0) port = atoi(value);
-  }
-  if (host.empty() || port <= 0 || port > 65535) {
+  if (!parse_zxc_host_port(message, host, port)) {
     ZX_CTRL_LOG(0, "Error", "Re-route message without a collector: '%s'", message);
     return false;
   }
-  ZXBCISetting_t &bci = app->ZXBCISetting;
+  ZXBCISetting_t &bci = self()->ZXBCISetting;
   bci.zxcHost.assign(host.c_str());
   bci.zxcPort = port;
   return true;
@@ -303,12 +292,7 @@ void handleRerouteMessage(char *message) {
   if (srv.isClusterMode) {
     app->zxc_server_arr.at_growing(1).zxc_host.assign(bci.zxcHost.c_str());
   } else {
-    zxc_servers_t &e = app->zxc_server_arr.at_growing(0);
-    e.zxc_host.assign(bci.zxcHost.c_str());
-    e.zxc_port = static_cast<std::uint32_t>(bci.zxcPort);
-    e.saasServer = 0;
-    e.state = 1;
-    active_zxc_idx = 0;
+    set_primary_zxc(bci.zxcHost.c_str(), bci.zxcPort);
     updateZXSettingFile(bci.zxcHost.c_str(), bci.zxcPort);
   }
   srv.lastConnectionTime = my_gettimeofday();

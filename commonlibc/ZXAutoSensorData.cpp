@@ -22,31 +22,7 @@ constexpr char kASRequest[] = "auto_sensor_thread_hotspot_data_req:";
 // Caller holds both pool locks. The pool never grows: the count is the
 // maximum ("ASDataBufferMaxCount") from the start.
 int asBuffListInit(ZXASDataLink &link, int size, int count) {
-  ZXSendBufferPool &pool = link.buffers;
-  if (pool.nodes) return 0;
-  if (size <= 0 || count <= 0) {
-    ZX_CTRL_LOG(0, "Error", "Auto-sensor buffers not created: size %d, count %d\n", size, count);
-    return -1;
-  }
-  const size_t total = static_cast<size_t>(size) * static_cast<size_t>(count);
-  std::unique_ptr<nioSettings_t[]> nodes(new (std::nothrow) nioSettings_t[count]);
-  std::unique_ptr<char[]> storage(new (std::nothrow) char[total]);
-  if (!nodes || !storage) {
-    ZX_LOG_OOM(total, "auto-sensor buffers", count);
-    return -1;
-  }
-  for (int i = 0; i < count; ++i) {
-    nioSettings_t &b = nodes[i];
-    b.buff = storage.get() + static_cast<size_t>(i) * static_cast<size_t>(size);
-    b.buff_size = size;
-    b.next.store(i + 1 < count ? &nodes[i + 1] : nullptr, std::memory_order_relaxed);
-  }
-  pool.writeListLast = &nodes[count - 1];
-  pool.writeListSize = count;
-  pool.writeList.store(&nodes[0], std::memory_order_release);
-  pool.nodes = std::move(nodes);
-  pool.storage = std::move(storage);
-  return 0;
+  return allocSendBuffers(link.buffers, size, count, "Auto-sensor buffers");
 }
 
 // Copies into the filling buffer and the ones behind it. Unlike dumpData a

@@ -1,7 +1,11 @@
 #include "ZXCServerConfig.h"
 
+#include <cstdlib>
+#include <cstring>
+
 #include "ZXProxyInstance.h"
 #include "zxlb_mt_log.h"
+#include "zxlb_utiles.h"
 
 int active_zxc_idx = 0;
 
@@ -68,4 +72,29 @@ void connection_retry_failed() {
                 "[ZX DR Feature]; Retry for connection attempt failed DR is enabled, looking for "
                 "backup");
   lookup_for_next_zxc();
+}
+
+bool parse_zxc_host_port(const char *message, std::string &host, int &port) {
+  std::string text(message ? message : "");
+  char *fields[ZX_MAX_MESSAGE_TOKENS] = {};
+  int n = zxlb_get_tokens_with_multi_delimiter(text.data(), fields, ZX_MAX_MESSAGE_TOKENS, ";");
+  host.clear();
+  port = 0;
+  for (int i = 0; i < n; ++i) {
+    char key[64];
+    char *value = split_key_value(fields[i], key, sizeof key);
+    if (!value) continue;
+    if (strcmp(key, "zxcHost") == 0) host = value;
+    if (strcmp(key, "zxcPort") == 0) port = atoi(value);
+  }
+  return !host.empty() && port > 0 && port <= 65535;
+}
+
+void set_primary_zxc(const char *host, int port) {
+  zxc_servers_t &e = tlzxApplication->zxc_server_arr.at_growing(0);
+  e.zxc_host.assign(host);
+  e.zxc_port = static_cast<std::uint32_t>(port);
+  e.saasServer = 0;
+  e.state = 1;
+  active_zxc_idx = 0;
 }

@@ -7,6 +7,7 @@
 #pragma once
 
 #include <cstdint>
+#include <string>
 #include <vector>
 
 #include "zxlb_owned_string.h"
@@ -42,3 +43,9 @@ zxc_servers_t &get_active_zxc();
 // Failover: next configured collector (0, 1, ..., wrap) or back to entry 0.
 void lookup_for_next_zxc();
 void connection_retry_failed();
+
+// The "zxcHost=<host>;zxcPort=<port>" fields of a collector message (a
+// re-route, a SaaS reply). False unless both are present and the port valid.
+bool parse_zxc_host_port(const char *message, std::string &host, int &port);
+// Makes host:port entry 0 and the collector in use.
+void set_primary_zxc(const char *host, int port);

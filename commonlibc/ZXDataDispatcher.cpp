@@ -66,23 +66,17 @@ void logDropped(ZXProxyInstance_t *app, int rc, int len) {
 
 }  // namespace
 
-int buff_list_init(ZXProxyInstance_t *app) {
-  if (!app) return -1;
-  ZXSendBufferPool &pool = app->sendBuffers;
-  std::lock_guard write(pool.bufferWriteLock);
-  std::lock_guard move(pool.bufferMoveLock);
+int allocSendBuffers(ZXSendBufferPool &pool, int size, int count, const char *what) {
   if (pool.nodes) return 0;
-  const int size = app->ZXSys.bciDataBufferMaxSize;
-  const int count = app->ZXSys.dataBuffMaxCount;
   if (size <= 0 || count <= 0) {
-    ZX_CTRL_LOG(0, "Error", "Send buffers not created: size %d, count %d\n", size, count);
+    ZX_CTRL_LOG(0, "Error", "%s not created: size %d, count %d\n", what, size, count);
     return -1;
   }
   const size_t total = static_cast<size_t>(size) * static_cast<size_t>(count);
   std::unique_ptr<nioSettings_t[]> nodes(new (std::nothrow) nioSettings_t[count]);
   std::unique_ptr<char[]> storage(new (std::nothrow) char[total]);
   if (!nodes || !storage) {
-    ZX_LOG_OOM(total, "send buffers", count);
+    ZX_LOG_OOM(total, what, count);
     return -1;
   }
   for (int i = 0; i < count; ++i) {
@@ -96,8 +90,17 @@ int buff_list_init(ZXProxyInstance_t *app) {
   pool.writeList.store(&nodes[0], std::memory_order_release);
   pool.nodes = std::move(nodes);
   pool.storage = std::move(storage);
-  ZX_CTRL_LOG(1, "Info", "Send buffers created: %d of %d bytes\n", count, size);
+  ZX_CTRL_LOG(1, "Info", "%s created: %d of %d bytes\n", what, count, size);
   return 0;
+}
+
+int buff_list_init(ZXProxyInstance_t *app) {
+  if (!app) return -1;
+  ZXSendBufferPool &pool = app->sendBuffers;
+  std::lock_guard write(pool.bufferWriteLock);
+  std::lock_guard move(pool.bufferMoveLock);
+  return allocSendBuffers(pool, app->ZXSys.bciDataBufferMaxSize, app->ZXSys.dataBuffMaxCount,
+                          "Send buffers");
 }
 
 int addDataInSendBuffer(ZXProxyInstance_t *app, const char *data, int len) {

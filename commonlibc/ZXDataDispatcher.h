@@ -75,6 +75,11 @@ struct ZXSendBufferPool {
 // no memory.
 int buff_list_init(ZXProxyInstance_t *app);
 
+// Allocates `count` buffers of `size` bytes into the pool's write list unless
+// it has buffers already; `what` names the pool in log lines. Caller holds
+// both pool locks. 0 on success, -1 on bad sizes or no memory.
+int allocSendBuffers(ZXSendBufferPool &pool, int size, int count, const char *what);
+
 // The single entry for producers; a no-op (0) for null data or len <= 0.
 // Otherwise the result of addDataInSendBuffer.
 int dumpData(const char *data, int len);

@@ -322,35 +322,36 @@ void close_data_connection(ZXProxyInstance_t *app) {
   if (old) ZX_CTRL_LOG(0, "Info", "Data connection closed.");
 }
 
-bool send_data_con_req_msg_to_zxc(ZXProxyInstance_t *app) {
-  std::string request;
-  {
-    std::lock_guard lk(app->dataEndpointLock);
-    request = app->dataRequestText;
-  }
-  ZX_CTRL_LOG(0, "Info", "Data connection request '%s'", request.c_str());
-  char err[kErrSize] = {};
-  if (!app->zxcDataSocket ||
-      app->zxcDataSocket->send_all(request.data(), request.size(), err, sizeof err) != 0) {
-    ZX_CTRL_LOG(0, "Error", "Unable to send data connection request: %s", err);
-    return true;
-  }
-  return false;
-}
+namespace {
 
-bool dumpNewConnectionRecord(ZXProxyInstance_t *app) {
-  std::string record;
+// Sends one of the texts prepared by check_data_thread on the data
+// connection; true when sent.
+bool sendPreparedText(ZXProxyInstance_t *app, std::string ZXProxyInstance_t::*text,
+                      const char *what) {
+  std::string copy;
   {
     std::lock_guard lk(app->dataEndpointLock);
-    record = app->newConnectionRecordText;
+    copy = app->*text;
   }
+  ZX_CTRL_LOG(0, "Info", "Sending the %s '%s'", what, copy.c_str());
   char err[kErrSize] = {};
   if (!app->zxcDataSocket ||
-      app->zxcDataSocket->send_all(record.data(), record.size(), err, sizeof err) != 0) {
-    ZX_CTRL_LOG(0, "Error", "Unable to send the new-connection record: %s", err);
+      app->zxcDataSocket->send_all(copy.data(), copy.size(), err, sizeof err) != 0) {
+    ZX_CTRL_LOG(0, "Error", "Unable to send the %s: %s", what, err);
     return false;
   }
   return true;
+}
+
+}  // namespace
+
+bool send_data_con_req_msg_to_zxc(ZXProxyInstance_t *app) {
+  return !sendPreparedText(app, &ZXProxyInstance_t::dataRequestText, "data connection request");
+}
+
+bool dumpNewConnectionRecord(ZXProxyInstance_t *app) {
+  return sendPreparedText(app, &ZXProxyInstance_t::newConnectionRecordText,
+                          "new-connection record");
 }
 
 int sendBufferDataCon(const char *data, int len) {

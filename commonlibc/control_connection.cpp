@@ -319,26 +319,10 @@ namespace {
 // pass connects to it with the ordinary request. Its fields are
 // "zxcHost=<host>;zxcPort=<port>".
 bool parseSaasReply(const char *rest) {
-  ZXProxyInstance_t *app = self();
-  std::string text(rest);
-  char *fields[ZX_MAX_MESSAGE_TOKENS] = {};
-  int n = zxlb_get_tokens_with_multi_delimiter(text.data(), fields, ZX_MAX_MESSAGE_TOKENS, ";");
-  const char *host = nullptr;
+  std::string host;
   int port = 0;
-  for (int i = 0; i < n; ++i) {
-    char key[64];
-    char *value = split_key_value(fields[i], key, sizeof key);
-    if (!value) continue;
-    if (strcmp(key, "zxcHost") == 0) host = value;
-    if (strcmp(key, "zxcPort") == 0) port = atoi(value);
-  }
-  if (!host || !*host || port <= 0) return false;
-  zxc_servers_t &e = app->zxc_server_arr.at_growing(0);
-  e.zxc_host.assign(host);
-  e.zxc_port = static_cast<std::uint32_t>(port);
-  e.saasServer = 0;
-  e.state = 1;
-  active_zxc_idx = 0;
+  if (!parse_zxc_host_port(rest, host, port)) return false;
+  set_primary_zxc(host.c_str(), port);
   return true;
 }
 
