@@ -1,6 +1,6 @@
 // zx_collector: the reference collector as a command, for trying an agent by hand. It
-// answers connection requests, echoes heartbeats, optionally starts instrumentation, and
-// prints every line it receives, decoded.
+// answers connection requests, echoes heartbeats, optionally starts instrumentation,
+// prints every line it receives, decoded, and on exit optionally what the run amounted to.
 #include <pthread.h>
 #include <signal.h>
 
@@ -15,6 +15,7 @@
 #include <thread>
 
 #include "reference_collector.h"
+#include "run_summary.h"
 #include "tdigest_record.h"
 
 namespace {
@@ -31,7 +32,10 @@ void usage(std::FILE *out) {
       "  --start PAIRS        send start_instrumentation with \"kw=v;kw=v\" to each agent\n"
       "  --start-delay-ms N   wait N ms after the agent connects before --start (default 0)\n"
       "  --duration-s N       exit after N seconds (default: until SIGINT/SIGTERM)\n"
-      "  --quiet              print only the listening address and errors\n",
+      "  --quiet              print only the listening address and errors\n"
+      "  --summary            on exit, print records by number, the per-BT tables and\n"
+      "                       a few decoded flowpaths\n"
+      "  --flowpaths N        flowpaths the summary shows (default 4)\n",
       out);
 }
 
@@ -121,6 +125,8 @@ int main(int argc, char **argv) {
   long start_delay_ms = 0;
   std::optional<long> duration_s;
   bool quiet = false;
+  bool summary = false;
+  std::size_t flowpaths_shown = 4;
 
   for (int i = 1; i < argc; ++i) {
     const std::string_view arg = argv[i];
@@ -132,6 +138,8 @@ int main(int argc, char **argv) {
     bool ok = true;
     if (arg == "--quiet") {
       quiet = true;
+    } else if (arg == "--summary") {
+      summary = true;
     } else if (arg == "--help" || arg == "-h") {
       usage(stdout);
       return 0;
@@ -153,6 +161,10 @@ int main(int argc, char **argv) {
       const auto ms = number<long>(*v);
       ok = ms && *ms >= 0;
       if (ok) start_delay_ms = *ms;
+    } else if (arg == "--flowpaths") {
+      const auto n = number<std::size_t>(*v);
+      ok = n.has_value();
+      if (ok) flowpaths_shown = *n;
     } else if (arg == "--duration-s") {
       duration_s = number<long>(*v);
       ok = duration_s && *duration_s >= 0;
@@ -179,9 +191,15 @@ int main(int argc, char **argv) {
   pthread_sigmask(SIG_BLOCK, &signals, nullptr);
 
   Schedule schedule;
+  // Fed on the poll thread only, and read once collector.stop() has joined it.
+  zxref::RunSummary run;
   const auto delay = std::chrono::milliseconds(start_delay_ms);
   config.observer = [&](const zxref::Event &e) {
     print_event(e, quiet);
+    if (summary && e.type == zxref::Event::Type::Record) run.add(e.record);
+    if (summary && e.type == zxref::Event::Type::Blank && zxref::carries_records(e.kind)) {
+      run.add_heartbeat();
+    }
     if (start_pairs && e.type == zxref::Event::Type::Request &&
         e.kind == zxref::ConnKind::Control) {
       {
@@ -238,5 +256,9 @@ int main(int argc, char **argv) {
   if (!signalled) pthread_kill(signal_thread.native_handle(), SIGTERM);
   signal_thread.join();
   collector.stop();
+  if (summary) {
+    std::fputs(run.render(flowpaths_shown).c_str(), stdout);
+    std::fflush(stdout);
+  }
   return 0;
 }
