@@ -101,11 +101,15 @@ void handleStartInstrumentationCase(char *message) {
   ZX_CTRL_LOG(1, "Info", "Before resetting fpCounters for current test, run %d",
               app->Server.numberOfTestRunsTillNow);
   (void)message;
-  // Runs start their data connection here; the instrumentation profile and
-  // the hotspot sensor join the start when they exist.
+  // Runs start their data connection here; the hotspot sensor joins the
+  // start when it exists.
   check_data_thread(app);
   check_as_data_thread(app);
   startMonitorTimer(app);
+  // A profile saved by an earlier run becomes the method table; without one
+  // the first flowpath makes an empty table.
+  readingFileInstrProfile();
+  readingEntryPointfile();
 }
 
 void handleStartInstrumentation(char *message) {

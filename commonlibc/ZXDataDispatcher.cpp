@@ -118,6 +118,7 @@ int dumpData(ZXProxyInstance_t *app, const char *data, int len) {
   {
     std::lock_guard write(app->sendBuffers.bufferWriteLock);
     rc = addLocked(app, data, len, logDrop);
+    if (rc == 0) app->ZXSys.recordCount.fetch_add(1, std::memory_order_relaxed);
   }
   if (logDrop) logDropped(app, rc, len);
   return rc;

@@ -18,6 +18,7 @@
 
 #include "Server.h"
 #include "ZXAutoSensorData.h"
+#include "ZXBackendMonitor.h"
 #include "ZXBCISettings.h"
 #include "ZXCServerConfig.h"
 #include "ZXDataDispatcher.h"
@@ -168,6 +169,8 @@ struct ZXProxyInstance_t {
   ZXBTRules btRules;
   ZXBTManager btManager;
   ZXBTMonitor_t btMonitor;
+  // Call-out counters per backend; documents its own lock.
+  ZXBackendMonitor_t backendMonitor;
 
   // Transaction tracing: per-thread slots and the method table.
   // tlsMutex guards the free and busy lists, both counters, tlsBlocks,

@@ -85,10 +85,11 @@ struct ZXSys_t {
   // Atomic sequence counter of flowpath ids.
   volatile apr_uint32_t rSeq;
 
-  // Records dropped by the send-buffer pool. Unlike the settings above it is
-  // written by producers (under bufferWriteLock) and read by anyone, hence
-  // atomic; std::atomic keeps the record standard-layout.
+  // Records dropped and records taken by the send-buffer pool. Unlike the
+  // settings above they are written by producers (under bufferWriteLock) and
+  // read by anyone, hence atomic; std::atomic keeps the record standard-layout.
   std::atomic<long long> discardCount;
+  std::atomic<long long> recordCount;
 };
 static_assert(std::is_standard_layout_v<ZXSys_t>);
 

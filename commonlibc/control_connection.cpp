@@ -558,6 +558,10 @@ int handle_msg_from_zxc(controlSocketBuffer_t *buf) {
         return 1;
       }
       ++idlePolls;
+      // Method-table nodes retired by a profile swap are freed here, on the
+      // control thread, once unused or once older than hashMapClearTime.
+      checkAndDeleteNode(app);
+      checkAndClearHashMapNode(app, 0);
       if (app->zx_dr_state && app->retry_policy.heartbeat_reply_timeout_check > 0 &&
           idlePolls % app->retry_policy.heartbeat_reply_timeout_check == 0 &&
           send_control_conn_heartbeat_to_zxc() != 0)

@@ -74,7 +74,10 @@ class FlowpathTest : public ::testing::Test {
 
 TEST_F(FlowpathTest, InstanceIdsStepTheCounterTwiceUnderTheMasks) {
   ZXFlowpathIdSettings_t &s = app().ZXFlowpathIds;
+  EXPECT_GT(generate_flowpath_instance(&app()), 0) << "the default masks give positive ids";
+  app().ZXSys.rSeq = 0;
   s.flowPathInstanceInitialID = 1000;
+  s.timeStampMask = 0;
   s.seqNumMask = 0xFFFF;
   EXPECT_EQ(generate_flowpath_instance(&app()), 1001);
   EXPECT_EQ(generate_flowpath_instance(&app()), 1003);

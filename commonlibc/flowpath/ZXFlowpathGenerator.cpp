@@ -272,6 +272,17 @@ void copyText(char *dst, std::size_t size, const char *src) {
   std::snprintf(dst, size, "%s", src ? src : "");
 }
 
+// "path?query" into tlURL and tlURLParameters, each cut to its array.
+void splitUrl(ZXPerThreadData_t *r, const char *url) {
+  if (!url) url = "";
+  const char *q = std::strchr(url, '?');
+  const std::size_t pathLen = q ? static_cast<std::size_t>(q - url) : std::strlen(url);
+  const std::size_t n = std::min(pathLen, sizeof r->tlURL - 1);
+  std::memcpy(r->tlURL, url, n);
+  r->tlURL[n] = '\0';
+  copyText(r->tlURLParameters, sizeof r->tlURLParameters, q ? q + 1 : "");
+}
+
 bool writesMethodEvents(const ZXPerThreadData_t *r, const methodPropProperties *m,
                         long long limit) {
   return r->tlNonServiceMethodCount <= limit && !r->tlIsBTExcluded &&
@@ -305,12 +316,13 @@ ZXPerThreadData_t *startFP(ZXProxyInstance_t *app, const char *flowpathinstance,
     r->flowpathInstance = generate_flowpath_instance(app);
   }
   std::snprintf(r->flowpathInstanceStr, sizeof r->flowpathInstanceStr, "%lld", r->flowpathInstance);
-  copyText(r->tlURL, sizeof r->tlURL, url);
+  splitUrl(r, url);
   r->qTimeInMS = qTimeInMS;
   copyText(r->tlCorrelationIdHeader, sizeof r->tlCorrelationIdHeader, correlationIdHeader);
   r->tlIsFPCaptured = 1;
 
-  r->tlBTObj = get_obj_from_bt_name(r->tlURL, "", btHeaderValue, &r->updateBTLock, "");
+  r->tlBTObj =
+      get_obj_from_bt_name(r->tlURL, r->tlURLParameters, btHeaderValue, &r->updateBTLock, "");
   r->tlIsBTExcluded = !r->tlBTObj || r->tlBTObj->bt_id.load(std::memory_order_relaxed) == -2;
   {
     std::lock_guard lk(app->fpiToTLS.lock);
@@ -337,7 +349,7 @@ void zxMethodEntryEx(ZXProxyInstance_t *app, ZXPerThreadData_t *r, const methodP
 }
 
 void zxMethodExitEx(ZXProxyInstance_t *app, ZXPerThreadData_t *r, const methodPropProperties *m,
-                    long long methodWallTime, long long fpCPUTime) {
+                    long long methodWallTime, long long fpCPUTime, int eventID) {
   if (!app || !r || !m) return;
   const long long limit = app->ZXSys.bciMaxNonServiceMethodsPerFP;
   if (m->isEntryPoint & 1) {
@@ -348,13 +360,80 @@ void zxMethodExitEx(ZXProxyInstance_t *app, ZXPerThreadData_t *r, const methodPr
     return;
   }
   if (!writesMethodEvents(r, m, limit)) return;
-  updateFPSeqBlob(app, r, m->methodId, methodWallTime, ZX_FP_EVENT_EXIT, -1, fpCPUTime,
-                  m->isAsyncCall, r->tlThreadId, nullptr, 0);
+  updateFPSeqBlob(app, r, m->methodId, methodWallTime, eventID, -1, fpCPUTime, m->isAsyncCall,
+                  r->tlThreadId, nullptr, 0);
   if (m->isEntryPoint & 8) {
     // Only call-outs pay for a clock read: their entry carries the start.
     long long end = my_gettimeofday() - app->Server.morEpochDiffTime - r->tlFlowPathTimeStampInMS;
     updateFPSeqBlobWithTierCallOutRecord(app, r, end - methodWallTime, methodWallTime, m, 0);
   }
+}
+
+long long zxAgentTimeNow(const ZXProxyInstance_t *app) {
+  return my_gettimeofday() - app->Server.morEpochDiffTime;
+}
+
+methodPropProperties *findOrAddMethod(ZXProxyInstance_t *app, ZXPerThreadData_t *r,
+                                      const char *name, int isEntryPoint, int type) {
+  if (!app || !r || !name || !*name || !r->hasMapNodePtr) return nullptr;
+  std::lock_guard lk(app->methodEntryLock);
+  if (methodPropProperties *m = getMethodPropFromMethodName(name, r->hasMapNodePtr)) return m;
+  return updateMethodHashMap(app, name, isEntryPoint, type, r->hasMapNodePtr);
+}
+
+namespace {
+
+// The wall time of the innermost open by-name entry, which it closes.
+long long popMethodEntry(ZXPerThreadData_t *r, long long nowAgentMs) {
+  if (r->methodStackDepth <= 0) return 0;
+  const int top = --r->methodStackDepth;
+  if (top >= ZX_METHOD_STACK_DEPTH) return 0;
+  return std::max(0LL, nowAgentMs - r->methodEntryTimes[top]);
+}
+
+long long agentTimeOf(const ZXProxyInstance_t *app, long long absoluteMs) {
+  return absoluteMs > 0 ? absoluteMs - app->Server.morEpochDiffTime : zxAgentTimeNow(app);
+}
+
+}  // namespace
+
+void zxMethodEntry(ZXProxyInstance_t *app, methodPropProperties *method, ZXPerThreadData_t *r,
+                   const char *methodName, const char *queryString, const char *urlParameter,
+                   long long threadId, const char *packageName, long long TLS,
+                   long long startTime) {
+  (void)queryString, (void)urlParameter, (void)threadId, (void)packageName, (void)TLS;
+  if (!app || !r) return;
+  if (!method) method = findOrAddMethod(app, r, methodName, 0, 0);
+  if (!method) return;
+  const long long now = agentTimeOf(app, startTime);
+  if (r->methodStackDepth < ZX_METHOD_STACK_DEPTH) r->methodEntryTimes[r->methodStackDepth] = now;
+  ++r->methodStackDepth;
+  zxMethodEntryEx(app, r, method, now);
+}
+
+void zxMethodExit(ZXProxyInstance_t *app, methodPropProperties *method, ZXPerThreadData_t *r,
+                  const char *methodName, long long cpuTime, int statusCode,
+                  const char *backendHeader, long long duration, long long threadId, int isCallout,
+                  long long TLS, int eventType, int reqNotificationPhase, long long endTime) {
+  (void)statusCode, (void)backendHeader, (void)threadId, (void)isCallout, (void)TLS;
+  (void)reqNotificationPhase;
+  if (!app || !r) return;
+  if (!method) method = findOrAddMethod(app, r, methodName, 0, 0);
+  if (!method) return;
+  const long long wall = popMethodEntry(r, agentTimeOf(app, endTime));
+  zxMethodExitEx(app, r, method, duration >= 0 ? duration : wall, cpuTime,
+                 eventType == 3 || eventType == 4 ? eventType : ZX_FP_EVENT_EXIT);
+}
+
+void zxMethodExitException(ZXProxyInstance_t *app, methodPropProperties *method,
+                           ZXPerThreadData_t *r, const char *methodName, long long cpuTime,
+                           int statusCode, const char *backendName, long long wallTime,
+                           int forcedDump, long long threadId, int calloutDone, long long TLS,
+                           int ExceptionExitType) {
+  (void)forcedDump, (void)calloutDone;
+  zxMethodExit(app, method, r, methodName, cpuTime, statusCode, backendName,
+               wallTime > 0 ? wallTime : -1, threadId, 0, TLS, ExceptionExitType == 4 ? 4 : 3, 0,
+               0);
 }
 
 void endFP(ZXProxyInstance_t *app, ZXPerThreadData_t *r, int statusCode, long long TLS,

@@ -21,12 +21,15 @@ struct methodPropProperties;
 // Instance id layout (the "zxFlowpathMasks" keyword sets the three masks)
 // and the header's correlation switch. Written by the control thread, read
 // without locks like every settings record.
+// Until the collector sends masks, ids are 41 bits of agent milliseconds
+// over a 22-bit counter: unique up to 2^21 ids per millisecond (the counter
+// steps twice per id), and positive.
 struct ZXFlowpathIdSettings_t {
-  long long flowPathInstanceInitialID;
-  long long timeStampMask;
-  long long seqNoDigits;  // a shift in bits
-  long long seqNumMask;
-  char captureCorrelationEnabled;
+  long long flowPathInstanceInitialID = 0;
+  long long timeStampMask = 0x1FFFFFFFFFFLL;
+  long long seqNoDigits = 22;  // a shift in bits
+  long long seqNumMask = 0x3FFFFFLL;
+  char captureCorrelationEnabled = 0;
 };
 
 // Flowpaths in progress by id text, so that a later call (a call-out thread,
@@ -104,9 +107,36 @@ ZXPerThreadData_t *startFP(ZXProxyInstance_t *app, const char *flowpathinstance,
 // bciMaxNonServiceMethodsPerFP write neither entry nor exit.
 void zxMethodEntryEx(ZXProxyInstance_t *app, ZXPerThreadData_t *record,
                      const methodPropProperties *method, long long nowMs);
+// eventID: 1 a return, 3 and 4 exits by exception.
 void zxMethodExitEx(ZXProxyInstance_t *app, ZXPerThreadData_t *record,
                     const methodPropProperties *method, long long methodWallTime,
-                    long long fpCPUTime);
+                    long long fpCPUTime, int eventID = ZX_FP_EVENT_EXIT);
+
+// Method events by name, as the SDK and the proxy's reader report them.
+// `method` (may be null) is otherwise looked up by name in the flowpath's
+// method-table node; a name seen for the first time gets an id. Times are
+// absolute ms, <= 0 meaning now. Exits pair with entries like a call stack:
+// a negative duration means "since the matching entry".
+void zxMethodEntry(ZXProxyInstance_t *app, methodPropProperties *method, ZXPerThreadData_t *record,
+                   const char *methodName, const char *queryString, const char *urlParameter,
+                   long long threadId, const char *packageName, long long TLS, long long startTime);
+void zxMethodExit(ZXProxyInstance_t *app, methodPropProperties *method, ZXPerThreadData_t *record,
+                  const char *methodName, long long cpuTime, int statusCode,
+                  const char *backendHeader, long long duration, long long threadId, int isCallout,
+                  long long TLS, int eventType, int reqNotificationPhase, long long endTime);
+// ExceptionExitType 4 writes exit event 4, anything else event 3.
+void zxMethodExitException(ZXProxyInstance_t *app, methodPropProperties *method,
+                           ZXPerThreadData_t *record, const char *methodName, long long cpuTime,
+                           int statusCode, const char *backendName, long long wallTime,
+                           int forcedDump, long long threadId, int calloutDone, long long TLS,
+                           int ExceptionExitType);
+
+// The record for `name` in the flowpath's node, given an id (type and
+// entry-point bits as passed) when new. Null without a node, a name, or memory.
+methodPropProperties *findOrAddMethod(ZXProxyInstance_t *app, ZXPerThreadData_t *record,
+                                      const char *name, int isEntryPoint, int type);
+// Agent time now (ms): the wall clock less morEpochDiffTime.
+long long zxAgentTimeNow(const ZXProxyInstance_t *app);
 
 // Categorises the flowpath, writes record 4, counts it in the BT monitor and
 // drops its method-table reference and fpiToTLS entry. endTime <= 0: the

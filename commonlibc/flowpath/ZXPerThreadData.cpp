@@ -9,6 +9,9 @@ void resetAllThreadLocals(ZXPerThreadData_t *r, ZXProxyInstance_t *app) {
   r->flowpathInstance = r->firstFlowpathInstance = r->prevFlowpathInstance = 0;
   r->fpStartTimeforReset = 0;
   r->httpCallOutDepth = 0;
+  r->tlSQLObj = ZXSQLProperties_t{};
+  r->methodStackDepth = 0;
+  r->tlTierStartTime = r->tierCallOutSeqNum = 0;
   r->tlBTObj = nullptr;
   r->seqNum = r->tlTestRunNumber = 0;
   r->tlServiceMethodCount = r->tlNonServiceMethodCount = 0;

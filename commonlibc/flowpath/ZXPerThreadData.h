@@ -11,11 +11,11 @@
 
 #include <memory>
 
+#include "ZXSQLProcessor.h"
 #include "zxlb_apr.h"
 #include "zxlb_owned_string.h"
 
 struct BTObject;
-struct ZXSQLProperties_t;
 struct ZXMonitorDataModel;
 struct node_t;
 struct ZXProxyInstance_t;
@@ -25,6 +25,9 @@ inline constexpr int ZX_CORRELATION_ID_SIZE = 128;
 inline constexpr int ZX_TL_URL_SIZE = 512;
 inline constexpr int ZX_FPI_STR_SIZE = 32;
 inline constexpr int ZX_DEBUG_MODE_BUF_SIZE = 128;
+// Methods reported by name pair their exits with entries on this stack;
+// deeper calls still pair, with an unknown (0) wall time.
+inline constexpr int ZX_METHOD_STACK_DEPTH = 256;
 
 struct ZXPerThreadData_t {
   char tlIsFPCaptured = 0;
@@ -58,7 +61,7 @@ struct ZXPerThreadData_t {
   int tierCallOutHeaderLen = 0;
   long long tierCallOutSeqNum = 0;
   BTObject *tlBTObj = nullptr;
-  ZXSQLProperties_t *tlSQLObj = nullptr;
+  ZXSQLProperties_t tlSQLObj;
   ZXMonitorDataModel *tlMonitorDataModel = nullptr;
   // The method-table node this flowpath holds a reference on.
   node_t *hasMapNodePtr = nullptr;
@@ -86,6 +89,9 @@ struct ZXPerThreadData_t {
   zx::OwnedString excepClassName, throwingCName, throwingMName, exceptionBackendName,
       exceptionStackTrace;
   long long fpStartTimeforReset = 0;
+  // Agent times (ms) of the open by-name method entries.
+  int methodStackDepth = 0;
+  long long methodEntryTimes[ZX_METHOD_STACK_DEPTH] = {};
   int prevPID = 0, isBTOverride = 0;
 };
 

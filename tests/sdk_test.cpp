@@ -1,0 +1,351 @@
+// The SDK as a host uses it: neutral results on bad arguments, parked
+// handles, call-out depths, slot give-back over many transactions, and the
+// whole path from SDK calls to records read by the reference collector.
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <map>
+#include <optional>
+#include <regex>
+#include <set>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "ZXDataThread.h"
+#include "ZXProxyInstance.h"
+#include "bt/ZXMonitorTimer.h"
+#include "control_connection.h"
+#include "control_thread.h"
+#include "flowpath/zxlb_mem_pool.h"
+#include "reference_collector.h"
+#include "test_support.h"
+#include "zx_sdk.h"
+#include "zxbt/zxbt_bt_object.h"
+
+namespace {
+
+using namespace std::chrono_literals;
+using zxref::ConnKind;
+using zxtest::ScopedApp;
+
+// An agent with a run going and the send buffers read back directly.
+class SdkTest : public ::testing::Test {
+ protected:
+  SdkTest() : app_(home_.str()) {
+    app().ZXSys.bciDataBufferMaxSize = 1 << 17;
+    app().ZXSys.dataBuffMaxCount = 8;
+    EXPECT_EQ(buff_list_init(&app()), 0);
+    initPerThreadSlots(&app());
+    app().methodEntryLock.create(app().control_pool.get());
+    app().methodIDGlobal = 1;
+    app().maxStates = 128;
+    app().allSlow = 3000;
+    app().allVerySlow = 5000;
+    EXPECT_EQ(ZXBTConfigModelInit(), 0);
+    app().dataThreadRunning = true;
+    app().Server.testRunRunning = 1;
+    zx_set_init_pause_ms(0);
+    zx_init();
+  }
+  ~SdkTest() override { zx_free(); }
+  ZXProxyInstance_t &app() { return *app_; }
+  std::string records() {
+    std::string out;
+    movePartialToReadList(app().sendBuffers);
+    while (nioSettings_t *b = sendBufferHead(app().sendBuffers)) {
+      out.append(b->buff, static_cast<size_t>(b->use_len));
+      markBufferSent(app().sendBuffers, b, b->use_len - b->send_len);
+    }
+    return out;
+  }
+  // The method id announced for `name` in record 5, or -1.
+  static int idOf(const std::string &records, const std::string &name) {
+    std::smatch m;
+    if (!std::regex_search(records, m, std::regex("(^|\n)5," + name + ",([0-9]+)\n"))) return -1;
+    return std::stoi(m[2]);
+  }
+
+  zxtest::TempDir home_;
+  ScopedApp app_;
+};
+
+TEST(SdkBeforeInit, EveryCallIsNeutral) {
+  EXPECT_EQ(zx_bt_begin("/a", nullptr), nullptr);
+  EXPECT_EQ(zx_bt_end(bt_int_to_handle(12345), 200), 0);
+  EXPECT_EQ(zx_bt_release(nullptr), 0);
+  EXPECT_EQ(zx_bt_get("x"), nullptr);
+  zx_bt_store(nullptr, "x");
+  zx_method_entry(nullptr, "m");
+  zx_method_exit(nullptr, "m");
+  EXPECT_EQ(zx_ip_db_callout_begin(nullptr, "db", "q"), nullptr);
+  EXPECT_EQ(zx_ip_db_callout_end(nullptr, nullptr), 0);
+  EXPECT_EQ(zx_ip_http_callout_begin(nullptr, "h", "/u"), nullptr);
+  EXPECT_EQ(zx_ip_http_callout_end(nullptr, nullptr), 0);
+  EXPECT_EQ(register_callback_for_agent(nullptr), -1);
+  zx_free();  // before init: nothing to drop
+}
+
+TEST_F(SdkTest, BadArgumentsGiveNeutralResultsAndAreLogged) {
+  const std::string huge(100 * 1024, 'n');
+  EXPECT_EQ(zx_bt_begin(nullptr, nullptr), nullptr);
+  EXPECT_EQ(zx_bt_begin("", "corr"), nullptr);
+  EXPECT_EQ(zx_bt_end(nullptr, 200), -1);
+  EXPECT_EQ(zx_bt_release(nullptr), -1);
+  zx_bt_store(nullptr, "id");
+  EXPECT_EQ(zx_bt_get(nullptr), nullptr);
+  EXPECT_EQ(zx_bt_get(""), nullptr);
+  zx_method_entry(nullptr, "m");
+  zx_method_exit(nullptr, nullptr);
+  EXPECT_EQ(zx_ip_db_callout_begin(nullptr, nullptr, nullptr), nullptr);
+  EXPECT_EQ(zx_ip_db_callout_end(nullptr, nullptr), -1);
+  EXPECT_EQ(zx_ip_http_callout_begin(nullptr, "", nullptr), nullptr);
+  EXPECT_EQ(zx_ip_http_callout_end(nullptr, nullptr), -1);
+  EXPECT_EQ(zx_bt_add_error(nullptr, 1, nullptr, 1), 0);
+
+  // Long texts everywhere: cut where they are stored, never overrun.
+  zxBTHandle bt = zx_bt_begin(huge.c_str(), huge.c_str());
+  ASSERT_NE(bt, nullptr);
+  zx_bt_store(bt, huge.c_str());
+  EXPECT_EQ(zx_bt_get(huge.c_str()), bt);
+  zx_method_entry(bt, "");
+  zx_method_entry(bt, huge.c_str());
+  zx_method_exit(bt, huge.c_str());
+  zxIPCallOutHandle db = zx_ip_db_callout_begin(bt, huge.c_str(), huge.c_str());
+  EXPECT_EQ(zx_ip_db_callout_end(bt, nullptr), -1);
+  EXPECT_EQ(zx_ip_db_callout_end(bt, db), 0);
+  zxIPCallOutHandle http = zx_ip_http_callout_begin(bt, "web", huge.c_str());
+  EXPECT_EQ(zx_ip_http_callout_end(bt, http), 0);
+  EXPECT_EQ(zx_bt_end(bt, 200), 0);
+  EXPECT_EQ(zx_bt_release(bt), 0);
+  EXPECT_EQ(zx_bt_get(huge.c_str()), nullptr) << "a released handle is forgotten";
+  EXPECT_LT(records().size(), 8u * 16384u);
+
+  const std::string log =
+      zxtest::read_file(home_.path() / "logs" / ("zx_sdk_" + std::to_string(getpid()) + ".log"));
+  EXPECT_NE(log.find("ERROR: Invalid Argument Passed, bt_name = [(null)]"), std::string::npos);
+  EXPECT_NE(log.find("ERROR: Invalid Argument Passed, bt_handle = [(nil)]"), std::string::npos);
+  EXPECT_NE(log.find("ERROR: Invalid Arguments, bt_handle = [(nil)], method = [m]"),
+            std::string::npos);
+  for (std::size_t start = 0, end; (end = log.find('\n', start)) != std::string::npos;
+       start = end + 1)
+    EXPECT_LE(end - start, 2048u) << "log lines are bounded";
+}
+
+TEST_F(SdkTest, StoredHandleIsFoundOnAnotherThreadAndKeepsTheFirst) {
+  zxBTHandle a = zx_bt_begin("/a", nullptr);
+  zxBTHandle b = zx_bt_begin("/b", nullptr);
+  ASSERT_TRUE(a && b);
+  static const char id[] = "order-42";
+  zx_bt_store(a, id);
+  zx_bt_store(b, id);
+  zxBTHandle seen = nullptr;
+  std::thread([&] {
+    seen = zx_bt_get("order-42");
+    zx_method_entry(seen, "Worker.run");
+    zx_method_exit(seen, "Worker.run");
+  }).join();
+  EXPECT_EQ(seen, a);
+  EXPECT_EQ(bt_int_to_handle(bt_handle_to_int(a)), a);
+  zx_bt_end(a, 200);
+  zx_bt_end(b, 200);
+  zx_bt_release(b);
+  EXPECT_EQ(zx_bt_get(id), a) << "releasing another handle keeps the id";
+  zx_bt_release(a);
+  EXPECT_EQ(zx_bt_get(id), nullptr);
+}
+
+TEST_F(SdkTest, CallOutsCountOnceAtTheOutermostEnd) {
+  records();
+  zxBTHandle bt = zx_bt_begin("/orders", nullptr);
+  ASSERT_NE(bt, nullptr);
+  zxIPCallOutHandle outer = zx_ip_db_callout_begin(bt, "orders-db", "SELECT 1");
+  zxIPCallOutHandle inner = zx_ip_db_callout_begin(bt, "orders-db", "SELECT 2");
+  ASSERT_EQ(outer, inner) << "one backend record per host";
+  EXPECT_EQ(ip_int_to_handle(ip_handle_to_int(outer)), outer);
+  EXPECT_EQ(zx_ip_db_callout_end(bt, inner), 0);
+  EXPECT_EQ(zx_ip_db_callout_end(bt, outer), 0);
+  // An end without a begin still lowers the depth and is recorded.
+  EXPECT_EQ(zx_ip_db_callout_end(bt, outer), 0);
+  zxIPCallOutHandle web = zx_ip_http_callout_begin(bt, "pay.example", "/charge");
+  zx_ip_http_callout_begin(bt, "pay.example", "/charge");
+  zx_ip_http_callout_end(bt, web);
+  zx_ip_http_callout_end(bt, web);
+  zx_bt_end(bt, 200);
+  const std::string out = records();
+  const int db = idOf(out, "orders-db"), http = idOf(out, "pay.example");
+  ASSERT_GT(db, 0) << out;
+  ASSERT_GT(http, 0) << out;
+  const std::string d = std::to_string(db), h = std::to_string(http);
+  std::smatch m;
+  ASSERT_TRUE(
+      std::regex_search(out, m, std::regex("\n4,[0-9]+,200,[0-9]+,0,[0-9]+,[0-9]+,0,(.*)\n")))
+      << out;
+  const std::string blob = m[1];
+  const std::regex dbEntry("T[0-9]+:" + d + ":[0-9]+:10:0:[0-9]+_");
+  const std::regex httpEntry("T[0-9]+:" + h + ":[0-9]+:1:0:[0-9]+_");
+  auto count = [&](const std::regex &re) {
+    return std::distance(std::sregex_iterator(blob.begin(), blob.end(), re),
+                         std::sregex_iterator());
+  };
+  EXPECT_EQ(count(dbEntry), 2) << blob;
+  EXPECT_EQ(count(httpEntry), 1) << blob;
+  EXPECT_EQ(bt->tlSQLObj.lastDbBackendId, db);
+  const ZXBackendCountersSnapshot dbCounts = app().backendMonitor.read(db);
+  EXPECT_EQ(dbCounts.count, 2);
+  EXPECT_EQ(app().backendMonitor.read(http).count, 1);
+  zx_bt_release(bt);
+}
+
+TEST_F(SdkTest, MethodsNestLikeACallStack) {
+  records();
+  zxBTHandle bt = zx_bt_begin("/nest?x=1", nullptr);
+  ASSERT_NE(bt, nullptr);
+  zx_method_entry(bt, "A.outer");
+  zx_method_entry(bt, "B.inner");
+  zx_method_exit(bt, "B.inner");
+  zx_method_exit(bt, "A.outer");
+  zx_method_exit(bt, "A.outer");  // unmatched: wall time 0, nothing breaks
+  zx_bt_end(bt, 500);
+  const std::string out = records();
+  const std::string a = std::to_string(idOf(out, "A.outer")),
+                    b = std::to_string(idOf(out, "B.inner"));
+  const std::string t = std::to_string(bt->tlThreadId);
+  const std::string body = a + ":" + t + "_0_[0-9]+__" + b + ":" + t + "_0_[0-9]+__" + b + ":" + t +
+                           "_1_[0-9]+____" + a + ":" + t + "_1_[0-9]+____" + a + ":" + t +
+                           "_1_0____";
+  EXPECT_TRUE(std::regex_search(
+      out, std::regex(",500,[0-9]+,0,[0-9]+,[0-9]+,0,[0-9]+:" + t + "_0_0__" + body)))
+      << out;
+  EXPECT_NE(out.find(",/nest?x=1,"), std::string::npos) << "the header keeps path and query";
+  zx_bt_release(bt);
+}
+
+TEST_F(SdkTest, ReleasedSlotsAreReusedOverManyTransactions) {
+  constexpr int kPerThread = 20000;
+  auto run = [] {
+    for (int i = 0; i < kPerThread; ++i) {
+      zxBTHandle bt = zx_bt_begin("/loop", nullptr);
+      ASSERT_NE(bt, nullptr);
+      zx_method_entry(bt, "Loop.step");
+      zx_method_exit(bt, "Loop.step");
+      zx_bt_end(bt, 200);
+      zx_bt_release(bt);
+    }
+  };
+  std::thread t1(run), t2(run);
+  for (int i = 0; i < 20; ++i) records();  // keep buffers flowing; drops are fine
+  t1.join();
+  t2.join();
+  EXPECT_EQ(app().tlsBlocks.size(), 1u) << "two threads never need a second block of slots";
+  EXPECT_EQ(app().gBusyTLSCnt, 0);
+  std::lock_guard lk(app().fpiToTLS.lock);
+  EXPECT_TRUE(app().fpiToTLS.map.empty());
+}
+
+TEST_F(SdkTest, ReleaseWithoutEndEndsTheFlowpathFirst) {
+  zxBTHandle bt = zx_bt_begin("/abandoned", nullptr);
+  ASSERT_NE(bt, nullptr);
+  node_t *node = bt->hasMapNodePtr;
+  ASSERT_NE(node, nullptr);
+  const int refs = node->ref_count.load();
+  records();
+  EXPECT_EQ(zx_bt_release(bt), 0);
+  EXPECT_EQ(node->ref_count.load(), refs - 1);
+  EXPECT_NE(records().find("\n4,"), std::string::npos);
+}
+
+TEST(SdkInit, PausesAsAskedAndReturnsAtOnceWhenInitialised) {
+  zxtest::TempDir home;
+  ScopedApp app(home.str());
+  zx_set_init_pause_ms(150);
+  auto t0 = std::chrono::steady_clock::now();
+  zx_init();
+  EXPECT_GE(std::chrono::steady_clock::now() - t0, 150ms);
+  t0 = std::chrono::steady_clock::now();
+  zx_init();
+  EXPECT_LT(std::chrono::steady_clock::now() - t0, 150ms);
+  EXPECT_EQ(register_callback_for_agent([](const char *, const char *) {}), 0);
+  zx_free();
+}
+
+// SDK calls to records read by the reference collector over a real run.
+TEST(SdkEndToEnd, TransactionsArriveDecodableAtTheCollector) {
+  zxtest::TempDir home;
+  zxtest::ScopedEnv zxhome("ZXHOME", home.str().c_str());
+  std::vector<std::unique_ptr<zxtest::ScopedEnv>> env;
+  for (const char *name : {"MOR_APP_AGENT_ZXCHOST", "MOR_APP_AGENT_ZXCPORT"})
+    env.push_back(std::make_unique<zxtest::ScopedEnv>(name, nullptr));
+  zxref::ReferenceCollector c;
+  ASSERT_TRUE(c.start()) << c.error();
+  home.write("config/zxsettings.conf",
+             "zxcHost=127.0.0.1\nzxcPort=" + std::to_string(c.port()) + "\n");
+  ScopedApp scoped(home.str());
+  ZXProxyInstance_t &a = *scoped;
+  a.controlThreadTmpLock.create(a.control_pool.get());
+  a.methodEntryLock.create(a.control_pool.get());
+  a.methodIDGlobal = 1;
+  initPerThreadSlots(&a);
+  ZXLinkTimings_t &t = a.linkTimings;
+  t.retryInterval = t.ctrlPollTimeout = apr_time_from_msec(20);
+  t.dataConnRetryInterval = t.dataIoTimeout = apr_time_from_msec(50);
+  t.dataTick = apr_time_from_msec(5);
+  a.ZXSys.bciDataBufferMaxSize = 1 << 16;
+  a.ZXSys.dataBuffMaxCount = 16;
+  ASSERT_TRUE(control_thread_configure(&a));
+  std::thread loop([&a] { control_connection_loop(&a); });
+  zx_set_init_pause_ms(0);
+  zx_init();
+
+  ASSERT_TRUE(c.wait_for_connections(ConnKind::Control, 1, 10s));
+  ASSERT_TRUE(c.send_start("status=running;zxMonitorInterval=1"));
+  // Record 99 comes first on a data connection whose buffers exist.
+  ASSERT_TRUE(c.wait_for_record(99, 10s));
+  zxBTHandle bt = zx_bt_begin("/cart/add?sku=9", nullptr);
+  ASSERT_NE(bt, nullptr);
+  zx_method_entry(bt, "Cart.add");
+  zx_ip_http_callout_end(bt, zx_ip_http_callout_begin(bt, "stock.svc", "/reserve"));
+  zx_method_exit(bt, "Cart.add");
+  const std::string fpi = bt->flowpathInstanceStr;
+  EXPECT_EQ(zx_bt_end(bt, 200), 0);
+  zx_bt_release(bt);
+
+  auto four = c.wait_for_record(4, 10s);
+  ASSERT_TRUE(four.has_value()) << [&] {
+    std::string seen;
+    for (const zxref::Record &r : c.records()) seen += std::to_string(r.number) + " ";
+    return seen;
+  }();
+  std::map<std::string, std::string> names;  // id -> name, from records 5
+  std::optional<zxref::Record> header;
+  for (const zxref::Record &r : c.records()) {
+    if (r.number == 5 && r.fields.size() == 3) names[r.fields[2]] = r.fields[1];
+    if (r.number == 2 && r.fields.size() > 6 && r.fields[1] == fpi) header = r;
+  }
+  ASSERT_TRUE(header.has_value());
+  EXPECT_EQ(header->fields.size(), 14u);
+  EXPECT_EQ(header->fields[6], "/cart/add?sku=9");
+  EXPECT_EQ(four->fields[1], fpi);
+  EXPECT_EQ(four->fields[2], "200");
+  // Every method id in the blob was announced by name.
+  const std::string blob = four->fields.back();
+  std::regex mid("(^|_)([0-9]+):[0-9]+_[01]_");
+  std::set<std::string> seen;
+  for (auto it = std::sregex_iterator(blob.begin(), blob.end(), mid); it != std::sregex_iterator();
+       ++it) {
+    seen.insert((*it)[2]);
+    EXPECT_TRUE(names.count((*it)[2])) << "id " << (*it)[2] << " unnamed in " << blob;
+  }
+  EXPECT_EQ(seen.size(), 2u) << blob;  // the request itself and Cart.add
+  std::smatch callout;
+  ASSERT_TRUE(std::regex_search(blob, callout, std::regex("T[0-9]+:([0-9]+):[0-9]+:1:0:[0-9]+_")));
+  EXPECT_EQ(names[callout[1]], "stock.svc");
+
+  zx_free();
+  request_control_stop(&a);
+  loop.join();
+  stop_data_thread(&a);
+  stopMonitorTimer(&a);
+}
+
+}  // namespace
