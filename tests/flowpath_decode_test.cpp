@@ -150,7 +150,10 @@ TEST(FlowpathRecords, StoreJoinsBlocksAndNames) {
   EXPECT_TRUE(store.add(rec("3,11F,1:42_0_0__2:42_0_1__")));
   EXPECT_TRUE(store.add(rec("3,11F,3:42_0_2__3:42_1_7____T1:3:7:10:5:2_")));
   EXPECT_EQ(store.open_count(), 1u);
-  EXPECT_TRUE(store.add(rec("4,11F,500,13,0,812,4,1,2:42_1_20____1:42_1_812____")));
+  EXPECT_TRUE(store.add(rec("5,payments,9")));
+  EXPECT_TRUE(
+      store.add(rec("4,11F,500,13,0,812,4,1,E2:9:3:1:0:9:502_4:42_0_12__4:42_1_1____2:42_1_20____"
+                    "1:42_1_812____")));
   EXPECT_EQ(store.open_count(), 0u);
   ASSERT_EQ(store.finished().size(), 1u);
   const zxref::Flowpath &fp = store.finished()[0];
@@ -165,7 +168,11 @@ TEST(FlowpathRecords, StoreJoinsBlocksAndNames) {
   EXPECT_NE(text.find("status 500 (error), 812 ms"), std::string::npos) << text;
   EXPECT_NE(text.find("\n      Cart.load(int a;char b)void  +1 ms, 20 ms\n"), std::string::npos)
       << text;
-  EXPECT_NE(text.find("\n          -> database, 7 ms at +2 ms, query #5\n"), std::string::npos)
+  EXPECT_NE(text.find("\n          -> database, 7 ms at +2 ms, query #5\n"
+                      "        -> HTTP payments, 3 ms at +9 ms, FAILED 502\n"
+                      "        method#4  +12 ms, 1 ms\n"),
+            std::string::npos)
+      << "call-outs and calls in the order they ran:\n"
       << text;
 
   // A final block without its header still counts; past the limit only counting goes on.

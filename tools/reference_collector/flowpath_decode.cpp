@@ -445,7 +445,7 @@ void append_callout(std::string &out, const BlobEntry &c, const CallNode *owner,
   out += callout_kind(c.kind);
   if (!owner || owner->method_id != c.method_id) out += " " + names.method(c.method_id);
   out += ", " + std::to_string(c.ms) + " ms at +" + std::to_string(c.start_ms) + " ms";
-  if (c.kind == 10) out += ", query #" + std::to_string(c.resource);
+  if (c.kind == 10 && c.resource > 0) out += ", query #" + std::to_string(c.resource);
   if (c.resource_url >= 0) out += ", url #" + std::to_string(c.resource_url);
   if (c.error) out += ", FAILED " + std::to_string(c.status);
   out += '\n';
@@ -459,8 +459,17 @@ void append_node(std::string &out, const CallNode &node, const NameBook &names,
   out += node.wall_ms >= 0 ? ", " + std::to_string(node.wall_ms) + " ms" : ", no exit";
   if (node.cpu >= 0) out += ", cpu " + std::to_string(node.cpu);
   out += '\n';
-  for (const BlobEntry &c : node.callouts) append_callout(out, c, &node, names, indent + 2);
-  for (const CallNode &child : node.children) append_node(out, child, names, indent + 2);
+  // Children and call-outs interleaved by start, as they ran.
+  auto callout = node.callouts.begin();
+  for (const CallNode &child : node.children) {
+    for (; callout != node.callouts.end() && callout->start_ms < child.start_ms; ++callout) {
+      append_callout(out, *callout, &node, names, indent + 2);
+    }
+    append_node(out, child, names, indent + 2);
+  }
+  for (; callout != node.callouts.end(); ++callout) {
+    append_callout(out, *callout, &node, names, indent + 2);
+  }
 }
 
 }  // namespace
