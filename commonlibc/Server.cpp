@@ -16,6 +16,7 @@
 #include "ZXProxyInstance.h"
 #include "ZXTDigest.h"
 #include "bt/ZXBTMonitor.h"
+#include "flowpath/ZXSessionCookie.h"
 #include "zxlb_mt_log.h"
 #include "zxlb_utiles.h"
 
@@ -119,7 +120,7 @@ const zx_keyword_row_t keywordsMap[ZX_KEYWORD_COUNT] = {
     ZX_P("zxMonitorInterval", parseMonitorInterval),
     ZX_P("ASReportDumpMode", FEATURE),
     ZX_P("ASEnableHotspotRecord", FEATURE),
-    ZX_P("enableZXSession", FEATURE),
+    ZX_P("enableZXSession", parseEnableZXSession),
     ZX_P("RBCookie", FEATURE),
     ZX_SYS("enableIPResourceURL", enableIPResourceURL, 4, I),
     ZX_P("correlationIDHeader", FEATURE),

@@ -17,6 +17,7 @@
 #include "ZXProxyInstance.h"
 #include "bt/ZXBTMonitor.h"
 #include "flowpath/ZXFlowpathGenerator.h"
+#include "flowpath/ZXSessionCookie.h"
 #include "flowpath/zxlb_mem_pool.h"
 #include "test_support.h"
 #include "zxbt/zxbt_bt_object.h"
@@ -335,6 +336,32 @@ TEST_F(FlowpathRunTest, StopWritesRunningFlowpathsAsIncomplete) {
   EXPECT_EQ(out.find("78"), std::string::npos) << "an ended flowpath is not written again";
   EXPECT_EQ(app().gBusyTLSCnt, 0);
   EXPECT_EQ(findFPFromInstance(&app(), "77"), nullptr);
+}
+
+TEST_F(FlowpathRunTest, SessionCookieDecidesCapture) {
+  char keyword[] = "zx_control_req:action=modify;enableZXSession=1%202%200";
+  findStatusFromClientMsg(keyword);
+  app().ZXSys.bciInstrSessionPct = 0;  // no session is instrumented
+  records();
+  const std::string now = std::to_string(my_gettimeofday());
+  // A session already under way and not instrumented: a normal flowpath of
+  // it leaves no record at all.
+  ZXPerThreadData_t *r = startFP(&app(), nullptr, "/quiet", nullptr, 0, ("9:1:" + now).c_str(),
+                                 nullptr, nullptr, -1, 0);
+  ASSERT_NE(r, nullptr);
+  EXPECT_EQ(r->tlIsFPCaptured, 0);
+  EXPECT_EQ(r->zxSessionId, 9);
+  endFP(&app(), r, 200, 0, 0);
+  reset(&app(), r);
+  EXPECT_EQ(records().find("\n4,"), std::string::npos);
+  // Past maxFPCountInSession a new session starts, and is captured.
+  r = startFP(&app(), nullptr, "/quiet", nullptr, 0, ("9:2:" + now).c_str(), nullptr, nullptr, -1,
+              0);
+  ASSERT_NE(r, nullptr);
+  EXPECT_EQ(r->tlIsFPCaptured, 1);
+  EXPECT_NE(r->zxSessionId, 9);
+  reset(&app(), r);
+  zx_set_session_settings(ZXSessionSettings_t{});
 }
 
 }  // namespace

@@ -15,6 +15,7 @@
 #include "ZXProxyInstance.h"
 #include "bt/ZXBTMonitor.h"
 #include "flowpath/ZXManageTierCallOut.h"
+#include "flowpath/ZXSessionCookie.h"
 #include "flowpath/zxlb_mem_pool.h"
 #include "zxbt/zxbt_bt_object.h"
 #include "zxbt/zxbt_rule_execute.h"
@@ -22,6 +23,7 @@
 
 namespace {
 
+constexpr int ZX_DECODED_URL_SIZE = 2048;
 std::atomic<int> gMaxCharactersInSeqBlob{ZX_MAX_CHARS_IN_SEQ_BLOB};
 
 // Bounded appender for blob entries and record lines: the same bytes as the
@@ -46,6 +48,13 @@ struct LineWriter {
     std::size_t n = std::min<std::size_t>(static_cast<std::size_t>(len), end - p);
     std::memcpy(p, s, n);
     p += n;
+  }
+  // "%0<width>lld" for a positive value.
+  void zeroPadded(long long v, int width) {
+    char digits[24];
+    auto r = std::to_chars(digits, digits + sizeof digits, v);
+    for (long n = r.ptr - digits; n < width; ++n) ch('0');
+    mem(digits, static_cast<int>(r.ptr - digits));
   }
   void instance(long long id, bool forced) {
     num(id);
@@ -195,39 +204,33 @@ void checkToDumpFPSeqBlob(ZXProxyInstance_t *app, ZXPerThreadData_t *record) {
 
 int dumpFPHeaderRecord(ZXProxyInstance_t *app, ZXPerThreadData_t *r) {
   const bool forced = r->tlIsForceDump != 0;
-  const char *f = forced ? "F" : "";
-  char instance[96];
-  char position[ZX_FP_RECORD_MAX / 4];
-  if (isChained(r)) {
-    std::snprintf(instance, sizeof instance, "%lld%s:%lld%s:%lld%s", r->flowpathInstance, f,
-                  r->firstFlowpathInstance, f, r->prevFlowpathInstance, f);
-    std::snprintf(position, sizeof position, "%s.1", r->prevTierSeq.c_str());
-  } else {
-    std::snprintf(instance, sizeof instance, "%lld%s", r->flowpathInstance, f);
-    std::snprintf(position, sizeof position, "%lld.1", r->tlThreadId);
-  }
-  char url[2 * ZX_TL_URL_SIZE + 2];
-  if (r->tlURLParameters[0])
-    std::snprintf(url, sizeof url, "%s?%s", r->tlURL, r->tlURLParameters);
-  else
-    std::snprintf(url, sizeof url, "%s", r->tlURL);
-  char sid[32];
-  std::snprintf(sid, sizeof sid, r->morSID > 0 ? "%021lld" : "%lld", r->morSID);
-  const char *correlation =
-      app->ZXFlowpathIds.captureCorrelationEnabled ? r->tlCorrelationIdHeader : "";
-  int btId = r->tlBTObj ? r->tlBTObj->bt_id.load(std::memory_order_relaxed) : 0;
-
   char line[ZX_FP_RECORD_MAX];
-  int n =
-      std::snprintf(line, sizeof line, "2,%s,%lld,%lld,%s,%d,%s,%s,%lld,%s,%lld,,%d,%lld\n",
-                    instance, r->tlFlowPathTimeStampInMS / 1000, r->tlThreadId, position, btId, url,
-                    correlation, r->zxSessionId, sid, r->ZXPageID, r->tlFlowpathType, r->qTimeInMS);
-  if (n >= static_cast<int>(sizeof line)) {
-    n = sizeof line - 1;
-    line[n - 1] = '\n';
+  LineWriter w{line, line + sizeof line - 1};
+  w.str("2,"), w.instance(r->flowpathInstance, forced);
+  if (isChained(r)) {
+    w.ch(':'), w.instance(r->firstFlowpathInstance, forced);
+    w.ch(':'), w.instance(r->prevFlowpathInstance, forced);
   }
+  w.ch(','), w.num(r->tlFlowPathTimeStampInMS / 1000), w.ch(','), w.num(r->tlThreadId), w.ch(',');
+  if (isChained(r))
+    w.str(r->prevTierSeq.c_str());
+  else
+    w.num(r->tlThreadId);
+  w.str(".1,"), w.num(r->tlBTObj ? r->tlBTObj->bt_id.load(std::memory_order_relaxed) : 0);
+  w.ch(','), w.str(r->tlURL);
+  if (r->tlURLParameters[0]) w.ch('?'), w.str(r->tlURLParameters);
+  w.ch(',');
+  if (app->ZXFlowpathIds.captureCorrelationEnabled) w.str(r->tlCorrelationIdHeader);
+  w.ch(','), w.num(r->zxSessionId), w.ch(',');
+  if (r->morSID > 0)
+    w.zeroPadded(r->morSID, 21);
+  else
+    w.num(r->morSID);
+  w.ch(','), w.num(r->ZXPageID), w.str(",,"), w.num(r->tlFlowpathType), w.ch(',');
+  w.num(r->qTimeInMS);
+  *w.p++ = '\n';
   r->tlIsFPHeaderDumped = 1;
-  return dumpData(app, line, n);
+  return dumpData(app, line, static_cast<int>(w.p - line));
 }
 
 int dumpIncompleteFlowpathSeqBlock(ZXProxyInstance_t *app, ZXPerThreadData_t *r) {
@@ -269,7 +272,9 @@ int dumpCompleteFlowpathSeqBlock(ZXProxyInstance_t *app, ZXPerThreadData_t *r, i
 namespace {
 
 void copyText(char *dst, std::size_t size, const char *src) {
-  std::snprintf(dst, size, "%s", src ? src : "");
+  const std::size_t n = src ? strnlen(src, size - 1) : 0;
+  std::memcpy(dst, src ? src : "", n);
+  dst[n] = '\0';
 }
 
 // "path?query" into tlURL and tlURLParameters, each cut to its array.
@@ -295,7 +300,7 @@ ZXPerThreadData_t *startFP(ZXProxyInstance_t *app, const char *flowpathinstance,
                            char *btHeaderValue, long long TLS, const char *ZXCookieStr,
                            const char *RBCookieStr, const char *correlationIdHeader,
                            long long qTimeInMS, long long startTimeFP) {
-  (void)TLS, (void)ZXCookieStr, (void)RBCookieStr;
+  (void)TLS;
   if (!app || !app->Server.testRunRunning.load() || app->Server.gettingstopInstrumenatation)
     return nullptr;
   ZXPerThreadData_t *r = get_free_tls_slot(app);
@@ -315,23 +320,37 @@ ZXPerThreadData_t *startFP(ZXProxyInstance_t *app, const char *flowpathinstance,
   } else {
     r->flowpathInstance = generate_flowpath_instance(app);
   }
-  std::snprintf(r->flowpathInstanceStr, sizeof r->flowpathInstanceStr, "%lld", r->flowpathInstance);
-  splitUrl(r, url);
+  *std::to_chars(r->flowpathInstanceStr, r->flowpathInstanceStr + ZX_FPI_STR_SIZE - 1,
+                 r->flowpathInstance)
+       .ptr = '\0';
+  if (app->ZXAgentSetting.enableProxyServer == 1) {
+    // Texts relayed from application processes arrive escaped.
+    parseRBCookieStr(r, RBCookieStr);
+    char decoded[ZX_DECODED_URL_SIZE];
+    zx_unescape_url(url ? url : "", decoded, sizeof decoded);
+    splitUrl(r, decoded);
+    zx_unescape_url(correlationIdHeader ? correlationIdHeader : "", r->tlCorrelationIdHeader,
+                    sizeof r->tlCorrelationIdHeader);
+  } else {
+    parseRBCookieStr(r, nullptr);  // clears what a reused slot held
+    splitUrl(r, url);
+    copyText(r->tlCorrelationIdHeader, sizeof r->tlCorrelationIdHeader, correlationIdHeader);
+  }
   r->qTimeInMS = qTimeInMS;
-  copyText(r->tlCorrelationIdHeader, sizeof r->tlCorrelationIdHeader, correlationIdHeader);
-  r->tlIsFPCaptured = 1;
+  zx_decide_capture(app, r, ZXCookieStr, start);
 
   r->tlBTObj =
       get_obj_from_bt_name(r->tlURL, r->tlURLParameters, btHeaderValue, &r->updateBTLock, "");
   r->tlIsBTExcluded = !r->tlBTObj || r->tlBTObj->bt_id.load(std::memory_order_relaxed) == -2;
   {
     std::lock_guard lk(app->fpiToTLS.lock);
-    app->fpiToTLS.map[r->flowpathInstanceStr] = r;
+    app->fpiToTLS.map[r->flowpathInstance] = r;
   }
   r->hasMapNodePtr = acquireMethodHashMapNode(app);
-  if (const methodPropProperties *begin =
-          getMethodPropFromMethodName(ZX_BEGIN_REQUEST_METHOD, r->hasMapNodePtr))
-    zxMethodEntryEx(app, r, begin, r->tlFlowPathTimeStampInMS);
+  // Kept for the end, which would otherwise look it up again under the lock.
+  r->tlBeginRequestMethod = getMethodPropFromMethodName(ZX_BEGIN_REQUEST_METHOD, r->hasMapNodePtr);
+  if (r->tlBeginRequestMethod)
+    zxMethodEntryEx(app, r, r->tlBeginRequestMethod, r->tlFlowPathTimeStampInMS);
   return r;
 }
 
@@ -445,9 +464,7 @@ void endFP(ZXProxyInstance_t *app, ZXPerThreadData_t *r, int statusCode, long lo
   r->setEndFPFlag = 1;
   r->tlStatusCode = statusCode;
   r->tlDuration = endTime - epochDiff - r->tlFlowPathTimeStampInMS;
-  if (const methodPropProperties *begin =
-          getMethodPropFromMethodName(ZX_BEGIN_REQUEST_METHOD, r->hasMapNodePtr))
-    zxMethodExitEx(app, r, begin, r->tlDuration, -1);
+  if (r->tlBeginRequestMethod) zxMethodExitEx(app, r, r->tlBeginRequestMethod, r->tlDuration, -1);
 
   if (BTObject *bt = r->tlBTObj) {
     int category = r->tlIsBTExcluded ? 157
@@ -474,7 +491,7 @@ void endFP(ZXProxyInstance_t *app, ZXPerThreadData_t *r, int statusCode, long lo
     r->hasMapNodePtr = nullptr;
   }
   std::lock_guard lk(app->fpiToTLS.lock);
-  auto it = app->fpiToTLS.map.find(r->flowpathInstanceStr);
+  auto it = app->fpiToTLS.map.find(r->flowpathInstance);
   if (it != app->fpiToTLS.map.end() && it->second == r) app->fpiToTLS.map.erase(it);
 }
 
@@ -494,12 +511,17 @@ void dumpIncompleteFPAtTestStop(ZXProxyInstance_t *app, ZXPerThreadData_t *r) {
     r->hasMapNodePtr = nullptr;
   }
   std::lock_guard lk(app->fpiToTLS.lock);
-  app->fpiToTLS.map.erase(r->flowpathInstanceStr);
+  auto it = app->fpiToTLS.map.find(r->flowpathInstance);
+  if (it != app->fpiToTLS.map.end() && it->second == r) app->fpiToTLS.map.erase(it);
 }
 
 ZXPerThreadData_t *findFPFromInstance(ZXProxyInstance_t *app, const char *flowpathInstanceStr) {
   if (!app || !flowpathInstanceStr) return nullptr;
+  long long id = 0;
+  const char *end = flowpathInstanceStr + std::strlen(flowpathInstanceStr);
+  auto [p, ec] = std::from_chars(flowpathInstanceStr, end, id);
+  if (ec != std::errc{} || p != end || p == flowpathInstanceStr) return nullptr;
   std::lock_guard lk(app->fpiToTLS.lock);
-  auto it = app->fpiToTLS.map.find(flowpathInstanceStr);
+  auto it = app->fpiToTLS.map.find(id);
   return it == app->fpiToTLS.map.end() ? nullptr : it->second;
 }

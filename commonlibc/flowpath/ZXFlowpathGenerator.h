@@ -32,11 +32,12 @@ struct ZXFlowpathIdSettings_t {
   char captureCorrelationEnabled = 0;
 };
 
-// Flowpaths in progress by id text, so that a later call (a call-out thread,
-// the proxy's reader) finds one by its id.
+// Flowpaths in progress by id, so that a later call (a call-out thread, the
+// proxy's reader) finds one by its id text. Keyed by the number the text
+// spells, which saves a string per flowpath.
 struct ZXFpiToTLS {
   std::mutex lock;  // guards map
-  std::unordered_map<std::string, ZXPerThreadData_t *> map;
+  std::unordered_map<long long, ZXPerThreadData_t *> map;
 };
 
 inline constexpr int ZX_MAX_CHARS_IN_SEQ_BLOB = 13312;
@@ -95,8 +96,9 @@ int dumpCompleteFlowpathSeqBlock(ZXProxyInstance_t *app, ZXPerThreadData_t *reco
 
 // A new flowpath on a free slot, or null while no test run is running or a
 // stop is under way. flowpathinstance (may be null): the id ("F" or "f"
-// forces it) or a caller tier's call-out header. Cookies are not parsed yet:
-// every flowpath is captured. startTimeFP <= 0: now.
+// forces it) or a caller tier's call-out header. The session cookie decides
+// capture (ZXSessionCookie.h); in the proxy the browser cookie, URL and
+// correlation id are decoded. startTimeFP <= 0: now.
 ZXPerThreadData_t *startFP(ZXProxyInstance_t *app, const char *flowpathinstance, const char *url,
                            char *btHeaderValue, long long TLS, const char *ZXCookieStr,
                            const char *RBCookieStr, const char *correlationIdHeader,

@@ -13,6 +13,7 @@ void resetAllThreadLocals(ZXPerThreadData_t *r, ZXProxyInstance_t *app) {
   r->methodStackDepth = 0;
   r->tlTierStartTime = r->tierCallOutSeqNum = 0;
   r->tlBTObj = nullptr;
+  r->tlBeginRequestMethod = nullptr;
   r->seqNum = r->tlTestRunNumber = 0;
   r->tlServiceMethodCount = r->tlNonServiceMethodCount = 0;
   r->sequenceBlobLen = 0;

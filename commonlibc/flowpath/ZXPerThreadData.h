@@ -18,6 +18,7 @@
 struct BTObject;
 struct ZXMonitorDataModel;
 struct node_t;
+struct methodPropProperties;
 struct ZXProxyInstance_t;
 
 inline constexpr int ZX_SEQ_BLOB_SIZE = 16384;
@@ -65,6 +66,8 @@ struct ZXPerThreadData_t {
   ZXMonitorDataModel *tlMonitorDataModel = nullptr;
   // The method-table node this flowpath holds a reference on.
   node_t *hasMapNodePtr = nullptr;
+  // The request's pseudo method in that node (its entry opens the blob).
+  const methodPropProperties *tlBeginRequestMethod = nullptr;
   // Pool links; tlsMutex guards them and isBusy.
   ZXPerThreadData_t *free_next = nullptr, *free_prev = nullptr;
   ZXPerThreadData_t *busy_next = nullptr, *busy_prev = nullptr;

@@ -1,0 +1,123 @@
+// The SDK as a host calls it, with the data thread shipping every record to
+// the reference collector on loopback: a whole transaction (records 2 and 4
+// included) and method events from two application threads, against an
+// empty call in the same run. "dropped" counts records the send buffers had
+// to drop while the collector read.
+#include <benchmark/benchmark.h>
+
+#include <chrono>
+#include <string>
+#include <thread>
+
+#include "ZXDataDispatcher.h"
+#include "ZXDataThread.h"
+#include "ZXProxyInstance.h"
+#include "flowpath/zxlb_mem_pool.h"
+#include "reference_collector.h"
+#include "zx_sdk.h"
+#include "zxbt/zxbt_bt_object.h"
+
+namespace {
+
+using namespace std::chrono_literals;
+
+// One agent for the whole process, as a host has: made on first use and
+// left running until exit.
+struct BenchAgent {
+  BenchAgent() {
+    zxref::Config config;
+    config.keep_history = false;
+    collector = std::make_unique<zxref::ReferenceCollector>(std::move(config));
+    if (!collector->start()) return;
+    app = std::make_unique<ZXProxyInstance_t>();
+    ZXSysInit(app->ZXSys);
+    ZXBCISettingInit(app->ZXBCISetting);
+    tlzxApplication = ZXProxyInstance = app.get();
+    app->linkTimings.dataTick = apr_time_from_msec(10);
+    snprintf(app->control.dstIp, sizeof app->control.dstIp, "127.0.0.1");
+    app->control.dstPort = collector->port();
+    app->methodEntryLock.create(app->control_pool.get());
+    app->methodIDGlobal = 1;
+    app->maxStates = 128;
+    app->allSlow = 3000;
+    app->allVerySlow = 5000;
+    app->ZXSys.bciMaxNonServiceMethodsPerFP = 1LL << 62;
+    initPerThreadSlots(app.get());
+    ZXBTConfigModelInit();
+    check_data_thread(app.get());
+    if (!collector->wait_for_connections(zxref::ConnKind::Data, 1, 10s)) return;
+    std::this_thread::sleep_for(100ms);  // the data thread finishes its greeting
+    app->Server.testRunRunning = 1;
+    zx_set_init_pause_ms(0);
+    zx_init();
+    ready = true;
+  }
+  std::unique_ptr<zxref::ReferenceCollector> collector;
+  std::unique_ptr<ZXProxyInstance_t> app;
+  bool ready = false;
+};
+
+BenchAgent &agent() {
+  static BenchAgent *a = new BenchAgent();  // outlives the benchmarks' threads
+  return *a;
+}
+
+const std::string kUrl = "/shop/catalog/category/electronics/product/display?id=4242&v=123";
+static_assert(sizeof("/shop/catalog/category/electronics/product/display?id=4242&v=123") == 65);
+
+__attribute__((noinline)) void emptyCall(void *p) {
+  benchmark::DoNotOptimize(p);
+}
+
+void BM_EmptyCallBaseline(benchmark::State &state) {
+  int x = 0;
+  for (auto _ : state) emptyCall(&x);
+}
+BENCHMARK(BM_EmptyCallBaseline);
+
+void BM_BtBeginEnd(benchmark::State &state) {
+  BenchAgent &a = agent();
+  if (!a.ready) {
+    state.SkipWithError("agent did not start");
+    return;
+  }
+  const long long drops = a.app->ZXSys.discardCount.load();
+  for (auto _ : state) {
+    zxBTHandle bt = zx_bt_begin(kUrl.c_str(), nullptr);
+    zx_bt_end(bt, 200);
+    zx_bt_release(bt);
+  }
+  state.counters["dropped"] = static_cast<double>(a.app->ZXSys.discardCount.load() - drops);
+}
+BENCHMARK(BM_BtBeginEnd);
+
+// Method events by name on one flowpath per thread; a new flowpath every 100
+// pairs keeps the blobs flowing as records 3 and 4.
+void BM_MethodEvents(benchmark::State &state) {
+  BenchAgent &a = agent();
+  if (!a.ready) {
+    state.SkipWithError("agent did not start");
+    return;
+  }
+  const long long drops = a.app->ZXSys.discardCount.load();
+  zxBTHandle bt = zx_bt_begin("/orders/list", nullptr);
+  int pairs = 0;
+  for (auto _ : state) {
+    zx_method_entry(bt, "com.shop.OrderService.list");
+    zx_method_exit(bt, "com.shop.OrderService.list");
+    if (++pairs == 100) {
+      pairs = 0;
+      zx_bt_end(bt, 200);
+      zx_bt_release(bt);
+      bt = zx_bt_begin("/orders/list", nullptr);
+    }
+  }
+  zx_bt_end(bt, 200);
+  zx_bt_release(bt);
+  state.SetItemsProcessed(2 * state.iterations());
+  if (state.thread_index() == 0)
+    state.counters["dropped"] = static_cast<double>(a.app->ZXSys.discardCount.load() - drops);
+}
+BENCHMARK(BM_MethodEvents)->Threads(1)->Threads(2)->UseRealTime();
+
+}  // namespace
