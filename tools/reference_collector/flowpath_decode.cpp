@@ -331,6 +331,21 @@ std::string NameBook::bt(int id) const {
   return it != bts.end() ? it->second : "BT#" + std::to_string(id);
 }
 
+namespace {
+
+// Far above what the agent's blocks add up to; keeps a runaway stream of
+// record 3 from growing one flowpath without end.
+constexpr std::size_t kMaxBlobBytes = std::size_t{1} << 18;
+
+void append_blob(Flowpath &fp, const std::vector<std::string> &fields, std::size_t from) {
+  if (fp.blob.size() < kMaxBlobBytes) {
+    fp.blob += join(fields, from, fields.size());
+    if (fp.blob.size() > kMaxBlobBytes) fp.blob.resize(kMaxBlobBytes);
+  }
+}
+
+}  // namespace
+
 Flowpath *FlowpathStore::open_for(long long instance) {
   const auto it = open_.find(instance);
   if (it != open_.end()) return &it->second;
@@ -359,7 +374,7 @@ bool FlowpathStore::add(const Record &r) {
     case 3: {
       const auto id = f.size() >= 3 ? parse_instance(f[1]) : std::nullopt;
       if (!id) return refuse();
-      if (Flowpath *fp = open_for(id->own)) fp->blob += join(f, 2, f.size());
+      if (Flowpath *fp = open_for(id->own)) append_blob(*fp, f, 2);
       return true;
     }
     case 4: {
@@ -380,7 +395,7 @@ bool FlowpathStore::add(const Record &r) {
         open_.erase(it);
       }
       fp.instance = id->own;
-      fp.blob += join(f, 8, f.size());
+      append_blob(fp, f, 8);
       fp.complete = true;
       fp.status = *status, fp.category = *category, fp.cpu = *cpu, fp.resp_ms = *resp;
       fp.bt_id = *bt, fp.fp_type = *type;
