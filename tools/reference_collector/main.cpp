@@ -95,7 +95,13 @@ void print_event(const zxref::Event &e, bool quiet) {
         }
         if (e.record.number == 96) {
           const auto digest = zxref::decode_tdigest_record(e.record);
-          text += digest ? " " + zxref::describe(*digest) : " (payload is not a t-digest)";
+          // Appended in two steps: `" " + string` trips a false -Wrestrict of GCC 12 at -O3.
+          if (digest) {
+            text += ' ';
+            text += zxref::describe(*digest);
+          } else {
+            text += " (payload is not a t-digest)";
+          }
         }
         std::printf("[%s] %s\n", kind.c_str(), zxref::printable(text, kMaxPrinted).c_str());
       }
