@@ -85,7 +85,9 @@ BTObject *zxbt_config_object(const char *bt_name, int bt_id, int slow, int veryS
   std::lock_guard guard(mgr.bt_obj_map_lock);
   BTObject *obj = mgr.config.bt_obj_map.get(bt_name);
   ZXBT_LOG(1, "Info", "bt obj in config map:%p", static_cast<void *>(obj));
-  const bool live_run = app->Server.testRunRunning && app->ZXBCISetting.data_thread_running;
+  // The atomic twin of ZXBCISetting.data_thread_running: request threads read it.
+  const bool live_run =
+      app->Server.testRunRunning && app->dataThreadRunning.load(std::memory_order_acquire);
   if (live_run && obj) {
     obj->bt_threshold.slow.store(slow, std::memory_order_relaxed);
     obj->bt_threshold.very_slow.store(verySlow, std::memory_order_relaxed);
