@@ -229,6 +229,9 @@ void check_data_thread(ZXProxyInstance_t *app) {
   app->stopDataThread = 0;
   app->data_pool = zx::make_pool();
   if (!app->data_pool) return;
+  // Records of the run's first moments (method ids, BTs) wait in the buffers
+  // for the connection instead of being dropped before it.
+  buff_list_init(app);
   app->dataThreadRunning = true;
   apr_threadattr_t *attr = nullptr;
   apr_status_t rv = apr_threadattr_create(&attr, app->data_pool.get());

@@ -3,6 +3,7 @@
 // whole path from SDK calls to records read by the reference collector.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <chrono>
 #include <map>
 #include <optional>
@@ -280,6 +281,7 @@ TEST(SdkEndToEnd, TransactionsArriveDecodableAtTheCollector) {
   ASSERT_TRUE(c.start()) << c.error();
   home.write("config/zxsettings.conf",
              "zxcHost=127.0.0.1\nzxcPort=" + std::to_string(c.port()) + "\n");
+  home.write("instrProfile.txt", "Shop.Checkout.pay|0|0\n");  // saved by an earlier run
   ScopedApp scoped(home.str());
   ZXProxyInstance_t &a = *scoped;
   a.controlThreadTmpLock.create(a.control_pool.get());
@@ -340,6 +342,15 @@ TEST(SdkEndToEnd, TransactionsArriveDecodableAtTheCollector) {
   std::smatch callout;
   ASSERT_TRUE(std::regex_search(blob, callout, std::regex("T[0-9]+:([0-9]+):[0-9]+:1:0:[0-9]+_")));
   EXPECT_EQ(names[callout[1]], "stock.svc");
+  EXPECT_TRUE(std::any_of(names.begin(), names.end(), [](const auto &n) {
+    return n.second == "Shop.Checkout.pay";
+  })) << "the saved profile was loaded at the run's start";
+
+  // A profile swap retires the table in force; with no flowpath holding it,
+  // the control thread frees it on an idle poll.
+  ASSERT_EQ(setMethodHashMapNode(&a, "Shop.Checkout.refund|0|0\n"), 0);
+  EXPECT_GE(retiredNodeCount(&a), 1);
+  EXPECT_TRUE(zxtest::wait_until([&] { return retiredNodeCount(&a) == 0; }));
 
   zx_free();
   request_control_stop(&a);
