@@ -20,7 +20,6 @@
 enum { kMaxThreads = 16 };
 
 typedef struct {
-  int id;
   unsigned rng;
   double until;
   long requests;
@@ -178,7 +177,7 @@ static void *serve(void *arg) {
 
 int main(int argc, char **argv) {
   const double seconds = argc > 1 ? atof(argv[1]) : 12;
-  int threads = argc > 2 ? atoi(argv[2]) : 4;
+  const int threads = argc > 2 ? atoi(argv[2]) : 4;
   if (seconds <= 0 || threads < 1 || threads > kMaxThreads) {
     fprintf(stderr, "usage: %s [seconds [threads 1-%d]]\n", argv[0], kMaxThreads);
     return 2;
@@ -198,7 +197,6 @@ int main(int argc, char **argv) {
   int started = 0;
   for (int i = 0; i < threads; ++i) {
     memset(&workers[i], 0, sizeof workers[i]);
-    workers[i].id = i;
     workers[i].rng = 2463534242u + 7919u * (unsigned)i;
     workers[i].until = until;
     if (pthread_create(&ids[i], NULL, serve, &workers[i]) != 0) break;
