@@ -87,6 +87,20 @@ long long sinceFlowpathStart(const ZXProxyInstance_t *a, const ZXPerThreadData_t
   return zxAgentTimeNow(a) - r->tlFlowPathTimeStampInMS;
 }
 
+// The begin shared by both call-out kinds: the backend's record, with the
+// call's start noted on the flowpath.
+methodPropProperties *beginCallOut(ZXPerThreadData_t *r, const char *host, int type) {
+  if (!r || !host || !*host) {
+    ZX_SDK_LOG(5, "ERROR: Invalid Arguments, bt_handle = [%p], host = [%s]", static_cast<void *>(r),
+               host ? host : "(null)");
+    return nullptr;
+  }
+  ZXProxyInstance_t *a = app();
+  methodPropProperties *ip = ipCallOutSearchUpdate(a, r, host, type);
+  if (ip) r->tlTierStartTime = sinceFlowpathStart(a, r);
+  return ip;
+}
+
 // The end shared by both call-out kinds: the depth is already lowered.
 void endCallOut(ZXProxyInstance_t *a, ZXPerThreadData_t *r, methodPropProperties *ip, int depth,
                 long long resourceID) {
@@ -261,16 +275,8 @@ ZX_EXPORT void zx_method_exit(zxBTHandle bt_handle, const char *method) {
 ZX_EXPORT zxIPCallOutHandle zx_ip_db_callout_begin(zxBTHandle bt_handle, const char *db_host,
                                                    const char *db_query) {
   if (!ready()) return nullptr;
-  if (!bt_handle || !db_host || !*db_host) {
-    ZX_SDK_LOG(5, "ERROR: Invalid Arguments, bt_handle = [%p], db_host = [%s]",
-               static_cast<void *>(bt_handle), db_host ? db_host : "(null)");
-    return nullptr;
-  }
-  ZXProxyInstance_t *a = app();
-  methodPropProperties *ip = ipCallOutSearchUpdate(a, bt_handle, db_host, kTypeDatabase);
-  if (!ip) return nullptr;
-  bt_handle->tlTierStartTime = sinceFlowpathStart(a, bt_handle);
-  dbMethodEntry(bt_handle, db_query, db_host);
+  zxIPCallOutHandle ip = beginCallOut(bt_handle, db_host, kTypeDatabase);
+  if (ip) dbMethodEntry(bt_handle, db_query, db_host);
   return ip;
 }
 
@@ -295,16 +301,8 @@ ZX_EXPORT zxIPCallOutHandle zx_ip_http_callout_begin(zxBTHandle bt_handle, const
                                                      const char *url) {
   (void)url;
   if (!ready()) return nullptr;
-  if (!bt_handle || !http_host || !*http_host) {
-    ZX_SDK_LOG(5, "ERROR: Invalid Arguments, bt_handle = [%p], http_host = [%s]",
-               static_cast<void *>(bt_handle), http_host ? http_host : "(null)");
-    return nullptr;
-  }
-  ZXProxyInstance_t *a = app();
-  methodPropProperties *ip = ipCallOutSearchUpdate(a, bt_handle, http_host, kTypeHttp);
-  if (!ip) return nullptr;
-  bt_handle->tlTierStartTime = sinceFlowpathStart(a, bt_handle);
-  bt_handle->httpCallOutDepth += 1;
+  zxIPCallOutHandle ip = beginCallOut(bt_handle, http_host, kTypeHttp);
+  if (ip) bt_handle->httpCallOutDepth += 1;
   return ip;
 }
 

@@ -42,15 +42,7 @@ class FlowpathTest : public ::testing::Test {
   }
   ZXProxyInstance_t &app() { return *app_; }
   // Every record sent since the last call.
-  std::string records() {
-    std::string out;
-    movePartialToReadList(app().sendBuffers);
-    while (nioSettings_t *b = sendBufferHead(app().sendBuffers)) {
-      out.append(b->buff, static_cast<size_t>(b->use_len));
-      markBufferSent(app().sendBuffers, b, b->use_len - b->send_len);
-    }
-    return out;
-  }
+  std::string records() { return zxtest::drain_records(app()); }
   std::string blob() const { return std::string(rec_->sequenceBlob, rec_->sequenceBlobLen); }
   void entry(int mid, long long t, int pageID = -1, int async = 0, const char *url = "") {
     updateFPSeqBlob(&app(), rec_.get(), mid, t, ZX_FP_EVENT_ENTRY, pageID, -1, async,

@@ -51,15 +51,7 @@ class SdkTest : public ::testing::Test {
   }
   ~SdkTest() override { zx_free(); }
   ZXProxyInstance_t &app() { return *app_; }
-  std::string records() {
-    std::string out;
-    movePartialToReadList(app().sendBuffers);
-    while (nioSettings_t *b = sendBufferHead(app().sendBuffers)) {
-      out.append(b->buff, static_cast<size_t>(b->use_len));
-      markBufferSent(app().sendBuffers, b, b->use_len - b->send_len);
-    }
-    return out;
-  }
+  std::string records() { return zxtest::drain_records(app()); }
   // The method id announced for `name` in record 5, or -1.
   static int idOf(const std::string &records, const std::string &name) {
     std::smatch m;

@@ -6,6 +6,8 @@
 #include <fstream>
 #include <sstream>
 
+#include "ZXDataDispatcher.h"
+
 namespace zxtest {
 
 TempDir::TempDir() {
@@ -66,6 +68,16 @@ ScopedApp::ScopedApp(const std::string &home)
 ScopedApp::~ScopedApp() {
   tlzxApplication = prev_;
   ZXProxyInstance = prev_instance_;
+}
+
+std::string drain_records(ZXProxyInstance_t &app) {
+  std::string out;
+  movePartialToReadList(app.sendBuffers);
+  while (nioSettings_t *b = sendBufferHead(app.sendBuffers)) {
+    out.append(b->buff, static_cast<size_t>(b->use_len));
+    markBufferSent(app.sendBuffers, b, b->use_len - b->send_len);
+  }
+  return out;
 }
 
 ScopedTraceKey::ScopedTraceKey(std::unique_ptr<MTTraceLogKey> key)

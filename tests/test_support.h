@@ -64,6 +64,10 @@ class ScopedApp {
   ZXProxyInstance_t *prev_instance_;
 };
 
+// The records waiting in the application's send buffers, taken out of them
+// as the data thread would send them.
+std::string drain_records(ZXProxyInstance_t &app);
+
 // Makes `key` the process log for the scope.
 class ScopedTraceKey {
  public:

@@ -36,14 +36,7 @@ class BTRules : public ::testing::Test {
     ASSERT_EQ(ZXBTConfigModelInit(), 0);
   }
   // Every record sent so far.
-  std::string records() {
-    movePartialToReadList(app_->sendBuffers);
-    while (nioSettings_t *b = sendBufferHead(app_->sendBuffers)) {
-      sent_.append(b->buff, static_cast<size_t>(b->use_len));
-      markBufferSent(app_->sendBuffers, b, b->use_len - b->send_len);
-    }
-    return sent_;
-  }
+  std::string records() { return sent_ += zxtest::drain_records(*app_); }
   BTObject *bt(const char *url, const char *params = "", const char *header = nullptr,
                const char *method = "GET") {
     std::string h = header ? header : "";

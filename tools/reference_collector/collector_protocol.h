@@ -5,6 +5,7 @@
 // side of the conversation (connection replies, commands, heartbeat echoes).
 #pragma once
 
+#include <charconv>
 #include <chrono>
 #include <cstddef>
 #include <optional>
@@ -13,6 +14,15 @@
 #include <vector>
 
 namespace zxref {
+
+// The whole text as a decimal number of type T, or nullopt.
+template <typename T>
+std::optional<T> parse_number(std::string_view text) {
+  T value{};
+  auto [end, ec] = std::from_chars(text.data(), text.data() + text.size(), value);
+  if (text.empty() || ec != std::errc{} || end != text.data() + text.size()) return std::nullopt;
+  return value;
+}
 
 using Clock = std::chrono::steady_clock;
 

@@ -9,14 +9,6 @@ namespace zxref {
 
 namespace {
 
-template <typename T>
-std::optional<T> number(std::string_view text) {
-  T value{};
-  auto [end, ec] = std::from_chars(text.data(), text.data() + text.size(), value);
-  if (text.empty() || ec != std::errc{} || end != text.data() + text.size()) return std::nullopt;
-  return value;
-}
-
 // Up to `max` pieces of `text` cut at `sep`; the last piece keeps the rest.
 std::vector<std::string_view> split(std::string_view text, char sep, std::size_t max) {
   std::vector<std::string_view> parts;
@@ -75,22 +67,22 @@ std::optional<BlobEntry> parse_callout(std::string_view field) {
   const std::size_t need = e.error ? 7 : 6;
   const auto parts = split(field.substr(1), ':', need + 2);
   if (parts.size() < need || parts.size() > need + 1) return std::nullopt;
-  const auto seq = number<long long>(parts[0]);
-  const auto mid = number<long long>(parts[1]);
-  const auto duration = number<long long>(parts[2]);
-  const auto kind = number<int>(parts[3]);
-  const auto resource = number<long long>(parts[4]);
-  const auto start = number<long long>(parts[5]);
+  const auto seq = zxref::parse_number<long long>(parts[0]);
+  const auto mid = zxref::parse_number<long long>(parts[1]);
+  const auto duration = zxref::parse_number<long long>(parts[2]);
+  const auto kind = zxref::parse_number<int>(parts[3]);
+  const auto resource = zxref::parse_number<long long>(parts[4]);
+  const auto start = zxref::parse_number<long long>(parts[5]);
   if (!seq || !mid || !duration || !kind || !resource || !start) return std::nullopt;
   e.seq = *seq, e.method_id = *mid, e.ms = *duration, e.kind = *kind;
   e.resource = *resource, e.start_ms = *start;
   if (e.error) {
-    const auto status = number<int>(parts[6]);
+    const auto status = zxref::parse_number<int>(parts[6]);
     if (!status) return std::nullopt;
     e.status = *status;
   }
   if (parts.size() == need + 1) {
-    const auto url = number<long long>(parts.back());
+    const auto url = zxref::parse_number<long long>(parts.back());
     if (!url) return std::nullopt;
     e.resource_url = *url;
   }
@@ -107,7 +99,7 @@ std::optional<BlobEntry> parse_async_entry(FieldCursor &cursor, std::size_t url_
     const std::size_t ms_at = p + 3;
     const std::size_t ms_end = text.find("__", ms_at);
     if (ms_end == std::string_view::npos) break;
-    const auto ms = number<long long>(text.substr(ms_at, ms_end - ms_at));
+    const auto ms = zxref::parse_number<long long>(text.substr(ms_at, ms_end - ms_at));
     if (!ms) continue;
     BlobEntry e;
     e.method_id = mid, e.thread_id = tid, e.ms = *ms, e.async = true;
@@ -122,10 +114,10 @@ std::optional<BlobEntry> parse_async_entry(FieldCursor &cursor, std::size_t url_
 std::optional<BlobEntry> parse_method_event(FieldCursor &cursor, std::size_t head_at,
                                             std::string_view head) {
   const auto parts = split(head, ':', 4);
-  const auto mid = number<long long>(parts[0]);
+  const auto mid = zxref::parse_number<long long>(parts[0]);
   if (!mid) return std::nullopt;
   std::optional<long long> tid;
-  if (parts.size() > 1 && !(tid = number<long long>(parts[1]))) return std::nullopt;
+  if (parts.size() > 1 && !(tid = zxref::parse_number<long long>(parts[1]))) return std::nullopt;
   if (parts.size() > 2) {
     if (parts.size() < 4 || parts[2] != "1") return std::nullopt;
     const std::size_t url_at = head_at + parts[0].size() + parts[1].size() + 4;
@@ -138,7 +130,7 @@ std::optional<BlobEntry> parse_method_event(FieldCursor &cursor, std::size_t hea
   e.method_id = *mid;
   e.thread_id = tid.value_or(-1);
   const auto ms = cursor.next();
-  const auto ms_value = ms ? number<long long>(*ms) : std::nullopt;
+  const auto ms_value = ms ? zxref::parse_number<long long>(*ms) : std::nullopt;
   if (!ms_value) return std::nullopt;
   e.ms = *ms_value;
 
@@ -149,7 +141,7 @@ std::optional<BlobEntry> parse_method_event(FieldCursor &cursor, std::size_t hea
       const auto at = cursor.pos();
       const auto page = cursor.next();
       if (page && !page->empty()) {
-        if (const auto id = number<long long>(*page)) {
+        if (const auto id = zxref::parse_number<long long>(*page)) {
           e.page_id = *id;
         } else {
           cursor.rewind(at);
@@ -160,10 +152,10 @@ std::optional<BlobEntry> parse_method_event(FieldCursor &cursor, std::size_t hea
   }
 
   const auto ev = split(*event_field, ':', 2);
-  const auto event = number<int>(ev[0]);
+  const auto event = zxref::parse_number<int>(ev[0]);
   if (!event || (*event != 1 && *event != 3 && *event != 4)) return std::nullopt;
   if (ev.size() > 1) {
-    const auto seq = number<long long>(ev[1]);
+    const auto seq = zxref::parse_number<long long>(ev[1]);
     if (!seq) return std::nullopt;
     e.seq = *seq;
   }
@@ -171,7 +163,7 @@ std::optional<BlobEntry> parse_method_event(FieldCursor &cursor, std::size_t hea
   e.event = *event;
   const auto at = cursor.pos();
   if (const auto cpu = cursor.next(); cpu && !cpu->empty()) {
-    if (const auto value = number<long long>(*cpu)) {
+    if (const auto value = zxref::parse_number<long long>(*cpu)) {
       e.cpu = *value;
     } else {
       cursor.rewind(at);
@@ -273,7 +265,7 @@ std::optional<long long> instance_part(std::string_view text, bool &forced) {
     forced = true;
     text.remove_suffix(1);
   }
-  return number<long long>(text);
+  return zxref::parse_number<long long>(text);
 }
 
 std::optional<InstanceId> parse_instance(std::string_view text) {
@@ -301,14 +293,14 @@ std::optional<FlowpathHeader> parse_flowpath_header(const Record &r) {
   // Surplus fields are commas inside the URL (the one free-text field).
   const std::size_t extra = f.size() - kFields;
   const auto id = parse_instance(f[1]);
-  const auto start = number<long long>(f[2]);
-  const auto tid = number<long long>(f[3]);
-  const auto bt = number<int>(f[5]);
+  const auto start = zxref::parse_number<long long>(f[2]);
+  const auto tid = zxref::parse_number<long long>(f[3]);
+  const auto bt = zxref::parse_number<int>(f[5]);
   auto tail = [&](std::size_t i) -> const std::string & { return f[i + extra]; };
-  const auto session = number<long long>(tail(8));
-  const auto page = number<long long>(tail(10));
-  const auto type = number<int>(tail(12));
-  const auto queue = number<long long>(tail(13));
+  const auto session = zxref::parse_number<long long>(tail(8));
+  const auto page = zxref::parse_number<long long>(tail(10));
+  const auto type = zxref::parse_number<int>(tail(12));
+  const auto queue = zxref::parse_number<long long>(tail(13));
   if (!id || !start || !tid || !bt || !session || !page || !type || !queue) return std::nullopt;
   FlowpathHeader h;
   h.instance = id->own, h.first_instance = id->first, h.prev_instance = id->prev;
@@ -380,12 +372,12 @@ bool FlowpathStore::add(const Record &r) {
     case 4: {
       if (f.size() < 9) return refuse();
       const auto id = parse_instance(f[1]);
-      const auto status = number<int>(f[2]);
-      const auto category = number<int>(f[3]);
-      const auto cpu = number<long long>(f[4]);
-      const auto resp = number<long long>(f[5]);
-      const auto bt = number<int>(f[6]);
-      const auto type = number<int>(f[7]);
+      const auto status = zxref::parse_number<int>(f[2]);
+      const auto category = zxref::parse_number<int>(f[3]);
+      const auto cpu = zxref::parse_number<long long>(f[4]);
+      const auto resp = zxref::parse_number<long long>(f[5]);
+      const auto bt = zxref::parse_number<int>(f[6]);
+      const auto type = zxref::parse_number<int>(f[7]);
       if (!id || !status || !category || !cpu || !resp || !bt || !type) {
         return refuse();
       }
@@ -409,13 +401,13 @@ bool FlowpathStore::add(const Record &r) {
       return true;
     }
     case 5: {
-      const auto id = f.size() >= 3 ? number<long long>(f.back()) : std::nullopt;
+      const auto id = f.size() >= 3 ? zxref::parse_number<long long>(f.back()) : std::nullopt;
       if (!id) return refuse();
       names_.methods[*id] = join(f, 1, f.size() - 1);
       return true;
     }
     case 7: {
-      const auto id = f.size() >= 3 ? number<int>(f[1]) : std::nullopt;
+      const auto id = f.size() >= 3 ? zxref::parse_number<int>(f[1]) : std::nullopt;
       if (!id) return refuse();
       names_.bts[*id] = join(f, 2, f.size());
       return true;

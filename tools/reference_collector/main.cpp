@@ -39,14 +39,6 @@ void usage(std::FILE *out) {
       out);
 }
 
-template <typename T>
-std::optional<T> number(std::string_view text) {
-  T value{};
-  auto [end, ec] = std::from_chars(text.data(), text.data() + text.size(), value);
-  if (text.empty() || ec != std::errc{} || end != text.data() + text.size()) return std::nullopt;
-  return value;
-}
-
 std::string reply_for(std::string_view kind) {
   if (kind == "ok") return zxref::reply::ok();
   if (kind == "not_running") return zxref::reply::not_running();
@@ -154,7 +146,7 @@ int main(int argc, char **argv) {
     } else if (arg == "--host") {
       config.host = std::string(*v);
     } else if (arg == "--port") {
-      const auto port = number<std::uint16_t>(*v);
+      const auto port = zxref::parse_number<std::uint16_t>(*v);
       ok = port.has_value();
       if (ok) config.port = *port;
     } else if (arg == "--reply") {
@@ -164,15 +156,15 @@ int main(int argc, char **argv) {
     } else if (arg == "--start") {
       start_pairs = std::string(*v);
     } else if (arg == "--start-delay-ms") {
-      const auto ms = number<long>(*v);
+      const auto ms = zxref::parse_number<long>(*v);
       ok = ms && *ms >= 0;
       if (ok) start_delay_ms = *ms;
     } else if (arg == "--flowpaths") {
-      const auto n = number<std::size_t>(*v);
+      const auto n = zxref::parse_number<std::size_t>(*v);
       ok = n.has_value();
       if (ok) flowpaths_shown = *n;
     } else if (arg == "--duration-s") {
-      duration_s = number<long>(*v);
+      duration_s = zxref::parse_number<long>(*v);
       ok = duration_s && *duration_s >= 0;
     } else {
       ok = false;
