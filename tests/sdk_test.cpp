@@ -8,7 +8,6 @@
 #include <map>
 #include <optional>
 #include <regex>
-#include <set>
 #include <string>
 #include <thread>
 #include <vector>
@@ -19,6 +18,7 @@
 #include "control_connection.h"
 #include "control_thread.h"
 #include "flowpath/zxlb_mem_pool.h"
+#include "flowpath_decode.h"
 #include "reference_collector.h"
 #include "test_support.h"
 #include "zx_sdk.h"
@@ -99,6 +99,10 @@ TEST_F(SdkTest, BadArgumentsGiveNeutralResultsAndAreLogged) {
   // Long texts everywhere: cut where they are stored, never overrun.
   zxBTHandle bt = zx_bt_begin(huge.c_str(), huge.c_str());
   ASSERT_NE(bt, nullptr);
+  zx_bt_store(bt, nullptr);
+  zx_bt_store(bt, "");
+  register_AD_callback(nullptr);
+  EXPECT_EQ(register_callback_for_agent(nullptr), 0);
   zx_bt_store(bt, huge.c_str());
   EXPECT_EQ(zx_bt_get(huge.c_str()), bt);
   zx_method_entry(bt, "");
@@ -110,6 +114,7 @@ TEST_F(SdkTest, BadArgumentsGiveNeutralResultsAndAreLogged) {
   zxIPCallOutHandle http = zx_ip_http_callout_begin(bt, "web", huge.c_str());
   EXPECT_EQ(zx_ip_http_callout_end(bt, http), 0);
   EXPECT_EQ(zx_bt_end(bt, 200), 0);
+  EXPECT_EQ(zx_bt_end(bt, 200), 0);  // a host ending twice gets its counts twice, no fault
   EXPECT_EQ(zx_bt_release(bt), 0);
   EXPECT_EQ(zx_bt_get(huge.c_str()), nullptr) << "a released handle is forgotten";
   EXPECT_LT(records().size(), 8u * 16384u);
@@ -310,31 +315,30 @@ TEST(SdkEndToEnd, TransactionsArriveDecodableAtTheCollector) {
     for (const zxref::Record &r : c.records()) seen += std::to_string(r.number) + " ";
     return seen;
   }();
-  std::map<std::string, std::string> names;  // id -> name, from records 5
-  std::optional<zxref::Record> header;
-  for (const zxref::Record &r : c.records()) {
-    if (r.number == 5 && r.fields.size() == 3) names[r.fields[2]] = r.fields[1];
-    if (r.number == 2 && r.fields.size() > 6 && r.fields[1] == fpi) header = r;
-  }
-  ASSERT_TRUE(header.has_value());
-  EXPECT_EQ(header->fields.size(), 14u);
-  EXPECT_EQ(header->fields[6], "/cart/add?sku=9");
-  EXPECT_EQ(four->fields[1], fpi);
-  EXPECT_EQ(four->fields[2], "200");
-  // Every method id in the blob was announced by name.
-  const std::string blob = four->fields.back();
-  std::regex mid("(^|_)([0-9]+):[0-9]+_[01]_");
-  std::set<std::string> seen;
-  for (auto it = std::sregex_iterator(blob.begin(), blob.end(), mid); it != std::sregex_iterator();
-       ++it) {
-    seen.insert((*it)[2]);
-    EXPECT_TRUE(names.count((*it)[2])) << "id " << (*it)[2] << " unnamed in " << blob;
-  }
-  EXPECT_EQ(seen.size(), 2u) << blob;  // the request itself and Cart.add
-  std::smatch callout;
-  ASSERT_TRUE(std::regex_search(blob, callout, std::regex("T[0-9]+:([0-9]+):[0-9]+:1:0:[0-9]+_")));
-  EXPECT_EQ(names[callout[1]], "stock.svc");
-  EXPECT_TRUE(std::any_of(names.begin(), names.end(), [](const auto &n) {
+  // Decoded as the collector shows it: header, names and the call tree.
+  zxref::FlowpathStore store;
+  for (const zxref::Record &r : c.records()) store.add(r);
+  const zxref::NameBook &names = store.names();
+  auto fp =
+      std::find_if(store.finished().begin(), store.finished().end(),
+                   [&](const zxref::Flowpath &f) { return std::to_string(f.instance) == fpi; });
+  ASSERT_NE(fp, store.finished().end());
+  ASSERT_TRUE(fp->header.has_value());
+  EXPECT_EQ(fp->header->url, "/cart/add?sku=9");
+  EXPECT_EQ(names.bt(fp->bt_id), "/cart/add");
+  EXPECT_EQ(fp->status, 200);
+  const zxref::ParsedBlob blob = zxref::parse_blob(fp->blob);
+  EXPECT_EQ(blob.skipped, 0u) << fp->blob;
+  const zxref::CallTree tree = zxref::build_call_tree(blob.entries);
+  ASSERT_EQ(tree.roots.size(), 1u) << fp->blob;
+  EXPECT_EQ(names.method(tree.roots[0].method_id), "Profiler.Morvane.BeginRequest");
+  ASSERT_EQ(tree.roots[0].children.size(), 1u) << fp->blob;
+  const zxref::CallNode &add = tree.roots[0].children[0];
+  EXPECT_EQ(names.method(add.method_id), "Cart.add");
+  ASSERT_EQ(add.callouts.size(), 1u) << fp->blob;
+  EXPECT_EQ(add.callouts[0].kind, 1);
+  EXPECT_EQ(names.method(add.callouts[0].method_id), "stock.svc");
+  EXPECT_TRUE(std::any_of(names.methods.begin(), names.methods.end(), [](const auto &n) {
     return n.second == "Shop.Checkout.pay";
   })) << "the saved profile was loaded at the run's start";
 
