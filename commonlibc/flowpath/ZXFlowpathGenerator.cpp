@@ -103,8 +103,11 @@ bool isChained(const ZXPerThreadData_t *r) {
 }  // namespace
 
 long long generate_flowpath_instance(ZXProxyInstance_t *app) {
+  return generate_flowpath_instance(app, my_gettimeofday() - app->Server.morEpochDiffTime);
+}
+
+long long generate_flowpath_instance(ZXProxyInstance_t *app, long long t) {
   const ZXFlowpathIdSettings_t &s = app->ZXFlowpathIds;
-  long long t = my_gettimeofday() - app->Server.morEpochDiffTime;
   apr_atomic_inc32(&app->ZXSys.rSeq);
   long long base = s.flowPathInstanceInitialID + ((t & s.timeStampMask) << s.seqNoDigits);
   long long seq = apr_atomic_inc32(&app->ZXSys.rSeq);
@@ -306,19 +309,21 @@ ZXPerThreadData_t *startFP(ZXProxyInstance_t *app, const char *flowpathinstance,
   ZXPerThreadData_t *r = get_free_tls_slot(app);
   if (!r) return nullptr;
   resetAllThreadLocals(r, app);
-  long long start = startTimeFP > 0 ? startTimeFP : my_gettimeofday();
+  const long long now = my_gettimeofday();
+  const long long start = startTimeFP > 0 ? startTimeFP : now;
   r->tlFlowPathTimeStampInMS = start - app->Server.morEpochDiffTime;
+  const long long idTime = now - app->Server.morEpochDiffTime;
 
   if (flowpathinstance && *flowpathinstance) {
     if (std::strpbrk(flowpathinstance, "Ff")) r->tlIsForceDump = 1;
     if (std::strchr(flowpathinstance, '_')) {
       parseTierCallOut(r, flowpathinstance);
-      r->flowpathInstance = generate_flowpath_instance(app);
+      r->flowpathInstance = generate_flowpath_instance(app, idTime);
     } else {
       r->flowpathInstance = std::atoll(flowpathinstance);
     }
   } else {
-    r->flowpathInstance = generate_flowpath_instance(app);
+    r->flowpathInstance = generate_flowpath_instance(app, idTime);
   }
   *std::to_chars(r->flowpathInstanceStr, r->flowpathInstanceStr + ZX_FPI_STR_SIZE - 1,
                  r->flowpathInstance)

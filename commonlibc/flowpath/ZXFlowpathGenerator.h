@@ -50,6 +50,8 @@ inline constexpr int ZX_FP_EVENT_EXIT = 1;
 // A new id from agent time and the application's rSeq. The counter is
 // advanced twice per id, so consecutive ids use every second value.
 long long generate_flowpath_instance(ZXProxyInstance_t *app);
+// The same for an agent time the caller has just read.
+long long generate_flowpath_instance(ZXProxyInstance_t *app, long long agentTimeMs);
 
 // Cuts `text` in place at each `separator`, storing at most `max` pieces;
 // returns their count.
