@@ -460,6 +460,22 @@ void zxMethodExitException(ZXProxyInstance_t *app, methodPropProperties *method,
                0);
 }
 
+namespace {
+
+// A flowpath that ended or was written out at stop lets go of its method
+// table and its id entry.
+void detachFlowpath(ZXProxyInstance_t *app, ZXPerThreadData_t *r) {
+  if (r->hasMapNodePtr) {
+    releaseMethodHashMapNode(r->hasMapNodePtr);
+    r->hasMapNodePtr = nullptr;
+  }
+  std::lock_guard lk(app->fpiToTLS.lock);
+  auto it = app->fpiToTLS.map.find(r->flowpathInstance);
+  if (it != app->fpiToTLS.map.end() && it->second == r) app->fpiToTLS.map.erase(it);
+}
+
+}  // namespace
+
 void endFP(ZXProxyInstance_t *app, ZXPerThreadData_t *r, int statusCode, long long TLS,
            long long endTime) {
   (void)TLS;
@@ -491,13 +507,7 @@ void endFP(ZXProxyInstance_t *app, ZXPerThreadData_t *r, int statusCode, long lo
       updateCounterAndDurationForBT(*app, tx);
     }
   }
-  if (r->hasMapNodePtr) {
-    releaseMethodHashMapNode(r->hasMapNodePtr);
-    r->hasMapNodePtr = nullptr;
-  }
-  std::lock_guard lk(app->fpiToTLS.lock);
-  auto it = app->fpiToTLS.map.find(r->flowpathInstance);
-  if (it != app->fpiToTLS.map.end() && it->second == r) app->fpiToTLS.map.erase(it);
+  detachFlowpath(app, r);
 }
 
 void reset(ZXProxyInstance_t *app, ZXPerThreadData_t *r) {
@@ -511,13 +521,7 @@ void dumpIncompleteFPAtTestStop(ZXProxyInstance_t *app, ZXPerThreadData_t *r) {
   r->sequenceBlobLock.lock();
   dumpIncompleteFlowpathSeqBlock(app, r);
   r->sequenceBlobLock.unlock();
-  if (r->hasMapNodePtr) {
-    releaseMethodHashMapNode(r->hasMapNodePtr);
-    r->hasMapNodePtr = nullptr;
-  }
-  std::lock_guard lk(app->fpiToTLS.lock);
-  auto it = app->fpiToTLS.map.find(r->flowpathInstance);
-  if (it != app->fpiToTLS.map.end() && it->second == r) app->fpiToTLS.map.erase(it);
+  detachFlowpath(app, r);
 }
 
 ZXPerThreadData_t *findFPFromInstance(ZXProxyInstance_t *app, const char *flowpathInstanceStr) {
