@@ -6,18 +6,12 @@
 
 #include <chrono>
 #include <map>
-#include <optional>
 #include <sstream>
 #include <string>
 #include <string_view>
 #include <thread>
 #include <vector>
 
-#include "ServerMessages.h"
-#include "ZXDataThread.h"
-#include "bt/ZXMonitorTimer.h"
-#include "control_connection.h"
-#include "control_thread.h"
 #include "reference_collector.h"
 #include "tdigest/pwlb_t_digest_quantile.h"
 #include "tdigest_record.h"
@@ -33,47 +27,17 @@ using zxref::ReferenceCollector;
 constexpr auto kWait = 10s;
 constexpr int kThreads = 20;
 
-class MonitorReportTest : public ::testing::Test {
+class MonitorReportTest : public ::testing::Test, protected zxtest::LinkedAgent {
  protected:
-  MonitorReportTest() : zxhome_("ZXHOME", home_.str().c_str()) {
-    for (const char *name : {"MOR_APP_AGENT_TIER", "MOR_APP_AGENT_SERVER", "MOR_APP_AGENT_INSTANCE",
-                             "MOR_APP_AGENT_ZXCHOST", "MOR_APP_AGENT_ZXCPORT"})
-      env_.push_back(std::make_unique<zxtest::ScopedEnv>(name, nullptr));
-    zxref::Config config;
-    collector_ = std::make_unique<ReferenceCollector>(std::move(config));
-    EXPECT_TRUE(collector_->start()) << collector_->error();
-    home_.write("config/zxsettings.conf",
-                "zxcHost=127.0.0.1\nzxcPort=" + std::to_string(collector_->port()) + "\n");
-    app_.emplace(home_.str());
-    ZXProxyInstance_t &a = **app_;
-    a.controlThreadTmpLock.create(a.control_pool.get());
-    ZXLinkTimings_t &t = a.linkTimings;
-    t.retryInterval = apr_time_from_msec(20);
-    t.ctrlPollTimeout = apr_time_from_msec(20);
-    t.dataConnRetryInterval = apr_time_from_msec(50);
-    t.dataTick = apr_time_from_msec(5);
-    t.dataIoTimeout = apr_time_from_msec(50);
-    a.ZXSys.bciDataBufferMaxSize = 4096;
-    a.ZXSys.dataBuffMaxCount = 16;
+  MonitorReportTest() {
+    EXPECT_TRUE(collector_.start()) << collector_.error();
+    ZXProxyInstance_t &a = configure(collector_.port());
     a.ZXSys.bciASDataBufferMaxSize = 4096;
     a.ZXSys.ASDataBuffMaxCount = 8;
-    EXPECT_TRUE(control_thread_configure(&a));
-    loop_ = std::thread([&a] { control_connection_loop(&a); });
+    run_loop();
   }
-  ~MonitorReportTest() override {
-    request_control_stop(&app());
-    loop_.join();
-    stop_data_thread(&app());
-    stopMonitorTimer(&app());
-  }
-  ZXProxyInstance_t &app() { return **app_; }
 
-  zxtest::TempDir home_;
-  zxtest::ScopedEnv zxhome_;
-  std::vector<std::unique_ptr<zxtest::ScopedEnv>> env_;
-  std::unique_ptr<ReferenceCollector> collector_;
-  std::optional<zxtest::ScopedApp> app_;
-  std::thread loop_;
+  ReferenceCollector collector_;
 };
 
 bool names(const zxref::Record &r, const std::string &suffix) {
@@ -81,7 +45,7 @@ bool names(const zxref::Record &r, const std::string &suffix) {
 }
 
 TEST_F(MonitorReportTest, RunShipsRecords74And96) {
-  ReferenceCollector &c = *collector_;
+  ReferenceCollector &c = collector_;
   ASSERT_TRUE(c.wait_for_connections(ConnKind::Control, 1, kWait));
   ASSERT_TRUE(
       c.send_start("status=running;tierName=T;appName=A;zxAppServerHost=S;tierID=3;appID=9;"

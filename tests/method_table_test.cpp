@@ -4,16 +4,13 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
-#include <optional>
 #include <string>
 #include <thread>
 #include <vector>
 
-#include "ZXDataThread.h"
 #include "ZXFeatureKeywords.h"
 #include "ZXMethodManager.h"
 #include "ZXRunTimeChangeHandle.h"
-#include "control_thread.h"
 #include "reference_collector.h"
 #include "test_support.h"
 
@@ -223,50 +220,14 @@ TEST_F(MethodTableTest, LookupsAndSwapsFromManyThreads) {
 }
 
 // Record 5 as the collector receives it.
-class MetaRecordTest : public ::testing::Test {
- protected:
-  MetaRecordTest() : zxhome_("ZXHOME", home_.str().c_str()) {
-    for (const char *name : {"MOR_APP_AGENT_ZXCHOST", "MOR_APP_AGENT_ZXCPORT",
-                             "MOR_APP_AGENT_ZXC_COMM_PROTOCOL", "MOR_APP_AGENT_ZXSAASURL"})
-      env_.push_back(std::make_unique<ScopedEnv>(name, nullptr));
-  }
-  ~MetaRecordTest() override {
-    if (loop_.joinable()) {
-      request_control_stop(&**app_);
-      loop_.join();
-    }
-    if (app_) stop_data_thread(&**app_);
-  }
-  ZXProxyInstance_t &start(std::uint16_t port) {
-    home_.write("config/zxsettings.conf",
-                "zxcHost=127.0.0.1\nzxcPort=" + std::to_string(port) + "\n");
-    app_.emplace(home_.str());
-    ZXProxyInstance_t &a = **app_;
-    ZXLinkTimings_t &t = a.linkTimings;
-    t.retryInterval = t.ctrlPollTimeout = apr_time_from_msec(20);
-    t.dataConnRetryInterval = apr_time_from_msec(50);
-    t.dataTick = apr_time_from_msec(5);
-    a.ZXSys.bciDataBufferMaxSize = 4096;
-    a.ZXSys.dataBuffMaxCount = 16;
-    a.methodEntryLock.create(a.control_pool.get());
-    a.methodIDGlobal = 1;
-    EXPECT_TRUE(control_thread_configure(&a));
-    loop_ = std::thread([&a] { control_connection_loop(&a); });
-    return a;
-  }
-
-  TempDir home_;
-  ScopedEnv zxhome_;
-  std::vector<std::unique_ptr<ScopedEnv>> env_;
-  std::optional<ScopedApp> app_;
-  std::thread loop_;
-};
+class MetaRecordTest : public ::testing::Test, protected zxtest::LinkedAgent {};
 
 TEST_F(MetaRecordTest, RecordFiveOnlyWhileTheDataThreadRuns) {
   zxref::Config config;
   zxref::ReferenceCollector c(config);
   ASSERT_TRUE(c.start()) << c.error();
-  ZXProxyInstance_t &a = start(c.port());
+  ZXProxyInstance_t &a = configure(c.port());
+  run_loop();
 
   node_t *node = acquireMethodHashMapNode(&a);  // before the run: ids 1, 2 unannounced
   getMethodHashMapLock();

@@ -6,17 +6,12 @@
 #include <algorithm>
 #include <chrono>
 #include <map>
-#include <optional>
 #include <regex>
 #include <string>
 #include <thread>
 #include <vector>
 
-#include "ZXDataThread.h"
 #include "ZXProxyInstance.h"
-#include "bt/ZXMonitorTimer.h"
-#include "control_connection.h"
-#include "control_thread.h"
 #include "flowpath/zxlb_mem_pool.h"
 #include "flowpath_decode.h"
 #include "reference_collector.h"
@@ -268,38 +263,19 @@ TEST(SdkInit, PausesAsAskedAndReturnsAtOnceWhenInitialised) {
 }
 
 // SDK calls to records read by the reference collector over a real run.
-TEST(SdkEndToEnd, TransactionsArriveDecodableAtTheCollector) {
-  zxtest::TempDir home;
-  zxtest::ScopedEnv zxhome("ZXHOME", home.str().c_str());
-  std::vector<std::unique_ptr<zxtest::ScopedEnv>> env;
-  for (const char *name : {"MOR_APP_AGENT_ZXCHOST", "MOR_APP_AGENT_ZXCPORT"})
-    env.push_back(std::make_unique<zxtest::ScopedEnv>(name, nullptr));
+class SdkEndToEnd : public ::testing::Test, protected zxtest::LinkedAgent {};
+
+TEST_F(SdkEndToEnd, TransactionsArriveDecodableAtTheCollector) {
   zxref::ReferenceCollector c;
   ASSERT_TRUE(c.start()) << c.error();
-  home.write("config/zxsettings.conf",
-             "zxcHost=127.0.0.1\nzxcPort=" + std::to_string(c.port()) + "\n");
-  home.write("instrProfile.txt", "Shop.Checkout.pay|0|0\n");  // saved by an earlier run
-  ScopedApp scoped(home.str());
-  ZXProxyInstance_t &a = *scoped;
-  a.controlThreadTmpLock.create(a.control_pool.get());
-  a.methodEntryLock.create(a.control_pool.get());
-  a.methodIDGlobal = 1;
-  initPerThreadSlots(&a);
-  ZXLinkTimings_t &t = a.linkTimings;
-  t.retryInterval = t.ctrlPollTimeout = apr_time_from_msec(20);
-  t.dataConnRetryInterval = t.dataIoTimeout = apr_time_from_msec(50);
-  t.dataTick = apr_time_from_msec(5);
+  home().write("instrProfile.txt", "Shop.Checkout.pay|0|0\n");  // saved by an earlier run
+  ZXProxyInstance_t &a = configure(c.port());
   a.ZXSys.bciDataBufferMaxSize = 1 << 16;
-  a.ZXSys.dataBuffMaxCount = 16;
-  ASSERT_TRUE(control_thread_configure(&a));
-  std::thread loop([&a] { control_connection_loop(&a); });
+  run_loop();
   zx_set_init_pause_ms(0);
   zx_init();
 
-  ASSERT_TRUE(c.wait_for_connections(ConnKind::Control, 1, 10s));
-  ASSERT_TRUE(c.send_start("status=running;zxMonitorInterval=1"));
-  // Record 99 comes first on a data connection whose buffers exist.
-  ASSERT_TRUE(c.wait_for_record(99, 10s));
+  start_run(c);
   zxBTHandle bt = zx_bt_begin("/cart/add?sku=9", nullptr);
   ASSERT_NE(bt, nullptr);
   zx_method_entry(bt, "Cart.add");
@@ -349,10 +325,6 @@ TEST(SdkEndToEnd, TransactionsArriveDecodableAtTheCollector) {
   EXPECT_TRUE(zxtest::wait_until([&] { return retiredNodeCount(&a) == 0; }));
 
   zx_free();
-  request_control_stop(&a);
-  loop.join();
-  stop_data_thread(&a);
-  stopMonitorTimer(&a);
 }
 
 }  // namespace

@@ -2,11 +2,21 @@
 
 #include <unistd.h>
 
+#include <gtest/gtest.h>
+
+#include <chrono>
 #include <cstdlib>
 #include <fstream>
+#include <iostream>
 #include <sstream>
 
 #include "ZXDataDispatcher.h"
+#include "ZXDataThread.h"
+#include "bt/ZXMonitorTimer.h"
+#include "control_connection.h"
+#include "control_thread.h"
+#include "flowpath/zxlb_mem_pool.h"
+#include "reference_collector.h"
 
 namespace zxtest {
 
@@ -87,6 +97,89 @@ ScopedTraceKey::ScopedTraceKey(std::unique_ptr<MTTraceLogKey> key)
 
 ScopedTraceKey::~ScopedTraceKey() {
   trace_log_key = prev_;
+}
+
+namespace {
+
+const char *const kAgentEnv[] = {
+    "MOR_APP_AGENT_TIER",          "MOR_APP_AGENT_SERVER",       "MOR_APP_AGENT_INSTANCE",
+    "MOR_APP_AGENT_ZXCHOST",       "MOR_APP_AGENT_ZXCPORT",      "MOR_APP_AGENT_ZXC_COMM_PROTOCOL",
+    "MOR_APP_AGENT_ZXSAASURL",     "MOR_APP_AGENT_ZXPROJECTKEY", "MOR_APP_AGENT_BACKUPZXCHOSTNAME",
+    "MOR_APP_AGENT_BACKUPZXCPORT",
+};
+
+}  // namespace
+
+LinkedAgent::LinkedAgent() : zxhome_("ZXHOME", home_.str().c_str()) {
+  for (const char *name : kAgentEnv) env_.push_back(std::make_unique<ScopedEnv>(name, nullptr));
+}
+
+LinkedAgent::~LinkedAgent() {
+  stop_agent();
+  if (app_) stopMonitorTimer(&app());
+  // The agent's side of a failure, for whoever reads the test output.
+  if (::testing::Test::HasFailure() && trace_) {
+    for (const char *suffix : {"_0", "_1"}) {
+      std::string log = read_file(home_.path() / (std::string("trace.log") + suffix));
+      if (log.size() > 20000) log.erase(0, log.size() - 20000);
+      if (!log.empty()) std::cerr << "--- agent trace" << suffix << "\n" << log;
+    }
+  }
+}
+
+ZXProxyInstance_t &LinkedAgent::configure(std::uint16_t port, const std::string &extra,
+                                          const std::string &host) {
+  home_.write("config/zxsettings.conf",
+              "zxcHost=" + host + "\nzxcPort=" + std::to_string(port) + "\n" + extra);
+  app_.emplace(home_.str());
+  ZXProxyInstance_t &a = **app_;
+  trace_.emplace(
+      zxlb_init_mt_trace_log_ex(home_.str().c_str(), "trace.log", 1, 100, a.control_pool.get()));
+  a.ZXSys.controlTraceLevel = 1;
+  ZXLinkTimings_t &t = a.linkTimings;
+  t.retryInterval = t.ctrlPollTimeout = apr_time_from_msec(20);
+  t.connectTimeout = t.ctrlIoTimeout = apr_time_from_sec(2);
+  t.dataConnRetryInterval = t.dataIoTimeout = apr_time_from_msec(50);
+  t.dataTick = apr_time_from_msec(5);
+  a.ZXSys.bciDataBufferMaxSize = 4096;
+  a.ZXSys.dataBuffMaxCount = 16;
+  // What start-up makes before the control thread runs.
+  a.controlThreadTmpLock.create(a.control_pool.get());
+  a.methodEntryLock.create(a.control_pool.get());
+  a.methodIDGlobal = 1;
+  initPerThreadSlots(&a);
+  EXPECT_TRUE(control_thread_configure(&a));
+  return a;
+}
+
+void LinkedAgent::run_loop() {
+  loop_ = std::thread([this] { control_connection_loop(&app()); });
+}
+
+void LinkedAgent::restart_loop() {
+  app().stopRequested = false;
+  run_loop();
+}
+
+void LinkedAgent::stop_agent() {
+  if (!app_) return;
+  if (loop_.joinable()) {
+    request_control_stop(&app());
+    loop_.join();
+  }
+  stop_data_thread(&app());
+}
+
+void LinkedAgent::start_run(zxref::ReferenceCollector &c, const std::string &pairs) {
+  using namespace std::chrono_literals;
+  ASSERT_TRUE(c.wait_for_connections(zxref::ConnKind::Control, 1, 10s));
+  ASSERT_TRUE(c.send_start(pairs));
+  ASSERT_TRUE(c.wait_for_control_line(
+      [](std::string_view l) {
+        return l.rfind("zx_control_rep:action=start_instrumentation", 0) == 0;
+      },
+      10s));
+  ASSERT_TRUE(c.wait_for_record(99, 10s));
 }
 
 }  // namespace zxtest

@@ -3,13 +3,20 @@
 #pragma once
 
 #include <chrono>
+#include <cstdint>
 #include <filesystem>
 #include <memory>
+#include <optional>
 #include <string>
 #include <thread>
+#include <vector>
 
 #include "ZXProxyInstance.h"
 #include "zxlb_mt_log.h"
+
+namespace zxref {
+class ReferenceCollector;
+}
 
 namespace zxtest {
 
@@ -78,6 +85,40 @@ class ScopedTraceKey {
  private:
   std::unique_ptr<MTTraceLogKey> key_;
   MTTraceLogKey *prev_;
+};
+
+// An agent home pointing at a collector on loopback, the link's timings
+// shortened, and the control thread's connection loop on a thread of its own.
+// The environment's MOR_APP_AGENT_* settings are cleared for its lifetime.
+// On destruction it stops the loop, the data thread and the monitor timer and,
+// when the test failed, prints the agent's trace log.
+class LinkedAgent {
+ public:
+  LinkedAgent();
+  ~LinkedAgent();
+  LinkedAgent(const LinkedAgent &) = delete;
+  LinkedAgent &operator=(const LinkedAgent &) = delete;
+
+  // A fresh application object configured for host:port (plus `extra`
+  // settings lines), as the control thread would before its loop.
+  ZXProxyInstance_t &configure(std::uint16_t port, const std::string &extra = "",
+                               const std::string &host = "127.0.0.1");
+  ZXProxyInstance_t &app() { return **app_; }
+  const TempDir &home() const { return home_; }
+  void run_loop();
+  // After stop_agent (whose join makes the thread's writes visible here).
+  void restart_loop();
+  void stop_agent();
+  // Starts a run and waits for the agent's answer and its record 99.
+  void start_run(zxref::ReferenceCollector &c, const std::string &pairs = "status=running");
+
+ private:
+  TempDir home_;
+  ScopedEnv zxhome_;
+  std::vector<std::unique_ptr<ScopedEnv>> env_;
+  std::optional<ScopedApp> app_;
+  std::optional<ScopedTraceKey> trace_;
+  std::thread loop_;
 };
 
 }  // namespace zxtest
