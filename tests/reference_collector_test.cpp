@@ -1,6 +1,5 @@
 // The reference collector against a raw-socket client standing in for the agent.
 #include <arpa/inet.h>
-#include <fcntl.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
 #include <poll.h>
@@ -41,9 +40,8 @@ const std::string kRecord96 = "96,1|2|,3|4:T1,S1,A1,login,1700000000000," +
 // The agent's end: a blocking loopback socket with deadline-bounded reads.
 class Client {
  public:
-  explicit Client(std::uint16_t port, int send_buffer = 0) {
+  explicit Client(std::uint16_t port) {
     fd_ = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    if (send_buffer > 0) ::setsockopt(fd_, SOL_SOCKET, SO_SNDBUF, &send_buffer, sizeof(int));
     const int on = 1;
     ::setsockopt(fd_, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
     sockaddr_in addr{};
@@ -418,51 +416,6 @@ TEST(ReferenceCollectorFaults, SendsHostileBytesIntact) {
   ASSERT_TRUE(collector->send(ConnKind::Control, huge));
   EXPECT_EQ(client->read_bytes(garbage.size()), garbage);
   EXPECT_EQ(client->read_bytes(huge.size()), huge);
-}
-
-TEST(ReferenceCollectorFaults, NotReadingLetsTheSendersBuffersFill) {
-  zxref::Config config;
-  config.receive_buffer_bytes = 16 * 1024;
-  config.behaviour.read_data = false;
-  auto collector = started(config);
-  Client data(collector->port(), 16 * 1024);
-  data.write(kDataRequest);  // a connection is read until it has a kind
-  ASSERT_TRUE(collector->wait_for_connections(ConnKind::Data, 1, kWait));
-
-  const std::string record = "2," + std::string(1000, 'r') + "\n";
-  ::fcntl(data.fd(), F_SETFL, ::fcntl(data.fd(), F_GETFL) | O_NONBLOCK);
-  std::size_t sent = 0;
-  std::size_t records = 0;
-  std::size_t offset = 0;  // into the record being sent
-  bool would_block = false;
-  while (!would_block && sent < (64u << 20)) {
-    const ssize_t n =
-        ::send(data.fd(), record.data() + offset, record.size() - offset, MSG_NOSIGNAL);
-    if (n < 0) {
-      ASSERT_TRUE(errno == EAGAIN || errno == EWOULDBLOCK) << std::strerror(errno);
-      would_block = true;
-      continue;
-    }
-    sent += static_cast<std::size_t>(n);
-    offset += static_cast<std::size_t>(n);
-    if (offset == record.size()) {
-      offset = 0;
-      ++records;
-    }
-  }
-  ASSERT_TRUE(would_block) << "sent " << sent << " bytes without blocking";
-  EXPECT_TRUE(collector->records().empty());
-
-  collector->update_behaviour([](zxref::Behaviour &b) { b.read_data = true; });
-  ::fcntl(data.fd(), F_SETFL, ::fcntl(data.fd(), F_GETFL) & ~O_NONBLOCK);
-  if (offset > 0) {
-    data.write(std::string_view(record).substr(offset));
-    ++records;
-  }
-  data.write(record);
-  ++records;
-  EXPECT_TRUE(collector->wait_until(
-      [&](const zxref::History &h) { return h.records.size() == records; }, kWait));
 }
 
 // ---- observer ----
