@@ -8,7 +8,6 @@ struct ZXPerThreadData_t;
 struct ZXSQLProperties_t {
   int dbCallDepth = 0;
   int lastDbBackendId = 0;  // method id of the backend of the last finished call
-  long long sqlId = 0;      // the query's id in the call-out entry; 0: none given
 };
 
 // A database call begins on the record's flowpath.

@@ -7,16 +7,11 @@
 #include "zx_sdk.h"
 
 #include <apr_hash.h>
-#include <unistd.h>
 
 #include <atomic>
-#include <cerrno>
-#include <cstdarg>
 #include <cstdio>
-#include <cstdlib>
 #include <cstring>
 #include <mutex>
-#include <string>
 #include <thread>
 
 #include "ZXProxyInstance.h"
@@ -68,18 +63,11 @@ const char *shortProcessName() {
 }
 
 // The call-out's backend: its method record in the flowpath's node, made with
-// the kind's type (and counters in the backend monitor) when new.
+// the kind's type when new, and its counters in the backend monitor.
 methodPropProperties *ipCallOutSearchUpdate(ZXProxyInstance_t *a, ZXPerThreadData_t *r,
                                             const char *host, int type) {
-  if (!r->hasMapNodePtr) return nullptr;
-  methodPropProperties *m;
-  {
-    std::lock_guard lk(a->methodEntryLock);
-    m = getMethodPropFromMethodName(host, r->hasMapNodePtr);
-    if (m) return m;
-    m = updateMethodHashMap(a, host, 0, type, r->hasMapNodePtr);
-  }
-  if (m) a->backendMonitor.grow(m->methodId);
+  methodPropProperties *m = findOrAddMethod(a, r, host, 0, type);
+  if (m) a->backendMonitor.grow(m->methodId);  // a load once the counters exist
   return m;
 }
 
@@ -291,7 +279,7 @@ ZX_EXPORT int zx_ip_db_callout_end(zxBTHandle bt_handle, zxIPCallOutHandle ip_ha
   bt_handle->seqNum += 1;
   const int depth = --sql.dbCallDepth;
   if (depth < 1) sql.lastDbBackendId = ip_handle->methodId;
-  endCallOut(app(), bt_handle, ip_handle, depth, sql.sqlId);
+  endCallOut(app(), bt_handle, ip_handle, depth, 0);  // no query ids are announced
   // An end without its begin must not leave later calls looking nested.
   if (sql.dbCallDepth < 0) sql.dbCallDepth = 0;
   return 0;
@@ -354,11 +342,3 @@ ZX_EXPORT void zx_data_counters(unsigned long long *records, unsigned long long 
 }
 
 }  // extern "C"
-
-zx_agent_callback_t zx_sdk_agent_callback() {
-  return agentCallback.load(std::memory_order_acquire);
-}
-
-zx_ad_callback_t zx_sdk_ad_callback() {
-  return adCallback.load(std::memory_order_acquire);
-}

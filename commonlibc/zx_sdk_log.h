@@ -34,7 +34,3 @@ void zx_sdk_trace_log(int level, const char *function, int line, const char *for
     if ((level) >= zx_sdk_log_level.load(std::memory_order_relaxed)) \
       zx_sdk_trace_log((level), __func__, __LINE__, __VA_ARGS__);    \
   } while (0)
-
-// The callbacks a host registered, or null.
-zx_agent_callback_t zx_sdk_agent_callback();
-zx_ad_callback_t zx_sdk_ad_callback();
