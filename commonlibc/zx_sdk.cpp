@@ -9,6 +9,7 @@
 #include <apr_hash.h>
 
 #include <atomic>
+#include <chrono>
 #include <cstdio>
 #include <cstring>
 #include <mutex>
