@@ -131,6 +131,7 @@ ZXProxyInstance_t &LinkedAgent::configure(std::uint16_t port, const std::string 
                                           const std::string &host) {
   home_.write("config/zxsettings.conf",
               "zxcHost=" + host + "\nzxcPort=" + std::to_string(port) + "\n" + extra);
+  trace_.reset();  // its lock lives in the pool of the application it replaces
   app_.emplace(home_.str());
   ZXProxyInstance_t &a = **app_;
   trace_.emplace(
