@@ -219,6 +219,7 @@ void check_as_data_thread(ZXProxyInstance_t *app) {
     std::lock_guard wk(link.wakeMutex);
     link.stopRequested = false;
   }
+  link.senderDone.reset();
   try {
     link.sender = std::thread([app] {
       try {
@@ -227,25 +228,30 @@ void check_as_data_thread(ZXProxyInstance_t *app) {
         ZX_CTRL_LOG(0, "Error", "Auto-sensor thread stopped: %s", e.what());
         closeAS(app->asData);
       }
+      app->asData.senderDone.arrive();
     });
   } catch (const std::system_error &e) {
+    link.senderDone.arrive();
     ZX_CTRL_LOG(0, "Error", "Auto-sensor thread not started: %s", e.what());
   }
 }
 
-void stop_as_data_thread(ZXProxyInstance_t *app) {
+void request_as_data_thread_stop(ZXProxyInstance_t *app) {
   ZXASDataLink &link = app->asData;
   {
     std::lock_guard lk(link.wakeMutex);
     link.stopRequested = true;
   }
   link.wakeCond.notify_all();
-  {
-    std::lock_guard lk(link.connLock);
-    if (link.conn) link.conn->wakeup();
-  }
+  std::lock_guard lk(link.connLock);
+  if (link.conn) link.conn->wakeup();
+}
+
+bool stop_as_data_thread(ZXProxyInstance_t *app, apr_time_t deadline) {
+  request_as_data_thread_stop(app);
+  ZXASDataLink &link = app->asData;
   std::lock_guard lk(link.threadLock);
-  if (link.sender.joinable()) link.sender.join();
+  return zx::joinBy(link.sender, link.senderDone, deadline);
 }
 
 int dumpASData(ZXProxyInstance_t *app, const char *data, int len) {

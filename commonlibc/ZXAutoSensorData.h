@@ -22,6 +22,7 @@
 #include "ZXDataDispatcher.h"
 #include "ZXSocketManager.h"
 #include "zxlb_apr.h"
+#include "zxlb_thread_done.h"
 
 struct ZXProxyInstance_t;
 
@@ -54,6 +55,7 @@ struct ZXASDataLink {
   // destruction); wakeMutex guards stopRequested, with wakeCond.
   std::mutex threadLock;
   std::thread sender;
+  zx::ThreadDone senderDone;
   std::mutex wakeMutex;
   std::condition_variable wakeCond;
   bool stopRequested = false;
@@ -62,8 +64,12 @@ struct ZXASDataLink {
 // Prepares the request from the current identity and collector, makes the
 // buffers (once) and starts the sender unless it runs. Control thread.
 void check_as_data_thread(ZXProxyInstance_t *app);
-// Stops the sender after a last flush and waits for it. Idempotent.
-void stop_as_data_thread(ZXProxyInstance_t *app);
+// Asks the sender to stop after a last flush; does not wait.
+void request_as_data_thread_stop(ZXProxyInstance_t *app);
+// Stops the sender and waits for it until `deadline` (APR time, 0 = no
+// limit); one still busy then is left behind. True when it ended.
+// Idempotent.
+bool stop_as_data_thread(ZXProxyInstance_t *app, apr_time_t deadline = 0);
 
 // Copies one record into the auto-sensor buffers. 0 stored, -1 no room
 // (dropped and counted), -99 no buffers yet.

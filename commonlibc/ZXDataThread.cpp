@@ -170,17 +170,22 @@ void *APR_THREAD_FUNC data_thread_entry(apr_thread_t *thread, void *arg) {
   }
   dataThreadApp = nullptr;
   app->dataThreadRunning = false;
+  app->dataThreadDone.arrive();
   apr_thread_exit(thread, APR_SUCCESS);
   return nullptr;
 }
 
-// Joins a thread that has ended or was told to. Caller holds dataThreadLock.
-void joinDataThread(ZXProxyInstance_t *app) {
-  if (!app->data_thread_id) return;
-  apr_status_t rv = APR_SUCCESS;
-  apr_thread_join(&rv, app->data_thread_id);
-  app->data_thread_id = nullptr;
+// Joins a thread that has ended or was told to, waiting until `deadline`
+// (0 = no limit). A thread left behind keeps its pool. Caller holds
+// dataThreadLock.
+bool joinDataThread(ZXProxyInstance_t *app, apr_time_t deadline = 0) {
+  if (!app->data_thread_id) return true;
+  if (!zx::joinBy(app->data_thread_id, app->dataThreadDone, deadline)) {
+    (void)app->data_pool.release();
+    return false;
+  }
   app->data_pool.reset();
+  return true;
 }
 
 }  // namespace
@@ -233,6 +238,7 @@ void check_data_thread(ZXProxyInstance_t *app) {
   // for the connection instead of being dropped before it.
   buff_list_init(app);
   app->dataThreadRunning = true;
+  app->dataThreadDone.reset();
   apr_threadattr_t *attr = nullptr;
   apr_status_t rv = apr_threadattr_create(&attr, app->data_pool.get());
   if (rv == APR_SUCCESS)
@@ -244,6 +250,7 @@ void check_data_thread(ZXProxyInstance_t *app) {
     ZX_CTRL_LOG(0, "Error", "Data thread not started: %s", err);
     app->data_thread_id = nullptr;
     app->dataThreadRunning = false;
+    app->dataThreadDone.arrive();
     app->data_pool.reset();
     return;
   }
@@ -257,13 +264,18 @@ void setToStopThread(int stop) {
   if (stop) wakeDataThread(app);
 }
 
-void stop_data_thread(ZXProxyInstance_t *app) {
-  std::lock_guard lk(app->dataThreadLock);
-  if (!app->data_thread_id) return;
+void request_data_thread_stop(ZXProxyInstance_t *app) {
   app->stopDataThread = 1;
   wakeDataThread(app);
-  joinDataThread(app);
+}
+
+bool stop_data_thread(ZXProxyInstance_t *app, apr_time_t deadline) {
+  std::lock_guard lk(app->dataThreadLock);
+  if (!app->data_thread_id) return true;
+  request_data_thread_stop(app);
+  const bool ended = joinDataThread(app, deadline);
   app->ZXBCISetting.data_thread_running = 0;
+  return ended;
 }
 
 void closeDataConnectionByCollector(ZXProxyInstance_t *app) {

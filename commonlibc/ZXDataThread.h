@@ -6,6 +6,8 @@
 // (dataConnState 0) it waits.
 #pragma once
 
+#include <apr_time.h>
+
 #include <cstddef>
 
 struct ZXProxyInstance_t;
@@ -15,8 +17,12 @@ struct ZXProxyInstance_t;
 void check_data_thread(ZXProxyInstance_t *app);
 // Asks the worker threads to stop (1) or lets them run (0); does not wait.
 void setToStopThread(int stop);
-// Stops the data thread and waits for it (flushing what it can). Idempotent.
-void stop_data_thread(ZXProxyInstance_t *app);
+// Asks the data thread to stop (it flushes what it can first); does not wait.
+void request_data_thread_stop(ZXProxyInstance_t *app);
+// Stops the data thread and waits for it until `deadline` (APR time, 0 = no
+// limit); one still busy then is left behind. True when it ended.
+// Idempotent.
+bool stop_data_thread(ZXProxyInstance_t *app, apr_time_t deadline = 0);
 // The collector closed the data connection (heartbeat echo dataConnState=0).
 void closeDataConnectionByCollector(ZXProxyInstance_t *app);
 

@@ -1,4 +1,5 @@
 #include "ZXFileBasedKeywords.h"
+#include "zxlb_fork_safe_mutex.h"
 
 #include <cstring>
 #include <mutex>
@@ -9,7 +10,7 @@ namespace {
 
 // Readers by keyword row. Registration happens at start-up or in tests,
 // dispatch on the control thread; the mutex keeps both orders safe.
-std::mutex readersMutex;
+zx::ForkSafeMutex readersMutex;
 ZXFileKeywordReader readers[ZX_KEYWORD_COUNT] = {};
 
 }  // namespace

@@ -18,8 +18,8 @@
 
 #include "Server.h"
 #include "ZXAutoSensorData.h"
-#include "ZXBackendMonitor.h"
 #include "ZXBCISettings.h"
+#include "ZXBackendMonitor.h"
 #include "ZXCServerConfig.h"
 #include "ZXDataDispatcher.h"
 #include "ZXFeatureSettings.h"
@@ -33,6 +33,7 @@
 #include "zxbt/zxbt_rule_parser.h"
 #include "zxlb_apr.h"
 #include "zxlb_owned_string.h"
+#include "zxlb_thread_done.h"
 
 #include "ZXMethodManager.h"
 #include "ZXRunTimeChangeHandle.h"
@@ -83,6 +84,10 @@ struct ZXLinkTimings_t {
   apr_interval_time_t dataConnRetryInterval = apr_time_from_sec(60);
   apr_interval_time_t dataTick = apr_time_from_msec(100);
   apr_interval_time_t dataIoTimeout = apr_time_from_msec(100);
+  // The agent's share of a host's exit: queued records are sent and threads
+  // joined until then; what is still queued is counted lost, and a thread
+  // still busy (a name lookup) is left behind. Keeps exit under 1 s.
+  apr_interval_time_t exitDeadline = apr_time_from_msec(800);
 };
 
 struct processInfo_t {
@@ -241,6 +246,7 @@ struct ZXProxyInstance_t {
   std::mutex dataThreadLock;
   zx::PoolPtr data_pool;
   apr_thread_t *data_thread_id = nullptr;
+  zx::ThreadDone dataThreadDone;
   std::atomic<bool> dataThreadRunning{false};
   std::atomic<int> stopDataThread{0};  // setToStopThread
   std::mutex dataWakeMutex;            // guards dataWakeRequested; with dataWakeCond
@@ -251,6 +257,7 @@ struct ZXProxyInstance_t {
   // The control thread. Its waits are interruptible so that the agent can be
   // stopped (unload, tests) without waiting out a retry interval.
   apr_thread_t *control_thread = nullptr;
+  zx::ThreadDone controlThreadDone;
   std::mutex wakeMutex;  // guards wakeRequested, with stopRequested
   std::condition_variable wakeCond;
   bool wakeRequested = false;

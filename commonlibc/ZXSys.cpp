@@ -40,9 +40,9 @@ void ZXSysInit(ZXSys_t &sys) {
   sys.proxyIP.assign("127.0.0.1");
   sys.proxyPort = ZX_DEFAULT_COLLECTOR_PORT;
 
+  // The home in use goes to the trace log once it is open (agent_init), not
+  // to the host's standard error.
   const char *home = std::getenv("ZXHOME");
-  // Kept on standard error: installers read it to see which home was used.
-  if (home) fprintf(stderr, "path2 %s\n", home);
   sys.zxHomePath.assign(home ? home : ZX_DEFAULT_HOME);
   sys.zxBuild.assign(ZX_BUILD_NAME);
 }

@@ -246,17 +246,20 @@ void *APR_THREAD_FUNC control_thread_entry_fun(apr_thread_t *thread, void *arg) 
   }
   control_connection_cleanup();
   app->controlThreadState = ZX_CTRL_STOPPED;
+  app->controlThreadDone.arrive();
   apr_thread_exit(thread, APR_SUCCESS);
   return nullptr;
 }
 
 bool start_control_thread(ZXProxyInstance_t *app, char *err, int err_len) {
   apr_threadattr_t *attr = nullptr;
+  app->controlThreadDone.reset();
   apr_status_t rv = apr_threadattr_create(&attr, app->control_pool.get());
   if (rv == APR_SUCCESS)
     rv = apr_thread_create(&app->control_thread, attr, control_thread_entry_fun, app,
                            app->control_pool.get());
   if (rv != APR_SUCCESS) {
+    app->controlThreadDone.arrive();
     app->control_thread = nullptr;
     if (err && err_len > 0) apr_strerror(rv, err, static_cast<apr_size_t>(err_len));
     return false;
@@ -274,13 +277,15 @@ void request_control_stop(ZXProxyInstance_t *app) {
   if (app->zxcCtrlSocket) app->zxcCtrlSocket->wakeup();
 }
 
+bool join_control_thread(ZXProxyInstance_t *app, apr_time_t deadline) {
+  return zx::joinBy(app->control_thread, app->controlThreadDone, deadline);
+}
+
 void stop_control_thread(ZXProxyInstance_t *app) {
   if (!app) return;
   if (app->control_thread) {
     request_control_stop(app);
-    apr_status_t rv = APR_SUCCESS;
-    apr_thread_join(&rv, app->control_thread);
-    app->control_thread = nullptr;
+    join_control_thread(app, 0);
   }
   stop_data_thread(app);
 }

@@ -4,6 +4,7 @@
 #pragma once
 
 #include <apr_thread_proc.h>
+#include <apr_time.h>
 
 struct ZXProxyInstance_t;
 
@@ -23,6 +24,10 @@ void request_control_stop(ZXProxyInstance_t *app);
 // Asks the thread to stop, wakes it and joins it, then stops the data
 // thread. Safe when never started.
 void stop_control_thread(ZXProxyInstance_t *app);
+// Joins the thread once it has ended by `deadline` (APR time, 0 = no limit);
+// one still busy then (a name lookup that nothing interrupts) is left behind.
+// True when it ended. Call request_control_stop first.
+bool join_control_thread(ZXProxyInstance_t *app, apr_time_t deadline);
 
 // The connection loop: connect, live on the connection, reconnect or fail
 // over; returns only when the thread is asked to stop.

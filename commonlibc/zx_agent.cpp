@@ -10,6 +10,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
@@ -17,6 +18,7 @@
 #include <ctime>
 #include <filesystem>
 #include <memory>
+#include <mutex>
 #include <new>
 #include <string>
 
@@ -24,7 +26,9 @@
 #include "flowpath/zxlb_mem_pool.h"
 #include "proxyServer/ZXProxyServer.h"
 #include "zx_agent.h"
+#include "zx_agent_fork.h"
 #include "zx_agent_internal.h"
+#include "zx_agent_stop.h"
 #include "zxbt/zxbt_bt_object.h"
 #include "zxlb_home.h"
 #include "zxlb_mt_log.h"
@@ -487,20 +491,36 @@ void lws_log(int level, const char *line) {
 
 namespace {
 
+// Set when the exit left a thread behind: APR's pools must then outlive the
+// process rather than be destroyed under that thread.
+std::atomic<bool> threadsLeftBehind{false};
+
+void terminate_apr_at_exit() {
+  if (!threadsLeftBehind.load()) apr_terminate();
+}
+
 void stop_at_exit() {
-  agent_shutdown();
+  ZXProxyInstance_t *app = ZXProxyInstance;
+  if (!app) return;
+  if (!agent_stop_by(app, apr_time_now() + app->linkTimings.exitDeadline))
+    threadsLeftBehind.store(true);
 }
 
 }  // namespace
 
 void agent_shutdown() {
-  if (ZXProxyInstance) stop_control_thread(ZXProxyInstance);
+  if (ZXProxyInstance) agent_stop_by(ZXProxyInstance, 0);
 }
 
 extern "C" ZX_EXPORT void agent_init(char *pool, int connect_zxc, char *process_name,
                                      char *agentType) try {
-  apr_initialize();
-  atexit(apr_terminate);
+  // Once per process image: a fork's child restarting its agent, or a host
+  // calling again, must not stack exit handlers.
+  static std::once_flag aprOnce;
+  std::call_once(aprOnce, [] {
+    apr_initialize();
+    atexit(terminate_apr_at_exit);
+  });
 
   ZXProxyInstance_t *app = nullptr;
   try {
@@ -520,6 +540,8 @@ extern "C" ZX_EXPORT void agent_init(char *pool, int connect_zxc, char *process_
 
   ZXSysInit(app->ZXSys);
   ZXTraceInit(gProcessName, gPool);
+  if (const char *home = std::getenv("ZXHOME"))
+    ZX_LOG_IF(true, "CONTROL_THREAD", "Info", "path2 %s", home);
   ZXBCISettingInit(app->ZXBCISetting);
 
   if (!startedWithExc) {
@@ -576,8 +598,10 @@ extern "C" ZX_EXPORT void agent_init(char *pool, int connect_zxc, char *process_
   ZXBTConfigModelInit();
   ZX_CTRL_LOG(0, "Info", "Going to start control thread ...");
   char err[1024] = {};
+  zx_agent_fork_remember(pool, process_name, agentType);
   if (start_control_thread(app, err, sizeof err)) {
-    atexit(stop_at_exit);
+    static std::once_flag exitOnce;
+    std::call_once(exitOnce, [] { atexit(stop_at_exit); });
     ZX_CTRL_LOG(0, "Info", "Control thread created successfully... '%lld'",
                 static_cast<long long>(app->processID));
   } else {

@@ -1,4 +1,5 @@
 #include "zxlb_hashMapMethod.h"
+#include "zxlb_fork_safe_mutex.h"
 
 #include <mutex>
 #include <new>
@@ -10,7 +11,7 @@ namespace {
 
 // Serialises map inserts. A std::mutex needs no creation, so there is no
 // first-insert race to create it.
-std::mutex modify_hashmap_lock;
+zx::ForkSafeMutex modify_hashmap_lock;
 
 void retain(methodPropProperties *r) {
   r->mapRefs.fetch_add(1, std::memory_order_relaxed);

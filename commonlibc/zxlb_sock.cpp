@@ -7,9 +7,18 @@
 #include <poll.h>
 #include <sys/socket.h>
 
+#include <netdb.h>
+
 #include <algorithm>
 #include <cerrno>
+#include <chrono>
+#include <condition_variable>
 #include <cstdio>
+#include <cstring>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <thread>
 
 void zxlb_strerror(apr_status_t rv, char *err, int err_len) {
   if (err && err_len > 0) apr_strerror(rv, err, static_cast<apr_size_t>(err_len));
@@ -52,6 +61,77 @@ apr_status_t finish_connect(apr_socket_t *sock, apr_interval_time_t timeout,
   }
 }
 
+// One name lookup on a thread of its own. getaddrinfo cannot be interrupted,
+// and a resolver that never answers must not hold the control thread (and
+// through it a host's exit): the caller waits in slices and may walk away,
+// leaving the lookup to finish and free its state by itself.
+struct Lookup {
+  std::mutex m;  // guards done, rc and addr
+  std::condition_variable cv;
+  bool done = false;
+  int rc = 0;
+  char addr[INET6_ADDRSTRLEN] = {};
+};
+
+apr_status_t resolve_to_numeric(const char *host, apr_interval_time_t timeout,
+                                const std::function<bool()> &abandon, char (&out)[INET6_ADDRSTRLEN],
+                                char *err, int err_len) {
+  unsigned char probe[sizeof(in6_addr)];
+  if (inet_pton(AF_INET, host, probe) == 1 || inet_pton(AF_INET6, host, probe) == 1) {
+    snprintf(out, sizeof out, "%s", host);
+    return APR_SUCCESS;
+  }
+  std::shared_ptr<Lookup> lookup;
+  try {
+    lookup = std::make_shared<Lookup>();
+    std::thread([lookup, name = std::string(host)] {
+      addrinfo hints{};
+      hints.ai_family = AF_UNSPEC;
+      hints.ai_socktype = SOCK_STREAM;
+      addrinfo *res = nullptr;
+      char text[INET6_ADDRSTRLEN] = {};
+      int rc = getaddrinfo(name.c_str(), nullptr, &hints, &res);
+      if (rc == 0) {
+        const void *a = res->ai_family == AF_INET6
+                            ? static_cast<const void *>(
+                                  &reinterpret_cast<sockaddr_in6 *>(res->ai_addr)->sin6_addr)
+                            : &reinterpret_cast<sockaddr_in *>(res->ai_addr)->sin_addr;
+        if (!inet_ntop(res->ai_family, a, text, sizeof text)) rc = EAI_FAIL;
+        freeaddrinfo(res);
+      }
+      std::lock_guard lk(lookup->m);
+      lookup->rc = rc;
+      std::memcpy(lookup->addr, text, sizeof text);
+      lookup->done = true;
+      lookup->cv.notify_all();
+    }).detach();
+  } catch (const std::exception &) {
+    zxlb_strerror(APR_ENOMEM, err, err_len);
+    return APR_ENOMEM;
+  }
+  const apr_time_t deadline = apr_time_now() + (timeout > 0 ? timeout : 1);
+  std::unique_lock lk(lookup->m);
+  while (!lookup->done) {
+    if (abandon && abandon()) return APR_ECONNABORTED;
+    apr_interval_time_t left = deadline - apr_time_now();
+    if (left <= 0) {
+      if (err && err_len > 0)
+        snprintf(err, static_cast<size_t>(err_len), "name lookup of '%s' timed out", host);
+      return APR_TIMEUP;
+    }
+    lookup->cv.wait_for(
+        lk, std::chrono::microseconds(std::min<apr_interval_time_t>(left, kConnectSliceMs * 1000)));
+  }
+  if (lookup->rc != 0) {
+    if (err && err_len > 0)
+      snprintf(err, static_cast<size_t>(err_len), "cannot resolve '%s': %s", host,
+               gai_strerror(lookup->rc));
+    return APR_EGENERAL;
+  }
+  std::memcpy(out, lookup->addr, sizeof out);
+  return APR_SUCCESS;
+}
+
 }  // namespace
 
 apr_status_t zxlb_tcp_connect(const char *host, int port, apr_interval_time_t timeout,
@@ -64,9 +144,13 @@ apr_status_t zxlb_tcp_connect(const char *host, int port, apr_interval_time_t ti
                port);
     return APR_EINVAL;
   }
+  // The lookup shares the connect's deadline and stop; APR then only parses
+  // the numeric address.
+  char numeric[INET6_ADDRSTRLEN] = {};
+  apr_status_t rv = resolve_to_numeric(host, timeout, abandon, numeric, err, err_len);
+  if (rv != APR_SUCCESS) return rv;
   apr_sockaddr_t *sa = nullptr;
-  apr_status_t rv =
-      apr_sockaddr_info_get(&sa, host, APR_UNSPEC, static_cast<apr_port_t>(port), 0, pool);
+  rv = apr_sockaddr_info_get(&sa, numeric, APR_UNSPEC, static_cast<apr_port_t>(port), 0, pool);
   apr_socket_t *sock = nullptr;
   if (rv == APR_SUCCESS)
     rv = apr_socket_create(&sock, sa->family, SOCK_STREAM, APR_PROTO_TCP, pool);

@@ -17,6 +17,7 @@
 #include "control_thread.h"
 #include "flowpath/zxlb_mem_pool.h"
 #include "reference_collector.h"
+#include "zx_agent_stop.h"
 
 namespace zxtest {
 
@@ -116,7 +117,6 @@ LinkedAgent::LinkedAgent() : zxhome_("ZXHOME", home_.str().c_str()) {
 
 LinkedAgent::~LinkedAgent() {
   stop_agent();
-  if (app_) stopMonitorTimer(&app());
   // The agent's side of a failure, for whoever reads the test output.
   if (::testing::Test::HasFailure() && trace_) {
     for (const char *suffix : {"_0", "_1"}) {
@@ -168,7 +168,9 @@ void LinkedAgent::stop_agent() {
     request_control_stop(&app());
     loop_.join();
   }
-  stop_data_thread(&app());
+  // Every thread the run started, before the trace key and the application
+  // they use go away.
+  agent_stop_by(&app(), 0);
 }
 
 void LinkedAgent::start_run(zxref::ReferenceCollector &c, const std::string &pairs) {

@@ -68,6 +68,7 @@ void startMonitorTimer(ZXProxyInstance_t *app) {
     std::lock_guard wk(t.wakeMutex);
     t.stopRequested = false;
   }
+  t.done.reset();
   try {
     t.thread = std::thread([app] {
       try {
@@ -75,19 +76,26 @@ void startMonitorTimer(ZXProxyInstance_t *app) {
       } catch (const std::exception &e) {
         ZXBT_LOG(-1, "Error", "Monitoring timer stopped: %s", e.what());
       }
+      app->monitorTimer.done.arrive();
     });
   } catch (const std::system_error &e) {
+    t.done.arrive();
     ZXBT_LOG(-1, "Error", "Monitoring timer not started: %s", e.what());
   }
 }
 
-void stopMonitorTimer(ZXProxyInstance_t *app) {
+void requestMonitorTimerStop(ZXProxyInstance_t *app) {
   ZXMonitorTimer &t = app->monitorTimer;
   {
     std::lock_guard wk(t.wakeMutex);
     t.stopRequested = true;
   }
   t.wakeCond.notify_all();
+}
+
+bool stopMonitorTimer(ZXProxyInstance_t *app, apr_time_t deadline) {
+  requestMonitorTimerStop(app);
+  ZXMonitorTimer &t = app->monitorTimer;
   std::lock_guard lk(t.threadLock);
-  if (t.thread.joinable()) t.thread.join();
+  return zx::joinBy(t.thread, t.done, deadline);
 }

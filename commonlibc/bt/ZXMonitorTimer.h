@@ -6,10 +6,14 @@
 // Request threads never wait for it: they count under their own locks.
 #pragma once
 
+#include <apr_time.h>
+
 #include <condition_variable>
 #include <memory>
 #include <mutex>
 #include <thread>
+
+#include "zxlb_thread_done.h"
 
 struct ZXProxyInstance_t;
 
@@ -27,13 +31,18 @@ struct ZXMonitorTimer {
   std::condition_variable wakeCond;
   bool stopRequested = false;
   long long ticks = 0;  // reports run so far (tests wait on it)
+  zx::ThreadDone done;
 };
 
 // Rebuilds the vector prefix (the run's keywords are applied by now), sets
 // the first record-96 time and starts the timer unless it runs. Control
 // thread, at the run's start.
 void startMonitorTimer(ZXProxyInstance_t *app);
-// Stops the timer and waits for it. Idempotent.
-void stopMonitorTimer(ZXProxyInstance_t *app);
+// Asks the timer to stop; does not wait.
+void requestMonitorTimerStop(ZXProxyInstance_t *app);
+// Stops the timer and waits for it until `deadline` (APR time, 0 = no
+// limit); a timer still busy then is left behind. True when it ended.
+// Idempotent.
+bool stopMonitorTimer(ZXProxyInstance_t *app, apr_time_t deadline = 0);
 // One tick: the interval's report and, when due, the period's record 96.
 void runMonitorTick(ZXProxyInstance_t *app);

@@ -96,6 +96,10 @@ struct ZXPerThreadData_t {
   int methodStackDepth = 0;
   long long methodEntryTimes[ZX_METHOD_STACK_DEPTH] = {};
   int prevPID = 0, isBTOverride = 0;
+
+  // The application object whose pool holds this record. In a fork's child a
+  // handle from before the fork names the parent's object and is refused.
+  ZXProxyInstance_t *owner = nullptr;
 };
 
 // One entry per slot number, for the hotspot sampler.

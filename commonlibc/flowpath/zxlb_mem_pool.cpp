@@ -58,6 +58,7 @@ ZXPerThreadData_t *create_tls_pool(ZXProxyInstance_t *app, int loc_BusyTLSCnt) {
   for (int i = 0; i < ZX_TLS_BLOCK_SIZE; ++i) {
     ZXPerThreadData_t &r = block[i];
     r.tlsIdx = app->g_tlsidx++;
+    r.owner = app;
     if (engineHere) {
       r.sequenceBlobLock.create(app->control_pool.get());
       r.updateBTLock.create(app->control_pool.get());

@@ -1,4 +1,5 @@
 #include "zxbt/zxbt_published.h"
+#include "zxlb_fork_safe_mutex.h"
 
 #include <deque>
 #include <mutex>
@@ -9,7 +10,7 @@ namespace zx {
 namespace {
 
 struct HazardRegistry {
-  std::mutex lock;               // guards the membership of slots
+  zx::ForkSafeMutex lock;        // guards the membership of slots
   std::deque<HazardSlot> slots;  // never shrinks, so slot addresses stay valid
 };
 

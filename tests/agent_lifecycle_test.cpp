@@ -1,0 +1,281 @@
+// What a host's fork() and exit() do to a running agent. Each case forks the
+// process whose agent it examines, so the fork handlers and the exit path run
+// for real; the reference collector stays in this (the parent) process.
+#include <arpa/inet.h>
+#include <fcntl.h>
+#include <netinet/in.h>
+#include <poll.h>
+#include <sched.h>
+#include <signal.h>
+#include <sys/mount.h>
+#include <sys/socket.h>
+#include <sys/wait.h>
+#include <time.h>
+#include <unistd.h>
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <chrono>
+#include <cstdio>
+#include <cstdlib>
+#include <functional>
+#include <string>
+#include <thread>
+
+#include "reference_collector.h"
+#include "test_support.h"
+#include "zx_agent.h"
+#include "zx_agent_internal.h"
+#include "zx_sdk.h"
+
+namespace {
+
+using namespace std::chrono_literals;
+using zxref::ConnKind;
+
+long long monotonicNs() {
+  timespec ts{};
+  clock_gettime(CLOCK_MONOTONIC, &ts);
+  return ts.tv_sec * 1000000000LL + ts.tv_nsec;
+}
+
+// Child exit code for "this machine cannot set up the scenario".
+constexpr int kCannotSetUp = 77;
+
+struct ChildEnd {
+  bool ended = false;
+  int status = 0;
+  double exitMs = -1;  // from the child's call of exit() to its end
+};
+
+// The child side: `body` runs, then exit(0) with the call's time sent first.
+[[noreturn]] void childMain(int fd, const std::function<void()> &body) {
+  body();
+  const long long t = monotonicNs();
+  (void)!write(fd, &t, sizeof t);
+  exit(0);
+}
+
+// Forks; the child runs `body` and exits. Waits up to `limit` for the end.
+ChildEnd runChild(const std::function<void()> &body, std::chrono::milliseconds limit = 10s,
+                  pid_t *pidOut = nullptr, const std::function<void(pid_t)> &whileRunning = {}) {
+  int fds[2];
+  if (pipe(fds) != 0) return {};
+  const pid_t pid = fork();
+  if (pid == 0) {
+    close(fds[0]);
+    childMain(fds[1], body);
+  }
+  close(fds[1]);
+  if (pidOut) *pidOut = pid;
+  if (whileRunning) whileRunning(pid);
+  ChildEnd end;
+  long long exitCalledAt = 0;
+  int status = 0;
+  const bool ended = zxtest::wait_until(
+      [&] {
+        pollfd p{fds[0], POLLIN, 0};
+        if (!exitCalledAt && poll(&p, 1, 0) == 1)
+          (void)!read(fds[0], &exitCalledAt, sizeof exitCalledAt);
+        return waitpid(pid, &status, WNOHANG) == pid;
+      },
+      limit);
+  const long long endedAt = monotonicNs();
+  close(fds[0]);
+  if (!ended) {
+    kill(pid, SIGKILL);
+    waitpid(pid, &status, 0);
+    return end;
+  }
+  end.ended = true;
+  end.status = status;
+  if (exitCalledAt) end.exitMs = static_cast<double>(endedAt - exitCalledAt) / 1e6;
+  return end;
+}
+
+class LifecycleTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    zx_set_init_pause_ms(0);
+    ASSERT_TRUE(collector_.start()) << collector_.error();
+  }
+
+  // A settings file naming `host` (the collector's port).
+  void configure(const std::string &host) {
+    home_.write("config/zxsettings.conf",
+                "zxcHost=" + host + "\nzxcPort=" + std::to_string(collector_.port()) + "\n");
+  }
+
+  // Starts a run on the newest control connection once `n` exist.
+  void startRunOn(std::size_t n) {
+    ASSERT_TRUE(collector_.wait_for_connections(ConnKind::Control, n, 10s));
+    ASSERT_TRUE(collector_.send_start("status=running"));
+  }
+
+  zxtest::TempDir home_;
+  zxtest::ScopedEnv zxhome_{"ZXHOME", home_.str().c_str()};
+  zxref::ReferenceCollector collector_;
+};
+
+// One traced transaction; true when the agent traced it.
+bool oneTransaction(const char *url) {
+  zxBTHandle bt = zx_bt_begin(url, nullptr);
+  if (!bt) return false;
+  zx_method_entry(bt, "Lifecycle.work");
+  zx_method_exit(bt, "Lifecycle.work");
+  zx_bt_end(bt, 200);
+  zx_bt_release(bt);
+  return true;
+}
+
+// Transactions until the agent traces one (its run has started), bounded.
+bool untilTraced(const char *url, std::chrono::milliseconds limit = 10s) {
+  return zxtest::wait_until([&] { return oneTransaction(url); }, limit);
+}
+
+TEST_F(LifecycleTest, ForkedChildrenExitAtOnceAndTheParentKeepsTracing) {
+  configure("127.0.0.1");
+  zx_init();
+  startRunOn(1);
+  ASSERT_TRUE(untilTraced("/parent/before"));
+
+  // Transactions keep running on another thread while the host forks, so
+  // the agent's locks are taken at the moments of the forks.
+  std::atomic<bool> stop{false};
+  std::thread busy([&] {
+    while (!stop) oneTransaction("/parent/busy");
+  });
+  for (int i = 0; i < 5; ++i) {
+    ChildEnd end = runChild([] {}, 5s);
+    ASSERT_TRUE(end.ended) << "child " << i << " hung";
+    ASSERT_TRUE(WIFEXITED(end.status)) << "child " << i << " died by signal "
+                                       << (WIFSIGNALED(end.status) ? WTERMSIG(end.status) : 0);
+    EXPECT_EQ(WEXITSTATUS(end.status), 0);
+    EXPECT_LT(end.exitMs, 1000.0);
+  }
+  stop = true;
+  busy.join();
+
+  const std::size_t before = collector_.records().size();
+  ASSERT_TRUE(oneTransaction("/parent/after"));
+  EXPECT_TRUE(collector_.wait_until(
+      [&](const zxref::History &h) {
+        for (std::size_t i = before; i < h.records.size(); ++i)
+          for (const auto &f : h.records[i].fields)
+            if (h.records[i].number == 2 && f == "/parent/after") return true;
+        return false;
+      },
+      10s));
+  EXPECT_EQ(collector_.snapshot().of(ConnKind::Control).connections, 1u)
+      << "children that exit at once open no link of their own";
+}
+
+TEST_F(LifecycleTest, ForkedChildTracesUnderItsOwnPid) {
+  configure("127.0.0.1");
+  zx_init();
+  startRunOn(1);
+  ASSERT_TRUE(untilTraced("/parent/before"));
+  zxBTHandle parked = zx_bt_begin("/parent/open-across-fork", nullptr);
+  ASSERT_NE(parked, nullptr);
+
+  std::atomic<bool> stop{false};
+  std::thread busy([&] {
+    while (!stop) oneTransaction("/parent/busy");
+  });
+  constexpr int kChildTransactions = 20;
+  pid_t child = 0;
+  ChildEnd end = runChild(
+      [parked] {
+        if (!untilTraced("/child/first", 20s)) _exit(4);
+        // The handle from before the fork belongs to the parent's agent.
+        if (zx_bt_end(parked, 200) != -1) _exit(3);
+        for (int i = 1; i < kChildTransactions; ++i)
+          if (!oneTransaction("/child/more")) _exit(5);
+      },
+      30s, &child, [&](pid_t) { startRunOn(2); });
+  stop = true;
+  busy.join();
+  ASSERT_TRUE(end.ended) << "child hung";
+  ASSERT_TRUE(WIFEXITED(end.status)) << "child died by signal " << WTERMSIG(end.status);
+  ASSERT_EQ(WEXITSTATUS(end.status), 0);
+  EXPECT_LT(end.exitMs, 1000.0);
+
+  // The child's data connection names its own pid and carries its flowpaths.
+  const std::string pidField = "pid=" + std::to_string(child) + ";";
+  int childConn = 0;
+  for (const auto &l : collector_.lines(ConnKind::Data))
+    if (l.text.rfind("zx_data_msg_req:", 0) == 0 && l.text.find(pidField) != std::string::npos)
+      childConn = l.conn_id;
+  ASSERT_NE(childConn, 0) << "no data connection from the child's pid";
+  int childEnds = 0;
+  for (const auto &r : collector_.records())
+    if (r.conn_id == childConn && r.number == 4) ++childEnds;
+  EXPECT_EQ(childEnds, kChildTransactions);
+  EXPECT_EQ(zx_bt_end(parked, 200), 0) << "the parent's handle still works in the parent";
+  zx_bt_release(parked);
+}
+
+TEST_F(LifecycleTest, ExitKeepsItsDeadlineWhileTheCollectorStalls) {
+  configure("127.0.0.1");
+  ChildEnd end = runChild(
+      [] {
+        zx_init();
+        if (!untilTraced("/stalled/first", 20s)) _exit(4);
+        // The collector stops reading: buffers fill, sends stall.
+        for (int i = 0; i < 20000; ++i) oneTransaction("/stalled/more");
+      },
+      30s, nullptr,
+      [&](pid_t) {
+        startRunOn(1);
+        collector_.update_behaviour([](zxref::Behaviour &b) { b.read_data = false; });
+      });
+  ASSERT_TRUE(end.ended) << "child hung";
+  ASSERT_TRUE(WIFEXITED(end.status));
+  ASSERT_EQ(WEXITSTATUS(end.status), 0);
+  EXPECT_LT(end.exitMs, 1000.0);
+}
+
+// A DNS server that never answers, on a loopback address of its own, and a
+// child whose resolver is pointed at it through a private mount namespace.
+TEST_F(LifecycleTest, ExitKeepsItsDeadlineWhileANameLookupHangs) {
+  const int dns = socket(AF_INET, SOCK_DGRAM, 0);
+  sockaddr_in addr{};
+  addr.sin_family = AF_INET;
+  addr.sin_port = htons(53);
+  inet_pton(AF_INET, "127.0.0.153", &addr.sin_addr);
+  if (bind(dns, reinterpret_cast<sockaddr *>(&addr), sizeof addr) != 0) {
+    close(dns);
+    GTEST_SKIP() << "cannot bind a DNS port here (needs root)";
+  }
+  auto resolv = home_.write("resolv.conf", "nameserver 127.0.0.153\noptions timeout:30\n");
+  configure("collector.lookup-hangs.test");
+  int go[2];
+  ASSERT_EQ(pipe(go), 0);
+  ChildEnd end = runChild(
+      [&] {
+        close(go[1]);
+        if (unshare(CLONE_NEWNS) != 0 || mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr))
+          _exit(kCannotSetUp);
+        if (mount(resolv.c_str(), "/etc/resolv.conf", nullptr, MS_BIND, nullptr) != 0)
+          _exit(kCannotSetUp);
+        agent_init(nullptr, 1, const_cast<char *>("lookup"), nullptr);
+        char c;
+        if (read(go[0], &c, 1) != 1) _exit(6);  // the query has reached the server
+      },
+      10s, nullptr,
+      [&](pid_t) {
+        close(go[0]);
+        pollfd p{dns, POLLIN, 0};
+        if (poll(&p, 1, 10000) == 1) (void)!write(go[1], "g", 1);
+        close(go[1]);
+      });
+  close(dns);
+  ASSERT_TRUE(end.ended) << "child hung";
+  ASSERT_TRUE(WIFEXITED(end.status));
+  if (WEXITSTATUS(end.status) == kCannotSetUp) GTEST_SKIP() << "no private mount namespace here";
+  ASSERT_EQ(WEXITSTATUS(end.status), 0) << "the lookup never reached the server";
+  EXPECT_LT(end.exitMs, 1000.0);
+}
+
+}  // namespace
