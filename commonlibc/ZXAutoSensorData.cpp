@@ -79,9 +79,9 @@ bool connectAS(ZXProxyInstance_t *app, ZXASDataLink &link) {
     protocol = link.protocol;
   }
   char err[kErrSize] = {};
-  std::unique_ptr<ZXConnection> conn =
-      zx_open_connection(protocol, host.c_str(), port, app->linkTimings.connectTimeout,
-                         app->linkTimings.dataIoTimeout, err, sizeof err);
+  std::unique_ptr<ZXConnection> conn = zx_open_connection(
+      protocol, host.c_str(), port, app->linkTimings.connectTimeout, app->linkTimings.dataIoTimeout,
+      err, sizeof err, [&link] { return stopping(link); });
   if (!conn) {
     ZX_CTRL_LOG(0, "Error",
                 "Error while creating the auto-sensor data connection with %s:%d. Error %s\n",

@@ -223,6 +223,9 @@ struct ZXProxyInstance_t {
   std::mutex ctrlConnLock;
   std::unique_ptr<ZXConnection> zxcCtrlSocket;
   bool askMasterZxc = false;  // the next pass uses entry 0 (cluster mode)
+  // The link state last written to the trace log at every level, so that an
+  // outage costs one line, not one per attempt. Control thread only.
+  enum class LinkReport { None, Up, Down } ctrlLinkReported = LinkReport::None;
   zx::OwnedString startInstMsg;
   int processCount = 0;            // attached application processes (proxy server)
   long long totalElapsedTime = 0;  // ms; start of the current connection

@@ -96,6 +96,20 @@ Endpoint chooseEndpoint(ZXProxyInstance_t *app) {
   return e;
 }
 
+// One trace line per change of the link's state, at every trace level.
+void reportLinkDown(ZXProxyInstance_t *app, const Endpoint &ep, const char *why) {
+  if (app->ctrlLinkReported == ZXProxyInstance_t::LinkReport::Down) return;
+  app->ctrlLinkReported = ZXProxyInstance_t::LinkReport::Down;
+  ZX_STATE_LOG("Warning", "Collector %s:%d not available (%s); retrying", ep.host.c_str(), ep.port,
+               why);
+}
+
+void reportLinkUp(ZXProxyInstance_t *app, const Endpoint &ep) {
+  if (app->ctrlLinkReported == ZXProxyInstance_t::LinkReport::Up) return;
+  app->ctrlLinkReported = ZXProxyInstance_t::LinkReport::Up;
+  ZX_STATE_LOG("Info", "Collector %s:%d connected", ep.host.c_str(), ep.port);
+}
+
 enum class PassEnd {
   Failover,   // to the failover check, at once
   NextPass,   // straight to the next attempt
@@ -113,6 +127,7 @@ PassEnd connectionPass(ZXProxyInstance_t *app, int &rejections) {
   char err[kErrSize] = {};
   if (create_control_conn(app, ep.host.c_str(), ep.port, err, sizeof err) != 0) {
     if (app->stopRequested) return PassEnd::NextPass;  // abandoned, not failed
+    reportLinkDown(app, ep, err[0] ? err : "no connection");
     if (ep.proxy)
       ZX_CTRL_LOG(0, "Error",
                   "Socket was not created and retry after 60seconds with "
@@ -145,6 +160,7 @@ PassEnd connectionPass(ZXProxyInstance_t *app, int &rejections) {
     if (++rejections > kImmediateAttempts) app->controlSleep(app->retry_policy.time_interval);
   };
   auto rejected = [&] {
+    reportLinkDown(app, ep, "connection request not accepted");
     pauseIfRepeated();
     return PassEnd::Failover;
   };
@@ -180,6 +196,7 @@ PassEnd connectionPass(ZXProxyInstance_t *app, int &rejections) {
   }
 
   rejections = 0;
+  reportLinkUp(app, ep);
   srv.lastHeartBeatRcvTime = my_gettimeofday();
   app->totalElapsedTime = srv.lastHeartBeatRcvTime;
   sys.closeCtrlConFlag = 0;
@@ -193,6 +210,7 @@ PassEnd connectionPass(ZXProxyInstance_t *app, int &rejections) {
               c.dstIp, c.dstPort, c.sourceIp, c.srcPort);
   sys.closeCtrlConFlag = 1;
   control_connection_cleanup();
+  if (!app->stopRequested) reportLinkDown(app, ep, "connection lost");
   ZX_CTRL_LOG(0, "Info",
               "controlBreak Control Socket was cleaned with %s:%d server due to  "
               "handle_msg_from_zxc(&ctrlBufInfo) == FAIL ",

@@ -87,6 +87,10 @@ extern int zx_mem_trace_level;
                         __func__, __VA_ARGS__);                                               \
   } while (0)
 
+// Lines written whatever the trace level: changes of the collector link's
+// state and loss summaries, each rare by construction.
+#define ZX_STATE_LOG(severity, ...) ZX_LOG_IF(true, "CONTROL_THREAD", severity, __VA_ARGS__)
+
 // Control-path lines: written when ZXSys.controlTraceLevel > above.
 #define ZX_CTRL_LOG(above, severity, ...)                                          \
   ZX_LOG_IF(tlzxApplication && tlzxApplication->ZXSys.controlTraceLevel > (above), \
