@@ -79,7 +79,7 @@ struct ReferenceCollector::Conn {
   std::deque<Outgoing> out;
   bool mid_line = false;  // the last byte queued was not '\n'
   std::string held;       // the collector's lines waiting for that line to end
-  bool beats = false;     // an answered control connection
+  bool beats = false;     // a control connection past its request
   Clock::time_point next_beat = Clock::time_point::max();
   int beats_sent = 0;
 };

@@ -1,8 +1,10 @@
 // The reference collector: a loopback TCP server that plays the collector end of the
 // agent's control, data and auto-sensor connections. Tests run it in-process (scripted
 // replies, commands on demand, faults on demand, and waits on what it has received);
-// the zx_collector command wraps it for people. One poll thread owns every socket; the
-// public methods may be called from any thread.
+// the zx_collector command wraps it for people. Like a real collector it sends its own
+// heartbeat on control connections, so an agent that sends none keeps its link. One poll
+// thread owns every socket, so writes to a socket never interleave; the public methods
+// may be called from any thread.
 #pragma once
 
 #include <array>
