@@ -19,6 +19,8 @@ int bt_trace_level() {
   ZX_LOG_IF((level) > (above), "BT_MON", severity, __VA_ARGS__)
 
 constexpr std::uint32_t kNoChild = ~0u;
+// Bytes a second walk must save before it pays for its start.
+constexpr int kSecondWalkFrom = 8;
 
 inline bool in_alphabet(char c) {
   const int s = static_cast<unsigned char>(c) - ZXLB_ALPHABET_FIRST;
@@ -90,6 +92,7 @@ struct Builder {
       if (!can_match(e)) continue;
       keywords.push_back(j);
       texts.emplace_back(e.keyword, e.elements_len);
+      t.max_depth = std::max(t.max_depth, e.elements_len);
       for (char c : texts.back()) used[static_cast<unsigned char>(c)] = true;
     }
     const std::size_t states = count_states(std::move(texts));
@@ -285,10 +288,29 @@ int search_fast(const unsigned char *in, int len, const zxlbTrie &t) {
     return static_cast<int>(best.rank);
   }
   const std::uint32_t contains_from = t.contains_from;
-  for (;;) {
-    if (s >= contains_from) best.offer(t, t.out_func[s >> shift].contains_all, i);
-    if (++i == len) break;
+  if (s >= contains_from) best.offer(t, t.out_func[s >> shift].contains_all, i);
+  ++i;
+  // A state's path is at most max_depth bytes, so a second walk started at
+  // the root that many bytes before `mid` is in the true state from `mid` on.
+  // The two walks' table reads do not wait on each other. `mid` gives both
+  // the same number of bytes; after a long prefix it can lie past the end.
+  const int depth = static_cast<int>(t.max_depth);
+  const int mid = (len + depth + i) / 2;
+  if (mid - depth >= kSecondWalkFrom && mid < len) {
+    std::uint32_t s2 = 0;
+    int j = mid - depth;
+    for (; i < mid; ++i, ++j) {
+      s = delta[s + cls[in[i]]];
+      s2 = delta[s2 + cls[in[j]]];
+      if (s >= contains_from) best.offer(t, t.out_func[s >> shift].contains_all, i);
+      if (s2 >= contains_from && j >= mid) best.offer(t, t.out_func[s2 >> shift].contains_all, j);
+    }
+    i = j;  // at most one byte left
+    s = s2;
+  }
+  for (; i < len; ++i) {
     s = delta[s + cls[in[i]]];
+    if (s >= contains_from) best.offer(t, t.out_func[s >> shift].contains_all, i);
   }
   best.offer(t, t.out_func[s >> shift].ends_all, len - 1);
   return static_cast<int>(best.rank);

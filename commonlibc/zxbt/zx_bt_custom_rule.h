@@ -110,6 +110,7 @@ struct zxlbTrie {
   unsigned int total_states = 0;  // states made; every per-state array has this many
   // A row has 1 << row_shift entries, one per symbol class (padded).
   unsigned int row_shift = 0;
+  unsigned int max_depth = 0;  // the longest keyword's length
   // Row offset of the first state with a "contains" output; all later
   // states have one too.
   std::uint32_t contains_from = 0;
