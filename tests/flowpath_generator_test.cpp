@@ -485,11 +485,10 @@ TEST_F(FlowpathAcrossRuns, TransactionRunsAcrossAStopAndANewStart) {
   zxref::ReferenceCollector c;
   ASSERT_TRUE(c.start()) << c.error();
   ZXProxyInstance_t &a = configure(c.port());
-  a.ZXSys.bciDataBufferMaxSize = 1 << 16;
   run_loop();
+  start_run(c);
   zx_set_init_pause_ms(0);
   zx_init();
-  start_run(c);
 
   zxBTHandle bt = zx_bt_begin("/pay", nullptr);
   ASSERT_NE(bt, nullptr);
