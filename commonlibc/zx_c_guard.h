@@ -5,8 +5,13 @@
 // line to the SDK log. The path that does not throw costs nothing.
 //
 //   ZX_EXPORT int zx_bt_end(zxBTHandle h, int status) {
-//     return zx_c_guard(-1, [&] { ...; return 0; });
+//     if (!h) return ...;                   // neutral paths: loads and a count
+//     return zx_c_guard(-1, [h, status] { ...; return 0; });
 //   }
+//
+// The guard is kept out of line and takes its body by value: a body that
+// captures a few arguments by value travels in registers, so the checks in
+// front of it need no stack frame and the guard is reached by a tail call.
 //
 // A body must leave no lock held and no state half-built when it throws:
 // RAII for locks, and updates that publish only once complete.
@@ -20,8 +25,8 @@
 void zx_c_guard_caught(const char *function) noexcept;
 
 template <typename Body>
-std::invoke_result_t<Body &> zx_c_guard(
-    std::invoke_result_t<Body &> neutral, Body &&body,
+[[gnu::noinline]] std::invoke_result_t<Body &> zx_c_guard(
+    std::invoke_result_t<Body &> neutral, Body body,
     std::source_location where = std::source_location::current()) noexcept {
   try {
     return body();
@@ -33,8 +38,8 @@ std::invoke_result_t<Body &> zx_c_guard(
 
 // For a function without a result.
 template <typename Body>
-void zx_c_guard(Body &&body,
-                std::source_location where = std::source_location::current()) noexcept {
+[[gnu::noinline]] void zx_c_guard(
+    Body body, std::source_location where = std::source_location::current()) noexcept {
   try {
     body();
   } catch (...) {

@@ -92,7 +92,6 @@ long long sinceFlowpathStart(const ZXProxyInstance_t *a, const ZXPerThreadData_t
 // The begin shared by both call-out kinds: the backend's record, with the
 // call's start noted on the flowpath.
 methodPropProperties *beginCallOut(ZXPerThreadData_t *r, const char *host, int type) {
-  if (!r) return counted(zx_sdk_reason::null_handle, nullptr);
   if (!host || !*host) {
     ZX_SDK_ERROR(zx_sdk_reason::bad_argument,
                  "ERROR: Invalid Arguments, bt_handle = [%p], host = [%s]", static_cast<void *>(r),
@@ -105,15 +104,12 @@ methodPropProperties *beginCallOut(ZXPerThreadData_t *r, const char *host, int t
   return ip;
 }
 
-// The checks shared by both call-out ends: true when the end may go on.
-bool endCallOutArguments(zxBTHandle bt, zxIPCallOutHandle ip, const char *function) {
-  if (!bt) return counted(zx_sdk_reason::null_handle, false);
-  if (ip) return true;
-  if (zx_sdk_note_error(zx_sdk_reason::bad_argument))
-    zx_sdk_trace_log(5, function, __LINE__,
-                     "ERROR: Invalid Arguments, bt_handle = [%p], ip_handle = [%p]",
-                     static_cast<void *>(bt), static_cast<void *>(ip));
-  return false;
+// A call-out end with a live handle but no call-out: its begin gave NULL.
+int nullCallOut(zxBTHandle bt) {
+  ZX_SDK_ERROR(zx_sdk_reason::bad_argument,
+               "ERROR: Invalid Arguments, bt_handle = [%p], ip_handle = [(nil)]",
+               static_cast<void *>(bt));
+  return -1;
 }
 
 // The end shared by both call-out kinds: the depth is already lowered.
@@ -127,10 +123,15 @@ void endCallOut(ZXProxyInstance_t *a, ZXPerThreadData_t *r, methodPropProperties
 
 }  // namespace
 
+// Every exported function below has one shape: the neutral paths first (no
+// SDK, a NULL handle), which only load and count and cannot throw, then the
+// work inside zx_c_guard. The guard is out of line and its lambda captures
+// by value, so the neutral paths need no stack frame: while no run is going
+// a host makes these calls at full speed.
 extern "C" {
 
 ZX_EXPORT void zx_set_init_pause_ms(unsigned int pause_ms) {
-  zx_c_guard([&] { initPauseMs.store(pause_ms, std::memory_order_relaxed); });
+  zx_c_guard([pause_ms] { initPauseMs.store(pause_ms, std::memory_order_relaxed); });
 }
 
 ZX_EXPORT void zx_init(void) {
@@ -181,8 +182,12 @@ ZX_EXPORT void zx_free(void) {
 
 ZX_EXPORT zxBTHandle zx_bt_begin(const char *bt_name, const char *correlation_header) {
   (void)correlation_header;
-  return zx_c_guard(nullptr, [&]() -> zxBTHandle {
-    if (!ready()) return counted(zx_sdk_reason::not_initialised, nullptr);
+  if (!ready()) return counted(zx_sdk_reason::not_initialised, nullptr);
+  // startFP checks this too; asked here first, a begin in an outage costs
+  // no call.
+  if (!app()->Server.testRunRunning.load(std::memory_order_relaxed))
+    return counted(zx_sdk_reason::no_transaction, nullptr);
+  return zx_c_guard(nullptr, [bt_name]() -> zxBTHandle {
     ZX_SDK_LOG(2, "Method Called");
     if (!bt_name || !*bt_name) {
       ZX_SDK_ERROR(zx_sdk_reason::bad_argument, "ERROR: Invalid Argument Passed, bt_name = [%s]",
@@ -197,9 +202,9 @@ ZX_EXPORT zxBTHandle zx_bt_begin(const char *bt_name, const char *correlation_he
 }
 
 ZX_EXPORT int zx_bt_end(zxBTHandle bt_handle, int bt_status) {
-  return zx_c_guard(-1, [&] {
-    if (!ready()) return counted(zx_sdk_reason::not_initialised, 0);
-    if (!bt_handle) return counted(zx_sdk_reason::null_handle, -1);
+  if (!ready()) return counted(zx_sdk_reason::not_initialised, 0);
+  if (!bt_handle) return counted(zx_sdk_reason::null_handle, -1);
+  return zx_c_guard(-1, [bt_handle, bt_status] {
     ZX_SDK_LOG(2, "Method Called");
     // A second end would send record 4 again and count the BT twice.
     if (bt_handle->setEndFPFlag || !bt_handle->flowpathInstance) {
@@ -215,9 +220,9 @@ ZX_EXPORT int zx_bt_end(zxBTHandle bt_handle, int bt_status) {
 }
 
 ZX_EXPORT int zx_bt_release(zxBTHandle bt_handle) {
-  return zx_c_guard(-1, [&] {
-    if (!ready()) return counted(zx_sdk_reason::not_initialised, 0);
-    if (!bt_handle) return counted(zx_sdk_reason::null_handle, -1);
+  if (!ready()) return counted(zx_sdk_reason::not_initialised, 0);
+  if (!bt_handle) return counted(zx_sdk_reason::null_handle, -1);
+  return zx_c_guard(-1, [bt_handle] {
     {
       std::lock_guard lk(sdk->bt_lock);
       if (apr_hash_count(sdk->g_bt_hash) > 0) {
@@ -241,9 +246,9 @@ ZX_EXPORT int zx_bt_release(zxBTHandle bt_handle) {
 }
 
 ZX_EXPORT void zx_bt_store(zxBTHandle bt_handle, const char *unique_bt_id) {
-  zx_c_guard([&] {
-    if (!ready()) return zx_sdk_count(zx_sdk_reason::not_initialised);
-    if (!bt_handle) return zx_sdk_count(zx_sdk_reason::null_handle);
+  if (!ready()) return zx_sdk_count(zx_sdk_reason::not_initialised);
+  if (!bt_handle) return zx_sdk_count(zx_sdk_reason::null_handle);
+  zx_c_guard([bt_handle, unique_bt_id] {
     if (!unique_bt_id || !*unique_bt_id) {
       ZX_SDK_ERROR(zx_sdk_reason::bad_argument,
                    "ERROR: Invalid Argument Passed, bt_handle = [%p], unique_bt_id = [%s]",
@@ -262,8 +267,8 @@ ZX_EXPORT void zx_bt_store(zxBTHandle bt_handle, const char *unique_bt_id) {
 }
 
 ZX_EXPORT zxBTHandle zx_bt_get(const char *unique_bt_id) {
-  return zx_c_guard(nullptr, [&]() -> zxBTHandle {
-    if (!ready()) return counted(zx_sdk_reason::not_initialised, nullptr);
+  if (!ready()) return counted(zx_sdk_reason::not_initialised, nullptr);
+  return zx_c_guard(nullptr, [unique_bt_id]() -> zxBTHandle {
     if (!unique_bt_id || !*unique_bt_id) {
       ZX_SDK_ERROR(zx_sdk_reason::bad_argument,
                    "ERROR: Invalid Argument Passed, unique_bt_id = [%s]",
@@ -284,9 +289,9 @@ ZX_EXPORT int zx_bt_add_error(zxBTHandle bt_handle, int err_level, const char *m
 }
 
 ZX_EXPORT void zx_method_entry(zxBTHandle bt_handle, const char *method) {
-  zx_c_guard([&] {
-    if (!ready()) return zx_sdk_count(zx_sdk_reason::not_initialised);
-    if (!bt_handle) return zx_sdk_count(zx_sdk_reason::null_handle);
+  if (!ready()) return zx_sdk_count(zx_sdk_reason::not_initialised);
+  if (!bt_handle) return zx_sdk_count(zx_sdk_reason::null_handle);
+  zx_c_guard([bt_handle, method] {
     if (!method || !*method) {
       ZX_SDK_ERROR(zx_sdk_reason::bad_argument,
                    "ERROR: Invalid Arguments, bt_handle = [%p], method = [%s]",
@@ -299,9 +304,9 @@ ZX_EXPORT void zx_method_entry(zxBTHandle bt_handle, const char *method) {
 }
 
 ZX_EXPORT void zx_method_exit(zxBTHandle bt_handle, const char *method) {
-  zx_c_guard([&] {
-    if (!ready()) return zx_sdk_count(zx_sdk_reason::not_initialised);
-    if (!bt_handle) return zx_sdk_count(zx_sdk_reason::null_handle);
+  if (!ready()) return zx_sdk_count(zx_sdk_reason::not_initialised);
+  if (!bt_handle) return zx_sdk_count(zx_sdk_reason::null_handle);
+  zx_c_guard([bt_handle, method] {
     if (!method || !*method) {
       ZX_SDK_ERROR(zx_sdk_reason::bad_argument,
                    "ERROR: Invalid Arguments, bt_handle = [%p], method = [%s]",
@@ -315,8 +320,9 @@ ZX_EXPORT void zx_method_exit(zxBTHandle bt_handle, const char *method) {
 
 ZX_EXPORT zxIPCallOutHandle zx_ip_db_callout_begin(zxBTHandle bt_handle, const char *db_host,
                                                    const char *db_query) {
-  return zx_c_guard(nullptr, [&]() -> zxIPCallOutHandle {
-    if (!ready()) return counted(zx_sdk_reason::not_initialised, nullptr);
+  if (!ready()) return counted(zx_sdk_reason::not_initialised, nullptr);
+  if (!bt_handle) return counted(zx_sdk_reason::null_handle, nullptr);
+  return zx_c_guard(nullptr, [bt_handle, db_host, db_query]() -> zxIPCallOutHandle {
     zxIPCallOutHandle ip = beginCallOut(bt_handle, db_host, kTypeDatabase);
     if (ip) dbMethodEntry(bt_handle, db_query, db_host);
     return ip;
@@ -324,9 +330,10 @@ ZX_EXPORT zxIPCallOutHandle zx_ip_db_callout_begin(zxBTHandle bt_handle, const c
 }
 
 ZX_EXPORT int zx_ip_db_callout_end(zxBTHandle bt_handle, zxIPCallOutHandle ip_handle) {
-  return zx_c_guard(-1, [&] {
-    if (!ready()) return counted(zx_sdk_reason::not_initialised, 0);
-    if (!endCallOutArguments(bt_handle, ip_handle, __func__)) return -1;
+  if (!ready()) return counted(zx_sdk_reason::not_initialised, 0);
+  if (!bt_handle) return counted(zx_sdk_reason::null_handle, -1);
+  return zx_c_guard(-1, [bt_handle, ip_handle] {
+    if (!ip_handle) return nullCallOut(bt_handle);
     ZXSQLProperties_t &sql = bt_handle->tlSQLObj;
     bt_handle->seqNum += 1;
     const int depth = --sql.dbCallDepth;
@@ -341,8 +348,9 @@ ZX_EXPORT int zx_ip_db_callout_end(zxBTHandle bt_handle, zxIPCallOutHandle ip_ha
 ZX_EXPORT zxIPCallOutHandle zx_ip_http_callout_begin(zxBTHandle bt_handle, const char *http_host,
                                                      const char *url) {
   (void)url;
-  return zx_c_guard(nullptr, [&]() -> zxIPCallOutHandle {
-    if (!ready()) return counted(zx_sdk_reason::not_initialised, nullptr);
+  if (!ready()) return counted(zx_sdk_reason::not_initialised, nullptr);
+  if (!bt_handle) return counted(zx_sdk_reason::null_handle, nullptr);
+  return zx_c_guard(nullptr, [bt_handle, http_host]() -> zxIPCallOutHandle {
     zxIPCallOutHandle ip = beginCallOut(bt_handle, http_host, kTypeHttp);
     if (ip) bt_handle->httpCallOutDepth += 1;
     return ip;
@@ -350,9 +358,10 @@ ZX_EXPORT zxIPCallOutHandle zx_ip_http_callout_begin(zxBTHandle bt_handle, const
 }
 
 ZX_EXPORT int zx_ip_http_callout_end(zxBTHandle bt_handle, zxIPCallOutHandle ip_handle) {
-  return zx_c_guard(-1, [&] {
-    if (!ready()) return counted(zx_sdk_reason::not_initialised, 0);
-    if (!endCallOutArguments(bt_handle, ip_handle, __func__)) return -1;
+  if (!ready()) return counted(zx_sdk_reason::not_initialised, 0);
+  if (!bt_handle) return counted(zx_sdk_reason::null_handle, -1);
+  return zx_c_guard(-1, [bt_handle, ip_handle] {
+    if (!ip_handle) return nullCallOut(bt_handle);
     bt_handle->seqNum += 1;
     const int depth = --bt_handle->httpCallOutDepth;
     endCallOut(app(), bt_handle, ip_handle, depth, 0);
@@ -361,41 +370,37 @@ ZX_EXPORT int zx_ip_http_callout_end(zxBTHandle bt_handle, zxIPCallOutHandle ip_
   });
 }
 
-// The conversions cannot throw; guarded all the same, so that every exported
-// body has the one shape.
 ZX_EXPORT uintptr_t bt_handle_to_int(zxBTHandle bt_handle) {
-  return zx_c_guard(0, [&] { return reinterpret_cast<uintptr_t>(bt_handle); });
+  return zx_c_guard(0, [bt_handle] { return reinterpret_cast<uintptr_t>(bt_handle); });
 }
 
 ZX_EXPORT zxBTHandle bt_int_to_handle(uintptr_t value) {
-  return zx_c_guard(nullptr, [&] { return reinterpret_cast<zxBTHandle>(value); });
+  return zx_c_guard(nullptr, [value] { return reinterpret_cast<zxBTHandle>(value); });
 }
 
 ZX_EXPORT uintptr_t ip_handle_to_int(zxIPCallOutHandle ip_handle) {
-  return zx_c_guard(0, [&] { return reinterpret_cast<uintptr_t>(ip_handle); });
+  return zx_c_guard(0, [ip_handle] { return reinterpret_cast<uintptr_t>(ip_handle); });
 }
 
 ZX_EXPORT zxIPCallOutHandle ip_int_to_handle(uintptr_t value) {
-  return zx_c_guard(nullptr, [&] { return reinterpret_cast<zxIPCallOutHandle>(value); });
+  return zx_c_guard(nullptr, [value] { return reinterpret_cast<zxIPCallOutHandle>(value); });
 }
 
 ZX_EXPORT int register_callback_for_agent(zx_agent_callback_t ptrfunc) {
-  return zx_c_guard(-1, [&] {
-    if (!ready()) return counted(zx_sdk_reason::not_initialised, -1);
+  if (!ready()) return counted(zx_sdk_reason::not_initialised, -1);
+  return zx_c_guard(-1, [ptrfunc] {
     agentCallback.store(ptrfunc, std::memory_order_release);
     return 0;
   });
 }
 
 ZX_EXPORT void register_AD_callback(zx_ad_callback_t adfunc) {
-  zx_c_guard([&] {
-    if (!ready()) return zx_sdk_count(zx_sdk_reason::not_initialised);
-    adCallback.store(adfunc, std::memory_order_release);
-  });
+  if (!ready()) return zx_sdk_count(zx_sdk_reason::not_initialised);
+  zx_c_guard([adfunc] { adCallback.store(adfunc, std::memory_order_release); });
 }
 
 ZX_EXPORT void zx_data_counters(unsigned long long *records, unsigned long long *dropped) {
-  zx_c_guard([&] {
+  zx_c_guard([records, dropped] {
     ZXProxyInstance_t *a = tlzxApplication;
     if (records) *records = a ? static_cast<unsigned long long>(a->ZXSys.recordCount.load()) : 0;
     if (dropped) *dropped = a ? static_cast<unsigned long long>(a->ZXSys.discardCount.load()) : 0;
