@@ -104,6 +104,16 @@ methodPropProperties *beginCallOut(ZXPerThreadData_t *r, const char *host, int t
   return ip;
 }
 
+// False, counted and logged, for a method without a name.
+bool methodNamed(zxBTHandle bt, const char *method, const char *function) {
+  if (method && *method) return true;
+  if (zx_sdk_note_error(zx_sdk_reason::bad_argument))
+    zx_sdk_trace_log(5, function, __LINE__,
+                     "ERROR: Invalid Arguments, bt_handle = [%p], method = [%s]",
+                     static_cast<void *>(bt), method ? method : "(null)");
+  return false;
+}
+
 // A call-out end with a live handle but no call-out: its begin gave NULL.
 int nullCallOut(zxBTHandle bt) {
   ZX_SDK_ERROR(zx_sdk_reason::bad_argument,
@@ -292,12 +302,7 @@ ZX_EXPORT void zx_method_entry(zxBTHandle bt_handle, const char *method) {
   if (!ready()) return zx_sdk_count(zx_sdk_reason::not_initialised);
   if (!bt_handle) return zx_sdk_count(zx_sdk_reason::null_handle);
   zx_c_guard([bt_handle, method] {
-    if (!method || !*method) {
-      ZX_SDK_ERROR(zx_sdk_reason::bad_argument,
-                   "ERROR: Invalid Arguments, bt_handle = [%p], method = [%s]",
-                   static_cast<void *>(bt_handle), method ? method : "(null)");
-      return;
-    }
+    if (!methodNamed(bt_handle, method, "zx_method_entry")) return;
     zxMethodEntry(app(), nullptr, bt_handle, method, "/test", nullptr, bt_handle->tlThreadId,
                   nullptr, 0, 0);
   });
@@ -307,12 +312,7 @@ ZX_EXPORT void zx_method_exit(zxBTHandle bt_handle, const char *method) {
   if (!ready()) return zx_sdk_count(zx_sdk_reason::not_initialised);
   if (!bt_handle) return zx_sdk_count(zx_sdk_reason::null_handle);
   zx_c_guard([bt_handle, method] {
-    if (!method || !*method) {
-      ZX_SDK_ERROR(zx_sdk_reason::bad_argument,
-                   "ERROR: Invalid Arguments, bt_handle = [%p], method = [%s]",
-                   static_cast<void *>(bt_handle), method ? method : "(null)");
-      return;
-    }
+    if (!methodNamed(bt_handle, method, "zx_method_exit")) return;
     zxMethodExit(app(), nullptr, bt_handle, method, -1, 200, nullptr, -1, bt_handle->tlThreadId, 0,
                  0, 1, 0, my_gettimeofday());
   });
