@@ -69,56 +69,18 @@ void *newOrNull(std::size_t n) {
   return fails() ? nullptr : rawMalloc(n ? n : 1);
 }
 
-void *alignedNewOrNull(std::size_t n, std::align_val_t a) {
-  if (fails()) return nullptr;
-  void *p = nullptr;
-  return posix_memalign(&p, static_cast<std::size_t>(a), n ? n : 1) == 0 ? p : nullptr;
-}
-
 }  // namespace
 
+// The library's other forms of new and delete (arrays, nothrow) come to
+// these.
 void *operator new(std::size_t n) {
   if (void *p = newOrNull(n)) return p;
   throw std::bad_alloc();
 }
-void *operator new[](std::size_t n) {
-  return operator new(n);
-}
-void *operator new(std::size_t n, const std::nothrow_t &) noexcept {
-  return newOrNull(n);
-}
-void *operator new[](std::size_t n, const std::nothrow_t &) noexcept {
-  return newOrNull(n);
-}
-void *operator new(std::size_t n, std::align_val_t a) {
-  if (void *p = alignedNewOrNull(n, a)) return p;
-  throw std::bad_alloc();
-}
-void *operator new[](std::size_t n, std::align_val_t a) {
-  return operator new(n, a);
-}
 void operator delete(void *p) noexcept {
   std::free(p);
 }
-void operator delete[](void *p) noexcept {
-  std::free(p);
-}
 void operator delete(void *p, std::size_t) noexcept {
-  std::free(p);
-}
-void operator delete[](void *p, std::size_t) noexcept {
-  std::free(p);
-}
-void operator delete(void *p, std::align_val_t) noexcept {
-  std::free(p);
-}
-void operator delete[](void *p, std::align_val_t) noexcept {
-  std::free(p);
-}
-void operator delete(void *p, std::size_t, std::align_val_t) noexcept {
-  std::free(p);
-}
-void operator delete[](void *p, std::size_t, std::align_val_t) noexcept {
   std::free(p);
 }
 
@@ -131,7 +93,7 @@ extern "C" void *malloc(std::size_t n) {
 // (the trace log's line buffer, the BT monitor's model and the published BT
 // slot lease are such thread_locals): that allocation is left alone, and not
 // counted, until those hold their state without one.
-bool registersThreadLocalDestructor(void *caller) {
+static bool registersThreadLocalDestructor(void *caller) {
   Dl_info info;
   return dladdr(caller, &info) && info.dli_sname &&
          std::strcmp(info.dli_sname, "__cxa_thread_atexit_impl") == 0;
