@@ -499,7 +499,7 @@ void agent_shutdown() {
 
 extern "C" ZX_EXPORT void agent_init(char *pool, int connect_zxc, char *process_name,
                                      char *agentType) try {
-  apr_initialize();
+  if (apr_initialize() != APR_SUCCESS) return apr_terminate();  // undo the count it leaves
   atexit(apr_terminate);
 
   ZXProxyInstance_t *app = nullptr;

@@ -302,6 +302,8 @@ void splitUrl(ZXPerThreadData_t *r, const char *url) {
   copyText(r->tlURLParameters, sizeof r->tlURLParameters, q ? q + 1 : "");
 }
 
+void detachFlowpath(ZXProxyInstance_t *app, ZXPerThreadData_t *r);
+
 bool writesMethodEvents(const ZXPerThreadData_t *r, const methodPropProperties *m,
                         long long limit) {
   return r->tlNonServiceMethodCount <= limit && !r->tlIsBTExcluded &&
@@ -319,6 +321,17 @@ ZXPerThreadData_t *startFP(ZXProxyInstance_t *app, const char *flowpathinstance,
     return nullptr;
   ZXPerThreadData_t *r = get_free_tls_slot(app);
   if (!r) return nullptr;
+  // Short of memory below (the id map, the method table), a throw must not
+  // keep the slot: it goes back, detached, on the way out.
+  struct GiveBack {
+    ZXProxyInstance_t *app;
+    ZXPerThreadData_t *r;
+    ~GiveBack() {
+      if (!r) return;
+      detachFlowpath(app, r);
+      reset(app, r);
+    }
+  } giveBack{app, r};
   resetAllThreadLocals(r, app);
   const long long now = my_gettimeofday();
   const long long start = startTimeFP > 0 ? startTimeFP : now;
@@ -369,6 +382,7 @@ ZXPerThreadData_t *startFP(ZXProxyInstance_t *app, const char *flowpathinstance,
   r->fpPhase.store(ZX_FP_RUNNING, std::memory_order_release);
   if (r->tlBeginRequestMethod)
     zxMethodEntryEx(app, r, r->tlBeginRequestMethod, r->tlFlowPathTimeStampInMS);
+  giveBack.r = nullptr;
   return r;
 }
 
