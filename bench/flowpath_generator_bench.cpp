@@ -1,8 +1,9 @@
-// Method entry and exit on a captured flowpath, against an empty call in the
-// same run. Each pair reads the clock as a host does, resolves the method by
-// id and appends two blob entries; every ~600 pairs the blob goes out as
-// record 3 into a small send-buffer pool that drops once full, as it would
-// with no data connection.
+// Method entry and exit on a captured flowpath, and a whole flowpath from
+// start to end and reset, against an empty call in the same run. Each pair
+// reads the clock as a host does, resolves the method by id and appends two
+// blob entries; every ~600 pairs the blob goes out as record 3 into a small
+// send-buffer pool that drops once full, as it would with no data
+// connection.
 #include <benchmark/benchmark.h>
 
 #include "ZXDataDispatcher.h"
@@ -10,6 +11,7 @@
 #include "ZXProxyInstance.h"
 #include "flowpath/ZXFlowpathGenerator.h"
 #include "flowpath/zxlb_mem_pool.h"
+#include "zxbt/zxbt_bt_object.h"
 #include "zxlb_utiles.h"
 
 namespace {
@@ -63,5 +65,22 @@ void BM_MethodEntryExit(benchmark::State &state) {
   free_tls_slot(&b.app, r);
 }
 BENCHMARK(BM_MethodEntryExit);
+
+// Slot, id, BT by URL, method-table reference, records 2 and 4, BT counters.
+void BM_FlowpathStartEnd(benchmark::State &state) {
+  BenchApp b;
+  b.app.maxStates = 128;
+  b.app.allSlow = 3000;
+  b.app.allVerySlow = 5000;
+  ZXBTConfigModelInit();
+  b.app.Server.testRunRunning = 1;
+  for (auto _ : state) {
+    ZXPerThreadData_t *r =
+        startFP(&b.app, nullptr, "/shop/cart", nullptr, 0, nullptr, nullptr, nullptr, -1, 0);
+    endFP(&b.app, r, 200, 0, 0);
+    reset(&b.app, r);
+  }
+}
+BENCHMARK(BM_FlowpathStartEnd);
 
 }  // namespace

@@ -3,11 +3,17 @@
 // included) and method events from two application threads, against an
 // empty call in the same run. "dropped" counts records the send buffers had
 // to drop while the collector read.
+//
+// And the calls a host makes while no run is going (a collector outage):
+// zx_bt_begin gives NULL and every later call gets that NULL handle. Each is
+// called through a pointer, as a host reaches a shared library, beside an
+// empty function called the same way.
 #include <benchmark/benchmark.h>
 
 #include <chrono>
 #include <string>
 #include <thread>
+#include <type_traits>
 
 #include "ZXDataDispatcher.h"
 #include "ZXDataThread.h"
@@ -119,5 +125,38 @@ void BM_MethodEvents(benchmark::State &state) {
     state.counters["dropped"] = static_cast<double>(a.app->ZXSys.discardCount.load() - drops);
 }
 BENCHMARK(BM_MethodEvents)->Threads(1)->Threads(2)->UseRealTime();
+
+template <typename R, typename... P, typename... A>
+void BM_NoRun(benchmark::State &state, R (*call)(P...), A... args) {
+  BenchAgent &a = agent();
+  if (!a.ready) {
+    state.SkipWithError("agent did not start");
+    return;
+  }
+  R (*volatile fn)(P...) = call;  // read each time: no inlining, as through a PLT
+  a.app->Server.testRunRunning = 0;
+  for (auto _ : state) {
+    if constexpr (std::is_void_v<R>)
+      fn(args...);
+    else
+      benchmark::DoNotOptimize(fn(args...));
+  }
+  a.app->Server.testRunRunning = 1;
+}
+constexpr zxBTHandle kNoBT = nullptr;
+constexpr zxIPCallOutHandle kNoIP = nullptr;
+BENCHMARK_CAPTURE(BM_NoRun, empty_call_baseline, &emptyCall, nullptr);
+BENCHMARK_CAPTURE(BM_NoRun, zx_bt_begin, &zx_bt_begin, "/shop/cart", nullptr);
+BENCHMARK_CAPTURE(BM_NoRun, zx_bt_end, &zx_bt_end, kNoBT, 200);
+BENCHMARK_CAPTURE(BM_NoRun, zx_bt_release, &zx_bt_release, kNoBT);
+BENCHMARK_CAPTURE(BM_NoRun, zx_bt_store, &zx_bt_store, kNoBT, "order-42");
+BENCHMARK_CAPTURE(BM_NoRun, zx_method_entry, &zx_method_entry, kNoBT, "Cart.load");
+BENCHMARK_CAPTURE(BM_NoRun, zx_method_exit, &zx_method_exit, kNoBT, "Cart.load");
+BENCHMARK_CAPTURE(BM_NoRun, zx_ip_db_callout_begin, &zx_ip_db_callout_begin, kNoBT, "orders-db",
+                  "SELECT 1");
+BENCHMARK_CAPTURE(BM_NoRun, zx_ip_db_callout_end, &zx_ip_db_callout_end, kNoBT, kNoIP);
+BENCHMARK_CAPTURE(BM_NoRun, zx_ip_http_callout_begin, &zx_ip_http_callout_begin, kNoBT,
+                  "pay.example", "/charge");
+BENCHMARK_CAPTURE(BM_NoRun, zx_ip_http_callout_end, &zx_ip_http_callout_end, kNoBT, kNoIP);
 
 }  // namespace

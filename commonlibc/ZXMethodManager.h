@@ -121,12 +121,13 @@ int readingFileInstrProfile();
 int readingEntryPointfile();
 
 // Flowpath start and end: the node in force with a reference taken (a node is
-// made when none exists yet), and its release. Null when memory is short.
+// made when none exists yet), and its release, which never frees (see
+// ZXRunTimeChangeHandle.h). Null when memory is short.
 node_t *acquireMethodHashMapNode(ZXProxyInstance_t *app);
 void releaseMethodHashMapNode(node_t *node);
 
-// Drops the node in force and the retired nodes (start and stop of a run).
-// In-flight flowpaths must have ended. Takes the lock.
+// Retires the node in force and frees the retired nodes no flowpath holds;
+// held ones wait for a later checkAndDeleteNode. Takes the lock.
 void freeMethodHashMap(ZXProxyInstance_t *app);
 
 // Keyword parsers of "instrProfile", "lmd", "size".

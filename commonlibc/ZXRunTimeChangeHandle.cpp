@@ -87,7 +87,14 @@ void checkAndClearHashMapNode(ZXProxyInstance_t *app, int force) {
   node_t *prev = nullptr;
   for (node_t *n = list.head; n;) {
     const int age = static_cast<int>((now - n->timeStamp) / 60000);
-    if (age < clearTime && !force) {
+    const int refs = n->ref_count.load(std::memory_order_acquire);
+    if ((age < clearTime && !force) || refs != 0) {
+      // Age only says when to look: a flowpath longer than hashMapClearTime
+      // still reads this node, and checkAndDeleteNode frees it once it ends.
+      if (refs != 0 && (age >= clearTime || force))
+        ZX_CTRL_LOG(1, "Info",
+                    "Node kept in linklist, still referenced. [node = %p, ref_count = %d]",
+                    static_cast<void *>(n), refs);
       prev = n;
       n = n->next;
       continue;

@@ -559,7 +559,7 @@ int handle_msg_from_zxc(controlSocketBuffer_t *buf) {
       }
       ++idlePolls;
       // Method-table nodes retired by a profile swap are freed here, on the
-      // control thread, once unused or once older than hashMapClearTime.
+      // control thread, once no flowpath holds them, however old they are.
       checkAndDeleteNode(app);
       checkAndClearHashMapNode(app, 0);
       if (app->zx_dr_state && app->retry_policy.heartbeat_reply_timeout_check > 0 &&

@@ -20,6 +20,7 @@
 #include <memory>
 #include <mutex>
 #include <new>
+#include <stdexcept>
 #include <string>
 
 #include "control_thread.h"
@@ -515,10 +516,14 @@ void agent_shutdown() {
 extern "C" ZX_EXPORT void agent_init(char *pool, int connect_zxc, char *process_name,
                                      char *agentType) try {
   // Once per process image: a fork's child restarting its agent, or a host
-  // calling again, must not stack exit handlers.
+  // calling again, must not stack exit handlers. A failed start undoes the
+  // count APR keeps and leaves the next call to try again.
   static std::once_flag aprOnce;
   std::call_once(aprOnce, [] {
-    apr_initialize();
+    if (apr_initialize() != APR_SUCCESS) {
+      apr_terminate();
+      throw std::runtime_error("APR did not start");
+    }
     atexit(terminate_apr_at_exit);
   });
 

@@ -1,9 +1,12 @@
 // The instrumentation SDK: the exported calls of zx_sdk.h mapped onto the
 // flowpath generator, plus the SDK's own log and its table of parked handles.
 //
-// Nothing here throws or blocks on the network. Every entry point checks
-// initializeSDK first, so a host that calls before zx_init (or after
-// zx_free) gets the neutral result.
+// Nothing here throws or blocks on the network: every exported body runs in
+// zx_c_guard. Every entry point checks initializeSDK first, so a host that
+// calls before zx_init (or after zx_free) gets the neutral result. Neutral
+// results are counted per reason (zx_sdk_log.h), never logged one per call:
+// a NULL handle is what a host holds whenever no run is going, and that path
+// must cost nanoseconds.
 #include "zx_sdk.h"
 
 #include <apr_hash.h>
@@ -12,12 +15,15 @@
 #include <chrono>
 #include <cstdio>
 #include <cstring>
+#include <memory>
 #include <mutex>
 #include <thread>
+#include <utility>
 
 #include "ZXProxyInstance.h"
 #include "ZXSQLProcessor.h"
 #include "flowpath/ZXFlowpathGenerator.h"
+#include "zx_c_guard.h"
 #include "zx_sdk_log.h"
 #include "zxlb_apr.h"
 #include "zxlb_utiles.h"
@@ -44,6 +50,13 @@ std::atomic<zx_ad_callback_t> adCallback{nullptr};
 
 bool ready() {
   return initializeSDK.load(std::memory_order_acquire) != 0 && tlzxApplication;
+}
+
+// A neutral result, counted under its reason.
+template <typename R>
+R counted(zx_sdk_reason why, R result) {
+  zx_sdk_count(why);
+  return result;
 }
 
 ZXProxyInstance_t *app() {
@@ -79,15 +92,34 @@ long long sinceFlowpathStart(const ZXProxyInstance_t *a, const ZXPerThreadData_t
 // The begin shared by both call-out kinds: the backend's record, with the
 // call's start noted on the flowpath.
 methodPropProperties *beginCallOut(ZXPerThreadData_t *r, const char *host, int type) {
-  if (!r || !host || !*host) {
-    ZX_SDK_LOG(5, "ERROR: Invalid Arguments, bt_handle = [%p], host = [%s]", static_cast<void *>(r),
-               host ? host : "(null)");
+  if (!host || !*host) {
+    ZX_SDK_ERROR(zx_sdk_reason::bad_argument,
+                 "ERROR: Invalid Arguments, bt_handle = [%p], host = [%s]", static_cast<void *>(r),
+                 host ? host : "(null)");
     return nullptr;
   }
   ZXProxyInstance_t *a = app();
   methodPropProperties *ip = ipCallOutSearchUpdate(a, r, host, type);
   if (ip) r->tlTierStartTime = sinceFlowpathStart(a, r);
   return ip;
+}
+
+// False, counted and logged, for a method without a name.
+bool methodNamed(zxBTHandle bt, const char *method, const char *function) {
+  if (method && *method) return true;
+  if (zx_sdk_note_error(zx_sdk_reason::bad_argument))
+    zx_sdk_trace_log(5, function, __LINE__,
+                     "ERROR: Invalid Arguments, bt_handle = [%p], method = [%s]",
+                     static_cast<void *>(bt), method ? method : "(null)");
+  return false;
+}
+
+// A call-out end with a live handle but no call-out: its begin gave NULL.
+int nullCallOut(zxBTHandle bt) {
+  ZX_SDK_ERROR(zx_sdk_reason::bad_argument,
+               "ERROR: Invalid Arguments, bt_handle = [%p], ip_handle = [(nil)]",
+               static_cast<void *>(bt));
+  return -1;
 }
 
 // The end shared by both call-out kinds: the depth is already lowered.
@@ -101,245 +133,278 @@ void endCallOut(ZXProxyInstance_t *a, ZXPerThreadData_t *r, methodPropProperties
 
 }  // namespace
 
+// Every exported function below has one shape: the neutral paths first (no
+// SDK, a NULL handle), which only load and count and cannot throw, then the
+// work inside zx_c_guard. The guard is out of line and its lambda captures
+// by value, so the neutral paths need no stack frame: while no run is going
+// a host makes these calls at full speed.
 extern "C" {
 
 ZX_EXPORT void zx_set_init_pause_ms(unsigned int pause_ms) {
-  initPauseMs.store(pause_ms, std::memory_order_relaxed);
+  zx_c_guard([pause_ms] { initPauseMs.store(pause_ms, std::memory_order_relaxed); });
 }
 
-ZX_EXPORT void zx_init(void) try {
-  if (initializeSDK.load(std::memory_order_acquire)) return;
-  zx_sdk_log_init();
-  // A host that started the core itself keeps its own configuration.
-  if (!tlzxApplication && !agentStarted.exchange(1)) {
-    char pool[256], process[] = "morpythonlib", type[] = "python";
-    std::snprintf(pool, sizeof pool, "%s", shortProcessName());
-    agent_init(pool, 1, process, type);
-  }
-  if (!tlzxApplication) {
-    ZX_SDK_LOG(5, "ERROR: agent core did not start");
-    return;
-  }
-  auto state = std::make_unique<SdkState>();
-  state->sdk_pool = zx::make_pool();
-  if (!state->sdk_pool || !state->bt_lock.create(state->sdk_pool.get())) {
-    ZX_SDK_LOG(5, "ERROR: no memory for the SDK's state");
-    return;
-  }
-  state->g_bt_hash = apr_hash_make(state->sdk_pool.get());
-  sdk = state.release();
-  initializeSDK.store(1, std::memory_order_release);
-  ZX_SDK_LOG(1, "SDK initialised; pausing %u ms for the collector connection",
-             initPauseMs.load(std::memory_order_relaxed));
-  std::this_thread::sleep_for(std::chrono::milliseconds(initPauseMs.load()));
-} catch (...) {
+ZX_EXPORT void zx_init(void) {
+  zx_c_guard([] {
+    if (initializeSDK.load(std::memory_order_acquire)) return;
+    zx_sdk_log_init();
+    // A host that started the core itself keeps its own configuration.
+    if (!tlzxApplication && !agentStarted.exchange(1)) {
+      char pool[256], process[] = "morpythonlib", type[] = "python";
+      std::snprintf(pool, sizeof pool, "%s", shortProcessName());
+      agent_init(pool, 1, process, type);
+    }
+    if (!tlzxApplication) {
+      ZX_SDK_LOG(5, "ERROR: agent core did not start");
+      return;
+    }
+    // Built whole before it is published: a failure leaves nothing behind,
+    // and a later zx_init tries again.
+    auto state = std::make_unique<SdkState>();
+    state->sdk_pool = zx::make_pool();
+    if (!state->sdk_pool || !state->bt_lock.create(state->sdk_pool.get()) ||
+        !(state->g_bt_hash = apr_hash_make(state->sdk_pool.get()))) {
+      ZX_SDK_LOG(5, "ERROR: no memory for the SDK's state");
+      return;
+    }
+    sdk = state.release();
+    initializeSDK.store(1, std::memory_order_release);
+    ZX_SDK_LOG(1, "SDK initialised; pausing %u ms for the collector connection",
+               initPauseMs.load(std::memory_order_relaxed));
+    std::this_thread::sleep_for(std::chrono::milliseconds(initPauseMs.load()));
+  });
 }
 
 ZX_EXPORT void zx_free(void) {
-  if (!initializeSDK.exchange(0, std::memory_order_acq_rel)) return;
-  SdkState *state = sdk;
-  sdk = nullptr;
-  {
-    // bt_lock dies with the state: hash and pool go first, under it.
-    std::lock_guard lk(state->bt_lock);
-    state->g_bt_hash = nullptr;
-  }
-  std::unique_ptr<SdkState> drop(state);
-  drop->bt_lock = zx::NestedMutex();
-  drop->sdk_pool.reset();
-  zx_sdk_log_free();
+  zx_c_guard([] {
+    if (!initializeSDK.exchange(0, std::memory_order_acq_rel)) return;
+    std::unique_ptr<SdkState> state(std::exchange(sdk, nullptr));
+    {
+      // bt_lock dies with the state: hash and pool go first, under it.
+      std::lock_guard lk(state->bt_lock);
+      state->g_bt_hash = nullptr;
+    }
+    state->bt_lock = zx::NestedMutex();
+    state->sdk_pool.reset();
+    zx_sdk_log_free();
+  });
 }
 
 ZX_EXPORT zxBTHandle zx_bt_begin(const char *bt_name, const char *correlation_header) {
   (void)correlation_header;
-  if (!ready()) return nullptr;
-  ZX_SDK_LOG(2, "Method Called");
-  if (!bt_name || !*bt_name) {
-    ZX_SDK_LOG(5, "ERROR: Invalid Argument Passed, bt_name = [%s]", bt_name ? bt_name : "(null)");
-    return nullptr;
-  }
-  zxBTHandle h = startFP(app(), nullptr, bt_name, nullptr, 0, nullptr, nullptr, nullptr, 0, 0);
-  ZX_SDK_LOG(2, "Method End");
-  return h;
+  if (!ready()) return counted(zx_sdk_reason::not_initialised, nullptr);
+  // startFP checks this too; asked here first, a begin in an outage costs
+  // no call.
+  if (!app()->Server.testRunRunning.load(std::memory_order_relaxed))
+    return counted(zx_sdk_reason::no_transaction, nullptr);
+  return zx_c_guard(nullptr, [bt_name]() -> zxBTHandle {
+    ZX_SDK_LOG(2, "Method Called");
+    if (!bt_name || !*bt_name) {
+      ZX_SDK_ERROR(zx_sdk_reason::bad_argument, "ERROR: Invalid Argument Passed, bt_name = [%s]",
+                   bt_name ? bt_name : "(null)");
+      return nullptr;
+    }
+    zxBTHandle h = startFP(app(), nullptr, bt_name, nullptr, 0, nullptr, nullptr, nullptr, 0, 0);
+    if (!h) return counted(zx_sdk_reason::no_transaction, nullptr);
+    ZX_SDK_LOG(2, "Method End");
+    return h;
+  });
 }
 
 ZX_EXPORT int zx_bt_end(zxBTHandle bt_handle, int bt_status) {
-  if (!ready()) return 0;
-  ZX_SDK_LOG(2, "Method Called");
-  if (!bt_handle) {
-    ZX_SDK_LOG(5, "ERROR: Invalid Argument Passed, bt_handle = [%p]",
-               static_cast<void *>(bt_handle));
-    return -1;
-  }
-  endFP(app(), bt_handle, bt_status, 0, my_gettimeofday());
-  ZX_SDK_LOG(2, "Method End");
-  return 0;
+  if (!ready()) return counted(zx_sdk_reason::not_initialised, 0);
+  if (!bt_handle) return counted(zx_sdk_reason::null_handle, -1);
+  return zx_c_guard(-1, [bt_handle, bt_status] {
+    ZX_SDK_LOG(2, "Method Called");
+    // A second end would send record 4 again and count the BT twice.
+    if (bt_handle->setEndFPFlag || !bt_handle->flowpathInstance) {
+      ZX_SDK_ERROR(zx_sdk_reason::ended_twice,
+                   "ERROR: Business transaction already ended, bt_handle = [%p]",
+                   static_cast<void *>(bt_handle));
+      return -1;
+    }
+    endFP(app(), bt_handle, bt_status, 0, my_gettimeofday());
+    ZX_SDK_LOG(2, "Method End");
+    return 0;
+  });
 }
 
 ZX_EXPORT int zx_bt_release(zxBTHandle bt_handle) {
-  if (!ready()) return 0;
-  if (!bt_handle) {
-    ZX_SDK_LOG(5, "ERROR: Invalid Argument Passed, bt_handle = [%p]",
-               static_cast<void *>(bt_handle));
-    return -1;
-  }
-  {
-    std::lock_guard lk(sdk->bt_lock);
-    if (apr_hash_count(sdk->g_bt_hash) > 0) {
-      for (apr_hash_index_t *hi = apr_hash_first(nullptr, sdk->g_bt_hash); hi;
-           hi = apr_hash_next(hi)) {
-        const void *key;
-        apr_ssize_t klen;
-        void *val;
-        apr_hash_this(hi, &key, &klen, &val);
-        // APR allows removing the current entry during a walk.
-        if (val == bt_handle) apr_hash_set(sdk->g_bt_hash, key, klen, nullptr);
+  if (!ready()) return counted(zx_sdk_reason::not_initialised, 0);
+  if (!bt_handle) return counted(zx_sdk_reason::null_handle, -1);
+  return zx_c_guard(-1, [bt_handle] {
+    {
+      std::lock_guard lk(sdk->bt_lock);
+      if (apr_hash_count(sdk->g_bt_hash) > 0) {
+        for (apr_hash_index_t *hi = apr_hash_first(nullptr, sdk->g_bt_hash); hi;
+             hi = apr_hash_next(hi)) {
+          const void *key;
+          apr_ssize_t klen;
+          void *val;
+          apr_hash_this(hi, &key, &klen, &val);
+          // APR allows removing the current entry during a walk.
+          if (val == bt_handle) apr_hash_set(sdk->g_bt_hash, key, klen, nullptr);
+        }
       }
     }
-  }
-  // Ending it first gives back its method-table reference and its id entry.
-  if (bt_handle->flowpathInstance && !bt_handle->setEndFPFlag)
-    endFP(app(), bt_handle, bt_handle->tlStatusCode, 0, my_gettimeofday());
-  reset(app(), bt_handle);
-  return 0;
+    // Ending it first gives back its method-table reference and its id entry.
+    if (bt_handle->flowpathInstance && !bt_handle->setEndFPFlag)
+      endFP(app(), bt_handle, bt_handle->tlStatusCode, 0, my_gettimeofday());
+    reset(app(), bt_handle);
+    return 0;
+  });
 }
 
 ZX_EXPORT void zx_bt_store(zxBTHandle bt_handle, const char *unique_bt_id) {
-  if (!ready()) return;
-  if (!bt_handle || !unique_bt_id || !*unique_bt_id) {
-    ZX_SDK_LOG(5, "ERROR: Invalid Argument Passed, bt_handle = [%p], unique_bt_id = [%s]",
-               static_cast<void *>(bt_handle), unique_bt_id ? unique_bt_id : "(null)");
-    return;
-  }
-  std::lock_guard lk(sdk->bt_lock);
-  if (apr_hash_get(sdk->g_bt_hash, unique_bt_id, APR_HASH_KEY_STRING)) {
-    ZX_SDK_LOG(5, "ERROR: Business transaction already stored, unique_bt_id = [%s]", unique_bt_id);
-    return;
-  }
-  apr_hash_set(sdk->g_bt_hash, unique_bt_id, APR_HASH_KEY_STRING, bt_handle);
-  ZX_SDK_LOG(1, "Business transaction stored successfully.");
+  if (!ready()) return zx_sdk_count(zx_sdk_reason::not_initialised);
+  if (!bt_handle) return zx_sdk_count(zx_sdk_reason::null_handle);
+  zx_c_guard([bt_handle, unique_bt_id] {
+    if (!unique_bt_id || !*unique_bt_id) {
+      ZX_SDK_ERROR(zx_sdk_reason::bad_argument,
+                   "ERROR: Invalid Argument Passed, bt_handle = [%p], unique_bt_id = [%s]",
+                   static_cast<void *>(bt_handle), unique_bt_id ? unique_bt_id : "(null)");
+      return;
+    }
+    std::lock_guard lk(sdk->bt_lock);
+    if (apr_hash_get(sdk->g_bt_hash, unique_bt_id, APR_HASH_KEY_STRING)) {
+      ZX_SDK_ERROR(zx_sdk_reason::bad_argument,
+                   "ERROR: Business transaction already stored, unique_bt_id = [%s]", unique_bt_id);
+      return;
+    }
+    apr_hash_set(sdk->g_bt_hash, unique_bt_id, APR_HASH_KEY_STRING, bt_handle);
+    ZX_SDK_LOG(1, "Business transaction stored successfully.");
+  });
 }
 
 ZX_EXPORT zxBTHandle zx_bt_get(const char *unique_bt_id) {
-  if (!ready()) return nullptr;
-  if (!unique_bt_id || !*unique_bt_id) {
-    ZX_SDK_LOG(5, "ERROR: Invalid Argument Passed, unique_bt_id = [%s]",
-               unique_bt_id ? unique_bt_id : "(null)");
-    return nullptr;
-  }
-  // Locked too: another thread may be storing, and an APR hash is not safe
-  // to read while it grows.
-  std::lock_guard lk(sdk->bt_lock);
-  return static_cast<zxBTHandle>(apr_hash_get(sdk->g_bt_hash, unique_bt_id, APR_HASH_KEY_STRING));
+  if (!ready()) return counted(zx_sdk_reason::not_initialised, nullptr);
+  return zx_c_guard(nullptr, [unique_bt_id]() -> zxBTHandle {
+    if (!unique_bt_id || !*unique_bt_id) {
+      ZX_SDK_ERROR(zx_sdk_reason::bad_argument,
+                   "ERROR: Invalid Argument Passed, unique_bt_id = [%s]",
+                   unique_bt_id ? unique_bt_id : "(null)");
+      return nullptr;
+    }
+    // Locked too: another thread may be storing, and an APR hash is not safe
+    // to read while it grows.
+    std::lock_guard lk(sdk->bt_lock);
+    return static_cast<zxBTHandle>(apr_hash_get(sdk->g_bt_hash, unique_bt_id, APR_HASH_KEY_STRING));
+  });
 }
 
 ZX_EXPORT int zx_bt_add_error(zxBTHandle bt_handle, int err_level, const char *message,
                               int mark_bt_as_error) {
   (void)bt_handle, (void)err_level, (void)message, (void)mark_bt_as_error;
-  return 0;
+  return zx_c_guard(0, [] { return 0; });
 }
 
 ZX_EXPORT void zx_method_entry(zxBTHandle bt_handle, const char *method) {
-  if (!ready()) return;
-  if (!bt_handle || !method || !*method) {
-    ZX_SDK_LOG(5, "ERROR: Invalid Arguments, bt_handle = [%p], method = [%s]",
-               static_cast<void *>(bt_handle), method ? method : "(null)");
-    return;
-  }
-  zxMethodEntry(app(), nullptr, bt_handle, method, "/test", nullptr, bt_handle->tlThreadId, nullptr,
-                0, 0);
+  if (!ready()) return zx_sdk_count(zx_sdk_reason::not_initialised);
+  if (!bt_handle) return zx_sdk_count(zx_sdk_reason::null_handle);
+  zx_c_guard([bt_handle, method] {
+    if (!methodNamed(bt_handle, method, "zx_method_entry")) return;
+    zxMethodEntry(app(), nullptr, bt_handle, method, "/test", nullptr, bt_handle->tlThreadId,
+                  nullptr, 0, 0);
+  });
 }
 
 ZX_EXPORT void zx_method_exit(zxBTHandle bt_handle, const char *method) {
-  if (!ready()) return;
-  if (!bt_handle || !method || !*method) {
-    ZX_SDK_LOG(5, "ERROR: Invalid Arguments, bt_handle = [%p], method = [%s]",
-               static_cast<void *>(bt_handle), method ? method : "(null)");
-    return;
-  }
-  zxMethodExit(app(), nullptr, bt_handle, method, -1, 200, nullptr, -1, bt_handle->tlThreadId, 0, 0,
-               1, 0, my_gettimeofday());
+  if (!ready()) return zx_sdk_count(zx_sdk_reason::not_initialised);
+  if (!bt_handle) return zx_sdk_count(zx_sdk_reason::null_handle);
+  zx_c_guard([bt_handle, method] {
+    if (!methodNamed(bt_handle, method, "zx_method_exit")) return;
+    zxMethodExit(app(), nullptr, bt_handle, method, -1, 200, nullptr, -1, bt_handle->tlThreadId, 0,
+                 0, 1, 0, my_gettimeofday());
+  });
 }
 
 ZX_EXPORT zxIPCallOutHandle zx_ip_db_callout_begin(zxBTHandle bt_handle, const char *db_host,
                                                    const char *db_query) {
-  if (!ready()) return nullptr;
-  zxIPCallOutHandle ip = beginCallOut(bt_handle, db_host, kTypeDatabase);
-  if (ip) dbMethodEntry(bt_handle, db_query, db_host);
-  return ip;
+  if (!ready()) return counted(zx_sdk_reason::not_initialised, nullptr);
+  if (!bt_handle) return counted(zx_sdk_reason::null_handle, nullptr);
+  return zx_c_guard(nullptr, [bt_handle, db_host, db_query]() -> zxIPCallOutHandle {
+    zxIPCallOutHandle ip = beginCallOut(bt_handle, db_host, kTypeDatabase);
+    if (ip) dbMethodEntry(bt_handle, db_query, db_host);
+    return ip;
+  });
 }
 
 ZX_EXPORT int zx_ip_db_callout_end(zxBTHandle bt_handle, zxIPCallOutHandle ip_handle) {
-  if (!ready()) return 0;
-  if (!bt_handle || !ip_handle) {
-    ZX_SDK_LOG(5, "ERROR: Invalid Arguments, bt_handle = [%p], ip_handle = [%p]",
-               static_cast<void *>(bt_handle), static_cast<void *>(ip_handle));
-    return -1;
-  }
-  ZXSQLProperties_t &sql = bt_handle->tlSQLObj;
-  bt_handle->seqNum += 1;
-  const int depth = --sql.dbCallDepth;
-  if (depth < 1) sql.lastDbBackendId = ip_handle->methodId;
-  endCallOut(app(), bt_handle, ip_handle, depth, 0);  // no query ids are announced
-  // An end without its begin must not leave later calls looking nested.
-  if (sql.dbCallDepth < 0) sql.dbCallDepth = 0;
-  return 0;
+  if (!ready()) return counted(zx_sdk_reason::not_initialised, 0);
+  if (!bt_handle) return counted(zx_sdk_reason::null_handle, -1);
+  return zx_c_guard(-1, [bt_handle, ip_handle] {
+    if (!ip_handle) return nullCallOut(bt_handle);
+    ZXSQLProperties_t &sql = bt_handle->tlSQLObj;
+    bt_handle->seqNum += 1;
+    const int depth = --sql.dbCallDepth;
+    if (depth < 1) sql.lastDbBackendId = ip_handle->methodId;
+    endCallOut(app(), bt_handle, ip_handle, depth, 0);  // no query ids are announced
+    // An end without its begin must not leave later calls looking nested.
+    if (sql.dbCallDepth < 0) sql.dbCallDepth = 0;
+    return 0;
+  });
 }
 
 ZX_EXPORT zxIPCallOutHandle zx_ip_http_callout_begin(zxBTHandle bt_handle, const char *http_host,
                                                      const char *url) {
   (void)url;
-  if (!ready()) return nullptr;
-  zxIPCallOutHandle ip = beginCallOut(bt_handle, http_host, kTypeHttp);
-  if (ip) bt_handle->httpCallOutDepth += 1;
-  return ip;
+  if (!ready()) return counted(zx_sdk_reason::not_initialised, nullptr);
+  if (!bt_handle) return counted(zx_sdk_reason::null_handle, nullptr);
+  return zx_c_guard(nullptr, [bt_handle, http_host]() -> zxIPCallOutHandle {
+    zxIPCallOutHandle ip = beginCallOut(bt_handle, http_host, kTypeHttp);
+    if (ip) bt_handle->httpCallOutDepth += 1;
+    return ip;
+  });
 }
 
 ZX_EXPORT int zx_ip_http_callout_end(zxBTHandle bt_handle, zxIPCallOutHandle ip_handle) {
-  if (!ready()) return 0;
-  if (!bt_handle || !ip_handle) {
-    ZX_SDK_LOG(5, "ERROR: Invalid Arguments, bt_handle = [%p], ip_handle = [%p]",
-               static_cast<void *>(bt_handle), static_cast<void *>(ip_handle));
-    return -1;
-  }
-  bt_handle->seqNum += 1;
-  const int depth = --bt_handle->httpCallOutDepth;
-  endCallOut(app(), bt_handle, ip_handle, depth, 0);
-  if (bt_handle->httpCallOutDepth < 0) bt_handle->httpCallOutDepth = 0;
-  return 0;
+  if (!ready()) return counted(zx_sdk_reason::not_initialised, 0);
+  if (!bt_handle) return counted(zx_sdk_reason::null_handle, -1);
+  return zx_c_guard(-1, [bt_handle, ip_handle] {
+    if (!ip_handle) return nullCallOut(bt_handle);
+    bt_handle->seqNum += 1;
+    const int depth = --bt_handle->httpCallOutDepth;
+    endCallOut(app(), bt_handle, ip_handle, depth, 0);
+    if (bt_handle->httpCallOutDepth < 0) bt_handle->httpCallOutDepth = 0;
+    return 0;
+  });
 }
 
 ZX_EXPORT uintptr_t bt_handle_to_int(zxBTHandle bt_handle) {
-  return reinterpret_cast<uintptr_t>(bt_handle);
+  return zx_c_guard(0, [bt_handle] { return reinterpret_cast<uintptr_t>(bt_handle); });
 }
 
 ZX_EXPORT zxBTHandle bt_int_to_handle(uintptr_t value) {
-  return reinterpret_cast<zxBTHandle>(value);
+  return zx_c_guard(nullptr, [value] { return reinterpret_cast<zxBTHandle>(value); });
 }
 
 ZX_EXPORT uintptr_t ip_handle_to_int(zxIPCallOutHandle ip_handle) {
-  return reinterpret_cast<uintptr_t>(ip_handle);
+  return zx_c_guard(0, [ip_handle] { return reinterpret_cast<uintptr_t>(ip_handle); });
 }
 
 ZX_EXPORT zxIPCallOutHandle ip_int_to_handle(uintptr_t value) {
-  return reinterpret_cast<zxIPCallOutHandle>(value);
+  return zx_c_guard(nullptr, [value] { return reinterpret_cast<zxIPCallOutHandle>(value); });
 }
 
 ZX_EXPORT int register_callback_for_agent(zx_agent_callback_t ptrfunc) {
-  if (!ready()) return -1;
-  agentCallback.store(ptrfunc, std::memory_order_release);
-  return 0;
+  if (!ready()) return counted(zx_sdk_reason::not_initialised, -1);
+  return zx_c_guard(-1, [ptrfunc] {
+    agentCallback.store(ptrfunc, std::memory_order_release);
+    return 0;
+  });
 }
 
 ZX_EXPORT void register_AD_callback(zx_ad_callback_t adfunc) {
-  if (!ready()) return;
-  adCallback.store(adfunc, std::memory_order_release);
+  if (!ready()) return zx_sdk_count(zx_sdk_reason::not_initialised);
+  zx_c_guard([adfunc] { adCallback.store(adfunc, std::memory_order_release); });
 }
 
 ZX_EXPORT void zx_data_counters(unsigned long long *records, unsigned long long *dropped) {
-  ZXProxyInstance_t *a = tlzxApplication;
-  if (records) *records = a ? static_cast<unsigned long long>(a->ZXSys.recordCount.load()) : 0;
-  if (dropped) *dropped = a ? static_cast<unsigned long long>(a->ZXSys.discardCount.load()) : 0;
+  zx_c_guard([records, dropped] {
+    ZXProxyInstance_t *a = tlzxApplication;
+    if (records) *records = a ? static_cast<unsigned long long>(a->ZXSys.recordCount.load()) : 0;
+    if (dropped) *dropped = a ? static_cast<unsigned long long>(a->ZXSys.discardCount.load()) : 0;
+  });
 }
 
 }  // extern "C"

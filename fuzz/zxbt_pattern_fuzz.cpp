@@ -62,8 +62,9 @@ void fuzz_keywords(const std::vector<Entry> &entries, const std::string &url) {
   zxlbTrie trie;
   check(create_match_machine(&trie, &rule) > 0);
   check(trie.out_func.size() == trie.total_states && trie.f_func.size() == trie.total_states);
-  // The ranked search must name the winner of testing every candidate, with
-  // shared bits, empty entries and bytes outside the alphabet alike.
+  // The fast search must name the winner of testing every keyword at every
+  // end, with empty entries, long prefixes and bytes outside the alphabet
+  // alike.
   const char *got = search_match_machine(url.c_str(), &trie, &rule);
   check(got == search_match_machine_exhaustive(url.c_str(), &trie, &rule));
 }

@@ -15,8 +15,15 @@
  * The header to pass to the next tier comes from getTierCallOut
  * (zx_tier_callout.h). Every function returns at once with its neutral result
  * (0, -1 or NULL as listed) before zx_init, after zx_free, while the
- * collector has no test run going, and on NULL or empty arguments; the
- * reason goes to the SDK log. No function blocks on the network.
+ * collector has no test run going, on NULL or empty arguments, and when the
+ * core fails inside (no memory): nothing is thrown into the host and no
+ * function blocks on the network.
+ *
+ * A NULL handle is the normal state while no run is going, and a call on it
+ * costs a few nanoseconds: neutral results are counted per reason, and the
+ * SDK log gets a summary of the counts at most every 10 seconds, never a line
+ * per call. Real errors (a bad argument on a live handle) are logged, at most
+ * 20 lines per 10 seconds.
  */
 #ifndef ZX_SDK_H
 #define ZX_SDK_H
@@ -59,11 +66,13 @@ ZX_EXPORT void zx_free(void);
 
 /* Opens a transaction named bt_name (classified by the BT rules as a URL).
  * correlation_header is not used. NULL for an empty name, or when no
- * transaction can be traced now. */
+ * transaction can be traced now (no run going, no memory); the later calls
+ * take that NULL as it is. */
 ZX_EXPORT zxBTHandle zx_bt_begin(const char *bt_name, const char *correlation_header);
 /* Ends it with an HTTP-like status (above 399 counts as an error where the
- * rules say so) and sends its records. 0, or -1 for a NULL handle. The
- * handle stays valid until zx_bt_release. */
+ * rules say so) and sends its records. 0, or -1 for a NULL handle or one
+ * already ended (a second end sends and counts nothing). The handle stays
+ * valid until zx_bt_release. */
 ZX_EXPORT int zx_bt_end(zxBTHandle bt_handle, int bt_status);
 /* Gives the transaction's slot back for reuse and forgets any id it was
  * stored under; one not yet ended is ended first with its current status. A

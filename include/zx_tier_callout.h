@@ -4,7 +4,8 @@
  * A host that calls another monitored tier passes the text of getTierCallOut
  * along with the call (for example as an HTTP header); the receiving tier
  * gives it to setTierCallOut, so both flowpaths join one chain. The record is
- * the business-transaction handle of the SDK. None of these functions block.
+ * the business-transaction handle of the SDK. None of these functions block
+ * or throw.
  */
 #ifndef ZX_TIER_CALLOUT_H
 #define ZX_TIER_CALLOUT_H

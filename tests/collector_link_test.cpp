@@ -345,6 +345,44 @@ TEST_F(LinkTest, SilentCollectorIsDroppedAfterTheThreshold) {
   ASSERT_TRUE(c->wait_for_connections(ConnKind::Control, 2, kWait)) << "and reconnects";
 }
 
+// Without failover the agent sends no heartbeats and would drop a collector that never
+// speaks; the collector's own heartbeats keep that quiet link up.
+TEST_F(LinkTest, CollectorHeartbeatsKeepAQuietLink) {
+  Behaviour beating;
+  beating.heartbeat_interval = 50ms;
+  auto c = make_collector(beating);
+  ZXProxyInstance_t &a = configure(c->port());
+  a.ZXSys.zxcHeartBeatThreshold = 300;
+  ASSERT_EQ(a.zx_dr_state, 0);
+  auto trace_count = [&](const std::string &text) {
+    std::string log;
+    for (const char *suffix : {"_0", "_1"})
+      log += zxtest::read_file(home().path() / (std::string("trace.log") + suffix));
+    size_t n = 0;
+    for (size_t at = log.find(text); at != std::string::npos; at = log.find(text, at + 1)) ++n;
+    return n;
+  };
+  const std::string dropped = "greater than zxcHeartBeatThreshold";
+  run_loop();
+  ASSERT_TRUE(c->wait_for_connections(ConnKind::Control, 1, kWait));
+  // Five thresholds.
+  EXPECT_FALSE(c->wait_until(
+      [](const zxref::History &h) {
+        return h.of(ConnKind::Control).closed > 0 || h.of(ConnKind::Control).connections > 1;
+      },
+      1500ms));
+  EXPECT_EQ(c->snapshot().of(ConnKind::Control).connections, 1u);
+  EXPECT_EQ(trace_count("Control connection established"), 1u);
+  EXPECT_EQ(trace_count(dropped), 0u);
+
+  c->update_behaviour([](Behaviour &b) { b.heartbeat_interval = {}; });
+  ASSERT_TRUE(c->wait_for_closed(ConnKind::Control, 1, kWait));
+  ASSERT_TRUE(c->wait_for_connections(ConnKind::Control, 2, kWait)) << "and reconnects";
+  stop_agent();
+  EXPECT_GE(trace_count(dropped), 1u);
+  EXPECT_GE(trace_count("Control connection established"), 2u);
+}
+
 TEST_F(LinkTest, CommandFraming) {
   auto c = make_collector();
   configure(c->port());

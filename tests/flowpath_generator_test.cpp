@@ -1,30 +1,40 @@
 // The flowpath generator: instance ids and their masks, blob entries against
 // the printf formats they replace, records 2/3/4 byte for byte with the
-// discarding rules, the flush threshold, the method limit, and a whole
-// flowpath from start to end and to the stop walk.
+// discarding rules, the flush threshold, the method limit, a whole flowpath
+// from start to end and to the stop walk, and transactions that outlive a
+// profile swap or a stop.
 #include <gtest/gtest.h>
 
+#include <atomic>
+#include <chrono>
 #include <cstdio>
 #include <functional>
 #include <memory>
 #include <regex>
+#include <sstream>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "Server.h"
 #include "ZXDataDispatcher.h"
+#include "ZXDataThread.h"
 #include "ZXMethodManager.h"
 #include "ZXProxyInstance.h"
+#include "ZXRunTimeChangeHandle.h"
 #include "bt/ZXBTMonitor.h"
 #include "flowpath/ZXFlowpathGenerator.h"
 #include "flowpath/ZXSessionCookie.h"
 #include "flowpath/zxlb_mem_pool.h"
+#include "reference_collector.h"
 #include "test_support.h"
+#include "zx_sdk.h"
 #include "zxbt/zxbt_bt_object.h"
 #include "zxlb_utiles.h"
 
 namespace {
 
+using namespace std::chrono_literals;
 using zxtest::ScopedApp;
 
 class FlowpathTest : public ::testing::Test {
@@ -280,6 +290,31 @@ class FlowpathRunTest : public FlowpathTest {
     EXPECT_EQ(ZXBTConfigModelInit(), 0);
     app().Server.testRunRunning = 1;
   }
+  // The data thread's stop step: every busy flowpath written as incomplete.
+  void stopWalk() {
+    app().stopDataThread = 1;
+    EXPECT_TRUE(checkAndStopThread(&app()));
+    app().stopDataThread = 0;
+  }
+  // Transactions counted by the BT monitor since the last call.
+  long long counted() {
+    std::vector<char> buf(ZXBT_REPORT_BUFFER_SIZE);
+    int len = 0;
+    if (!generateAndDumpBTMonitoringRecord(app(), buf.data(), &len, ZXBT_REPORT_BUFFER_SIZE))
+      return 0;
+    const std::string text(buf.data(), static_cast<std::size_t>(len));
+    const auto at = text.find("AllTransactions|");
+    if (at == std::string::npos) return 0;
+    std::istringstream in(text.substr(at + 16));
+    double perSec, avg, min;
+    long long max, n = 0;
+    in >> perSec >> avg >> min >> max >> n;
+    return n;
+  }
+  void method(ZXPerThreadData_t *r, const char *name) {
+    zxMethodEntry(&app(), nullptr, r, name, nullptr, nullptr, 0, nullptr, 0, 0);
+    zxMethodExit(&app(), nullptr, r, name, -1, 200, nullptr, -1, 0, 0, 0, 1, 0, 0);
+  }
 };
 
 TEST_F(FlowpathRunTest, ForcedFlowpathFromStartToEnd) {
@@ -308,7 +343,9 @@ TEST_F(FlowpathRunTest, ForcedFlowpathFromStartToEnd) {
   EXPECT_EQ(app().gBusyTLSCnt, 0);
 }
 
-TEST_F(FlowpathRunTest, StopWritesRunningFlowpathsAsIncomplete) {
+// The stop writes what runs and leaves each slot to its owner, whose later
+// calls write and count nothing more.
+TEST_F(FlowpathRunTest, StopWritesRunningFlowpathsAndLeavesTheSlotsToTheirOwners) {
   ZXPerThreadData_t *running =
       startFP(&app(), "77", "/b", nullptr, 0, nullptr, nullptr, nullptr, -1, 0);
   ZXPerThreadData_t *ended =
@@ -316,19 +353,98 @@ TEST_F(FlowpathRunTest, StopWritesRunningFlowpathsAsIncomplete) {
   ASSERT_TRUE(running && ended);
   endFP(&app(), ended, 200, 0, 0);
   records();
-  dumpFpFromBusyList(
-      &app(),
-      [](ZXPerThreadData_t *rec, void *user) {
-        dumpIncompleteFPAtTestStop(static_cast<ZXProxyInstance_t *>(user), rec);
-      },
-      &app());
+  stopWalk();
   std::string out = records();
   const std::string tid = std::to_string(running->tlThreadId);
   EXPECT_NE(out.find("\n3,77,1:" + tid + "_0_0__\n"), std::string::npos) << out;
   EXPECT_FALSE(std::regex_search(out, std::regex("(^|\n)[234],78,")))
       << "an ended flowpath is not written again: " << out;
-  EXPECT_EQ(app().gBusyTLSCnt, 0);
   EXPECT_EQ(findFPFromInstance(&app(), "77"), nullptr);
+  EXPECT_EQ(app().gBusyTLSCnt, 2) << "the owners have not let go yet";
+  EXPECT_EQ(running->flowpathInstance, 77) << "not reset under its owner";
+
+  method(running, "late.method");
+  endFP(&app(), running, 200, 0, 0);
+  endFP(&app(), ended, 200, 0, 0);
+  stopWalk();
+  EXPECT_EQ(records(), "") << "no record 4 after the stop's record 3, no second end";
+  EXPECT_EQ(counted(), 1) << "only the flowpath that ended before the stop";
+  reset(&app(), running);
+  reset(&app(), ended);
+  EXPECT_EQ(app().gBusyTLSCnt, 0);
+  EXPECT_EQ(app().methodHashMapNode->ref_count.load(), 0);
+}
+
+// The owner keeps calling while the stop walk writes its flowpath out.
+TEST_F(FlowpathRunTest, StopWhileOwnersAreInsideTheirTransactions) {
+  constexpr int kOwners = 3;
+  app().ZXSys.bciMaxNonServiceMethodsPerFP = 20;  // small blobs: no flush before the stop
+  std::atomic<int> busy{0};
+  std::atomic<bool> stopped{false};
+  std::vector<std::string> ids(kOwners);
+  std::vector<std::thread> owners;
+  for (int t = 0; t < kOwners; ++t)
+    owners.emplace_back([&, t] {
+      ZXPerThreadData_t *r =
+          startFP(&app(), nullptr, "/race", nullptr, 0, nullptr, nullptr, nullptr, -1, 0);
+      ASSERT_NE(r, nullptr);
+      ids[t] = r->flowpathInstanceStr;
+      ++busy;
+      const auto deadline = std::chrono::steady_clock::now() + 10s;
+      // Events before, during and after the stop.
+      for (int after = 0; after < 50 && std::chrono::steady_clock::now() < deadline;)
+        if (stopped.load()) {
+          method(r, "after.stop");
+          ++after;
+        } else {
+          method(r, "before.stop");
+        }
+      endFP(&app(), r, 200, 0, 0);
+      reset(&app(), r);
+    });
+  ASSERT_TRUE(zxtest::wait_until([&] { return busy.load() == kOwners; }));
+  stopWalk();
+  stopped = true;
+  for (auto &o : owners) o.join();
+  const std::string out = records();
+  for (const std::string &id : ids) {
+    EXPECT_TRUE(std::regex_search(out, std::regex("(^|\n)3," + id + ",[^\n]*\n"))) << out;
+    EXPECT_FALSE(std::regex_search(out, std::regex("(^|\n)4," + id + ","))) << out;
+  }
+  EXPECT_EQ(counted(), 0);
+  EXPECT_EQ(app().gBusyTLSCnt, 0);
+}
+
+// A transaction longer than hashMapClearTime keeps the method table it began
+// with through a profile swap and the age-based clean-up.
+TEST_F(FlowpathRunTest, TransactionOutlivesAProfileSwapAndTheClearAge) {
+  ASSERT_EQ(setMethodHashMapNode(&app(), "app.Pay.run|0\n"), 0);
+  ZXPerThreadData_t *r =
+      startFP(&app(), "501", "/pay", nullptr, 0, nullptr, nullptr, nullptr, -1, 0);
+  ASSERT_NE(r, nullptr);
+  zxMethodEntry(&app(), nullptr, r, "app.Pay.run", nullptr, nullptr, 0, nullptr, 0, 0);
+  // The new profile redefines the method: the transaction's record of it is
+  // now in the retired table alone.
+  ASSERT_EQ(setMethodHashMapNode(&app(), "app.Pay.run|1|0|pay\n"), 0);
+  char clearNow[] = "zx_control_req:action=modify;hashMapClearTime=0";
+  findStatusFromClientMsg(clearNow);
+  ASSERT_EQ(app().ZXSys.hashMapClearTime, 0);
+  checkAndClearHashMapNode(&app(), 0);
+  checkAndDeleteNode(&app());
+  EXPECT_EQ(retiredNodeCount(&app()), 1) << "still referenced, however old";
+
+  zxMethodExit(&app(), nullptr, r, "app.Pay.run", -1, 200, nullptr, -1, 0, 0, 0, 1, 0, 0);
+  method(r, "app.Pay.audit");  // a new name, given its id in the old table
+  endFP(&app(), r, 200, 0, 0);
+  const std::string tid = std::to_string(r->tlThreadId);
+  EXPECT_TRUE(std::regex_search(
+      records(), std::regex("\n4,501,200,10,0,0,[0-9]+,0,2:" + tid + "_0_0__1:" + tid +
+                            "_0_[0-9]+__1:" + tid + "_1_[0-9]+____3:" + tid +
+                            "_0_[0-9]+__3:" + tid + "_1_[0-9]+____2:" + tid + "_1_0____\n")));
+  EXPECT_EQ(retiredNodeCount(&app()), 1) << "held until the owner lets go";
+  reset(&app(), r);
+  checkAndClearHashMapNode(&app(), 0);
+  EXPECT_EQ(retiredNodeCount(&app()), 0) << "freed by the pass after its last user let go";
 }
 
 TEST_F(FlowpathRunTest, SessionCookieDecidesCapture) {
@@ -348,6 +464,90 @@ TEST_F(FlowpathRunTest, SessionCookieDecidesCapture) {
   reset(&app(), r);
   EXPECT_EQ(records().find("\n4,"), std::string::npos);
   zx_set_session_settings(ZXSessionSettings_t{});
+}
+
+// A transaction of the application runs across the collector's stop and the
+// next run's start, which installs a profile that retires its method table.
+class FlowpathAcrossRuns : public ::testing::Test, protected zxtest::LinkedAgent {
+ protected:
+  // Records of flowpath `id` received so far, by record number.
+  static std::vector<int> recordsOf(const zxref::ReferenceCollector &c, const std::string &id) {
+    std::vector<int> numbers;
+    for (const zxref::Record &r : c.records())
+      if ((r.number == 2 || r.number == 3 || r.number == 4) && r.fields.size() > 1 &&
+          r.fields[1] == id)
+        numbers.push_back(r.number);
+    return numbers;
+  }
+};
+
+TEST_F(FlowpathAcrossRuns, TransactionRunsAcrossAStopAndANewStart) {
+  zxref::ReferenceCollector c;
+  ASSERT_TRUE(c.start()) << c.error();
+  ZXProxyInstance_t &a = configure(c.port());
+  run_loop();
+  start_run(c);
+  zx_set_init_pause_ms(0);
+  zx_init();
+
+  zxBTHandle bt = zx_bt_begin("/pay", nullptr);
+  ASSERT_NE(bt, nullptr);
+  const std::string id = bt->flowpathInstanceStr;
+  zx_method_entry(bt, "Pay.run");
+  zxIPCallOutHandle backend = zx_ip_http_callout_begin(bt, "pay.backend", "/charge");
+  ASSERT_NE(backend, nullptr);
+
+  ASSERT_TRUE(c.send_stop("status=stopped"));
+  ASSERT_TRUE(c.wait_until(
+      [&](const zxref::History &h) {
+        for (const zxref::Record &r : h.records)
+          if (r.number == 3 && r.fields.size() > 1 && r.fields[1] == id) return true;
+        return false;
+      },
+      10s))
+      << "the stop writes the running flowpath as incomplete";
+  // The next run's profile redefines the backend, so the record the
+  // call-out holds is left in the retired table alone.
+  home().write("instrProfile.txt", "pay.backend|8|1|-|payments\n");
+  const std::size_t replies = c.lines(zxref::ConnKind::Control).size();
+  ASSERT_TRUE(c.send_start("status=running"));
+  ASSERT_TRUE(c.wait_for_control_line(
+      [](std::string_view l) {
+        return l.rfind("zx_control_rep:action=start_instrumentation", 0) == 0;
+      },
+      10s, replies))
+      << "answered once the profile is installed";
+  checkAndDeleteNode(&a);
+  EXPECT_EQ(retiredNodeCount(&a), 1) << "the transaction still holds its table";
+
+  zx_ip_http_callout_end(bt, backend);
+  zx_method_exit(bt, "Pay.run");
+  zx_method_entry(bt, "Pay.receipt");
+  zx_method_exit(bt, "Pay.receipt");
+  EXPECT_EQ(zx_bt_end(bt, 200), 0);
+  zxBTHandle next = zx_bt_begin("/pay", nullptr);
+  ASSERT_NE(next, nullptr);
+  EXPECT_NE(next, bt) << "the slot is not handed out while its owner holds it";
+  EXPECT_EQ(zx_bt_release(bt), 0);
+  checkAndDeleteNode(&a);
+  EXPECT_EQ(retiredNodeCount(&a), 0) << "freed once its last user let go";
+
+  const std::string nextId = next->flowpathInstanceStr;
+  zx_method_entry(next, "Pay.run");
+  zx_method_exit(next, "Pay.run");
+  EXPECT_EQ(zx_bt_end(next, 200), 0);
+  EXPECT_EQ(zx_bt_release(next), 0);
+  ASSERT_TRUE(c.wait_until(
+      [&](const zxref::History &h) {
+        for (const zxref::Record &r : h.records)
+          if (r.number == 4 && r.fields.size() > 1 && r.fields[1] == nextId) return true;
+        return false;
+      },
+      10s));
+  // Records go out in order, so a record 4 of the old flowpath would be here.
+  EXPECT_EQ(recordsOf(c, id), (std::vector<int>{2, 3})) << "written once, by the stop";
+  EXPECT_EQ(a.gBusyTLSCnt, 0);
+  zx_free();
 }
 
 }  // namespace

@@ -68,8 +68,8 @@ class Client {
   }
 
   // The next line without its '\n'; nullopt on EOF or timeout.
-  std::optional<std::string> read_line() {
-    const auto deadline = Clock::now() + kWait;
+  std::optional<std::string> read_line(Clock::duration timeout = kWait) {
+    const auto deadline = Clock::now() + timeout;
     for (;;) {
       if (const auto nl = buf_.find('\n'); nl != std::string::npos) {
         std::string line = buf_.substr(0, nl);
@@ -86,6 +86,24 @@ class Client {
     std::string out = buf_.substr(0, n);
     buf_.erase(0, out.size());
     return out;
+  }
+  // Everything up to and including the first `end`; all that arrived when it does not.
+  std::string read_through(std::string_view end) {
+    const auto deadline = Clock::now() + kWait;
+    std::size_t at = std::string::npos;
+    while ((at = buf_.find(end)) == std::string::npos && fill(deadline)) {
+    }
+    const std::size_t n = at == std::string::npos ? buf_.size() : at + end.size();
+    std::string out = buf_.substr(0, n);
+    buf_.erase(0, n);
+    return out;
+  }
+  // Whatever arrives within the window, and anything unread before it.
+  std::string read_for(Clock::duration window) {
+    const auto deadline = Clock::now() + window;
+    while (fill(deadline)) {
+    }
+    return std::exchange(buf_, {});
   }
   // Everything up to the peer's close; nullopt when it does not close in time.
   std::optional<std::string> read_to_eof() {
@@ -357,6 +375,51 @@ TEST(ReferenceCollectorControl, EchoesHeartbeatsAsConfigured) {
     ASSERT_TRUE(collector->wait_for_control_line(starts_with("zx_control_req"), kWait, seen));
     collector->send(ConnKind::Control, "marker\n");
     EXPECT_EQ(client->read_line(), "marker");
+  }
+}
+
+TEST(ReferenceCollectorControl, SendsItsOwnHeartbeatBetweenWholeLines) {
+  const std::string beat = "zx_control_req:action=reconnect;heartBeat ";
+  const std::string states = ";dataConnState=1;AutosensorConnState=1;";
+  zxref::Behaviour on;
+  on.heartbeat_interval = 20ms;
+  zxref::Config config;
+  config.behaviour = on;
+  auto collector = started(config);
+  auto client = control_client(*collector);
+  EXPECT_EQ(client->read_line(), beat + "1" + states);
+  EXPECT_EQ(client->read_line(), beat + "2" + states);
+
+  // Half a scripted line holds back the beats, and the echo of an agent heartbeat waits
+  // for the line to end.
+  ASSERT_TRUE(collector->send(ConnKind::Control, "half"));
+  std::string got = client->read_through("half");
+  // Beats queued before the half line come first.
+  while (got.starts_with(beat) && got.find('\n') != std::string::npos) {
+    got.erase(0, got.find('\n') + 1);
+  }
+  EXPECT_EQ(got, "half");
+  const std::size_t seen = collector->lines(ConnKind::Control).size();
+  client->write(kHeartbeat);
+  ASSERT_TRUE(collector->wait_for_control_line(starts_with(beat), kWait, seen));
+  EXPECT_EQ(client->read_for(100ms), "");  // five intervals
+  ASSERT_TRUE(collector->send(ConnKind::Control, "-done\n"));
+  EXPECT_EQ(client->read_line(), "-done");
+  EXPECT_EQ(client->read_line(), beat + "7" + states);
+  EXPECT_TRUE(client->read_line().value_or("").starts_with(beat)) << "the beats resume";
+
+  for (const auto off : {+[](zxref::Behaviour &b) { b.heartbeat_interval = {}; },
+                         +[](zxref::Behaviour &b) { b.silent = true; }}) {
+    collector->set_behaviour(on);
+    ASSERT_TRUE(client->read_line().value_or("").starts_with(beat));
+    collector->update_behaviour(off);
+    // Seen by the poll thread no later than the marker, so nothing follows the marker.
+    ASSERT_TRUE(collector->send(ConnKind::Control, "marker\n"));
+    std::optional<std::string> line;
+    while ((line = client->read_line()) && line->starts_with(beat)) {
+    }
+    EXPECT_EQ(line, "marker");
+    EXPECT_EQ(client->read_for(100ms), "");
   }
 }
 

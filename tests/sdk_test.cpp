@@ -1,6 +1,7 @@
-// The SDK as a host uses it: neutral results on bad arguments, parked
-// handles, call-out depths, slot give-back over many transactions, and the
-// whole path from SDK calls to records read by the reference collector.
+// The SDK as a host uses it: neutral results on bad arguments (counted, and
+// logged only as rate-limited lines and summaries), parked handles, call-out
+// depths, slot give-back over many transactions, and the whole path from SDK
+// calls to records read by the reference collector.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -17,6 +18,7 @@
 #include "reference_collector.h"
 #include "test_support.h"
 #include "zx_sdk.h"
+#include "zx_sdk_log.h"
 #include "zxbt/zxbt_bt_object.h"
 
 namespace {
@@ -53,6 +55,27 @@ class SdkTest : public ::testing::Test {
     if (!std::regex_search(records, m, std::regex("(^|\n)5," + name + ",([0-9]+)\n"))) return -1;
     return std::stoi(m[2]);
   }
+  std::string sdkLog() {
+    return zxtest::read_file(home_.path() / "logs" /
+                             ("zx_sdk_" + std::to_string(getpid()) + ".log"));
+  }
+  static int linesWith(const std::string &text, const std::string &what) {
+    int n = 0;
+    for (std::size_t at = 0; (at = text.find(what, at)) != std::string::npos; at += what.size())
+      ++n;
+    return n;
+  }
+  // Transactions of BT `id` counted in every thread's monitor model.
+  int btCount(int id) {
+    int n = 0;
+    std::lock_guard lk(app().controlThreadTmpLock);
+    for (auto &[tid, model] : app().btMonitor.threadModels) {
+      std::lock_guard mk(model->lockForBT);
+      if (id < static_cast<int>(model->btmDataArray.size()) && model->btmDataArray[id])
+        n += model->btmDataArray[id]->count;
+    }
+    return n;
+  }
 
   zxtest::TempDir home_;
   ScopedApp app_;
@@ -74,7 +97,7 @@ TEST(SdkBeforeInit, EveryCallIsNeutral) {
   zx_free();  // before init: nothing to drop
 }
 
-TEST_F(SdkTest, BadArgumentsGiveNeutralResultsAndAreLogged) {
+TEST_F(SdkTest, BadArgumentsGiveNeutralResultsAndRealErrorsAreLogged) {
   const std::string huge(100 * 1024, 'n');
   EXPECT_EQ(zx_bt_begin(nullptr, nullptr), nullptr);
   EXPECT_EQ(zx_bt_begin("", "corr"), nullptr);
@@ -109,20 +132,88 @@ TEST_F(SdkTest, BadArgumentsGiveNeutralResultsAndAreLogged) {
   zxIPCallOutHandle http = zx_ip_http_callout_begin(bt, "web", huge.c_str());
   EXPECT_EQ(zx_ip_http_callout_end(bt, http), 0);
   EXPECT_EQ(zx_bt_end(bt, 200), 0);
-  EXPECT_EQ(zx_bt_end(bt, 200), 0);  // a host ending twice gets its counts twice, no fault
   EXPECT_EQ(zx_bt_release(bt), 0);
   EXPECT_EQ(zx_bt_get(huge.c_str()), nullptr) << "a released handle is forgotten";
   EXPECT_LT(records().size(), 8u * 16384u);
 
-  const std::string log =
-      zxtest::read_file(home_.path() / "logs" / ("zx_sdk_" + std::to_string(getpid()) + ".log"));
+  const std::string log = sdkLog();
   EXPECT_NE(log.find("ERROR: Invalid Argument Passed, bt_name = [(null)]"), std::string::npos);
-  EXPECT_NE(log.find("ERROR: Invalid Argument Passed, bt_handle = [(nil)]"), std::string::npos);
-  EXPECT_NE(log.find("ERROR: Invalid Arguments, bt_handle = [(nil)], method = [m]"),
-            std::string::npos);
+  EXPECT_NE(log.find("], method = []"), std::string::npos) << "an empty name on a live handle";
+  EXPECT_EQ(log.find("bt_handle = [(nil)]"), std::string::npos) << "NULL handles are only counted";
   for (std::size_t start = 0, end; (end = log.find('\n', start)) != std::string::npos;
        start = end + 1)
     EXPECT_LE(end - start, 2048u) << "log lines are bounded";
+}
+
+// A collector outage: no run, so every begin gives NULL and the host goes on
+// with it from two threads. Each call is counted exactly; the log gets one
+// summary when the flood starts and the last one at zx_free.
+TEST_F(SdkTest, NullHandlesAreCountedAndOnlySummarised) {
+  app().Server.testRunRunning = 0;
+  zx_sdk_set_summary_period_ms(3600 * 1000);
+  const unsigned long long nulls = zx_sdk_count_of(zx_sdk_reason::null_handle),
+                           begins = zx_sdk_count_of(zx_sdk_reason::no_transaction);
+  constexpr int kPerThread = 20000;
+  auto host = [] {
+    for (int i = 0; i < kPerThread; ++i) {
+      zxBTHandle bt = zx_bt_begin("/down", nullptr);
+      zx_method_entry(bt, "M.run");
+      zx_ip_db_callout_end(bt, zx_ip_db_callout_begin(bt, "db", "SELECT 1"));
+      zx_ip_http_callout_end(bt, zx_ip_http_callout_begin(bt, "web", "/x"));
+      zx_method_exit(bt, "M.run");
+      zx_bt_store(bt, "id");
+      EXPECT_EQ(zx_bt_end(bt, 200), -1);
+      EXPECT_EQ(zx_bt_release(bt), -1);
+    }
+  };
+  std::thread t1(host), t2(host);
+  t1.join();
+  t2.join();
+  EXPECT_EQ(zx_sdk_count_of(zx_sdk_reason::no_transaction) - begins, 2u * kPerThread);
+  EXPECT_EQ(zx_sdk_count_of(zx_sdk_reason::null_handle) - nulls, 9u * 2 * kPerThread);
+  EXPECT_EQ(records(), "");
+
+  zx_free();  // writes the last summary
+  const std::string log = sdkLog();
+  EXPECT_LE(std::count(log.begin(), log.end(), '\n'), 3) << log;
+  const std::string total = "null handle [0-9]+ \\(total " +
+                            std::to_string(zx_sdk_count_of(zx_sdk_reason::null_handle)) + "\\)";
+  EXPECT_TRUE(
+      std::regex_search(log, std::regex("Neutral results since the last summary: .*" + total)))
+      << log;
+}
+
+TEST_F(SdkTest, ErrorLinesAreRateLimitedButCounted) {
+  zxBTHandle bt = zx_bt_begin("/buggy", nullptr);
+  ASSERT_NE(bt, nullptr);
+  zx_sdk_set_summary_period_ms(3600 * 1000);
+  const unsigned long long bad = zx_sdk_count_of(zx_sdk_reason::bad_argument);
+  for (int i = 0; i < 1000; ++i) zx_method_entry(bt, "");
+  EXPECT_EQ(zx_sdk_count_of(zx_sdk_reason::bad_argument) - bad, 1000u);
+  const int lines = linesWith(sdkLog(), "], method = []");
+  EXPECT_GE(lines, 1);
+  EXPECT_LE(lines, ZX_SDK_ERROR_LINES_PER_PERIOD);
+  zx_bt_release(bt);
+}
+
+TEST_F(SdkTest, SecondEndIsRefusedWithoutRecordsOrCounts) {
+  records();
+  zxBTHandle bt = zx_bt_begin("/twice", nullptr);
+  ASSERT_NE(bt, nullptr);
+  zx_method_entry(bt, "T.run");
+  zx_method_exit(bt, "T.run");
+  ASSERT_EQ(zx_bt_end(bt, 200), 0);
+  const int id = bt->tlBTObj->bt_id;
+  EXPECT_EQ(btCount(id), 1);
+  EXPECT_EQ(linesWith(records(), "\n4,"), 1);
+
+  const unsigned long long twice = zx_sdk_count_of(zx_sdk_reason::ended_twice);
+  EXPECT_EQ(zx_bt_end(bt, 500), -1);
+  EXPECT_EQ(zx_sdk_count_of(zx_sdk_reason::ended_twice) - twice, 1u);
+  EXPECT_EQ(records(), "");
+  EXPECT_EQ(btCount(id), 1);
+  EXPECT_EQ(bt->tlStatusCode, 200);
+  EXPECT_EQ(zx_bt_release(bt), 0);
 }
 
 TEST_F(SdkTest, StoredHandleIsFoundOnAnotherThreadAndKeepsTheFirst) {

@@ -163,47 +163,7 @@ TEST(Keywords, ConstraintsDecideWhereAKeywordCounts) {
   for (char never : {0, 5, 6, 7, -1}) EXPECT_EQ(lone("x", never, "/x/x"), "<none>") << +never;
 }
 
-// Random rule sets over a tiny alphabet, so that overlaps, failure chains,
-// shared bits and the empty entries after the 21st keyword all occur. Up to
-// 20 keywords the winner is checked against a scan of every position; the
-// ranked search is always checked against the exhaustive one (in search()).
-TEST(Keywords, RandomRuleSetsMatchAReferenceScan) {
-  std::mt19937 rng(7);
-  auto text = [&rng](int max_len) {
-    std::string s(1 + rng() % max_len, ' ');
-    for (char &c : s) c = "ab/"[rng() % 3];
-    return s;
-  };
-  for (int round = 0; round < 300; ++round) {
-    KeywordSet k;
-    const int n = 1 + static_cast<int>(rng() % (round % 2 ? 20 : 60));
-    for (int j = 0; j < n; ++j) {
-      k.add(text(4).c_str(), rng() % 3, std::to_string(j).c_str(), static_cast<char>(rng() % 6));
-    }
-    for (int q = 0; q < 20; ++q) {
-      const std::string url = text(12);
-      const std::string got = k.search(url);
-      if (n > 20) continue;
-      const int len = static_cast<int>(url.size());
-      int best = -1;
-      unsigned highest = 0;
-      for (int i = 0; i < len; ++i) {
-        for (int j = 0; j < n; ++j) {
-          const ZXLBKeywordLexicon &e = k.rule.dictionary[j];
-          const int start = i - static_cast<int>(e.elements_len) + 1;
-          if (start < 0 || url.compare(start, e.elements_len, e.keyword) != 0) continue;
-          if (check_for_match_constraint(&k.rule, j, start, len) && e.priority >= highest) {
-            best = j;
-            highest = e.priority;
-          }
-        }
-      }
-      ASSERT_EQ(got, best < 0 ? "<none>" : std::to_string(best)) << url;
-    }
-  }
-}
-
-TEST(Keywords, TwentyFirstKeywordJumpsTheCountAndBitsAreSharedModulo32) {
+TEST(Keywords, TwentyFirstKeywordJumpsTheCountAndEmptyEntriesMatchNothing) {
   EXPECT_EQ(lone("abc", ZXLB_MATCH_ENDS_WITH, "/xyz"), "<none>");
   EXPECT_EQ(DictionaryHeadPointer, nullptr) << "forgotten with its rule set";
   KeywordSet k;
@@ -221,18 +181,23 @@ TEST(Keywords, TwentyFirstKeywordJumpsTheCountAndBitsAreSharedModulo32) {
   k.add("xyz", 1, "X", ZXLB_MATCH_CONTAINS);
   EXPECT_STREQ(k.rule.dictionary[41].keyword, "xyz");
   for (int i = 0; i < 200; ++i) k.add("k", 0, "F", 0);
-  EXPECT_EQ(k.rule.keyword_count, 242u);
+  k.add("", 7, "EMPTY", ZXLB_MATCH_CONTAINS);
+  k.add("", 7, "EMPTY", ZXLB_MATCH_ENDS_WITH);
+  EXPECT_EQ(k.rule.keyword_count, 244u);
   EXPECT_EQ(DictionaryHeadPointer, k.rule.dictionary.data()) << "follows the lexicon's growth";
 
-  // Index 41 shares bit 9 with "abc", which then passes its own "ends with".
-  EXPECT_EQ(k.search("/xyz"), "A");
-  EXPECT_EQ(k.search("/xyz/"), "X");
+  // Index 41 and "abc" (9) once shared an output bit, and the empty entries
+  // put theirs on the root: neither may report a keyword that is not there.
+  EXPECT_EQ(k.search("/xyz"), "X");
+  EXPECT_EQ(k.search("/xyzabc"), "A");
   EXPECT_EQ(k.search("/a/twentyfirst/"), "T");
+  EXPECT_EQ(k.search("/nothing/here"), "<none>") << "empty keywords occur nowhere";
 
   k.add(std::string(300, 'w').c_str(), 1, std::string(200, 'b').c_str(), ZXLB_MATCH_CONTAINS);
-  EXPECT_EQ(k.rule.dictionary[242].elements_len, 255u) << "cut to the field";
-  EXPECT_EQ(std::strlen(k.rule.dictionary[242].bt_name), 127u);
-  EXPECT_EQ(k.search("/xyz/"), "X") << "a lexicon grown since the build";
+  EXPECT_EQ(k.rule.dictionary[244].elements_len, 255u) << "cut to the field";
+  EXPECT_EQ(std::strlen(k.rule.dictionary[244].bt_name), 127u);
+  EXPECT_EQ(k.search("/" + std::string(255, 'w')), "<none>") << "added after the build";
+  EXPECT_EQ(k.search("/xyz/"), "X");
   dealloc_match_machine(&k.trie, &k.rule);
   EXPECT_EQ(k.trie.total_states + k.rule.keyword_count, 0u);
   EXPECT_EQ(DictionaryHeadPointer, nullptr);
@@ -240,19 +205,44 @@ TEST(Keywords, TwentyFirstKeywordJumpsTheCountAndBitsAreSharedModulo32) {
   EXPECT_EQ(all_keyword_len - len_before, 48 + 3 + 11 + 3 + 200 + 255) << "never reduced";
 }
 
-TEST(Keywords, GrowsPastTheDefaultStatesAllArraysTogether) {
+// The issue that exposed the shared bits: 60 "contains" rules, and every
+// request was named by a keyword that none of the URLs held.
+TEST(Keywords, SixtyContainsRulesNameOnlyWhatOccurs) {
+  KeywordSet k;
+  for (int j = 0; j < 60; ++j) {
+    const std::string kw = "/svc" + std::to_string(j) + "/";
+    k.add(kw.c_str(), 1, std::to_string(j).c_str(), ZXLB_MATCH_CONTAINS);
+  }
+  EXPECT_EQ(k.search("/shop/cart/add?id=7"), "<none>");
+  EXPECT_EQ(k.search("/api/svc33/x"), "33");
+  EXPECT_EQ(k.search("/api/svc59/svc3/"), "3") << "equal priority: the later end";
+}
+
+TEST(Keywords, SharedPathsAndTheStateBound) {
   KeywordSet k;
   auto keyword = [](int j) { return static_cast<char>('A' + j) + std::string(20 + j, 'z'); };
   for (int j = 0; j < 20; ++j)
     k.add(keyword(j).c_str(), 1, std::to_string(j).c_str(), ZXLB_MATCH_EQUALS);
-  const unsigned saved = all_keyword_len;
-  all_keyword_len = 0;  // growth step 256 instead of the whole lexicon
-  ASSERT_EQ(create_match_machine(&k.trie, &k.rule), 1 + 20 * 21 + 190);
-  all_keyword_len = saved;
+  k.add("zzz", 0, "Z", ZXLB_MATCH_CONTAINS);
+  k.add("Azz", 1, "N", 0);
+  ASSERT_EQ(create_match_machine(&k.trie, &k.rule), 1 + 20 * 21 + 190 + 3)
+      << "paths shared, keywords that never match get none";
   k.built = true;
-  EXPECT_EQ(k.trie.total_states, 768u);
-  EXPECT_EQ(k.trie.out_func.size() + k.trie.f_func.size(), 2 * 768u);
+  EXPECT_EQ(k.trie.out_func.size() + k.trie.f_func.size(), 2 * k.trie.total_states);
   for (int j = 0; j < 20; ++j) EXPECT_EQ(k.search(keyword(j)), std::to_string(j));
+  EXPECT_EQ(k.search("B" + std::string(19, 'z')), "Z");
+
+  // More states than the bound: refused before the table is allocated.
+  KeywordSet huge;
+  std::mt19937 rng(3);
+  for (unsigned j = 0; j < 1100; ++j) {  // about 1100 * 253 states
+    std::string kw(255, ' ');
+    for (char &c : kw) c = static_cast<char>('a' + rng() % 26);
+    huge.add(kw.c_str(), 1, "H", ZXLB_MATCH_CONTAINS);
+  }
+  EXPECT_EQ(create_match_machine(&huge.trie, &huge.rule), -1);
+  EXPECT_EQ(huge.trie.total_states, 0u);
+  EXPECT_EQ(search_match_machine("/abc", &huge.trie, &huge.rule), nullptr);
 }
 
 TEST(Keywords, BytesOutsideTheAlphabetRestartAtTheRoot) {

@@ -100,6 +100,13 @@ bool isChained(const ZXPerThreadData_t *r) {
   return r->firstFlowpathInstance != 0;
 }
 
+// After its last record a flowpath takes no more entries: a late append
+// could only come out as a record 3 behind its end. Caller holds
+// sequenceBlobLock.
+bool blobClosed(const ZXPerThreadData_t *r) {
+  return r->fpPhase.load(std::memory_order_relaxed) >= ZX_FP_ENDED;
+}
+
 }  // namespace
 
 long long generate_flowpath_instance(ZXProxyInstance_t *app) {
@@ -162,8 +169,8 @@ void updateFPSeqBlob(ZXProxyInstance_t *app, ZXPerThreadData_t *record, int mid,
                      int isAsyncCall, long long threadID, const char *urlStr, int captureArgument) {
   if (!app || !record) return;
   record->sequenceBlobLock.lock();
-  if (appendBlobEntry(app, record, mid, startTime, eventID, pageID, cpuTime, isAsyncCall, threadID,
-                      urlStr, captureArgument))
+  if (!blobClosed(record) && appendBlobEntry(app, record, mid, startTime, eventID, pageID, cpuTime,
+                                             isAsyncCall, threadID, urlStr, captureArgument))
     checkToDumpFPSeqBlob(app, record);
   record->sequenceBlobLock.unlock();
 }
@@ -175,6 +182,10 @@ void updateFPSeqBlobWithTierCallOutRecord(ZXProxyInstance_t *app, ZXPerThreadDat
   if (!app || !r || !method) return;
   const bool error = r->tlStatusCode > 399;
   r->sequenceBlobLock.lock();
+  if (blobClosed(r)) {
+    r->sequenceBlobLock.unlock();
+    return;
+  }
   char *blob = r->sequenceBlob;
   LineWriter w{blob + r->sequenceBlobLen, blob + ZX_SEQ_BLOB_SIZE - 1};
   w.ch(error ? 'E' : 'T');
@@ -291,6 +302,8 @@ void splitUrl(ZXPerThreadData_t *r, const char *url) {
   copyText(r->tlURLParameters, sizeof r->tlURLParameters, q ? q + 1 : "");
 }
 
+void detachFlowpath(ZXProxyInstance_t *app, ZXPerThreadData_t *r);
+
 bool writesMethodEvents(const ZXPerThreadData_t *r, const methodPropProperties *m,
                         long long limit) {
   return r->tlNonServiceMethodCount <= limit && !r->tlIsBTExcluded &&
@@ -308,6 +321,17 @@ ZXPerThreadData_t *startFP(ZXProxyInstance_t *app, const char *flowpathinstance,
     return nullptr;
   ZXPerThreadData_t *r = get_free_tls_slot(app);
   if (!r) return nullptr;
+  // Short of memory below (the id map, the method table), a throw must not
+  // keep the slot: it goes back, detached, on the way out.
+  struct GiveBack {
+    ZXProxyInstance_t *app;
+    ZXPerThreadData_t *r;
+    ~GiveBack() {
+      if (!r) return;
+      detachFlowpath(app, r);
+      reset(app, r);
+    }
+  } giveBack{app, r};
   resetAllThreadLocals(r, app);
   const long long now = my_gettimeofday();
   const long long start = startTimeFP > 0 ? startTimeFP : now;
@@ -354,8 +378,11 @@ ZXPerThreadData_t *startFP(ZXProxyInstance_t *app, const char *flowpathinstance,
   r->hasMapNodePtr = acquireMethodHashMapNode(app);
   // Kept for the end, which would otherwise look it up again under the lock.
   r->tlBeginRequestMethod = getMethodPropFromMethodName(ZX_BEGIN_REQUEST_METHOD, r->hasMapNodePtr);
+  // Filled: from here a stop walk may write the flowpath out.
+  r->fpPhase.store(ZX_FP_RUNNING, std::memory_order_release);
   if (r->tlBeginRequestMethod)
     zxMethodEntryEx(app, r, r->tlBeginRequestMethod, r->tlFlowPathTimeStampInMS);
+  giveBack.r = nullptr;
   return r;
 }
 
@@ -462,16 +489,21 @@ void zxMethodExitException(ZXProxyInstance_t *app, methodPropProperties *method,
 
 namespace {
 
-// A flowpath that ended or was written out at stop lets go of its method
-// table and its id entry.
+// Drops the id entry of the flowpath on `r`, unless another holds the id.
+void forgetInstance(ZXProxyInstance_t *app, long long id, const ZXPerThreadData_t *r) {
+  std::lock_guard lk(app->fpiToTLS.lock);
+  auto it = app->fpiToTLS.map.find(id);
+  if (it != app->fpiToTLS.map.end() && it->second == r) app->fpiToTLS.map.erase(it);
+}
+
+// The owner's flowpath lets go of its method table and its id entry. Only the
+// owner calls it, so the node stays valid for as long as the owner can use it.
 void detachFlowpath(ZXProxyInstance_t *app, ZXPerThreadData_t *r) {
   if (r->hasMapNodePtr) {
     releaseMethodHashMapNode(r->hasMapNodePtr);
     r->hasMapNodePtr = nullptr;
   }
-  std::lock_guard lk(app->fpiToTLS.lock);
-  auto it = app->fpiToTLS.map.find(r->flowpathInstance);
-  if (it != app->fpiToTLS.map.end() && it->second == r) app->fpiToTLS.map.erase(it);
+  forgetInstance(app, r->flowpathInstance, r);
 }
 
 }  // namespace
@@ -487,41 +519,72 @@ void endFP(ZXProxyInstance_t *app, ZXPerThreadData_t *r, int statusCode, long lo
   r->tlDuration = endTime - epochDiff - r->tlFlowPathTimeStampInMS;
   if (r->tlBeginRequestMethod) zxMethodExitEx(app, r, r->tlBeginRequestMethod, r->tlDuration, -1);
 
-  if (BTObject *bt = r->tlBTObj) {
-    int category = r->tlIsBTExcluded ? 157
-                                     : findCategoryOfBT(bt->bt_threshold, r->tlDuration, statusCode,
-                                                        &r->tlIsFPCaptured);
+  BTObject *bt = r->tlBTObj;
+  int category = 0;
+  if (bt) {
+    category = r->tlIsBTExcluded ? 157
+                                 : findCategoryOfBT(bt->bt_threshold, r->tlDuration, statusCode,
+                                                    &r->tlIsFPCaptured);
     r->btCategory = category;
-    r->sequenceBlobLock.lock();
-    dumpCompleteFlowpathSeqBlock(app, r, category, 0, r->tlDuration);
-    r->sequenceBlobLock.unlock();
-    if (!r->tlIsBTExcluded) {
-      ZXBTTransaction_t tx;
-      tx.btObj = bt;
-      tx.duration = r->tlDuration;
-      tx.category = static_cast<char>(category);
-      tx.queueTime = r->qTimeInMS;
-      tx.waitTime = r->waitTime;
-      tx.syncTime = r->syncTime;
-      tx.endTime = endTime;
-      updateCounterAndDurationForBT(*app, tx);
-    }
+  }
+  // A flowpath the stop already wrote out (or an end called twice) is
+  // neither written nor counted again.
+  bool last = false;
+  r->sequenceBlobLock.lock();
+  if (r->fpPhase.load(std::memory_order_relaxed) < ZX_FP_ENDED) {
+    r->fpPhase.store(ZX_FP_ENDED, std::memory_order_relaxed);
+    last = true;
+    if (bt) dumpCompleteFlowpathSeqBlock(app, r, category, 0, r->tlDuration);
+  }
+  r->sequenceBlobLock.unlock();
+  if (last && bt && !r->tlIsBTExcluded) {
+    ZXBTTransaction_t tx;
+    tx.btObj = bt;
+    tx.duration = r->tlDuration;
+    tx.category = static_cast<char>(category);
+    tx.queueTime = r->qTimeInMS;
+    tx.waitTime = r->waitTime;
+    tx.syncTime = r->syncTime;
+    tx.endTime = endTime;
+    updateCounterAndDurationForBT(*app, tx);
   }
   detachFlowpath(app, r);
 }
 
 void reset(ZXProxyInstance_t *app, ZXPerThreadData_t *r) {
   if (!app || !r) return;
+  // A flowpath let go without its end (none while no run is going) is
+  // claimed first, so that a stop walk holding the record leaves it alone.
+  // Ended ones need no lock: the walk never touches them again.
+  if (r->fpPhase.load(std::memory_order_acquire) == ZX_FP_RUNNING) {
+    r->sequenceBlobLock.lock();
+    if (r->fpPhase.load(std::memory_order_relaxed) == ZX_FP_RUNNING)
+      r->fpPhase.store(ZX_FP_ENDED, std::memory_order_relaxed);
+    r->sequenceBlobLock.unlock();
+  }
+  // The table reference is the owner's to drop: the stop leaves it, as the
+  // owner may still be resolving names in the node.
+  detachFlowpath(app, r);
   resetAllThreadLocals(r, app);
   free_tls_slot(app, r);
 }
 
 void dumpIncompleteFPAtTestStop(ZXProxyInstance_t *app, ZXPerThreadData_t *r) {
-  if (!app || !r || !r->flowpathInstance || r->setEndFPFlag) return;
+  if (!app || !r) return;
+  long long id = 0;
+  bool written = false;
   r->sequenceBlobLock.lock();
-  dumpIncompleteFlowpathSeqBlock(app, r);
+  // Acquire: the fields startFP filled before publishing are read below.
+  if (r->fpPhase.load(std::memory_order_acquire) == ZX_FP_RUNNING) {
+    dumpIncompleteFlowpathSeqBlock(app, r);
+    id = r->flowpathInstance;
+    // The walk's last touch of the record: the owner may reset it once it
+    // sees the mark.
+    r->fpPhase.store(ZX_FP_ENDED_BY_STOP, std::memory_order_release);
+    written = true;
+  }
   r->sequenceBlobLock.unlock();
-  detachFlowpath(app, r);
+  if (written) forgetInstance(app, id, r);
 }
 
 ZXPerThreadData_t *findFPFromInstance(ZXProxyInstance_t *app, const char *flowpathInstanceStr) {

@@ -6,7 +6,9 @@
 // std::to_chars straight into the record's fixed blob, never allocate and
 // never block on the network (dumpData drops and counts what does not fit).
 // Every blob write and every record 3/4 write happens under the record's
-// sequenceBlobLock, because a call-out thread may append to the same blob.
+// sequenceBlobLock, because a call-out thread may append to the same blob and
+// the stop walk may write the flowpath out. A flowpath written out (ended, or
+// ended by the stop) takes no more entries.
 #pragma once
 
 #include <mutex>
@@ -144,12 +146,17 @@ long long zxAgentTimeNow(const ZXProxyInstance_t *app);
 
 // Categorises the flowpath, writes record 4, counts it in the BT monitor and
 // drops its method-table reference and fpiToTLS entry. endTime <= 0: the
-// flowpath's own start. The slot stays taken until reset.
+// flowpath's own start. A flowpath the stop wrote out, or one already ended,
+// is neither written nor counted again; it only lets go of its references.
+// The slot stays taken until reset.
 void endFP(ZXProxyInstance_t *app, ZXPerThreadData_t *record, int statusCode, long long TLS,
            long long endTime);
-// Clears the record and gives the slot back.
+// The owner lets go: drops what the flowpath still holds, clears the record
+// and gives the slot back.
 void reset(ZXProxyInstance_t *app, ZXPerThreadData_t *record);
-// At stop: a flowpath still running goes out as record 3 (header first).
+// At stop, from the stop walk's thread: a published flowpath still running
+// goes out as record 3 (header first) and is marked ended by the stop. The
+// record, its method-table reference and its slot stay its owner's.
 void dumpIncompleteFPAtTestStop(ZXProxyInstance_t *app, ZXPerThreadData_t *record);
 
 // The flowpath registered under its id text, or null.

@@ -5,6 +5,7 @@
 #include <new>
 
 #include "ZXProxyInstance.h"
+#include "zx_c_guard.h"
 #include "zx_tier_callout.h"
 #include "zxlb_mt_log.h"
 
@@ -85,9 +86,5 @@ ZXPerThreadData_t *updateChildThreadPrevFPI(ZXPerThreadData_t *parent, long long
 }
 
 extern "C" ZX_EXPORT void cleanThreadIdToThreadLocal(long long thread_id) {
-  try {
-    cleanThreadIdToThreadLocal(tlzxApplication, thread_id);
-  } catch (...) {
-    // Nothing may escape into the host.
-  }
+  zx_c_guard([thread_id] { cleanThreadIdToThreadLocal(tlzxApplication, thread_id); });
 }

@@ -6,6 +6,7 @@
 #include <new>
 #include <string_view>
 
+#include "zx_c_guard.h"
 #include "zx_tier_callout.h"
 
 namespace {
@@ -63,17 +64,9 @@ int parseTierCallOut(ZXPerThreadData_t *r, const char *header) {
 }
 
 extern "C" ZX_EXPORT const char *getTierCallOut(ZXPerThreadData_t *record) {
-  try {
-    return buildTierCallOut(record);
-  } catch (...) {
-    return nullptr;
-  }
+  return zx_c_guard(nullptr, [record] { return buildTierCallOut(record); });
 }
 
 extern "C" ZX_EXPORT int setTierCallOut(ZXPerThreadData_t *record, const char *header) {
-  try {
-    return parseTierCallOut(record, header);
-  } catch (...) {
-    return -1;
-  }
+  return zx_c_guard(-1, [record, header] { return parseTierCallOut(record, header); });
 }

@@ -6,9 +6,17 @@
 // (ZXManageTIdToTLocal.h). Value-initialising a record zeroes it: every field
 // has a zero default. A record belongs to its thread while busy; only the
 // blob and the BT object are touched by other threads (a call-out thread, the
-// hotspot sampler), under sequenceBlobLock and updateBTLock.
+// hotspot sampler, the stop walk), under sequenceBlobLock and updateBTLock.
+//
+// fpPhase says who writes the flowpath's last record. The owner publishes
+// Running (release) once startFP has filled the record; from then the stop
+// walk may, under sequenceBlobLock, write it as incomplete and mark it
+// EndedByStop (release, its last touch of the record). The owner's end claims
+// it as Ended under the same lock. Whoever claims first writes; the other
+// writes nothing. The slot stays the owner's until it lets go (reset).
 #pragma once
 
+#include <atomic>
 #include <memory>
 
 #include "ZXSQLProcessor.h"
@@ -29,6 +37,13 @@ inline constexpr int ZX_DEBUG_MODE_BUF_SIZE = 128;
 // Methods reported by name pair their exits with entries on this stack;
 // deeper calls still pair, with an unknown (0) wall time.
 inline constexpr int ZX_METHOD_STACK_DEPTH = 256;
+
+enum ZXFpPhase : unsigned char {
+  ZX_FP_IDLE = 0,           // taken, not (yet) a published flowpath
+  ZX_FP_RUNNING = 1,        // published by startFP
+  ZX_FP_ENDED = 2,          // claimed by its owner's end (or release)
+  ZX_FP_ENDED_BY_STOP = 3,  // written as incomplete by the stop walk
+};
 
 struct ZXPerThreadData_t {
   char tlIsFPCaptured = 0;
@@ -72,6 +87,8 @@ struct ZXPerThreadData_t {
   ZXPerThreadData_t *free_next = nullptr, *free_prev = nullptr;
   ZXPerThreadData_t *busy_next = nullptr, *busy_prev = nullptr;
   char isBusy = 0;  // on the busy list: guards against giving a slot back twice
+  // Changed from Running only under sequenceBlobLock (see the top).
+  std::atomic<unsigned char> fpPhase{ZX_FP_IDLE};
   char setEndFPFlag = 0;
   long long zxSessionId = 0;
   long long prev_fp_start_time = 0;

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <mutex>
 #include <new>
+#include <vector>
 
 #include "ZXDataThread.h"
 #include "ZXProxyInstance.h"
@@ -113,6 +114,7 @@ ZXPerThreadData_t *get_free_tls_slot(ZXProxyInstance_t *app) {
     app->gBusyTLSHead = app->gBusyTLSTail = r;
   }
   r->isBusy = 1;
+  r->fpPhase.store(ZX_FP_IDLE, std::memory_order_relaxed);
   app->gBusyTLSCnt += 1;
   if (!app->tlsdatastruct) app->size_array = app->g_tlsidx;
   return r;
@@ -158,22 +160,27 @@ void free_tls_slot(ZXPerThreadData_t *r) {
 
 void dumpFpFromBusyList(ZXProxyInstance_t *app, ZXIncompleteFPWriter writer, void *user) {
   if (!app) return;
-  ZXPerThreadData_t *r = nullptr;
-  {
+  // A snapshot, as owners give records back (and unlink them) meanwhile. Its
+  // records stay valid memory: blocks are never freed. A record given back
+  // and taken again before the writer reaches it is the new flowpath's, also
+  // busy at the stop, and the writer's own lock decides for it.
+  std::vector<ZXPerThreadData_t *> busy;
+  int count = 0;
+  try {
     std::lock_guard lk(app->tlsMutex);
-    r = app->gBusyTLSHead;
+    count = app->gBusyTLSCnt;
+    busy.reserve(static_cast<std::size_t>(std::max(count, 0)));
+    for (ZXPerThreadData_t *r = app->gBusyTLSHead; r; r = r->busy_next) busy.push_back(r);
+  } catch (const std::bad_alloc &) {
+    ZX_LOG_OOM(static_cast<long long>(count) * sizeof(void *), "busy slot snapshot", -1);
+    return;
   }
-  if (!r) {
+  if (busy.empty()) {
     ZX_FP_LOG(0, "Info", "gBusyTLSHead is null. Hence returning.");
     return;
   }
-  while (r) {
-    if (writer) writer(r, user);
-    resetAllThreadLocals(r, app);
-    free_tls_slot(app, r);
-    std::lock_guard lk(app->tlsMutex);
-    r = app->gBusyTLSHead;
-  }
+  if (writer)
+    for (ZXPerThreadData_t *r : busy) writer(r, user);
   flushCommonData(app);
 }
 

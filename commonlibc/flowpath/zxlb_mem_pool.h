@@ -30,18 +30,19 @@ ZXPerThreadData_t *create_tls_pool(int loc_BusyTLSCnt);
 ZXPerThreadData_t *get_free_tls_slot(ZXProxyInstance_t *app);
 ZXPerThreadData_t *get_free_tls_slot();
 
-// Gives a busy record back. A null record is logged; a record that is not
-// busy (already given back, or never taken) is ignored, so that the stop path
-// and the owning thread cannot both free it.
+// Gives a busy record back (its owner only). A null record is logged; a
+// record that is not busy (already given back, or never taken) is ignored.
 void free_tls_slot(ZXProxyInstance_t *app, ZXPerThreadData_t *record);
 void free_tls_slot(ZXPerThreadData_t *record);
 
-// Writes a flowpath still in progress as incomplete; supplied by the flowpath
-// generator.
+// Writes a flowpath still in progress as incomplete, under the record's own
+// lock, without resetting it; supplied by the flowpath generator.
 using ZXIncompleteFPWriter = void (*)(ZXPerThreadData_t *record, void *user);
 
-// At stop: for each busy record, head first, writes it with `writer` (when
-// given) outside tlsMutex, resets and frees it; then flushes the send buffers.
+// At stop: for each record busy when the walk begins, head first, calls
+// `writer` (when given) outside tlsMutex; then flushes the send buffers. The
+// records stay busy: their threads may still be inside the transaction, so
+// each goes back to the free list only when its owner gives it back.
 void dumpFpFromBusyList(ZXProxyInstance_t *app, ZXIncompleteFPWriter writer, void *user);
 
 // Start-up: creates tlsMutex and the first block (unless this is the proxy

@@ -4,7 +4,7 @@
 #include <climits>
 #include <cstring>
 #include <new>
-#include <unordered_map>
+#include <string_view>
 
 #include "ZXProxyInstance.h"
 #include "zxlb_mt_log.h"
@@ -18,122 +18,22 @@ int bt_trace_level() {
 #define ZXBT_LOG(level, above, severity, ...) \
   ZX_LOG_IF((level) > (above), "BT_MON", severity, __VA_ARGS__)
 
-constexpr zxlbTrieRow kNoChildren = [] {
-  zxlbTrieRow row{};
-  row.fill(-1);
-  return row;
-}();
+constexpr std::uint32_t kNoChild = ~0u;
+// Bytes a second walk must save before it pays for its start.
+constexpr int kSecondWalkFrom = 8;
 
-// Symbol of a byte, or -1 outside the alphabet.
-inline int symbol_of(char c) {
+inline bool in_alphabet(char c) {
   const int s = static_cast<unsigned char>(c) - ZXLB_ALPHABET_FIRST;
-  return s >= 0 && s < ZXLB_ALPHABET_SIZE ? s : -1;
+  return s >= 0 && s < ZXLB_ALPHABET_SIZE;
 }
 
-// A byte outside the alphabet has no transition anywhere, so the match
-// restarts at the root. The root row is complete, which ends every chain
-// (and a built automaton has no missing edge at all).
-inline int next_state(const zxlbTrie &t, int state, char c) {
-  const int a = symbol_of(c);
-  if (a < 0) return 0;
-  while (t.childrens[state][a] == -1) state = t.f_func[state];
-  return t.childrens[state][a];
-}
-
-// Grows all three arrays to `states` together. Reports which one failed, as
-// the trace has always told the two apart.
-bool grow_states(zxlbTrie &t, unsigned int states, int trace) {
-  try {
-    t.childrens.resize(states, kNoChildren);
-  } catch (const std::bad_alloc &) {
-    ZX_LOG_OOM(static_cast<long long>(states) * sizeof(kNoChildren), "keyword automaton rows",
-               t.childrens.size());
-    ZXBT_LOG(trace, 0, "Error",
-             "Unable to allocate memory to children to trie, freeing earlier allocated spaces");
+bool can_match(const ZXLBKeywordLexicon &e) {
+  if (e.match_constraint < ZXLB_MATCH_STARTS_WITH || e.match_constraint > ZXLB_MATCH_EQUALS)
     return false;
-  }
-  try {
-    t.out_func.resize(states, 0);
-    t.f_func.resize(states, -1);
-  } catch (const std::bad_alloc &) {
-    ZX_LOG_OOM(static_cast<long long>(states) * sizeof(int), "keyword automaton outputs",
-               t.out_func.size());
-    ZXBT_LOG(trace, 0, "Error", "Unable to allocate space to out_func");
-    return false;
-  }
-  t.total_states = states;
-  return true;
-}
-
-// Goto function over the whole lexicon. -1 when memory is short.
-int build_goto(zxlbTrie &t, const ZXBTCustomRule &rule, int trace) {
-  // Never 0, so a growth always makes room.
-  const unsigned int step =
-      std::clamp(all_keyword_len, ZXLB_TRIE_DEFAULT_STATES, ZXLB_TRIE_MAX_STATES);
-  if (!grow_states(t, step, trace)) return -1;
-  unsigned int next_free = 1;
-  for (unsigned int k = 0; k < rule.keyword_count && k < rule.dictionary.size(); ++k) {
-    const ZXLBKeywordLexicon &e = rule.dictionary[k];
-    // A keyword with a byte outside the alphabet can never be read to its
-    // end, so it gets no path; it may still be reported through a bit it
-    // shares with another keyword.
-    bool in_alphabet = true;
-    for (unsigned int i = 0; i < e.elements_len; ++i) in_alphabet &= symbol_of(e.keyword[i]) >= 0;
-    if (!in_alphabet) continue;
-
-    int state = 0;
-    for (unsigned int i = 0; i < e.elements_len; ++i) {
-      const int a = symbol_of(e.keyword[i]);
-      ZXBT_LOG(trace, 2, "Info", "character = '%c' and its value after mapping = %d", e.keyword[i],
-               a);
-      if (t.childrens[state][a] == -1) {
-        t.childrens[state][a] = static_cast<int>(next_free++);
-        if (next_free >= t.total_states) {
-          if (t.total_states + step > ZXLB_TRIE_MAX_STATES) return -1;
-          if (!grow_states(t, t.total_states + step, trace)) return -1;
-        }
-      }
-      state = t.childrens[state][a];
-    }
-    t.out_func[state] |= 1u << (k % 32);
-  }
-  return static_cast<int>(next_free);
-}
-
-// Failure function, breadth first: a state's failure lies at a smaller depth,
-// so it is final before any child of the state is reached. Once a state's
-// children are done, its missing edges are filled with its failure state's
-// (already complete) row: a search then reads one entry per character
-// instead of walking failure chains, and reaches the same states.
-void build_failure(zxlbTrie &t, unsigned int keyword_count) {
-  std::vector<int> queue;  // FIFO: read at head, appended at the end
-  queue.reserve(keyword_count);
-  auto push = [&queue](int s) {
-    if (queue.size() == queue.capacity()) queue.reserve(2 * queue.capacity() + 1);
-    queue.push_back(s);
-  };
-  for (int &child : t.childrens[0]) {
-    if (child == -1) child = 0;  // the root loops to itself
-  }
-  for (int child : t.childrens[0]) {
-    if (child == 0) continue;
-    t.f_func[child] = 0;
-    push(child);
-  }
-  for (std::size_t head = 0; head < queue.size(); ++head) {
-    const int s = queue[head];
-    const int fs = t.f_func[s];
-    for (int a = 0; a < ZXLB_ALPHABET_SIZE; ++a) {
-      int &child = t.childrens[s][a];
-      if (child == -1) {
-        child = t.childrens[fs][a];
-        continue;
-      }
-      t.f_func[child] = t.childrens[fs][a];
-      t.out_func[child] |= t.out_func[t.f_func[child]];
-      push(child);
-    }
-  }
+  // An empty keyword occurs nowhere; one with a byte outside the alphabet
+  // can never be read to its end.
+  if (e.elements_len == 0 || e.elements_len >= ZXLB_KEYWORD_SIZE) return false;
+  return std::all_of(e.keyword, e.keyword + e.elements_len, in_alphabet);
 }
 
 // Where a keyword of length klen, found at `start`, must stand in a text of
@@ -153,147 +53,307 @@ inline bool holds(char constraint, long long klen, int start, int len) {
   }
 }
 
-int constraint_holds(const ZXLBKeywordLexicon &e, int start, int len, int trace) {
-  const int ret = holds(e.match_constraint, e.elements_len, start, len);
-  ZXBT_LOG(trace, 1, "Info", "match_constraint is [%c] for keyword [%s]",
-           '0' + static_cast<unsigned char>(e.match_constraint) % 10, e.keyword);
-  ZXBT_LOG(trace, 1, "Info", "ret_val = %c", ret ? '1' : '0');
-  return ret;
-}
-
-// Sums up what the out_func value `bits` can match; 0 when nothing.
-unsigned int make_class(zxlbTrie &t, unsigned int bits) {
-  zxlbMatchClass m;
-  m.bits = bits;
-  bool any = false;
-  for (const zxlbRankedKeyword &r : t.ranked) {
-    if (!((bits >> (r.index % 32)) & 1)) continue;
-    if (!any) m.top = r;
-    any = true;
-    switch (r.match_constraint) {
-      case ZXLB_MATCH_STARTS_WITH:
-        m.starts_with_len.set(r.len);
-        break;
-      case ZXLB_MATCH_ENDS_WITH:
-        m.has_ends_with = true;
-        break;
-      case ZXLB_MATCH_CONTAINS:
-        m.min_contains_len = std::min(m.min_contains_len, r.len);
-        break;
-      default:
-        m.equals_len.set(r.len);
-        break;
-    }
+// States of a trie over `texts`: the root, plus per text what it does not
+// share with its sorted predecessor. Lets a build refuse before it allocates.
+std::size_t count_states(std::vector<std::string_view> texts) {
+  std::sort(texts.begin(), texts.end());
+  std::size_t states = 1;
+  std::string_view prev;
+  for (std::string_view t : texts) {
+    std::size_t common = 0;
+    while (common < t.size() && common < prev.size() && t[common] == prev[common]) ++common;
+    states += t.size() - common;
+    prev = t;
   }
-  if (!any) return 0;
-  t.classes.push_back(m);
-  return static_cast<unsigned int>(t.classes.size() - 1);
+  return states;
 }
 
-void build_ranking(zxlbTrie &t, const ZXBTCustomRule &rule, unsigned int states) {
-  const unsigned int count = std::min<std::size_t>(rule.keyword_count, rule.dictionary.size());
-  for (unsigned int j = 0; j < count; ++j) {
-    const ZXLBKeywordLexicon &e = rule.dictionary[j];
-    if (e.match_constraint >= ZXLB_MATCH_STARTS_WITH && e.match_constraint <= ZXLB_MATCH_EQUALS &&
-        e.elements_len < ZXLB_KEYWORD_SIZE)
+// The automaton in the making, states numbered as the goto function makes
+// them; `childrens` holds state numbers until the renumbering.
+struct Builder {
+  zxlbTrie &t;
+  const ZXBTCustomRule &rule;
+  int trace;
+  std::vector<unsigned int> keywords;  // lexicon indexes that can match, ascending
+  std::vector<std::uint8_t> depth;
+  std::vector<std::uint32_t> end_state;  // per entry of `keywords`
+  std::vector<std::uint32_t> bfs;        // states breadth first
+
+  std::uint32_t *row(std::uint32_t s) { return &t.childrens[std::size_t{s} << t.row_shift]; }
+
+  // Keywords, ranks and symbol classes; false when the states would exceed
+  // the bound.
+  bool plan() {
+    const std::size_t count = std::min<std::size_t>(rule.keyword_count, rule.dictionary.size());
+    std::vector<std::string_view> texts;
+    bool used[256] = {};
+    for (unsigned int j = 0; j < count; ++j) {
+      const ZXLBKeywordLexicon &e = rule.dictionary[j];
+      if (!can_match(e)) continue;
+      keywords.push_back(j);
+      texts.emplace_back(e.keyword, e.elements_len);
+      t.max_depth = std::max(t.max_depth, e.elements_len);
+      for (char c : texts.back()) used[static_cast<unsigned char>(c)] = true;
+    }
+    const std::size_t states = count_states(std::move(texts));
+    if (states > ZXLB_TRIE_MAX_STATES || keywords.size() >= UINT16_MAX) {
+      ZXBT_LOG(trace, 0, "Error", "Keyword automaton would need %zu states (at most %u)", states,
+               ZXLB_TRIE_MAX_STATES);
+      return false;
+    }
+    unsigned int classes = 1;
+    for (int c = 0; c < 256; ++c)
+      t.symbol_class[c] = used[c] ? static_cast<std::uint8_t>(classes++) : 0;
+    while ((1u << t.row_shift) < classes) ++t.row_shift;
+
+    t.ranked.assign(1, zxlbRankedKeyword{});
+    for (unsigned int j : keywords) {
+      const ZXLBKeywordLexicon &e = rule.dictionary[j];
       t.ranked.push_back({e.priority, j, e.elements_len, e.match_constraint});
+    }
+    std::sort(t.ranked.begin() + 1, t.ranked.end(), [](const auto &a, const auto &b) {
+      return a.priority != b.priority ? a.priority < b.priority : a.index < b.index;
+    });
+    t.total_states = static_cast<unsigned int>(states);
+    t.childrens.assign(std::size_t{states} << t.row_shift, kNoChild);
+    depth.assign(states, 0);
+    return true;
   }
-  std::sort(t.ranked.begin(), t.ranked.end(), [](const auto &a, const auto &b) {
-    return a.priority != b.priority ? a.priority > b.priority : a.index > b.index;
-  });
-  t.classes.assign(1, zxlbMatchClass{});
-  t.out_class.assign(t.total_states, 0);
-  std::unordered_map<unsigned int, unsigned int> class_of;
-  for (unsigned int s = 0; s < states; ++s) {
-    const unsigned int bits = t.out_func[s];
-    if (!bits) continue;
-    auto [it, fresh] = class_of.try_emplace(bits, 0);
-    if (fresh) it->second = make_class(t, bits);
-    t.out_class[s] = it->second;
-  }
-  t.built_keyword_count = rule.keyword_count;
-}
 
-// Every keyword of every reported bit, in ascending index: with ">=" the
-// last of equal priority wins, so the higher index at the same end.
-int scan_all(const char *input, int len, const zxlbTrie &t, const ZXBTCustomRule &rule, int trace) {
-  const unsigned int count = std::min<std::size_t>(rule.keyword_count, rule.dictionary.size());
-  ZXBT_LOG(trace, 1, "Info", "keyword_count:%d", count);
-  int best = -1;
-  unsigned int highest_priority = 0;
-  int state = 0;
-  for (int i = 0; i < len; ++i) {
-    state = next_state(t, state, input[i]);
-    ZXBT_LOG(trace, 2, "Info", "currentState:%d", state);
-    const unsigned int bits = t.out_func[state];
-    if (!bits) continue;
-    for (unsigned int base = 0; base < count; base += 32) {
-      for (unsigned int rest = bits; rest; rest &= rest - 1) {
-        const unsigned int j = base + static_cast<unsigned int>(__builtin_ctz(rest));
-        if (j >= count) break;
-        const ZXLBKeywordLexicon &e = rule.dictionary[j];
-        const int start = i - static_cast<int>(e.elements_len) + 1;
-        ZXBT_LOG(trace, 1, "Info", "Word:%s with priority: %d appear from %d to %d in pattern:%s",
-                 e.keyword, e.priority, start, i, input);
-        if (e.priority >= highest_priority && constraint_holds(e, start, len, trace)) {
-          best = static_cast<int>(j);
-          highest_priority = e.priority;
+  // Goto function, in lexicon order; the path of every keyword.
+  void build_goto() {
+    std::uint32_t next_free = 1;
+    for (unsigned int j : keywords) {
+      const ZXLBKeywordLexicon &e = rule.dictionary[j];
+      std::uint32_t s = 0;
+      for (unsigned int i = 0; i < e.elements_len; ++i) {
+        const unsigned char c = static_cast<unsigned char>(e.keyword[i]);
+        ZXBT_LOG(trace, 2, "Info", "character = '%c' and its value after mapping = %d", c,
+                 c - ZXLB_ALPHABET_FIRST);
+        std::uint32_t &child = row(s)[t.symbol_class[c]];
+        if (child == kNoChild) {
+          child = next_free++;
+          depth[child] = static_cast<std::uint8_t>(i + 1);
         }
+        s = child;
+      }
+      end_state.push_back(s);
+    }
+  }
+
+  // Failure function, breadth first: a state's failure lies at a smaller
+  // depth, so its row is complete before any child of the state is reached.
+  // Once a state's children are done, its missing edges take its failure
+  // state's entries: a search then reads one entry per byte and reaches the
+  // states that following the failure links would.
+  void build_failure() {
+    t.f_func.assign(t.total_states, -1);
+    bfs.reserve(t.total_states);
+    bfs.push_back(0);
+    const std::uint32_t width = 1u << t.row_shift;
+    for (std::uint32_t a = 0; a < width; ++a) {
+      std::uint32_t &child = row(0)[a];
+      if (child == kNoChild) {
+        child = 0;  // the root loops to itself
+        continue;
+      }
+      t.f_func[child] = 0;
+      bfs.push_back(child);
+    }
+    for (std::size_t head = 1; head < bfs.size(); ++head) {
+      const std::uint32_t s = bfs[head];
+      const std::uint32_t *fail_row = row(static_cast<std::uint32_t>(t.f_func[s]));
+      std::uint32_t *r = row(s);
+      for (std::uint32_t a = 0; a < width; ++a) {
+        if (r[a] == kNoChild) {
+          r[a] = fail_row[a];
+          continue;
+        }
+        t.f_func[r[a]] = static_cast<int>(fail_row[a]);
+        bfs.push_back(r[a]);
       }
     }
   }
-  return best;
+
+  // Per-state outputs, then the renumbering that puts the states with a
+  // "contains" output last. Returns the renumbering.
+  std::vector<std::uint32_t> build_outputs() {
+    std::vector<zxlbStateOutput> out(t.total_states, zxlbStateOutput{});
+    std::vector<std::uint32_t> own_count(t.total_states, 0);
+    std::vector<std::uint32_t> rank_state(t.ranked.size(), 0);
+    for (std::uint16_t r = 1; r < t.ranked.size(); ++r) {
+      const std::size_t k = static_cast<std::size_t>(
+          std::lower_bound(keywords.begin(), keywords.end(), t.ranked[r].index) - keywords.begin());
+      const std::uint32_t s = end_state[k];
+      rank_state[r] = s;
+      ++own_count[s];
+      zxlbStateOutput &o = out[s];
+      std::uint16_t *slot = t.ranked[r].match_constraint == ZXLB_MATCH_STARTS_WITH ? &o.starts_own
+                            : t.ranked[r].match_constraint == ZXLB_MATCH_ENDS_WITH ? &o.ends_all
+                            : t.ranked[r].match_constraint == ZXLB_MATCH_CONTAINS  ? &o.contains_all
+                                                                                   : &o.equals_own;
+      *slot = std::max(*slot, r);  // ascending ranks: the last is the best
+    }
+    for (std::size_t i = 1; i < bfs.size(); ++i) {
+      zxlbStateOutput &o = out[bfs[i]];
+      const zxlbStateOutput &f = out[static_cast<std::size_t>(t.f_func[bfs[i]])];
+      o.contains_suffix = f.contains_all;
+      o.contains_all = std::max(o.contains_all, f.contains_all);
+      o.ends_all = std::max(o.ends_all, f.ends_all);
+      o.depth = depth[bfs[i]];
+    }
+
+    std::vector<std::uint32_t> renumber(t.total_states);
+    std::uint32_t next = 0;
+    for (int pass = 0; pass < 2; ++pass) {
+      if (pass == 1) t.contains_from = next << t.row_shift;
+      for (std::uint32_t s = 0; s < t.total_states; ++s)
+        if ((out[s].contains_all != 0) == (pass == 1)) renumber[s] = next++;
+    }
+    t.out_func.resize(t.total_states);
+    std::vector<int> f_func(t.total_states, -1);
+    for (std::uint32_t s = 0; s < t.total_states; ++s) {
+      t.out_func[renumber[s]] = out[s];
+      if (s) f_func[renumber[s]] = static_cast<int>(renumber[t.f_func[s]]);
+    }
+    t.f_func.swap(f_func);
+
+    t.own_first.assign(t.total_states + 1, 0);
+    for (std::uint32_t s = 0; s < t.total_states; ++s) t.own_first[renumber[s] + 1] = own_count[s];
+    for (std::uint32_t s = 0; s < t.total_states; ++s) t.own_first[s + 1] += t.own_first[s];
+    t.own_rank.assign(t.ranked.size() - 1, 0);
+    std::vector<std::uint32_t> fill(t.own_first.begin(), t.own_first.end() - 1);
+    for (std::uint16_t r = 1; r < t.ranked.size(); ++r)
+      t.own_rank[fill[renumber[rank_state[r]]]++] = r;
+    return renumber;
+  }
+
+  // Moves every row to its new number (one cycle of the permutation at a
+  // time, so no second table) and turns entries into row offsets.
+  void renumber_rows(const std::vector<std::uint32_t> &renumber) {
+    const std::size_t width = std::size_t{1} << t.row_shift;
+    std::vector<std::uint32_t> carried(width);
+    std::vector<bool> placed(t.total_states, false);
+    for (std::uint32_t start = 0; start < t.total_states; ++start) {
+      if (placed[start]) continue;
+      std::copy_n(row(start), width, carried.begin());
+      for (std::uint32_t from = start; !placed[from];) {
+        placed[from] = true;
+        const std::uint32_t to = renumber[from];
+        std::swap_ranges(carried.begin(), carried.end(), row(to));
+        from = to;
+      }
+    }
+    for (std::uint32_t &e : t.childrens) e = renumber[e] << t.row_shift;
+  }
+};
+
+// The best occurrence so far: highest priority, then later end, then higher
+// rank (the lexicon index orders equal priorities).
+struct Best {
+  unsigned int rank = 0;
+  int end = -1;
+
+  void offer(const zxlbTrie &t, unsigned int r, int at) {
+    if (!r) return;
+    if (rank) {
+      const unsigned int p = t.ranked[r].priority, q = t.ranked[rank].priority;
+      if (p != q ? p < q : (at != end ? at < end : r < rank)) return;
+    }
+    rank = r;
+    end = at;
+  }
+};
+
+int search_fast(const unsigned char *in, int len, const zxlbTrie &t) {
+  const std::uint32_t *delta = t.childrens.data();
+  const std::uint8_t *cls = t.symbol_class.data();
+  const unsigned int shift = t.row_shift;
+  Best best;
+  std::uint32_t s = 0;
+  int i = 0;
+  for (; i < len; ++i) {  // while the text read is the state's path
+    s = delta[s + cls[in[i]]];
+    const zxlbStateOutput &o = t.out_func[s >> shift];
+    if (o.depth != i + 1) break;
+    best.offer(t, o.starts_own, i);
+    best.offer(t, o.contains_suffix, i);
+  }
+  if (i == len) {
+    if (len) {
+      const zxlbStateOutput &o = t.out_func[s >> shift];
+      best.offer(t, o.equals_own, len - 1);
+      best.offer(t, o.ends_all, len - 1);
+    }
+    return static_cast<int>(best.rank);
+  }
+  const std::uint32_t contains_from = t.contains_from;
+  if (s >= contains_from) best.offer(t, t.out_func[s >> shift].contains_all, i);
+  ++i;
+  // A state's path is at most max_depth bytes, so a second walk started at
+  // the root that many bytes before `mid` is in the true state from `mid` on.
+  // The two walks' table reads do not wait on each other. `mid` gives both
+  // the same number of bytes; after a long prefix it can lie past the end.
+  const int depth = static_cast<int>(t.max_depth);
+  const int mid = (len + depth + i) / 2;
+  if (mid - depth >= kSecondWalkFrom && mid < len) {
+    std::uint32_t s2 = 0;
+    int j = mid - depth;
+    for (; i < mid; ++i, ++j) {
+      s = delta[s + cls[in[i]]];
+      s2 = delta[s2 + cls[in[j]]];
+      if (s >= contains_from) best.offer(t, t.out_func[s >> shift].contains_all, i);
+      if (s2 >= contains_from && j >= mid) best.offer(t, t.out_func[s2 >> shift].contains_all, j);
+    }
+    i = j;  // at most one byte left
+    s = s2;
+  }
+  for (; i < len; ++i) {
+    s = delta[s + cls[in[i]]];
+    if (s >= contains_from) best.offer(t, t.out_func[s >> shift].contains_all, i);
+  }
+  best.offer(t, t.out_func[s >> shift].ends_all, len - 1);
+  return static_cast<int>(best.rank);
 }
 
-// The same winner as scan_all: at each end index the first ranked keyword
-// that is reported and holds is the highest (priority, index) there, and one
-// below the best so far could not replace it.
-int scan_ranked(const char *input, int len, const zxlbTrie &t) {
-  int best = -1;
-  unsigned int highest_priority = 0;
-  unsigned int state = 0;
+// Every keyword ending at every position, found through the failure chain
+// and tested one by one.
+int search_all(const unsigned char *in, int len, const zxlbTrie &t, const ZXBTCustomRule &rule,
+               int trace) {
+  ZXBT_LOG(trace, 1, "Info", "keyword_count:%d", static_cast<int>(t.ranked.size() - 1));
+  Best best;
+  std::uint32_t state = 0;
   for (int i = 0; i < len; ++i) {
-    const int a = symbol_of(input[i]);
-    state = a < 0 ? 0 : static_cast<unsigned int>(t.childrens[state][a]);
-    const unsigned int cls = t.out_class[state];
-    if (!cls) continue;
-    const zxlbMatchClass &m = t.classes[cls];
-    if (m.top.priority < highest_priority) continue;
-    const int top_start = i - static_cast<int>(m.top.len) + 1;
-    if (m.top.match_constraint == ZXLB_MATCH_CONTAINS
-            ? top_start >= 1
-            : holds(m.top.match_constraint, m.top.len, top_start, len)) {
-      best = static_cast<int>(m.top.index);
-      highest_priority = m.top.priority;
-      continue;
-    }
-    const bool possible = static_cast<unsigned int>(i) >= m.min_contains_len ||
-                          (i + 1 < ZXLB_KEYWORD_SIZE && m.starts_with_len[i + 1]) ||
-                          (m.has_ends_with && i == len - 1) ||
-                          (len < ZXLB_KEYWORD_SIZE && m.equals_len[len]);
-    if (!possible) continue;
-    for (const zxlbRankedKeyword &r : t.ranked) {
-      if (r.priority < highest_priority) break;
-      if (!((m.bits >> (r.index % 32)) & 1)) continue;
-      if (holds(r.match_constraint, r.len, i - static_cast<int>(r.len) + 1, len)) {
-        best = static_cast<int>(r.index);
-        highest_priority = r.priority;
-        break;
+    state = t.childrens[(std::size_t{state} << t.row_shift) + t.symbol_class[in[i]]] >> t.row_shift;
+    ZXBT_LOG(trace, 2, "Info", "currentState:%d", static_cast<int>(state));
+    for (int s = static_cast<int>(state); s > 0; s = t.f_func[static_cast<std::size_t>(s)]) {
+      for (std::uint32_t k = t.own_first[s]; k < t.own_first[s + 1]; ++k) {
+        const zxlbRankedKeyword &r = t.ranked[t.own_rank[k]];
+        const int start = i - static_cast<int>(r.len) + 1;
+        const char *text = r.index < rule.dictionary.size() ? rule.dictionary[r.index].keyword : "";
+        ZXBT_LOG(trace, 1, "Info", "Word:%s with priority: %d appear from %d to %d in pattern:%s",
+                 text, r.priority, start, i, reinterpret_cast<const char *>(in));
+        const bool ok = holds(r.match_constraint, r.len, start, len);
+        ZXBT_LOG(trace, 1, "Info", "match_constraint is [%c] for keyword [%s]",
+                 '0' + r.match_constraint, text);
+        ZXBT_LOG(trace, 1, "Info", "ret_val = %c", ok ? '1' : '0');
+        if (ok) best.offer(t, t.own_rank[k], i);
       }
     }
   }
-  return best;
+  return static_cast<int>(best.rank);
 }
 
-// Common front of both searches: -2 when there is nothing to search.
+// Common front of both searches: -1 when there is nothing to search.
 int search_length(const char *input, const zxlbTrie *trie_node, const ZXBTCustomRule *rule) {
-  if (!input || !trie_node || !rule || trie_node->childrens.empty()) return -2;
+  if (!input || !trie_node || !rule || trie_node->childrens.empty()) return -1;
   const std::size_t n = std::strlen(input);
-  return n > INT_MAX ? -2 : static_cast<int>(n);
+  return n > INT_MAX ? -1 : static_cast<int>(n);
 }
 
-const char *winner(const ZXBTCustomRule &rule, int best, int trace) {
-  const char *ret_val = best < 0 ? nullptr : rule.dictionary[best].bt_name;
+const char *winner(const zxlbTrie &t, const ZXBTCustomRule &rule, int rank, int trace) {
+  const unsigned int index = rank > 0 ? t.ranked[static_cast<std::size_t>(rank)].index : ~0u;
+  const char *ret_val = index < rule.dictionary.size() ? rule.dictionary[index].bt_name : nullptr;
   ZXBT_LOG(trace, 0, "Info", "ret_val = %s", ret_val ? ret_val : "(null)");
   return ret_val;
 }
@@ -312,24 +372,28 @@ int create_match_machine(zxlbTrie *trie_node, ZXBTCustomRule *rule) {
   }
   // Built aside and moved in whole; a failure leaves the automaton empty.
   zxlbTrie built;
-  int states = -1;
+  Builder b{built, *rule, trace, {}, {}, {}, {}};
+  bool ok = false;
   try {
-    states = build_goto(built, *rule, trace);
-    if (states > 0) {
-      ZXBT_LOG(trace, 0, "Info", "Maximum states in automaton = %d", states);
-      build_failure(built, rule->keyword_count);
-      build_ranking(built, *rule, static_cast<unsigned int>(states));
+    if (b.plan()) {
+      b.build_goto();
+      ZXBT_LOG(trace, 0, "Info", "Maximum states in automaton = %d",
+               static_cast<int>(built.total_states));
+      b.build_failure();
+      b.renumber_rows(b.build_outputs());
+      ok = true;
     }
   } catch (const std::bad_alloc &) {
-    ZX_LOG_OOM(rule->keyword_count * sizeof(zxlbRankedKeyword), "keyword automaton tables", 0);
-    states = -1;
+    ZX_LOG_OOM(std::size_t{built.total_states} << built.row_shift, "keyword automaton", 0);
+    ZXBT_LOG(trace, 0, "Error",
+             "Unable to allocate memory to children to trie, freeing earlier allocated spaces");
   }
-  if (states < 0) {
+  if (!ok) {
     *trie_node = zxlbTrie{};
     return -1;
   }
   *trie_node = std::move(built);
-  return states;
+  return static_cast<int>(trie_node->total_states);
 }
 
 int zxlb_init_automaton(zxlbTrie *trie_node, ZXBTCustomRule *rule) {
@@ -338,9 +402,13 @@ int zxlb_init_automaton(zxlbTrie *trie_node, ZXBTCustomRule *rule) {
 
 int find_next_state(const zxlbTrie *trie_node, int currentState, char nextInput) {
   if (!trie_node || currentState < 0 ||
-      static_cast<std::size_t>(currentState) >= trie_node->childrens.size())
+      static_cast<unsigned int>(currentState) >= trie_node->total_states)
     return 0;
-  const int state = next_state(*trie_node, currentState, nextInput);
+  const unsigned int shift = trie_node->row_shift;
+  const int state = static_cast<int>(
+      trie_node->childrens[(static_cast<std::size_t>(currentState) << shift) +
+                           trie_node->symbol_class[static_cast<unsigned char>(nextInput)]] >>
+      shift);
   ZXBT_LOG(bt_trace_level(), 2, "Info", "answer(state) = %d, ascii of character = %d", state,
            static_cast<unsigned char>(nextInput));
   return state;
@@ -351,8 +419,13 @@ int check_for_match_constraint(const ZXBTCustomRule *rule, int dictionary_idx, i
   if (!rule || dictionary_idx < 0 ||
       static_cast<std::size_t>(dictionary_idx) >= rule->dictionary.size())
     return 0;
-  return constraint_holds(rule->dictionary[dictionary_idx], start_index, in_str_len,
-                          bt_trace_level());
+  const ZXLBKeywordLexicon &e = rule->dictionary[dictionary_idx];
+  const int trace = bt_trace_level();
+  const int ret = holds(e.match_constraint, e.elements_len, start_index, in_str_len);
+  ZXBT_LOG(trace, 1, "Info", "match_constraint is [%c] for keyword [%s]",
+           '0' + static_cast<unsigned char>(e.match_constraint) % 10, e.keyword);
+  ZXBT_LOG(trace, 1, "Info", "ret_val = %c", ret ? '1' : '0');
+  return ret;
 }
 
 const char *search_match_machine(const char *input, const zxlbTrie *trie_node,
@@ -360,10 +433,10 @@ const char *search_match_machine(const char *input, const zxlbTrie *trie_node,
   const int len = search_length(input, trie_node, rule);
   if (len < 0) return nullptr;
   const int trace = bt_trace_level();
-  if (trace > 1 || rule->keyword_count != trie_node->built_keyword_count ||
-      trie_node->out_class.empty())
-    return winner(*rule, scan_all(input, len, *trie_node, *rule, trace), trace);
-  return winner(*rule, scan_ranked(input, len, *trie_node), trace);
+  const auto *in = reinterpret_cast<const unsigned char *>(input);
+  const int rank =
+      trace > 1 ? search_all(in, len, *trie_node, *rule, trace) : search_fast(in, len, *trie_node);
+  return winner(*trie_node, *rule, rank, trace);
 }
 
 const char *search_match_machine_exhaustive(const char *input, const zxlbTrie *trie_node,
@@ -371,7 +444,10 @@ const char *search_match_machine_exhaustive(const char *input, const zxlbTrie *t
   const int len = search_length(input, trie_node, rule);
   if (len < 0) return nullptr;
   const int trace = bt_trace_level();
-  return winner(*rule, scan_all(input, len, *trie_node, *rule, trace), trace);
+  return winner(
+      *trie_node, *rule,
+      search_all(reinterpret_cast<const unsigned char *>(input), len, *trie_node, *rule, trace),
+      trace);
 }
 
 void dealloc_match_machine(zxlbTrie *trie_node, ZXBTCustomRule *rule) {

@@ -1,7 +1,8 @@
 // The keyword rule set and its keyword automaton: an Aho-Corasick matcher
 // that finds every lexicon keyword occurring in a URL in one left-to-right
 // pass, keeps the occurrences whose position constraint holds and names the
-// BT of the one with the highest priority.
+// BT of the best one: highest priority, then the later end, then the higher
+// lexicon index.
 //
 // The rule reader fills the lexicon and builds the automaton once per rule
 // file; request threads search it at transaction start without a lock. A
@@ -10,21 +11,31 @@
 // on the search path, so a reload can build a new pair aside and publish it
 // whole.
 //
-// Keywords "he" (index 0) and "she" (index 1), goto edges drawn, failure
-// links listed:
+// Keywords "he" (index 0, contains) and "she" (index 1, starts with), goto
+// edges drawn, failure links listed:
 //
-//   (0) -h-> (1) -e-> (2){bit 0}
+//   (0) -h-> (1) -e-> (2){he}
 //    |
-//    +--s-> (3) -h-> (4) -e-> (5){bits 1|0}      f(4) = 1, f(5) = 2
+//    +--s-> (3) -h-> (4) -e-> (5){she}        f(4) = 1, f(5) = 2
 //
-// State 5 carries both bits: its failure state 2 ends "he" too. Output bits
-// are the lexicon index mod 32, so keywords j and j + 32 share a bit: an
-// occurrence of either reports both, and each is then tested with its own
-// length and constraint.
+// Every state knows, per constraint, the best keyword that ends in it: its
+// own ones, and through its failure chain those that end in a suffix of its
+// path (state 5 reports "she" and "he"). Keywords are known by rank, their
+// (priority, index) order, so "best" is a plain maximum. A keyword that can
+// never match (empty, constraint other than 1 to 4, a byte outside the
+// alphabet) has no path and no rank.
+//
+// The search takes one table read per byte:
+//   - while the text so far is a path from the root (depth = bytes read),
+//     "starts with" keywords of the state itself hold, and so do "contains"
+//     keywords of its suffixes; at the last byte "equals" and "ends with";
+//   - after that the state can no longer be the prefix, so its whole
+//     "contains" output holds. States with one are numbered last: a single
+//     compare finds them. At the last byte, "ends with".
 #pragma once
 
 #include <array>
-#include <bitset>
+#include <cstdint>
 #include <memory>
 #include <vector>
 
@@ -34,14 +45,10 @@
 // of a URL sends the search back to the root.
 inline constexpr int ZXLB_ALPHABET_FIRST = 32;
 inline constexpr int ZXLB_ALPHABET_SIZE = 95;
-inline constexpr unsigned int ZXLB_TRIE_DEFAULT_STATES = 256;
-// all_keyword_len only grows across reloads; the automaton never takes more
-// than this many states (128 MB of rows), and a build that needs more fails.
+// all_keyword_len only grows across reloads and a lexicon holds up to 4,096
+// keywords of 255 bytes; the automaton never takes more than this many
+// states (at most 128 MB of rows), and a build that needs more fails.
 inline constexpr unsigned int ZXLB_TRIE_MAX_STATES = 1u << 18;
-// A row holds the 95 symbols padded to 128 entries, so that a search finds
-// the next row with a shift instead of a multiply on its load-to-load chain.
-inline constexpr int ZXLB_TRIE_ROW = 128;
-using zxlbTrieRow = std::array<int, ZXLB_TRIE_ROW>;
 
 inline constexpr int ZXBT_MAX_PARAM_RULES = 256;
 
@@ -81,44 +88,46 @@ struct ZXBTCustomRule {
   ~ZXBTCustomRule();  // clears DictionaryHeadPointer when it names this lexicon
 };
 
-// Keywords that can ever match (constraint 1 to 4), best first: priority
-// down, then index down.
+// A keyword that can match, as the automaton was built with it.
 struct zxlbRankedKeyword {
   unsigned int priority;
-  unsigned int index;
+  unsigned int index;  // into the lexicon
   unsigned int len;
   char match_constraint;
 };
 
-// What one distinct out_func value can match, summed up so that a search
-// skips a position where no member keyword's constraint can hold.
-struct zxlbMatchClass {
-  zxlbRankedKeyword top{};  // the best member: where it holds, it wins
-  unsigned int bits = 0;
-  unsigned int min_contains_len = ~0u;  // a "contains" holds from this end index on
-  bool has_ends_with = false;
-  std::bitset<ZXLB_KEYWORD_SIZE> starts_with_len;  // holds where end index + 1 is one
-  std::bitset<ZXLB_KEYWORD_SIZE> equals_len;       // holds where the text length is one
+// The best keyword (a rank, 0 = none) that holds in a state, by constraint.
+struct zxlbStateOutput {
+  std::uint16_t contains_all;     // own or ending in a suffix state
+  std::uint16_t contains_suffix;  // ending in a suffix state only
+  std::uint16_t ends_all;         // own or ending in a suffix state
+  std::uint16_t starts_own;
+  std::uint16_t equals_own;
+  std::uint8_t depth;  // length of the state's path
 };
 
 struct zxlbTrie {
-  // Capacity in states: the size of childrens, out_func and f_func alike.
-  unsigned int total_states = 0;
-  // Goto function: childrens[s][c - 32] is the child of s on c, -1 = none.
-  // Once built, every missing edge holds the state the failure function
-  // leads to, so a search reads one entry per character.
-  std::vector<zxlbTrieRow> childrens;
-  std::vector<unsigned int> out_func;  // bit (k mod 32): keyword k ends here
-  std::vector<int> f_func;             // failure function
-
-  // Derived from the above and the lexicon as it was built. Past 20
-  // keywords the empty entries put bits on the root, so most states report
-  // a hundred candidates or more; testing them best first and stopping at
-  // the first that holds keeps a search to a few tests per character.
-  std::vector<zxlbRankedKeyword> ranked;
-  std::vector<zxlbMatchClass> classes;  // [0]: nothing can match
-  std::vector<unsigned int> out_class;  // per state, into classes
-  unsigned int built_keyword_count = 0;
+  unsigned int total_states = 0;  // states made; every per-state array has this many
+  // A row has 1 << row_shift entries, one per symbol class (padded).
+  unsigned int row_shift = 0;
+  unsigned int max_depth = 0;  // the longest keyword's length
+  // Row offset of the first state with a "contains" output; all later
+  // states have one too.
+  std::uint32_t contains_from = 0;
+  // Byte to symbol class; class 0 (bytes of no keyword, and all outside the
+  // alphabet) leads every state back to the root.
+  std::array<std::uint8_t, 256> symbol_class{};
+  // childrens[(s << row_shift) + class]: the state after s on that class, as
+  // its row offset. Complete: missing goto edges hold where the failure
+  // function leads, so a search reads one entry per byte.
+  std::vector<std::uint32_t> childrens;
+  std::vector<zxlbStateOutput> out_func;  // per state
+  std::vector<int> f_func;                // failure function, per state; the root's is -1
+  // Keywords whose text is the path of state s, by rank:
+  // own_rank[own_first[s] .. own_first[s + 1]).
+  std::vector<std::uint32_t> own_first;
+  std::vector<std::uint16_t> own_rank;
+  std::vector<zxlbRankedKeyword> ranked;  // by rank, ascending (priority, index); [0] unused
 };
 
 // Builds the automaton over the rule set's lexicon: 0, or -1 (the automaton
@@ -128,19 +137,22 @@ int zxlb_init_automaton(zxlbTrie *trie_node, ZXBTCustomRule *rule);
 // As zxlb_init_automaton, returning the number of states made, or -1.
 int create_match_machine(zxlbTrie *trie_node, ZXBTCustomRule *rule);
 
-// The state after reading nextInput in currentState, following failure links.
+// The state after reading nextInput in currentState (0 for a state that
+// does not exist).
 int find_next_state(const zxlbTrie *trie_node, int currentState, char nextInput);
 
-// The bt_name of the winning keyword in the NUL-terminated `input`, or null.
-// Among equal priorities the occurrence that ends later wins, and at the same
-// end the higher lexicon index; priority 0 still beats no match. Searched
-// with the rule set it was built from; keywords added since are still seen.
+// The bt_name of the winning keyword in the NUL-terminated `input`, or null:
+// the highest priority among the keywords that occur where their constraint
+// allows; among equal priorities the occurrence that ends later, and at the
+// same end the higher lexicon index. Priority 0 still beats no match. Only
+// the keywords present when the automaton was built are found; `rule` must
+// be the rule set it was built from (or one grown from it).
 const char *search_match_machine(const char *input, const zxlbTrie *trie_node,
                                  const ZXBTCustomRule *rule);
 
-// The same answer by testing every keyword of every reported bit, each test
-// traced at the detail levels; search_match_machine takes this way when
-// those traces are on or the lexicon grew after the build.
+// The same answer by walking every state's failure chain and testing every
+// keyword that ends there, each test traced at the detail levels;
+// search_match_machine takes this way when those traces are on.
 const char *search_match_machine_exhaustive(const char *input, const zxlbTrie *trie_node,
                                             const ZXBTCustomRule *rule);
 

@@ -59,8 +59,8 @@ int add_to_lexicon(ZXBTCustomRule *rule, const char *keyword, unsigned int prior
 
   const unsigned int index = rule->keyword_count;
   // The first growth has always jumped the count from 20 to 40 before
-  // storing the 21st keyword; which keywords share an output bit depends on
-  // the indexes this gives, so it is kept.
+  // storing the 21st keyword; the empty entries it leaves match nothing, and
+  // the indexes it gives order ties, so it is kept.
   const unsigned int count_after = index == ZXLB_LEXICON_INITIAL ? 2 * index + 1 : index + 1;
   if (count_after > ZXLB_LEXICON_MAX) {
     ZX_LOG_IF(true, "BT_MON", "Error", "Keyword lexicon is full (%u entries), keyword '%s' dropped",

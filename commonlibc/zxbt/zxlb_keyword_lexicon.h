@@ -52,10 +52,9 @@ int zxlb_build_lexicon(ZXBTCustomRule *rule);
 // Stores a keyword at index keyword_count, building the lexicon first if
 // there is none. Texts longer than their fields are cut; a null bt_name is
 // stored empty. The 21st keyword lifts keyword_count from 20 to 41: it stands
-// at index 20, followed by 20 empty entries that never match themselves but
-// do set their output bits on the root; indexes, and so the bits keywords
-// share, stay what they have always been. -1 for a null rule or keyword or a
-// failed growth.
+// at index 20, followed by 20 empty entries that never match; indexes, and
+// so the order that breaks ties between keywords, stay what they have always
+// been. -1 for a null rule or keyword or a failed growth.
 int add_to_lexicon(ZXBTCustomRule *rule, const char *keyword, unsigned int priority,
                    const char *bt_name, char match_constraint);
 

@@ -1,6 +1,7 @@
 // zx_collector: the reference collector as a command, for trying an agent by hand. It
-// answers connection requests, echoes heartbeats, optionally starts instrumentation,
-// prints every line it receives, decoded, and on exit optionally what the run amounted to.
+// answers connection requests, echoes heartbeats and sends its own, optionally starts
+// instrumentation, prints every line it receives, decoded, and on exit optionally what the
+// run amounted to.
 #include <pthread.h>
 #include <signal.h>
 
@@ -31,6 +32,8 @@ void usage(std::FILE *out) {
       "  --protocols LIST     offer protocols in the reply, e.g. \"TCP:7892,WSS:443\"\n"
       "  --start PAIRS        send start_instrumentation with \"kw=v;kw=v\" to each agent\n"
       "  --start-delay-ms N   wait N ms after the agent connects before --start (default 0)\n"
+      "  --heartbeat-ms N     send the collector's heartbeat on each control connection\n"
+      "                       every N ms; 0 or off: never (default 30000)\n"
       "  --duration-s N       exit after N seconds (default: until SIGINT/SIGTERM)\n"
       "  --quiet              print only the listening address and errors\n"
       "  --summary            on exit, print records by number, the per-BT tables and\n"
@@ -159,6 +162,10 @@ int main(int argc, char **argv) {
       const auto ms = zxref::parse_number<long>(*v);
       ok = ms && *ms >= 0;
       if (ok) start_delay_ms = *ms;
+    } else if (arg == "--heartbeat-ms") {
+      const auto ms = *v == "off" ? std::optional<long>(0) : zxref::parse_number<long>(*v);
+      ok = ms && *ms >= 0 && *ms <= 86'400'000;  // a day; far more would overflow the clock
+      if (ok) config.behaviour.heartbeat_interval = std::chrono::milliseconds(*ms);
     } else if (arg == "--flowpaths") {
       const auto n = zxref::parse_number<std::size_t>(*v);
       ok = n.has_value();

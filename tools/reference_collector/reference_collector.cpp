@@ -12,6 +12,7 @@
 #include <cerrno>
 #include <cstring>
 #include <deque>
+#include <limits>
 #include <utility>
 
 namespace zxref {
@@ -57,10 +58,30 @@ struct ReferenceCollector::Conn {
       : id(conn_id), fd(socket_fd), decoder(max_line) {}
   ConnKind kind() const { return decoder.kind(); }
 
+  // Scripted bytes, as given, so they may end mid-line.
+  void queue(std::string bytes, SendOptions options) {
+    if (!bytes.empty()) mid_line = bytes.back() != '\n';
+    out.push_back(Outgoing{std::move(bytes), 0, options});
+    if (!mid_line && !held.empty()) out.push_back(Outgoing{std::exchange(held, {}), 0, {}});
+  }
+  // A whole line of the collector's own; never lands inside a scripted line.
+  void queue_line(std::string line, SendOptions options) {
+    if (mid_line) {
+      held += line;
+    } else {
+      out.push_back(Outgoing{std::move(line), 0, options});
+    }
+  }
+
   int id;
   int fd;  // -1 once closed; swept out of conns_ at the end of the poll round
   StreamDecoder decoder;
   std::deque<Outgoing> out;
+  bool mid_line = false;  // the last byte queued was not '\n'
+  std::string held;       // the collector's lines waiting for that line to end
+  bool beats = false;     // a control connection past its request
+  Clock::time_point next_beat = Clock::time_point::max();
+  int beats_sent = 0;
 };
 
 ReferenceCollector::ReferenceCollector(Config config)
@@ -145,17 +166,16 @@ void ReferenceCollector::run() {
   std::vector<Event> events;
   for (;;) {
     std::vector<Command> commands;
-    bool read_control = true;
-    bool read_data = true;
+    Behaviour b;
     {
       std::lock_guard lock(mu_);
       if (stopping_) break;
       commands.swap(commands_);
-      read_control = behaviour_.read_control;
-      read_data = behaviour_.read_data;
+      b = behaviour_;
     }
     apply(commands, events);
     publish(events);
+    const int timeout_ms = beat(b);
 
     fds.clear();
     polled.clear();
@@ -165,14 +185,14 @@ void ReferenceCollector::run() {
       const ConnKind kind = conn->kind();
       short want = 0;
       // Until its request is read a connection has no kind, and is always read.
-      if (kind == ConnKind::Unknown || (kind == ConnKind::Control ? read_control : read_data)) {
+      if (kind == ConnKind::Unknown || (kind == ConnKind::Control ? b.read_control : b.read_data)) {
         want |= POLLIN;
       }
       if (!conn->out.empty()) want |= POLLOUT;
       fds.push_back({conn->fd, want, 0});
       polled.push_back(conn.get());
     }
-    if (::poll(fds.data(), fds.size(), -1) < 0) {
+    if (::poll(fds.data(), fds.size(), timeout_ms) < 0) {
       if (errno == EINTR) continue;
       std::lock_guard lock(mu_);
       history_.errors.push_back(errno_text("poll"));
@@ -259,9 +279,6 @@ void ReferenceCollector::handle_frames(Conn &conn, std::vector<Frame> &frames,
   {
     std::lock_guard lock(mu_);
     const Behaviour &b = behaviour_;
-    auto queue = [&conn](std::string bytes, SendOptions options) {
-      conn.out.push_back(Conn::Outgoing{std::move(bytes), 0, options});
-    };
     for (Frame &f : frames) {
       const auto now = Clock::now();
       KindCounters &counters = history_.counters[index_of(f.kind)];
@@ -284,9 +301,15 @@ void ReferenceCollector::handle_frames(Conn &conn, std::vector<Frame> &frames,
             answer = b.reply;
             if (action == RequestAction::HalfReplyThenClose) answer.resize(answer.size() / 2);
           }
+          if (f.kind == ConnKind::Control) {
+            conn.beats = true;
+            if (b.heartbeat_interval > Clock::duration::zero()) {
+              conn.next_beat = now + b.heartbeat_interval;
+            }
+          }
           if (!answer.empty()) {
-            queue(std::move(answer), SendOptions{b.reply_bytes_per_write,
-                                                 action == RequestAction::HalfReplyThenClose});
+            conn.queue(std::move(answer), SendOptions{b.reply_bytes_per_write,
+                                                      action == RequestAction::HalfReplyThenClose});
           } else if (action != RequestAction::Reply) {
             close_now = true;
           }
@@ -297,8 +320,9 @@ void ReferenceCollector::handle_frames(Conn &conn, std::vector<Frame> &frames,
           keep_line();
           if (f.kind == ConnKind::Control && b.echo_heartbeats && !b.silent) {
             if (const auto beat = parse_agent_heartbeat(f.text)) {
-              queue(heartbeat_echo(*beat, b.echo_data_conn_state, b.echo_autosensor_conn_state),
-                    SendOptions{b.reply_bytes_per_write, false});
+              conn.queue_line(
+                  heartbeat_echo(*beat, b.echo_data_conn_state, b.echo_autosensor_conn_state),
+                  SendOptions{b.reply_bytes_per_write, false});
             }
           }
           break;
@@ -367,6 +391,7 @@ void ReferenceCollector::close_conn(Conn &conn, std::vector<Event> &events) {
   ::close(conn.fd);
   conn.fd = -1;
   conn.out.clear();
+  conn.held.clear();
   const ConnKind kind = conn.kind();
   {
     std::lock_guard lock(mu_);
@@ -387,10 +412,36 @@ void ReferenceCollector::apply(std::vector<Command> &commands, std::vector<Event
     if (c.abort) {
       close_conn(conn, events);
     } else {
-      conn.out.push_back(Conn::Outgoing{std::move(c.bytes), 0, c.options});
+      conn.queue(std::move(c.bytes), c.options);
     }
   }
   std::erase_if(conns_, [](const auto &entry) { return entry.second->fd < 0; });
+}
+
+int ReferenceCollector::beat(const Behaviour &b) {
+  const Clock::duration every = b.silent ? Clock::duration::zero() : b.heartbeat_interval;
+  if (every <= Clock::duration::zero()) return -1;
+  const auto now = Clock::now();
+  auto next = Clock::time_point::max();
+  for (auto &[id, conn] : conns_) {
+    if (!conn->beats || conn->fd < 0) continue;
+    // A shortened interval (or one switched back on) takes effect now, not after the old one.
+    if (conn->next_beat - now > every) conn->next_beat = now + every;
+    if (conn->next_beat <= now) {
+      // Skipped, not held, while a scripted line is half-sent: beats must not pile up.
+      if (!conn->mid_line) {
+        conn->queue_line(heartbeat_echo(++conn->beats_sent, b.echo_data_conn_state,
+                                        b.echo_autosensor_conn_state),
+                         SendOptions{b.reply_bytes_per_write, false});
+      }
+      conn->next_beat = now + every;
+    }
+    next = std::min(next, conn->next_beat);
+  }
+  if (next == Clock::time_point::max()) return -1;
+  // Rounded up, so the poll does not wake just before the beat is due and spin.
+  const auto wait = std::chrono::ceil<std::chrono::milliseconds>(next - now).count();
+  return static_cast<int>(std::min<long long>(wait, std::numeric_limits<int>::max()));
 }
 
 void ReferenceCollector::publish(std::vector<Event> &events) {

@@ -1,8 +1,10 @@
 // The reference collector: a loopback TCP server that plays the collector end of the
 // agent's control, data and auto-sensor connections. Tests run it in-process (scripted
 // replies, commands on demand, faults on demand, and waits on what it has received);
-// the zx_collector command wraps it for people. One poll thread owns every socket; the
-// public methods may be called from any thread.
+// the zx_collector command wraps it for people. Like a real collector it sends its own
+// heartbeat on control connections, so an agent that sends none keeps its link. One poll
+// thread owns every socket, so writes to a socket never interleave; the public methods
+// may be called from any thread.
 #pragma once
 
 #include <array>
@@ -30,6 +32,10 @@ enum class RequestAction {
   HalfReplyThenClose,  // send the first half of the reply, then close
 };
 
+// Well inside the agent's default silence threshold (90 s), so that an agent without
+// heartbeats of its own keeps its control connection.
+inline constexpr Clock::duration kDefaultHeartbeatInterval = std::chrono::seconds(30);
+
 // The collector's script. May be changed at any time; applies from the next event on.
 struct Behaviour {
   std::string reply = reply::ok();  // sent as is, so it may lack its '\n' on purpose
@@ -40,6 +46,9 @@ struct Behaviour {
   bool echo_heartbeats = true;
   int echo_data_conn_state = 1;
   int echo_autosensor_conn_state = 1;
+  // The collector's own heartbeat (an echo carrying the states above) on every answered
+  // control connection, this long after the request and after each beat; 0: none.
+  Clock::duration heartbeat_interval = kDefaultHeartbeatInterval;
   bool read_control = true;
   bool read_data = true;                  // data and auto-sensor; off lets the agent's buffers fill
   std::size_t reply_bytes_per_write = 0;  // 0: the whole reply in one write
@@ -165,6 +174,8 @@ class ReferenceCollector {
   void write_to(Conn &conn, std::vector<Event> &events);
   void close_conn(Conn &conn, std::vector<Event> &events);
   void apply(std::vector<Command> &commands, std::vector<Event> &events);
+  // Queues the heartbeats that are due; returns the poll timeout until the next (-1: none).
+  int beat(const Behaviour &b);
   void publish(std::vector<Event> &events);
   void wake() const;
   int newest_open(ConnKind kind) const;  // caller holds mu_
