@@ -10,6 +10,7 @@
 #include "zx_sdk.h"
 
 #include <apr_hash.h>
+#include <pthread.h>
 
 #include <atomic>
 #include <chrono>
@@ -23,6 +24,7 @@
 #include "ZXProxyInstance.h"
 #include "ZXSQLProcessor.h"
 #include "flowpath/ZXFlowpathGenerator.h"
+#include "zx_agent_fork.h"
 #include "zx_c_guard.h"
 #include "zx_sdk_log.h"
 #include "zxlb_apr.h"
@@ -50,6 +52,49 @@ std::atomic<zx_ad_callback_t> adCallback{nullptr};
 
 bool ready() {
   return initializeSDK.load(std::memory_order_acquire) != 0 && tlzxApplication;
+}
+
+// Set in a fork's child whose parent had the SDK running, until the child
+// has an agent and an SDK state of its own.
+std::atomic<bool> sdkRestartInChild{false};
+
+// A handle of the running agent. In a fork's child a handle from before the
+// fork names the parent's agent, which the child never touches.
+bool ownHandle(zxBTHandle h) {
+  return h->owner == tlzxApplication;
+}
+
+// The SDK's state, built whole before it is published: a failure leaves
+// nothing behind, and a later zx_init tries again.
+SdkState *makeSdkState() {
+  auto state = std::make_unique<SdkState>();
+  state->sdk_pool = zx::make_pool();
+  if (!state->sdk_pool || !state->bt_lock.create(state->sdk_pool.get()) ||
+      !(state->g_bt_hash = apr_hash_make(state->sdk_pool.get())))
+    return nullptr;
+  return state.release();
+}
+
+// The child's side of a fork, while it is the child's only thread: the
+// parent's parked handles, the lock around them and the log (named with the
+// parent's pid) are left alone; the child's first begin makes its own.
+void forgetSdkInChild() {
+  if (!initializeSDK.exchange(0, std::memory_order_relaxed)) return;
+  sdk = nullptr;
+  zx_sdk_log.store(nullptr, std::memory_order_relaxed);
+  sdkRestartInChild.store(true, std::memory_order_relaxed);
+}
+
+// The child's own agent (started by the one caller that gets there first)
+// and then its SDK state, without zx_init's pause.
+void restartInChild() {
+  if (!zx_agent_restart_after_fork()) return;
+  if (!sdkRestartInChild.exchange(false)) return;
+  zx_sdk_log_init();
+  if (SdkState *state = tlzxApplication ? makeSdkState() : nullptr) {
+    sdk = state;
+    initializeSDK.store(1, std::memory_order_release);
+  }
 }
 
 // A neutral result, counted under its reason.
@@ -146,8 +191,11 @@ ZX_EXPORT void zx_set_init_pause_ms(unsigned int pause_ms) {
 
 ZX_EXPORT void zx_init(void) {
   zx_c_guard([] {
+    if (zxAgentRestartPending.load(std::memory_order_relaxed)) restartInChild();
     if (initializeSDK.load(std::memory_order_acquire)) return;
     zx_sdk_log_init();
+    static std::once_flag forkOnce;
+    std::call_once(forkOnce, [] { pthread_atfork(nullptr, nullptr, forgetSdkInChild); });
     // A host that started the core itself keeps its own configuration.
     if (!tlzxApplication && !agentStarted.exchange(1)) {
       char pool[256], process[] = "morpythonlib", type[] = "python";
@@ -158,16 +206,12 @@ ZX_EXPORT void zx_init(void) {
       ZX_SDK_LOG(5, "ERROR: agent core did not start");
       return;
     }
-    // Built whole before it is published: a failure leaves nothing behind,
-    // and a later zx_init tries again.
-    auto state = std::make_unique<SdkState>();
-    state->sdk_pool = zx::make_pool();
-    if (!state->sdk_pool || !state->bt_lock.create(state->sdk_pool.get()) ||
-        !(state->g_bt_hash = apr_hash_make(state->sdk_pool.get()))) {
+    SdkState *state = makeSdkState();
+    if (!state) {
       ZX_SDK_LOG(5, "ERROR: no memory for the SDK's state");
       return;
     }
-    sdk = state.release();
+    sdk = state;
     initializeSDK.store(1, std::memory_order_release);
     ZX_SDK_LOG(1, "SDK initialised; pausing %u ms for the collector connection",
                initPauseMs.load(std::memory_order_relaxed));
@@ -192,6 +236,8 @@ ZX_EXPORT void zx_free(void) {
 
 ZX_EXPORT zxBTHandle zx_bt_begin(const char *bt_name, const char *correlation_header) {
   (void)correlation_header;
+  if (zxAgentRestartPending.load(std::memory_order_relaxed)) [[unlikely]]
+    zx_c_guard(restartInChild);
   if (!ready()) return counted(zx_sdk_reason::not_initialised, nullptr);
   // startFP checks this too; asked here first, a begin in an outage costs
   // no call.
@@ -214,6 +260,7 @@ ZX_EXPORT zxBTHandle zx_bt_begin(const char *bt_name, const char *correlation_he
 ZX_EXPORT int zx_bt_end(zxBTHandle bt_handle, int bt_status) {
   if (!ready()) return counted(zx_sdk_reason::not_initialised, 0);
   if (!bt_handle) return counted(zx_sdk_reason::null_handle, -1);
+  if (!ownHandle(bt_handle)) return counted(zx_sdk_reason::parent_handle, -1);
   return zx_c_guard(-1, [bt_handle, bt_status] {
     ZX_SDK_LOG(2, "Method Called");
     // A second end would send record 4 again and count the BT twice.
@@ -232,6 +279,7 @@ ZX_EXPORT int zx_bt_end(zxBTHandle bt_handle, int bt_status) {
 ZX_EXPORT int zx_bt_release(zxBTHandle bt_handle) {
   if (!ready()) return counted(zx_sdk_reason::not_initialised, 0);
   if (!bt_handle) return counted(zx_sdk_reason::null_handle, -1);
+  if (!ownHandle(bt_handle)) return counted(zx_sdk_reason::parent_handle, -1);
   return zx_c_guard(-1, [bt_handle] {
     {
       std::lock_guard lk(sdk->bt_lock);
@@ -258,6 +306,7 @@ ZX_EXPORT int zx_bt_release(zxBTHandle bt_handle) {
 ZX_EXPORT void zx_bt_store(zxBTHandle bt_handle, const char *unique_bt_id) {
   if (!ready()) return zx_sdk_count(zx_sdk_reason::not_initialised);
   if (!bt_handle) return zx_sdk_count(zx_sdk_reason::null_handle);
+  if (!ownHandle(bt_handle)) return zx_sdk_count(zx_sdk_reason::parent_handle);
   zx_c_guard([bt_handle, unique_bt_id] {
     if (!unique_bt_id || !*unique_bt_id) {
       ZX_SDK_ERROR(zx_sdk_reason::bad_argument,
@@ -301,6 +350,7 @@ ZX_EXPORT int zx_bt_add_error(zxBTHandle bt_handle, int err_level, const char *m
 ZX_EXPORT void zx_method_entry(zxBTHandle bt_handle, const char *method) {
   if (!ready()) return zx_sdk_count(zx_sdk_reason::not_initialised);
   if (!bt_handle) return zx_sdk_count(zx_sdk_reason::null_handle);
+  if (!ownHandle(bt_handle)) return zx_sdk_count(zx_sdk_reason::parent_handle);
   zx_c_guard([bt_handle, method] {
     if (!methodNamed(bt_handle, method, "zx_method_entry")) return;
     zxMethodEntry(app(), nullptr, bt_handle, method, "/test", nullptr, bt_handle->tlThreadId,
@@ -311,6 +361,7 @@ ZX_EXPORT void zx_method_entry(zxBTHandle bt_handle, const char *method) {
 ZX_EXPORT void zx_method_exit(zxBTHandle bt_handle, const char *method) {
   if (!ready()) return zx_sdk_count(zx_sdk_reason::not_initialised);
   if (!bt_handle) return zx_sdk_count(zx_sdk_reason::null_handle);
+  if (!ownHandle(bt_handle)) return zx_sdk_count(zx_sdk_reason::parent_handle);
   zx_c_guard([bt_handle, method] {
     if (!methodNamed(bt_handle, method, "zx_method_exit")) return;
     zxMethodExit(app(), nullptr, bt_handle, method, -1, 200, nullptr, -1, bt_handle->tlThreadId, 0,
@@ -322,6 +373,7 @@ ZX_EXPORT zxIPCallOutHandle zx_ip_db_callout_begin(zxBTHandle bt_handle, const c
                                                    const char *db_query) {
   if (!ready()) return counted(zx_sdk_reason::not_initialised, nullptr);
   if (!bt_handle) return counted(zx_sdk_reason::null_handle, nullptr);
+  if (!ownHandle(bt_handle)) return counted(zx_sdk_reason::parent_handle, nullptr);
   return zx_c_guard(nullptr, [bt_handle, db_host, db_query]() -> zxIPCallOutHandle {
     zxIPCallOutHandle ip = beginCallOut(bt_handle, db_host, kTypeDatabase);
     if (ip) dbMethodEntry(bt_handle, db_query, db_host);
@@ -332,6 +384,7 @@ ZX_EXPORT zxIPCallOutHandle zx_ip_db_callout_begin(zxBTHandle bt_handle, const c
 ZX_EXPORT int zx_ip_db_callout_end(zxBTHandle bt_handle, zxIPCallOutHandle ip_handle) {
   if (!ready()) return counted(zx_sdk_reason::not_initialised, 0);
   if (!bt_handle) return counted(zx_sdk_reason::null_handle, -1);
+  if (!ownHandle(bt_handle)) return counted(zx_sdk_reason::parent_handle, -1);
   return zx_c_guard(-1, [bt_handle, ip_handle] {
     if (!ip_handle) return nullCallOut(bt_handle);
     ZXSQLProperties_t &sql = bt_handle->tlSQLObj;
@@ -350,6 +403,7 @@ ZX_EXPORT zxIPCallOutHandle zx_ip_http_callout_begin(zxBTHandle bt_handle, const
   (void)url;
   if (!ready()) return counted(zx_sdk_reason::not_initialised, nullptr);
   if (!bt_handle) return counted(zx_sdk_reason::null_handle, nullptr);
+  if (!ownHandle(bt_handle)) return counted(zx_sdk_reason::parent_handle, nullptr);
   return zx_c_guard(nullptr, [bt_handle, http_host]() -> zxIPCallOutHandle {
     zxIPCallOutHandle ip = beginCallOut(bt_handle, http_host, kTypeHttp);
     if (ip) bt_handle->httpCallOutDepth += 1;
@@ -360,6 +414,7 @@ ZX_EXPORT zxIPCallOutHandle zx_ip_http_callout_begin(zxBTHandle bt_handle, const
 ZX_EXPORT int zx_ip_http_callout_end(zxBTHandle bt_handle, zxIPCallOutHandle ip_handle) {
   if (!ready()) return counted(zx_sdk_reason::not_initialised, 0);
   if (!bt_handle) return counted(zx_sdk_reason::null_handle, -1);
+  if (!ownHandle(bt_handle)) return counted(zx_sdk_reason::parent_handle, -1);
   return zx_c_guard(-1, [bt_handle, ip_handle] {
     if (!ip_handle) return nullCallOut(bt_handle);
     bt_handle->seqNum += 1;

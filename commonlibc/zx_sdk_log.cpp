@@ -37,7 +37,8 @@ zx_sdk_counter_shard zx_sdk_counters[ZX_SDK_COUNTER_SHARDS];
 namespace {
 
 const char *const kReasonNames[ZX_SDK_REASONS] = {
-    "not initialised", "null handle", "no transaction", "bad argument", "ended twice", "exception"};
+    "not initialised", "null handle", "no transaction",           "bad argument",
+    "ended twice",     "exception",   "handle from before a fork"};
 
 std::atomic<long long> summaryPeriodMs{ZX_SDK_SUMMARY_PERIOD_MS};
 // The CAS on nextSummaryMs elects the one thread that writes a summary;

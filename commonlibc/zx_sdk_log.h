@@ -61,6 +61,7 @@ enum class zx_sdk_reason : unsigned {
   bad_argument,     // a NULL or empty text, an id stored twice: a host bug
   ended_twice,      // zx_bt_end on a handle already ended or released
   exception,        // an exception stopped at the C boundary
+  parent_handle,    // in a fork's child, a handle of the parent's agent
   count_
 };
 inline constexpr unsigned ZX_SDK_REASONS = static_cast<unsigned>(zx_sdk_reason::count_);

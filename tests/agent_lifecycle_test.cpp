@@ -201,16 +201,24 @@ TEST_F(LifecycleTest, ForkedChildTracesUnderItsOwnPid) {
   ASSERT_EQ(WEXITSTATUS(end.status), 0);
   EXPECT_LT(end.exitMs, 1000.0);
 
-  // The child's data connection names its own pid and carries its flowpaths.
+  // The child's data connection names its own pid and carries its flowpaths;
+  // the collector may still be reading what the child sent before its end.
   const std::string pidField = "pid=" + std::to_string(child) + ";";
-  int childConn = 0;
-  for (const auto &l : collector_.lines(ConnKind::Data))
-    if (l.text.rfind("zx_data_msg_req:", 0) == 0 && l.text.find(pidField) != std::string::npos)
-      childConn = l.conn_id;
-  ASSERT_NE(childConn, 0) << "no data connection from the child's pid";
   int childEnds = 0;
-  for (const auto &r : collector_.records())
-    if (r.conn_id == childConn && r.number == 4) ++childEnds;
+  const bool arrived = collector_.wait_until(
+      [&](const zxref::History &h) {
+        int conn = 0;
+        for (const auto &l : h.lines_of(ConnKind::Data))
+          if (l.text.rfind("zx_data_msg_req:", 0) == 0 &&
+              l.text.find(pidField) != std::string::npos)
+            conn = l.conn_id;
+        childEnds = 0;
+        for (const auto &r : h.records)
+          if (conn && r.conn_id == conn && r.number == 4) ++childEnds;
+        return childEnds >= kChildTransactions;
+      },
+      10s);
+  EXPECT_TRUE(arrived) << "flowpath ends from the child's pid: " << childEnds;
   EXPECT_EQ(childEnds, kChildTransactions);
   EXPECT_EQ(zx_bt_end(parked, 200), 0) << "the parent's handle still works in the parent";
   zx_bt_release(parked);
