@@ -108,6 +108,15 @@ long sendPass(ZXProxyInstance_t *app, ZXConnection &conn, bool &allSent, char *e
   return total;
 }
 
+// The collector sends nothing on the data connection, so input there is its
+// end of the connection (anything else is ignored). Seen at once, not only
+// when a send finally fails: a stalled send can take long to learn of it.
+bool collectorHungUp(ZXConnection &conn, char *err, int errLen) {
+  if (conn.wait_readable(0, err, errLen) != ZXConnection::Wait::Readable) return false;
+  char buf[512];
+  return conn.receive(buf, sizeof buf, err, errLen) < 0;
+}
+
 // A connection broken mid-line leaves the rest of that line queued; the new
 // connection starts at the next whole line, and the cut line counts as lost.
 void skipPartialLine(ZXSendBufferPool &pool) {
@@ -206,7 +215,7 @@ void drainForExit(ZXProxyInstance_t *app, apr_time_t deadline) {
     bool allSent = false;
     while (!allSent && apr_time_now() < stopAt) {
       if (sendPass(app, *conn, allSent, err, sizeof err, stopAt) < 0) {
-        ZX_DATA_LINK_LOG(LinkState::Down, "Error", "Data connection send failed: %s", err);
+        ZX_DATA_LINK_LOG(LinkState::Down, "Error", "Data connection lost: %s", err);
         close_data_connection(app);
         break;
       }
@@ -408,8 +417,9 @@ int processData(ZXProxyInstance_t *app) {
   if (!conn) return -1;
   bool allSent = false;
   char err[kErrSize] = {};
-  if (sendPass(app, *conn, allSent, err, sizeof err) < 0) {
-    ZX_DATA_LINK_LOG(LinkState::Down, "Error", "Data connection send failed: %s", err);
+  if (collectorHungUp(*conn, err, sizeof err) ||
+      sendPass(app, *conn, allSent, err, sizeof err) < 0) {
+    ZX_DATA_LINK_LOG(LinkState::Down, "Error", "Data connection lost: %s", err);
     return -1;
   }
   return allSent ? 1 : 0;
