@@ -187,6 +187,7 @@ int buff_list_init(ZXProxyInstance_t *app) {
 }
 
 int addDataInSendBuffer(ZXProxyInstance_t *app, const char *data, int len) {
+  if (!data || len <= 0) return 0;
   bool logDrop = false;
   int rc =
       addLocked(app, data, len, countRecordLines(data, static_cast<std::size_t>(len)), logDrop);
