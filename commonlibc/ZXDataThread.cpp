@@ -470,12 +470,13 @@ int drainSendBuffersForExit(ZXProxyInstance_t *app, apr_time_t deadline) {
     if (!senderBusy) discardQueued(pool, ZXSendLoss::AtExit);
   }
   const ZXSendCounts c = readSendCounts(pool);
-  const unsigned long long lost = c.lostAtExit - lostBefore;
+  // With the sender busy, what is queued now is about to be discarded too.
+  const unsigned long long lost = c.lostAtExit - lostBefore + (senderBusy ? c.queued : 0);
   if (lost > 0 || senderBusy)
     ZX_LOG_IF(true, "CONTROL_THREAD", "Warning",
               "Exit: %llu records still queued at the deadline are dropped; in all %llu of %llu "
               "records lost, %llu sent",
-              lost, c.lost(), c.records, c.sent);
+              lost, c.lost() + (senderBusy ? c.queued : 0), c.records, c.sent);
   return lost > 0 || senderBusy ? 1 : 0;
 }
 
