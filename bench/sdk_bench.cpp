@@ -2,18 +2,22 @@
 // the reference collector on loopback: a whole transaction (records 2 and 4
 // included) and method events from two application threads, against an
 // empty call in the same run. "dropped" counts records the send buffers had
-// to drop while the collector read.
+// to drop while the collector read; "pool_rss_MB" is how much of the send
+// buffers' storage the run made resident.
 //
 // And the calls a host makes while no run is going (a collector outage):
 // zx_bt_begin gives NULL and every later call gets that NULL handle. Each is
 // called through a pointer, as a host reaches a shared library, beside an
 // empty function called the same way.
 #include <benchmark/benchmark.h>
+#include <sys/mman.h>
+#include <unistd.h>
 
 #include <chrono>
 #include <string>
 #include <thread>
 #include <type_traits>
+#include <vector>
 
 #include "ZXDataDispatcher.h"
 #include "ZXDataThread.h"
@@ -63,6 +67,18 @@ struct BenchAgent {
   bool ready = false;
 };
 
+// Resident bytes of the send buffers' storage: the pool's share of the host's
+// RSS.
+double poolResidentMB(const ZXSendBufferPool &pool) {
+  const std::size_t page = static_cast<std::size_t>(sysconf(_SC_PAGESIZE));
+  const std::size_t bytes = pool.storage.get_deleter().bytes;
+  std::vector<unsigned char> inCore((bytes + page - 1) / page);
+  if (!pool.storage || mincore(pool.storage.get(), bytes, inCore.data()) != 0) return -1;
+  std::size_t n = 0;
+  for (unsigned char c : inCore) n += c & 1;
+  return static_cast<double>(n * page) / (1024.0 * 1024.0);
+}
+
 BenchAgent &agent() {
   static BenchAgent *a = new BenchAgent();  // outlives the benchmarks' threads
   return *a;
@@ -94,6 +110,7 @@ void BM_BtBeginEnd(benchmark::State &state) {
     zx_bt_release(bt);
   }
   state.counters["dropped"] = static_cast<double>(a.app->ZXSys.discardCount.load() - drops);
+  state.counters["pool_rss_MB"] = poolResidentMB(a.app->sendBuffers);
 }
 BENCHMARK(BM_BtBeginEnd);
 

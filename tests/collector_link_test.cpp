@@ -2,8 +2,12 @@
 // handshake, reply rules, negotiation, failover, liveness, command framing,
 // the data connection and recovery.
 #include <gtest/gtest.h>
+#include <sys/mman.h>
+#include <unistd.h>
 
+#include <algorithm>
 #include <chrono>
+#include <cstdint>
 #include <memory>
 #include <regex>
 #include <string>
@@ -499,6 +503,174 @@ TEST_F(LinkTest, CollectorThatStopsReadingCostsDropsNotWaits) {
         return false;
       },
       kWait));
+}
+
+std::size_t residentPages(const char *p, std::size_t bytes) {
+  const std::size_t page = static_cast<std::size_t>(sysconf(_SC_PAGESIZE));
+  std::vector<unsigned char> inCore((bytes + page - 1) / page);
+  if (mincore(const_cast<char *>(p), bytes, inCore.data()) != 0) return SIZE_MAX;
+  return static_cast<std::size_t>(
+      std::count_if(inCore.begin(), inCore.end(), [](unsigned char c) { return c & 1; }));
+}
+
+std::string numbered(int n, const std::string &pad) {
+  return "7,r" + std::to_string(n) + "," + pad + "\n";
+}
+
+std::size_t numberedReceived(const ReferenceCollector &c) {
+  std::size_t n = 0;
+  for (const auto &r : c.records())
+    if (r.number == 7 && r.fields.size() > 1 && r.fields[1][0] == 'r') ++n;
+  return n;
+}
+
+// A host at steady load with a collector that keeps up: every record arrives,
+// and of the pool's 16 MB only the few buffers in flight ever become resident.
+TEST_F(LinkTest, APoolThatKeepsUpTouchesOnlyAFewBuffers) {
+  auto c = make_collector();
+  ZXProxyInstance_t &a = configure(c->port());
+  constexpr int kSize = 65536, kCount = 256;
+  a.ZXSys.bciDataBufferMaxSize = kSize;
+  a.ZXSys.dataBuffMaxCount = kCount;
+  a.ZXSys.zxcBciDataConnectionHeartBeat = 0;
+  run_loop();
+  start_run(*c);
+  ZXSendBufferPool &pool = a.sendBuffers;
+  ASSERT_NE(pool.storage.get(), nullptr);
+  const std::size_t bytes = std::size_t{kSize} * kCount;
+  const std::size_t bufferPages = kSize / static_cast<std::size_t>(sysconf(_SC_PAGESIZE));
+  EXPECT_LE(residentPages(pool.storage.get(), bytes), bufferPages) << "mapped, not written";
+
+  // About 75 buffers' worth, a buffer and a bit at a time.
+  const std::string pad(190, 'p');
+  int n = 0;
+  for (int round = 0; round < 60; ++round) {
+    for (int i = 0; i < 400; ++i, ++n) {
+      const std::string rec = numbered(n, pad);
+      ASSERT_EQ(dumpData(rec.data(), static_cast<int>(rec.size())), 0);
+    }
+    ASSERT_TRUE(zxtest::wait_until([&] { return readSendCounts(pool).queued == 0; }, kWait));
+  }
+  EXPECT_LE(residentPages(pool.storage.get(), bytes), 4 * bufferPages);
+  ZXSendCounts counts = readSendCounts(pool);
+  EXPECT_GE(counts.records, static_cast<unsigned long long>(n));
+  EXPECT_EQ(counts.sent, counts.records);
+  EXPECT_EQ(counts.lost(), 0u);
+  EXPECT_TRUE(zxtest::wait_until(
+      [&] { return numberedReceived(*c) == static_cast<std::size_t>(n); }, kWait));
+}
+
+// The collector drops the data connection in the middle of a backlog: the
+// agent says so once and says once that it is back (at the default level),
+// resumes at the next whole line, and every line is accounted for.
+TEST_F(LinkTest, BrokenDataConnectionLosesAtMostTheCutLine) {
+  auto c = make_collector({}, 0, 4096);
+  ZXProxyInstance_t &a = configure(c->port());
+  a.ZXSys.controlTraceLevel = 0;
+  a.ZXSys.zxcBciDataConnectionHeartBeat = 0;
+  a.sendBuffers.lossSummaryInterval = 0;  // a summary on every tick that lost something
+  run_loop();
+  start_run(*c);
+  c->update_behaviour([](Behaviour &b) { b.read_data = false; });
+  const std::string pad(200, 'p');
+  unsigned long long dropped = 0;
+  for (int i = 0; i < 100000; ++i) {
+    const std::string rec = numbered(i, pad);
+    dropped += dumpData(rec.data(), static_cast<int>(rec.size())) != 0;
+  }
+  ASSERT_GT(dropped, 0u);
+  c->close_connections(ConnKind::Data);
+  c->update_behaviour([](Behaviour &b) { b.read_data = true; });
+  ASSERT_TRUE(c->wait_for_connections(ConnKind::Data, 2, kWait));
+  ASSERT_TRUE(zxtest::wait_until([&] { return readSendCounts(a.sendBuffers).queued == 0; }, kWait));
+
+  const ZXSendCounts counts = zxtest::scanned_send_counts(a);
+  EXPECT_EQ(counts.queued, 0u);
+  EXPECT_EQ(counts.records, counts.sent + counts.lost());
+  EXPECT_EQ(counts.lostPoolFull, dropped);
+  EXPECT_LE(counts.lostConnDown, 1u) << "the line cut by the break, if any";
+  EXPECT_EQ(counts.lostOversized + counts.lostAtExit, 0u);
+  for (const auto &l : c->lines(ConnKind::Data)) {
+    if (l.text.rfind("zx_data_msg_req:", 0) == 0 || l.text.rfind("99,", 0) == 0) continue;
+    ASSERT_EQ(l.text.rfind("7,r", 0), 0u) << l.text;
+    ASSERT_EQ(l.text.size() - l.text.rfind(',') - 1, pad.size()) << l.text;
+  }
+
+  stop_agent();
+  const std::string log = zxtest::read_file(home().path() / "trace.log_0");
+  auto count = [&log](const std::string &what) {
+    std::size_t n = 0;
+    for (std::size_t at = 0; (at = log.find(what, at)) != std::string::npos; ++at) ++n;
+    return n;
+  };
+  EXPECT_EQ(count("Data connection lost"), 1u);
+  EXPECT_EQ(count("Data connection established"), 2u);
+  // The summaries add up to the whole loss, cause by cause.
+  auto summed = [&log](const std::string &cause) {
+    unsigned long long sum = 0;
+    const std::regex number(cause + " (\\d+)");
+    for (std::sregex_iterator it(log.begin(), log.end(), number), end; it != end; ++it)
+      sum += std::stoull((*it)[1]);
+    return sum;
+  };
+  EXPECT_GE(count("Data records lost since the last summary"), 1u);
+  EXPECT_EQ(summed("send buffers full"), dropped);
+  EXPECT_EQ(summed("connection down"), counts.lostConnDown);
+}
+
+// The exit drain against a collector that reads: everything queued is sent,
+// nothing is lost.
+TEST_F(LinkTest, ExitDrainSendsEverythingToACollectorThatReads) {
+  auto c = make_collector();
+  ZXProxyInstance_t &a = configure(c->port());
+  a.ZXSys.zxcBciDataConnectionHeartBeat = 0;
+  run_loop();
+  start_run(*c);
+  const std::string pad(200, 'p');
+  constexpr int kRecords = 250;  // fits the pool: none can be dropped
+  for (int i = 0; i < kRecords; ++i) {
+    const std::string rec = numbered(i, pad);
+    ASSERT_EQ(dumpData(rec.data(), static_cast<int>(rec.size())), 0);
+  }
+  EXPECT_EQ(drainSendBuffersForExit(&a, apr_time_now() + apr_time_from_sec(5)), 0);
+  const ZXSendCounts counts = zxtest::scanned_send_counts(a);
+  EXPECT_EQ(counts.queued, 0u);
+  EXPECT_EQ(counts.lost(), 0u);
+  EXPECT_EQ(counts.sent, counts.records);
+  EXPECT_TRUE(zxtest::wait_until([&] { return numberedReceived(*c) == kRecords; }, kWait));
+}
+
+// The exit drain against a collector that has stopped reading: it returns by
+// its deadline and counts what could not go out as lost at exit.
+TEST_F(LinkTest, ExitDrainKeepsItsDeadlineWhenTheCollectorStalls) {
+  auto c = make_collector({}, 0, 4096);
+  ZXProxyInstance_t &a = configure(c->port());
+  // Larger than a socket's send buffer can ever grow (4 MB by default), so
+  // a full pool cannot be emptied into the kernel.
+  a.ZXSys.bciDataBufferMaxSize = 65536;
+  a.ZXSys.dataBuffMaxCount = 512;
+  a.ZXSys.zxcBciDataConnectionHeartBeat = 0;
+  run_loop();
+  start_run(*c);
+  c->update_behaviour([](Behaviour &b) { b.read_data = false; });
+  const std::string pad(200, 'p');
+  for (int i = 0;; ++i) {
+    const std::string rec = numbered(i, pad);
+    if (dumpData(rec.data(), static_cast<int>(rec.size())) != 0) break;
+    ASSERT_LT(i, 1000000);
+  }
+  const auto budget = 400ms;
+  const auto t0 = std::chrono::steady_clock::now();
+  EXPECT_EQ(drainSendBuffersForExit(&a, apr_time_now() + apr_time_from_msec(budget.count())), 1);
+  EXPECT_LT(std::chrono::steady_clock::now() - t0, budget + 150ms);
+  ASSERT_TRUE(zxtest::wait_until([&] { return readSendCounts(a.sendBuffers).queued == 0; }, kWait));
+  const ZXSendCounts counts = zxtest::scanned_send_counts(a);
+  EXPECT_GT(counts.lostAtExit, 0u);
+  EXPECT_EQ(counts.records, counts.sent + counts.lost());
+  EXPECT_EQ(counts.lostPoolFull, 1u);
+  EXPECT_EQ(counts.lostConnDown + counts.lostOversized, 0u);
+  const std::string log = zxtest::read_file(home().path() / "trace.log_0");
+  EXPECT_NE(log.find(" records still queued at the deadline are dropped"), std::string::npos);
 }
 
 TEST_F(LinkTest, HandshakeFaultsAndUnreachableCollectors) {

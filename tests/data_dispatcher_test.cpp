@@ -1,13 +1,23 @@
 #include "ZXDataDispatcher.h"
 
 #include <gtest/gtest.h>
+#include <sys/mman.h>
+#include <unistd.h>
 
+#include <algorithm>
+#include <chrono>
+#include <cstddef>
 #include <cstdio>
+#include <cstring>
+#include <set>
 #include <sstream>
 #include <string>
 #include <thread>
+#include <vector>
 
+#include "ZXDataThread.h"
 #include "test_support.h"
+#include "zx_sdk.h"
 
 using zxtest::ScopedApp;
 
@@ -82,11 +92,107 @@ TEST_F(SendBuffers, ExactFillSplitAndOversizedRecords) {
   EXPECT_EQ(drainAll(), "first-rec\nsecond-rec\n0123456789abcdef0123456789\n");
   EXPECT_EQ(drops(), 0);
 
-  // More than the next buffer holds: the line is cut and closed by "\n".
-  EXPECT_EQ(dump("head"), 0);
-  EXPECT_EQ(dump(std::string(40, 'z')), -3);
+  // More than the room and the next buffer hold: dropped whole, never cut.
+  EXPECT_EQ(dump("head\n"), 0);
+  EXPECT_EQ(dump(std::string(27, 'z') + "\n"), -3);
   EXPECT_EQ(drops(), 1);
-  EXPECT_EQ(drainAll(), "head" + std::string(12, 'z') + "\n");
+  EXPECT_EQ(dump(std::string(26, 'y') + "\n"), 0) << "what fits the room and one buffer is kept";
+  EXPECT_EQ(drainAll(), "head\n" + std::string(26, 'y') + "\n");
+  EXPECT_EQ(pool().counters.lostOversized.load(), 1u);
+}
+
+// A sent buffer goes back where the next producer takes it, so a pool that
+// keeps up cycles through two buffers, not all of them; the rest of the
+// storage is never touched.
+TEST_F(SendBuffers, TheBufferSentLastIsFilledNext) {
+  init(4096, 64);
+  std::set<const char *> used;
+  const std::string rec = std::string(99, 'r') + "\n";
+  for (int i = 0; i < 1000; ++i) {
+    ASSERT_EQ(dump(rec), 0);
+    if (nioSettings_t *b = sendBufferHead(pool())) used.insert(b->buff);
+    drain();
+  }
+  EXPECT_EQ(used.size(), 2u);
+  const std::size_t page = static_cast<std::size_t>(sysconf(_SC_PAGESIZE));
+  std::vector<unsigned char> inCore(64 * 4096 / page);
+  ASSERT_EQ(mincore(pool().storage.get(), 64 * 4096, inCore.data()), 0);
+  EXPECT_LE(std::count_if(inCore.begin(), inCore.end(), [](unsigned char p) { return p & 1; }),
+            static_cast<long>(3 * 4096 / page));
+  EXPECT_EQ(sizes(), std::make_pair(64, 0));
+}
+
+// Every line handed to the pool is counted once where it ends up, and the
+// invariant holds against the bytes actually queued.
+TEST_F(SendBuffers, EveryLineIsCountedWhereItEnds) {
+  init(16, 2);
+  auto expectCounts = [this](unsigned long long records, unsigned long long sent,
+                             unsigned long long queued, unsigned long long poolFull,
+                             unsigned long long connDown, unsigned long long oversized) {
+    ZXSendCounts c = zxtest::scanned_send_counts(*app_);
+    EXPECT_EQ(c.records, records);
+    EXPECT_EQ(c.sent, sent);
+    EXPECT_EQ(c.queued, queued);
+    EXPECT_EQ(readSendCounts(pool()).queued, queued);
+    EXPECT_EQ(c.lostPoolFull, poolFull);
+    EXPECT_EQ(c.lostConnDown, connDown);
+    EXPECT_EQ(c.lostOversized, oversized);
+    EXPECT_EQ(c.lostAtExit, 0u);
+  };
+  EXPECT_EQ(dump("a\nbb\nccc\n"), 0);  // three lines in one call
+  EXPECT_EQ(dump("dddd\n"), 0);
+  EXPECT_EQ(dump("eeeeeeeeeeee\n"), 0);  // split over both buffers
+  expectCounts(5, 0, 5, 0, 0, 0);
+  EXPECT_EQ(dump("ffffff\n"), -1) << "no free buffer behind the filling one";
+  EXPECT_EQ(dump("1\n2\n" + std::string(30, 'x') + "\n"), -3);
+  expectCounts(9, 0, 5, 1, 0, 3);
+
+  // A partial send, then the rest of the buffer thrown away: the lines whose
+  // "\n" went out are sent, the others lost.
+  nioSettings_t *b = sendBufferHead(pool());
+  ASSERT_NE(b, nullptr);
+  EXPECT_EQ(markBufferSent(pool(), b, 5), 11);  // "a\nbb\n"
+  expectCounts(9, 2, 3, 1, 0, 3);
+  EXPECT_EQ(markBufferDiscarded(pool(), b, 11, ZXSendLoss::ConnDown), 0);
+  expectCounts(9, 2, 1, 1, 2, 3);
+  {
+    std::lock_guard send(pool().sendLock);
+    EXPECT_EQ(discardQueued(pool(), ZXSendLoss::ConnDown), 1u) << "the partly filled buffer too";
+  }
+  expectCounts(9, 2, 0, 1, 3, 3);
+
+  zx_data_counters_t out;
+  std::memset(&out, 0xab, sizeof out);
+  EXPECT_EQ(zx_data_counters_get(&out, offsetof(zx_data_counters_t, lost_pool_full)), 0);
+  EXPECT_EQ(out.records, 9u);
+  EXPECT_EQ(out.sent, 2u);
+  EXPECT_EQ(out.queued, 0u);
+  EXPECT_EQ(out.lost_pool_full, 0xababababababababull) << "beyond the caller's size";
+  EXPECT_EQ(zx_data_counters_get(&out, sizeof out), 0);
+  EXPECT_EQ(out.lost_conn_down, 3u);
+  EXPECT_EQ(out.lost_oversized, 3u);
+  EXPECT_EQ(zx_data_counters_get(nullptr, sizeof out), -1);
+  unsigned long long records = 0, dropped = 0;
+  zx_data_counters(&records, &dropped);
+  EXPECT_EQ(records, 9u);
+  EXPECT_EQ(dropped, 7u);
+}
+
+// Without a data thread the exit drain cannot send: it returns at once and
+// counts everything queued as lost at exit.
+TEST_F(SendBuffers, ExitDrainWithoutADataThread) {
+  init(16, 4);
+  EXPECT_EQ(drainSendBuffersForExit(nullptr, apr_time_now()), -1);
+  EXPECT_EQ(drainSendBuffersForExit(&*app_, apr_time_now() + apr_time_from_sec(30)), 0);
+  EXPECT_EQ(dump("0123456789ABCDE\n"), 0);
+  EXPECT_EQ(dump("x\ny\n"), 0);
+  const auto t0 = std::chrono::steady_clock::now();
+  EXPECT_EQ(drainSendBuffersForExit(&*app_, apr_time_now() + apr_time_from_sec(30)), 1);
+  EXPECT_LT(std::chrono::steady_clock::now() - t0, std::chrono::seconds(5));
+  ZXSendCounts c = zxtest::scanned_send_counts(*app_);
+  EXPECT_EQ(c.lostAtExit, 3u);
+  EXPECT_EQ(c.queued, 0u);
+  EXPECT_EQ(sizes(), std::make_pair(4, 0));
 }
 
 TEST_F(SendBuffers, FullPoolDropsWholeRecordsAndLogsOncePerThousand) {

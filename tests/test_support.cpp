@@ -91,6 +91,21 @@ std::string drain_records(ZXProxyInstance_t &app) {
   return out;
 }
 
+ZXSendCounts scanned_send_counts(ZXProxyInstance_t &app) {
+  ZXSendBufferPool &pool = app.sendBuffers;
+  std::lock_guard send(pool.sendLock);
+  std::lock_guard write(pool.bufferWriteLock);
+  std::lock_guard move(pool.bufferMoveLock);
+  ZXSendCounts c = readSendCounts(pool);
+  c.queued = 0;
+  for (nioSettings_t *b = pool.readList; b; b = b->next.load())
+    c.queued +=
+        countRecordLines(b->buff + b->send_len, static_cast<size_t>(b->use_len - b->send_len));
+  if (nioSettings_t *b = pool.writeList.load())
+    c.queued += countRecordLines(b->buff, static_cast<size_t>(b->use_len));
+  return c;
+}
+
 ScopedTraceKey::ScopedTraceKey(std::unique_ptr<MTTraceLogKey> key)
     : key_(std::move(key)), prev_(trace_log_key) {
   trace_log_key = key_.get();

@@ -75,6 +75,10 @@ class ScopedApp {
 // as the data thread would send them.
 std::string drain_records(ZXProxyInstance_t &app);
 
+// The pool's counters with `queued` taken from the buffers themselves (their
+// unsent "\n" bytes), read while neither sender nor producers can move a byte.
+ZXSendCounts scanned_send_counts(ZXProxyInstance_t &app);
+
 // Makes `key` the process log for the scope.
 class ScopedTraceKey {
  public:
