@@ -137,7 +137,8 @@ void skipPartialLine(ZXSendBufferPool &pool) {
 }
 
 // Connects, sends the request and record 99. False when any step failed.
-bool connectData(ZXProxyInstance_t *app) {
+// `giveUpAt` (APR time, 0 = none) bounds the attempt besides the stop.
+bool connectData(ZXProxyInstance_t *app, apr_time_t giveUpAt = 0) {
   socketInfo_t dst;
   int protocol;
   {
@@ -146,10 +147,11 @@ bool connectData(ZXProxyInstance_t *app) {
     protocol = app->dataProtocol;
   }
   char err[kErrSize] = {};
-  std::unique_ptr<ZXConnection> conn =
-      zx_open_connection(protocol, dst.dstIp, dst.dstPort, app->linkTimings.connectTimeout,
-                         app->linkTimings.dataIoTimeout, err, sizeof err,
-                         [app] { return app->stopDataThread.load() != 0; });
+  std::unique_ptr<ZXConnection> conn = zx_open_connection(
+      protocol, dst.dstIp, dst.dstPort, app->linkTimings.connectTimeout,
+      app->linkTimings.dataIoTimeout, err, sizeof err, [app, giveUpAt] {
+        return app->stopDataThread.load() != 0 || (giveUpAt && apr_time_now() >= giveUpAt);
+      });
   if (!conn) {
     ZX_DATA_LINK_LOG(LinkState::Down, "Error",
                      "Error while creating the data connection with %s:%d. Error %s\n", dst.dstIp,
@@ -206,6 +208,9 @@ void summarizeLosses(ZXProxyInstance_t *app, apr_time_t &lastAt, ZXSendCounts &l
 // left counts as lost at exit) and tells the caller.
 void drainForExit(ZXProxyInstance_t *app, apr_time_t deadline) {
   ZXSendBufferPool &pool = app->sendBuffers;
+  // A run that has just started may still be connecting: its records are
+  // worth the wait, within the deadline.
+  if (!app->zxcDataSocket && app->ZXSys.dataConnState != 0) connectData(app, deadline);
   if (ZXConnection *conn = app->zxcDataSocket.get()) {
     movePartialToReadList(pool);
     const apr_time_t stopAt =
@@ -453,12 +458,7 @@ int drainSendBuffersForExit(ZXProxyInstance_t *app, apr_time_t deadline) {
   if (!app) return -1;
   ZXSendBufferPool &pool = app->sendBuffers;
   const unsigned long long lostBefore = pool.counters.lostAtExit.load();
-  bool connected;
-  {
-    std::lock_guard lk(app->dataConnLock);
-    connected = app->zxcDataSocket != nullptr;
-  }
-  if (connected && app->dataThreadRunning.load() && !pool.closedForExit.load()) {
+  if (app->dataThreadRunning.load() && !pool.closedForExit.load()) {
     {
       std::lock_guard lk(pool.drainMutex);
       pool.drainDone = false;

@@ -27,7 +27,8 @@ void request_data_thread_stop(ZXProxyInstance_t *app);
 bool stop_data_thread(ZXProxyInstance_t *app, apr_time_t deadline = 0);
 // The collector closed the data connection (heartbeat echo dataConnState=0).
 void closeDataConnectionByCollector(ZXProxyInstance_t *app);
-// At process exit: has the data thread (when it runs and is connected) send
+// At process exit: has the data thread (when it runs; one still connecting
+// connects first, within the deadline) send
 // what is queued until `deadline`, waiting for it at most that long; then
 // counts whatever is still queued as lost at exit and discards it. From then
 // on nothing more is sent. Never blocks past the deadline; safe when the data

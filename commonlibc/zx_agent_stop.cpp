@@ -14,6 +14,9 @@ bool agent_stop_by(ZXProxyInstance_t *app, apr_time_t deadline) {
   request_control_stop(app);
   requestMonitorTimerStop(app);
   request_as_data_thread_stop(app);
+  // At exit the data thread first sends what is queued, until just before
+  // the deadline; the rest is counted lost at exit.
+  if (deadline) drainSendBuffersForExit(app, deadline - (deadline - apr_time_now()) / 8);
   bool joined = join_control_thread(app, deadline);
   joined &= stopMonitorTimer(app, deadline);
   joined &= stop_as_data_thread(app, deadline);

@@ -30,16 +30,44 @@ constexpr const char kColumnHeader[] =
     "#TimeStamp|TestRun|Thread Name|Thread ID|Module Name|Src file name|Line number|Function|"
     "Severity|Message";
 
-char *line_buffer() {
-  thread_local std::unique_ptr<char[]> buf = [] {
-    try {
-      return std::make_unique_for_overwrite<char[]>(ZX_TRACE_LINE_MAX);
-    } catch (const std::bad_alloc &) {
-      return std::unique_ptr<char[]>();
-    }
-  }();
-  return buf.get();
+// The thread's line buffer: 128 KiB is too much for a host thread's stack.
+// The pointer is a plain thread_local (nothing to destroy), so it stays
+// readable while exit handlers log after the thread's thread_local objects
+// are gone; the holder frees the buffer at the thread's end and leaves null.
+thread_local char *threadLine = nullptr;
+thread_local bool threadLineGone = false;
+
+struct ThreadLineHolder {
+  ~ThreadLineHolder() {
+    delete[] threadLine;
+    threadLine = nullptr;
+    threadLineGone = true;
+  }
+};
+
+char *thread_line_buffer() {
+  if (threadLine || threadLineGone) return threadLine;
+  thread_local ThreadLineHolder holder;
+  threadLine = new (std::nothrow) char[ZX_TRACE_LINE_MAX];
+  return threadLine;
 }
+
+// The calling thread's buffer, or one of its own for a line written after
+// that thread's buffer was freed (exit handlers).
+class LineBuffer {
+ public:
+  LineBuffer() : p_(thread_line_buffer()) {
+    if (!p_) {
+      own_.reset(new (std::nothrow) char[ZX_TRACE_LINE_MAX]);
+      p_ = own_.get();
+    }
+  }
+  char *get() const { return p_; }
+
+ private:
+  std::unique_ptr<char[]> own_;
+  char *p_;
+};
 
 long long kernel_thread_id() {
   return static_cast<long long>(syscall(SYS_gettid));
@@ -93,7 +121,8 @@ void gated_log(MTTraceLogKey *key, const char *thread_name, long long thread_id,
                const char *severity, const char *file, int line, const char *fname,
                const char *format, va_list ap) {
   if (!key) return;
-  char *buf = line_buffer();
+  LineBuffer lineBuffer;
+  char *buf = lineBuffer.get();
   if (!buf) return;
   int used = format_header(buf, thread_name, thread_id, module, severity, file, line, fname);
   if (used < 0 || used >= ZX_TRACE_LINE_MAX) return;
@@ -202,7 +231,8 @@ void zxlb_mt_trace_log(MTTraceLogKey *key, const char *thread_name, long long th
   if (!proxy && mode == 0) return;
   if (long long tid = kernel_thread_id()) thread_id = tid;
 
-  char *buf = line_buffer();
+  LineBuffer lineBuffer;
+  char *buf = lineBuffer.get();
   if (!buf) return;
   va_list ap;
   va_start(ap, format);

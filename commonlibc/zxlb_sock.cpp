@@ -150,7 +150,11 @@ apr_status_t zxlb_tcp_connect(const char *host, int port, apr_interval_time_t ti
   apr_status_t rv = resolve_to_numeric(host, timeout, abandon, numeric, err, err_len);
   if (rv != APR_SUCCESS) return rv;
   apr_sockaddr_t *sa = nullptr;
-  rv = apr_sockaddr_info_get(&sa, numeric, APR_UNSPEC, static_cast<apr_port_t>(port), 0, pool);
+  // The family named exactly: with APR_UNSPEC glibc checks the interfaces
+  // under a lock of its own that a thread of a forked parent may have held.
+  unsigned char probe[sizeof(in6_addr)];
+  const int family = inet_pton(AF_INET, numeric, probe) == 1 ? APR_INET : APR_INET6;
+  rv = apr_sockaddr_info_get(&sa, numeric, family, static_cast<apr_port_t>(port), 0, pool);
   apr_socket_t *sock = nullptr;
   if (rv == APR_SUCCESS)
     rv = apr_socket_create(&sock, sa->family, SOCK_STREAM, APR_PROTO_TCP, pool);
