@@ -19,10 +19,10 @@ inline constexpr int ZX_CONN_DESTINATION_SIZE = 1024;
 inline constexpr int ZX_START_RESP_BUFFER_SIZE = 1024;
 inline constexpr long long ZX_ORIGINAL_EPOCH_DIFF_MS = 1388534400000LL;  // 2014-01-01 UTC
 
-// Texts (statusValue, fpgVID, connDestination, startInstrRespBuffer) and the
-// plain numbers are the control thread's alone; the Relaxed ones are also read
-// elsewhere (agent time and the stop flag on every flowpath, the test run in
-// every trace line).
+// Numbers that a keyword row writes or that other threads read (agent time
+// and the stop flag on every flowpath, the test run in every trace line) are
+// Relaxed; the texts (statusValue, fpgVID, connDestination,
+// startInstrRespBuffer) and the plain numbers are the control thread's alone.
 struct Server_t {
   char statusValue[ZX_STATUS_VALUE_SIZE];
   zx::Relaxed<long long> diffTimeFromZXC;

@@ -3,9 +3,9 @@
 // Written by the control thread (keyword table, start-up), read without locks
 // by application threads: every field a keyword or a run's start changes is a
 // zx::Relaxed, written whole by one atomic store of 1 to 8 bytes, and no
-// reader relies on two fields changing together. Plain fields are set before
-// other threads start (start-up) and only read afterwards. The keyword table
-// addresses fields by byte offset, so the record is standard-layout.
+// reader relies on two fields changing together. Plain fields are fixed at
+// start-up or belong to the control thread alone. The keyword table addresses
+// fields by byte offset, so the record is standard-layout.
 #pragma once
 
 #include <apr.h>

@@ -2,7 +2,7 @@
 //
 // The settings records are addressed by byte offset from the keyword table, so
 // they must stay standard-layout; these classes hold one pointer (or one
-// atomic shared pointer) and nothing else. Null and empty are different
+// shared pointer and its lock) and nothing else. Null and empty are different
 // states: several rules test "not set yet".
 //
 // OwnedString is for fields that only their writer thread reads (or that are
@@ -11,10 +11,10 @@
 // changed or freed under a reader that loaded it.
 #pragma once
 
-#include <atomic>
 #include <cstdlib>
 #include <cstring>
 #include <memory>
+#include <mutex>
 #include <string>
 #include <string_view>
 #include <utility>
@@ -84,6 +84,11 @@ class TextSnapshot {
 // Written by one thread; load() is for any thread. The accessors that return
 // a raw pointer are for the writer thread (or when no writer runs): the
 // pointer stays valid until that thread's next assign.
+//
+// A mutex rather than std::atomic<std::shared_ptr>: this library's version of
+// the latter releases its internal lock with a relaxed store after a load,
+// which ThreadSanitizer rightly reports. Readers are rare (gathered trace
+// lines), so the lock costs nothing that matters.
 class PublishedString {
  public:
   PublishedString() = default;
@@ -100,30 +105,29 @@ class PublishedString {
       } catch (...) {
       }
     }
-    v_.store(std::move(copy), std::memory_order_release);
+    std::lock_guard lk(mu_);
+    v_.swap(copy);  // the old value is freed outside the lock, or by its last reader
   }
   void reset() { assign(nullptr); }
 
-  TextSnapshot load() const { return TextSnapshot(v_.load(std::memory_order_acquire)); }
+  TextSnapshot load() const {
+    std::lock_guard lk(mu_);
+    return TextSnapshot(v_);
+  }
 
-  const char *get() const {
-    auto p = v_.load(std::memory_order_acquire);
-    return p ? p->c_str() : nullptr;  // v_ still owns it
-  }
-  const char *c_str() const {
-    const char *p = get();
-    return p ? p : "";
-  }
-  bool is_set() const { return get() != nullptr; }
-  bool empty() const { return !get() || !*get(); }
+  // Writer thread: only it changes v_, so it reads v_ without the lock.
+  const char *get() const { return v_ ? v_->c_str() : nullptr; }
+  const char *c_str() const { return v_ ? v_->c_str() : ""; }
+  bool is_set() const { return v_ != nullptr; }
+  bool empty() const { return !v_ || v_->empty(); }
   bool equals(const char *s) const {
-    const char *p = get();
-    if (!p || !s) return p == s;
-    return std::strcmp(p, s) == 0;
+    if (!v_ || !s) return !v_ && !s;
+    return *v_ == s;
   }
 
  private:
-  std::atomic<std::shared_ptr<const std::string>> v_;
+  mutable std::mutex mu_;  // guards replacing v_ against readers copying it
+  std::shared_ptr<const std::string> v_;
 };
 
 }  // namespace zx
