@@ -4,12 +4,18 @@
 // rows carry a function with its own logic; a row with neither is accepted
 // and ignored. Row order is fixed: indices are part of the protocol (the
 // file-based keyword handler is told the row index).
+//
+// Application threads read the fields while the control thread applies a
+// message, so the converters store with relaxed atomics of the field's own
+// width; the table is checked at compile time so that every numeric row names
+// a zx::Relaxed of exactly its width.
 #include "Server.h"
 
 #include <cstddef>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <type_traits>
 #include <vector>
 
 #include "ZXFeatureKeywords.h"
@@ -22,12 +28,24 @@
 
 namespace {
 
+// A row's width is its field's size; a number is a zx::Relaxed, text a char
+// array (written byte by byte, read by the control thread only).
+template <typename Field>
+consteval int rowOffset(std::size_t offset, int length) {
+  if (static_cast<int>(sizeof(Field)) != length) throw "row width differs from its field";
+  if (!zx::is_relaxed_v<Field> && !std::is_array_v<Field>) throw "row names a plain field";
+  return static_cast<int>(offset);
+}
+
 #define ZX_P(name, parser) \
   { name, -1, 0, parser, nullptr, nullptr }
 #define ZX_N(name, offset, length) \
   { name, offset, length, nullptr, nullptr, nullptr }
-#define ZX_F(name, record, field, length, conv, setter) \
-  { name, static_cast<int>(offsetof(record, field)), length, nullptr, setter, conv }
+#define ZX_F(name, record, field, length, conv, setter)                                         \
+  {                                                                                             \
+    name, rowOffset<decltype(record::field)>(offsetof(record, field), length), length, nullptr, \
+        setter, conv                                                                            \
+  }
 
 #define ZX_SRV(name, field, length, conv) \
   ZX_F(name, Server_t, field, length, conv, fill_server_info)
@@ -194,21 +212,25 @@ int NameToIndex(const char *keyword) {
 
 void fill_int_data(void *target, const char *value, int length) {
   if (!target || !value || length <= 0) return;
-  int v = atoi(value);
-  std::memcpy(target, &v, static_cast<size_t>(length < 4 ? length : 4));
+  zx::relaxed_store_low_bytes(target, atoi(value), length < 4 ? length : 4);
 }
 
 void fill_long_long_data(void *target, const char *value, int length) {
   if (!target || !value || length <= 0) return;
-  long long v = atoll(value);
-  std::memcpy(target, &v, static_cast<size_t>(length < 8 ? length : 8));
+  zx::relaxed_store_low_bytes(target, atoll(value), length < 8 ? length : 8);
 }
 
 void fill_double_data(void *target, const char *value, int length) {
   if (!target || !value || length <= 0) return;
   double v = 0;
   if (sscanf(value, "%lf", &v) != 1) v = 0;
-  std::memcpy(target, &v, static_cast<size_t>(length < 8 ? length : 8));
+  if (length >= 8) {
+    zx::relaxed_store_at(target, v);
+    return;
+  }
+  long long bits;
+  std::memcpy(&bits, &v, sizeof bits);
+  zx::relaxed_store_low_bytes(target, bits, length);
 }
 
 void fill_char_data(void *target, const char *value, int length) {
@@ -217,8 +239,8 @@ void fill_char_data(void *target, const char *value, int length) {
   // copying whatever follows it in the message.
   auto *dst = static_cast<char *>(target);
   size_t n = strnlen(value, static_cast<size_t>(length));
-  std::memcpy(dst, value, n);
-  std::memset(dst + n, 0, static_cast<size_t>(length) - n);
+  for (int i = 0; i < length; ++i)
+    zx::relaxed_store_at(dst + i, static_cast<size_t>(i) < n ? value[i] : '\0');
 }
 
 namespace {

@@ -3,11 +3,15 @@
 //
 // The table is one static array of 133 rows in a fixed order; a row either
 // names a field (record, byte offset, width, converter) or a parser with its
-// own logic. Keywords are applied on the control thread only.
+// own logic. Keywords are applied on the control thread only; every numeric
+// field a row names is a zx::Relaxed of the row's width, which the converters
+// store into atomically, so readers on other threads need no lock.
 #pragma once
 
 #include <atomic>
 #include <type_traits>
+
+#include "zxlb_relaxed.h"
 
 inline constexpr int ZX_STATUS_VALUE_SIZE = 64;
 inline constexpr int ZX_FPG_VERSION_SIZE = 10;
@@ -15,17 +19,21 @@ inline constexpr int ZX_CONN_DESTINATION_SIZE = 1024;
 inline constexpr int ZX_START_RESP_BUFFER_SIZE = 1024;
 inline constexpr long long ZX_ORIGINAL_EPOCH_DIFF_MS = 1388534400000LL;  // 2014-01-01 UTC
 
+// Numbers that a keyword row writes or that other threads read (agent time
+// and the stop flag on every flowpath, the test run in every trace line) are
+// Relaxed; the texts (statusValue, fpgVID, connDestination,
+// startInstrRespBuffer) and the plain numbers are the control thread's alone.
 struct Server_t {
   char statusValue[ZX_STATUS_VALUE_SIZE];
-  long long diffTimeFromZXC;
+  zx::Relaxed<long long> diffTimeFromZXC;
   char fpgVID[ZX_FPG_VERSION_SIZE];
-  int numInstrProfile;
-  char setInstrumentTraceLevel;
-  int dumpremainingtstime;  // minutes to drain before a stop
-  long long morEpochDiffTime;
+  zx::Relaxed<int> numInstrProfile;
+  zx::Relaxed<char> setInstrumentTraceLevel;
+  zx::Relaxed<int> dumpremainingtstime;  // minutes to drain before a stop
+  zx::Relaxed<long long> morEpochDiffTime;
   long long originalMorEpochDiffTime;
   long long changeOriginalTime;
-  int TestRunIDValue;
+  zx::Relaxed<int> TestRunIDValue;
   int isClusterMode;
 
   // Control-link state.
@@ -42,11 +50,11 @@ struct Server_t {
   std::atomic<int> testRunRunning;
   std::atomic<int> retryForDataConn;
   std::atomic<int> retryForAutoSensorConn;
-  int gettingstopInstrumenatation;
+  zx::Relaxed<int> gettingstopInstrumenatation;
   int numberOfTestRunsTillNow;
   int captrueIndependentQuery;
   char isRuntimeApplied;
-  int isTenRecordDump;
+  zx::Relaxed<int> isTenRecordDump;
   char startInstrRespBuffer[ZX_START_RESP_BUFFER_SIZE];
 };
 static_assert(std::is_standard_layout_v<Server_t>);

@@ -16,9 +16,10 @@ void ZXBCISettingInit(ZXBCISetting_t &bci) {
 
 namespace {
 
-void set_if_different(zx::OwnedString ZXBCISetting_t::*field, const char *value) {
+template <typename Text>
+void set_if_different(Text ZXBCISetting_t::*field, const char *value) {
   if (!value || !tlzxApplication) return;
-  zx::OwnedString &s = tlzxApplication->ZXBCISetting.*field;
+  Text &s = tlzxApplication->ZXBCISetting.*field;
   if (!s.equals(value)) s.assign(value);
 }
 

@@ -1,20 +1,23 @@
 // Identity of the agent and of its collector (`ZXBCISetting_t`): names, the
 // collector endpoint as configured, protocol ports and the prepared control
 // messages. Same lock rules as ZXSys_t: written by the control thread (and by
-// start-up before it exists), read without locks.
+// start-up before it exists), read without locks. The names a keyword replaces
+// are PublishedStrings, as any thread's trace line (log mode 2) reads them;
+// the other strings are read by the control thread only.
 #pragma once
 
 #include <type_traits>
 
 #include "zxlb_owned_string.h"
+#include "zxlb_relaxed.h"
 
 inline constexpr int ZX_CONTROL_MSG_SIZE = 2048;
 
 struct ZXBCISetting_t {
   // Identity of the monitored process.
-  zx::OwnedString appName;  // instance name
-  zx::OwnedString tierName;
-  zx::OwnedString appServerName;  // keyword zxAppServerHost
+  zx::PublishedString appName;  // instance name
+  zx::PublishedString tierName;
+  zx::PublishedString appServerName;  // keyword zxAppServerHost
   zx::OwnedString agentType;
   zx::OwnedString tierAttr;
   zx::OwnedString agentAppName;
@@ -22,9 +25,9 @@ struct ZXBCISetting_t {
   zx::OwnedString tierTag;
   zx::OwnedString agentLogMode;
   zx::OwnedString authToken;
-  int appID;
-  int serverID;
-  int tierID;
+  zx::Relaxed<int> appID;
+  zx::Relaxed<int> serverID;
+  zx::Relaxed<int> tierID;
   int autoScalingMode;
 
   // Collector endpoint as configured (entry 0 of the server list mirrors it).
@@ -50,7 +53,7 @@ struct ZXBCISetting_t {
   long long lastModifiedDate;
   long long prevFileSize;
 
-  char fileBasedKeywordMode;
+  zx::Relaxed<char> fileBasedKeywordMode;
   int flagForHandlingProxy;
   int data_thread_running;
 

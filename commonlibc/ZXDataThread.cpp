@@ -343,9 +343,10 @@ int makeDataConnectionRequest(ZXProxyInstance_t *app, char *out, std::size_t cap
                    "zx_data_msg_req:appName=%s;appID=%d;zxAppServerID=%d;zxAppServerHost=%s;"
                    "tierName=%s;tierID=%d;ZXCollectorIP=%s;ZXCollectorPort=%d;testIdx=%d;pid=%"
                    "lld;agentName=%s\n\n",
-                   bci.appName.c_str(), bci.appID, bci.serverID, bci.appServerName.c_str(),
-                   bci.tierName.c_str(), bci.tierID, app->control.dstIp, app->control.dstPort,
-                   app->Server.TestRunIDValue, app->processID, app->agentName.c_str());
+                   bci.appName.c_str(), bci.appID.load(), bci.serverID.load(),
+                   bci.appServerName.c_str(), bci.tierName.c_str(), bci.tierID.load(),
+                   app->control.dstIp, app->control.dstPort, app->Server.TestRunIDValue.load(),
+                   app->processID, app->agentName.c_str());
   if (n < 0) return 0;
   if (static_cast<std::size_t>(n) >= cap) {
     // Cut identity values still leave a request line and its blank line.
@@ -509,7 +510,7 @@ void handleHeartBeat(ZXProxyInstance_t *app, int &ticksLeft, int &written) {
 bool checkAndStopThread(ZXProxyInstance_t *app) {
   if (!app->stopDataThread) return false;
   ZX_CTRL_LOG(0, "Info", "BCI Data thread is to be stopped. Server.isTenRecordDump = %d.",
-              app->Server.isTenRecordDump);
+              app->Server.isTenRecordDump.load());
   // Flowpaths still running go out as incomplete while the connection is up.
   dumpFpFromBusyList(
       app,

@@ -1,45 +1,49 @@
 // Smaller per-feature settings records that keyword rows write by offset,
-// plus the few switches other features read. Same lock rules as ZXSys_t.
+// plus the few switches other features read. Same lock rules as ZXSys_t:
+// every field a fill_*_info setter can address is a zx::Relaxed. The last two
+// records are the control thread's (ZXSettings) or fixed at start-up.
 #pragma once
 
 #include <type_traits>
 
+#include "zxlb_relaxed.h"
+
 struct ZXAutoInstrumentation_t {
-  int autoInstrSampleThreshold;  // also written by "autoInstrSampleInterval"
-  int autoInstrTraceLevel;
-  int autoInstrMapSize;
-  double autoInstrPct;
-  int autoInstrDurationThreshold;
-  double autoUnInstrPct;
+  zx::Relaxed<int> autoInstrSampleThreshold;  // also written by "autoInstrSampleInterval"
+  zx::Relaxed<int> autoInstrTraceLevel;
+  zx::Relaxed<int> autoInstrMapSize;
+  zx::Relaxed<double> autoInstrPct;
+  zx::Relaxed<int> autoInstrDurationThreshold;
+  zx::Relaxed<double> autoUnInstrPct;
 };
 
 struct ZXFlowpathGeneratorSettings_t {
-  int maxCharactersInSeqBlob;
+  zx::Relaxed<int> maxCharactersInSeqBlob;
 };
 
 struct ZXInterfaceProcessor_t {
-  int interfaceTraceLevel;
+  zx::Relaxed<int> interfaceTraceLevel;
 };
 
 struct ZXDynamicSettings_t {
-  int ddTraceLevel;
+  zx::Relaxed<int> ddTraceLevel;
 };
 
 struct ZXASsettings_t {
-  int ASSampleInterval;
-  int ASReportInterval;
+  zx::Relaxed<int> ASSampleInterval;
+  zx::Relaxed<int> ASReportInterval;
 };
 
 struct ZXBTMonitorSettings_t {
-  int enableBTMonitor;
+  zx::Relaxed<int> enableBTMonitor;
 };
 
 struct ZXBackendMonitorSettings_t {
-  int enableBackendMonitor;
+  zx::Relaxed<int> enableBackendMonitor;
 };
 
 struct ZXAutoSensorUsingStackTrace_t {
-  int enabled;
+  zx::Relaxed<int> enabled;
 };
 
 struct ZXSettings_t {

@@ -1,9 +1,11 @@
 // Process-wide switches and limits of the agent (`ZXSys_t`).
 //
 // Written by the control thread (keyword table, start-up), read without locks
-// by application threads: each field is written whole by one copy of 1 to 8
-// bytes and no reader relies on two fields changing together. The keyword
-// table addresses fields by byte offset, so the record is standard-layout.
+// by application threads: every field a keyword or a run's start changes is a
+// zx::Relaxed, written whole by one atomic store of 1 to 8 bytes, and no
+// reader relies on two fields changing together. Plain fields are fixed at
+// start-up or belong to the control thread alone. The keyword table addresses
+// fields by byte offset, so the record is standard-layout.
 #pragma once
 
 #include <apr.h>
@@ -12,32 +14,33 @@
 #include <type_traits>
 
 #include "zxlb_owned_string.h"
+#include "zxlb_relaxed.h"
 
 inline constexpr int ZX_AGENT_LOG_BUFFER_SIZE = 131072;
 inline constexpr int ZX_SUPPORTED_PROTOCOLS_STRING_SIZE = 50;
 
 struct ZXSys_t {
   // Trace levels per area; 0 is off, 4 adds method entry/exit lines.
-  int controlTraceLevel;
-  int agentTraceLevel;
-  int agentHSTraceLevel;
-  int agentADTraceLevel;
-  int agentPCTraceLevel;
-  int agentEXTraceLevel;
-  int btMonitorTraceLevel;
-  int exceptionTraceLevel;
-  int methodMonTraceLevel;
-  int backendMonTraceLevel;
-  int threadMonTraceLevel;
-  int appLogTraceLevel;
-  int fpTraceLevel;
-  long long traceMaxSize;
+  zx::Relaxed<int> controlTraceLevel;
+  zx::Relaxed<int> agentTraceLevel;
+  zx::Relaxed<int> agentHSTraceLevel;
+  zx::Relaxed<int> agentADTraceLevel;
+  zx::Relaxed<int> agentPCTraceLevel;
+  zx::Relaxed<int> agentEXTraceLevel;
+  zx::Relaxed<int> btMonitorTraceLevel;
+  zx::Relaxed<int> exceptionTraceLevel;
+  zx::Relaxed<int> methodMonTraceLevel;
+  zx::Relaxed<int> backendMonTraceLevel;
+  zx::Relaxed<int> threadMonTraceLevel;
+  zx::Relaxed<int> appLogTraceLevel;
+  zx::Relaxed<int> fpTraceLevel;
+  zx::Relaxed<long long> traceMaxSize;
 
   zx::OwnedString zxBuild;
   zx::OwnedString zxHomePath;
 
   // 0: an agent logs nothing; 1: to the file; 2: gathered for the proxy.
-  int sendLogsToProxy;
+  zx::Relaxed<int> sendLogsToProxy;
 
   // Proxy mode.
   int proxyMode;
@@ -55,32 +58,32 @@ struct ZXSys_t {
   std::atomic<short> retryFlag;
   std::atomic<int> dataConnState;
   std::atomic<int> autosensorConnState;
-  long long zxcHeartBeatThreshold;    // milliseconds
-  int zxcBciDataConnectionHeartBeat;  // data-thread ticks between blank lines
+  zx::Relaxed<long long> zxcHeartBeatThreshold;  // milliseconds
+  int zxcBciDataConnectionHeartBeat;             // data-thread ticks between blank lines
 
   // Feature switches and limits (keyword table rows).
-  int enableForcedFlowpathChainMode;
-  int enableCpuTime;
-  int bciInstrSessionPct;
-  long long bciMaxNonServiceMethodsPerFP;
-  int enableIPResourceURL;
-  int hashMapClearTime;
-  int zxEnableTxHotspot;
-  int zxHelperDepth;
-  int zxHotspotThreadLimit;
-  short captureMethodForAllFP;
-  char dumpDebugData;
-  int maxHttpBodySize;
-  int btRuleOverriedPolicy;
-  int bciDataBufferMaxSize;
-  int dataBuffMaxCount;
-  int bciASDataBufferMaxSize;
-  int ASDataBuffMaxCount;
-  int ASDataBuffMinCount;
-  int enableDBBackendName;
-  int enableProcessNotificationPhase;
-  int enableUpdateLogMsgForTG;
-  int enableCallBackException;
+  zx::Relaxed<int> enableForcedFlowpathChainMode;
+  zx::Relaxed<int> enableCpuTime;
+  zx::Relaxed<int> bciInstrSessionPct;
+  zx::Relaxed<long long> bciMaxNonServiceMethodsPerFP;
+  zx::Relaxed<int> enableIPResourceURL;
+  zx::Relaxed<int> hashMapClearTime;
+  zx::Relaxed<int> zxEnableTxHotspot;
+  zx::Relaxed<int> zxHelperDepth;
+  zx::Relaxed<int> zxHotspotThreadLimit;
+  zx::Relaxed<short> captureMethodForAllFP;
+  zx::Relaxed<char> dumpDebugData;
+  zx::Relaxed<int> maxHttpBodySize;
+  zx::Relaxed<int> btRuleOverriedPolicy;
+  zx::Relaxed<int> bciDataBufferMaxSize;
+  zx::Relaxed<int> dataBuffMaxCount;
+  zx::Relaxed<int> bciASDataBufferMaxSize;
+  zx::Relaxed<int> ASDataBuffMaxCount;
+  zx::Relaxed<int> ASDataBuffMinCount;
+  zx::Relaxed<int> enableDBBackendName;
+  zx::Relaxed<int> enableProcessNotificationPhase;
+  zx::Relaxed<int> enableUpdateLogMsgForTG;
+  zx::Relaxed<int> enableCallBackException;
 
   // Atomic sequence counter of flowpath ids.
   volatile apr_uint32_t rSeq;

@@ -518,7 +518,7 @@ int checkZXCAlive() {
   ZX_CTRL_LOG(0, "Error",
               "Last Received heartbeat msg time is greater than zxcHeartBeatThreshold.Hence going "
               "to closing all connection. HeartBeatDuration = %lld, zxcHeartBeatThreshold = %lld",
-              silent, app->ZXSys.zxcHeartBeatThreshold);
+              silent, app->ZXSys.zxcHeartBeatThreshold.load());
   control_connection_cleanup();
   return 1;
 }

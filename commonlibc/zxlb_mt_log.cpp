@@ -245,9 +245,13 @@ void zxlb_mt_trace_log(MTTraceLogKey *key, const char *thread_name, long long th
     char date[64];
     get_cur_date_time_r(date, sizeof date);
     const char *old = app->agentLogBuffer.get();
-    const char *tier = app->ZXBCISetting.tierName.c_str();
-    const char *server = app->ZXBCISetting.appServerName.c_str();
-    const char *appn = app->ZXBCISetting.appName.c_str();
+    // Snapshots: a keyword may replace the names while this line is built.
+    const zx::TextSnapshot tierText = app->ZXBCISetting.tierName.load();
+    const zx::TextSnapshot serverText = app->ZXBCISetting.appServerName.load();
+    const zx::TextSnapshot appText = app->ZXBCISetting.appName.load();
+    const char *tier = tierText.c_str();
+    const char *server = serverText.c_str();
+    const char *appn = appText.c_str();
     const char *tn = thread_name ? thread_name : "";
     const char *fl = file ? file : "";
     const char *fn = fname ? fname : "";

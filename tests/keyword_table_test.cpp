@@ -54,7 +54,7 @@ TEST(KeywordTable, ShapeOfTheTable) {
 }
 
 TEST(Converters, WriteExactlyTheirWidth) {
-  unsigned char buf[16];
+  alignas(8) unsigned char buf[16];
   auto fill = [&](auto fn, const char *value, int len) {
     memset(buf, 0xAB, sizeof buf);
     fn(buf, value, len);

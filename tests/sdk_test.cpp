@@ -360,13 +360,7 @@ TEST_F(SdkEndToEnd, TransactionsArriveDecodableAtTheCollector) {
   zxref::ReferenceCollector c;
   ASSERT_TRUE(c.start()) << c.error();
   home().write("instrProfile.txt", "Shop.Checkout.pay|0|0\n");  // saved by an earlier run
-  ZXProxyInstance_t &a = configure(c.port());
-  a.ZXSys.bciDataBufferMaxSize = 1 << 16;
-  run_loop();
-  zx_set_init_pause_ms(0);
-  zx_init();
-
-  start_run(c);
+  ZXProxyInstance_t &a = start_sdk_run(c);
   zxBTHandle bt = zx_bt_begin("/cart/add?sku=9", nullptr);
   ASSERT_NE(bt, nullptr);
   zx_method_entry(bt, "Cart.add");

@@ -18,6 +18,7 @@
 #include "flowpath/zxlb_mem_pool.h"
 #include "reference_collector.h"
 #include "zx_agent_stop.h"
+#include "zx_sdk.h"
 
 namespace zxtest {
 
@@ -198,6 +199,16 @@ void LinkedAgent::start_run(zxref::ReferenceCollector &c, const std::string &pai
       },
       10s));
   ASSERT_TRUE(c.wait_for_record(99, 10s));
+}
+
+ZXProxyInstance_t &LinkedAgent::start_sdk_run(zxref::ReferenceCollector &c) {
+  ZXProxyInstance_t &a = configure(c.port());
+  a.ZXSys.bciDataBufferMaxSize = 1 << 16;
+  run_loop();
+  zx_set_init_pause_ms(0);
+  zx_init();
+  start_run(c);
+  return a;
 }
 
 }  // namespace zxtest

@@ -115,6 +115,9 @@ class LinkedAgent {
   void stop_agent();
   // Starts a run and waits for the agent's answer and its record 99.
   void start_run(zxref::ReferenceCollector &c, const std::string &pairs = "status=running");
+  // configure, run_loop, the SDK initialised without its pause, start_run:
+  // a run that SDK calls trace into, with 64 KiB send buffers.
+  ZXProxyInstance_t &start_sdk_run(zxref::ReferenceCollector &c);
 
  private:
   TempDir home_;

@@ -135,7 +135,7 @@ TEST_F(TraceLogTest, OverLongMessagesAreCutNotDropped) {
 TEST_F(TraceLogTest, GatedVariantsFollowTheirOwnLevels) {
   struct Case {
     decltype(&zxlb_mt_trace_log_win) fn;
-    int *level;
+    zx::Relaxed<int> *level;
     const char *tag;
   };
   std::vector<Case> cases = {

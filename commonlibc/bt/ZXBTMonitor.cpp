@@ -76,8 +76,8 @@ void createVectorPrefix(ZXBTMonitor_t &m, const ZXProxyInstance_t &app) {
   std::lock_guard guard(m.slotLock);
   snprintf(m.vectorPrefix, sizeof m.vectorPrefix, "%s%c%s%c%s%c", app.ZXBCISetting.tierName.c_str(),
            sep, app.ZXBCISetting.appServerName.c_str(), sep, app.ZXBCISetting.appName.c_str(), sep);
-  snprintf(m.vectorPrefixID, sizeof m.vectorPrefixID, "%d|%d|", app.ZXBCISetting.tierID,
-           app.ZXBCISetting.appID);
+  snprintf(m.vectorPrefixID, sizeof m.vectorPrefixID, "%d|%d|", app.ZXBCISetting.tierID.load(),
+           app.ZXBCISetting.appID.load());
 }
 
 int ZXBTMonitorInit(ZXBTMonitor_t &m) {

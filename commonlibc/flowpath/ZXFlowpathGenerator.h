@@ -16,6 +16,7 @@
 #include <unordered_map>
 
 #include "flowpath/ZXPerThreadData.h"
+#include "zxlb_relaxed.h"
 
 struct ZXProxyInstance_t;
 struct methodPropProperties;
@@ -26,12 +27,14 @@ struct methodPropProperties;
 // Until the collector sends masks, ids are 41 bits of agent milliseconds
 // over a 22-bit counter: unique up to 2^21 ids per millisecond (the counter
 // steps twice per id), and positive.
+// A new mask set applies field by field: an id made meanwhile may mix old
+// and new masks once.
 struct ZXFlowpathIdSettings_t {
-  long long flowPathInstanceInitialID = 0;
-  long long timeStampMask = 0x1FFFFFFFFFFLL;
-  long long seqNoDigits = 22;  // a shift in bits
-  long long seqNumMask = 0x3FFFFFLL;
-  char captureCorrelationEnabled = 0;
+  zx::Relaxed<long long> flowPathInstanceInitialID{0};
+  zx::Relaxed<long long> timeStampMask{0x1FFFFFFFFFFLL};
+  zx::Relaxed<long long> seqNoDigits{22};  // a shift in bits
+  zx::Relaxed<long long> seqNumMask{0x3FFFFFLL};
+  zx::Relaxed<char> captureCorrelationEnabled{0};
 };
 
 // Flowpaths in progress by id, so that a later call (a call-out thread, the
