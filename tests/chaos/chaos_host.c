@@ -13,6 +13,7 @@
  *   forked pid=C
  *   child pid=C status=exit:N|signal:N|hung exit_ns=T
  *   phase pid=P index=I calls=N p50=T p99=T p999=T max=T      (T in ns)
+ *   worked pid=C transactions=N traced=N                      (a "run" child)
  *   exiting pid=P mono_ns=T                                   (just before exit())
  *   result pid=P transactions=N traced=N records=N sent=N queued=N lost_pool_full=N
  *          lost_conn_down=N lost_at_exit=N lost_oversized=N   (from atexit, after the
@@ -82,7 +83,8 @@ static uint64_t now_ns(void) {
 static int bucket_of(uint64_t v) {
   if (v < (1u << kSubBits)) return (int)v;
   const int msb = 63 - __builtin_clzll(v);
-  return ((msb - kSubBits + 1) << kSubBits) + (int)((v >> (msb - kSubBits)) & ((1u << kSubBits) - 1));
+  return ((msb - kSubBits + 1) << kSubBits) +
+         (int)((v >> (msb - kSubBits)) & ((1u << kSubBits) - 1));
 }
 
 /* The largest value a bucket holds: percentiles err on the high side. */
@@ -98,11 +100,11 @@ static void record(Histogram *h, int phase, uint64_t ns) {
   if (ns > h->max[phase]) h->max[phase] = ns;
 }
 
-#define TIMED(h, phase, call)                \
-  do {                                       \
-    const uint64_t t0_ = now_ns();           \
-    call;                                    \
-    record((h), (phase), now_ns() - t0_);    \
+#define TIMED(h, phase, call)             \
+  do {                                    \
+    const uint64_t t0_ = now_ns();        \
+    call;                                 \
+    record((h), (phase), now_ns() - t0_); \
   } while (0)
 
 static void pause_us(long us) {
@@ -158,9 +160,9 @@ static void print_phases(const Worker *workers, int n) {
         if (seen >= rank) at[q] = bucket_top(b);
       }
     }
-    printf("phase pid=%d index=%d calls=%llu p50=%llu p99=%llu p999=%llu max=%llu\n",
-           (int)getpid(), p, (unsigned long long)calls, (unsigned long long)at[0],
-           (unsigned long long)at[1], (unsigned long long)at[2], (unsigned long long)max);
+    printf("phase pid=%d index=%d calls=%llu p50=%llu p99=%llu p999=%llu max=%llu\n", (int)getpid(),
+           p, (unsigned long long)calls, (unsigned long long)at[0], (unsigned long long)at[1],
+           (unsigned long long)at[2], (unsigned long long)max);
   }
   fflush(stdout);
 }
@@ -226,6 +228,8 @@ static void child_main(int stamp_fd, int run) {
     g_transactions = w->transactions;
     g_traced = w->traced;
     print_phases(w, 1);
+    printf("worked pid=%d transactions=%llu traced=%llu\n", (int)getpid(), g_transactions,
+           g_traced);
   } else {
     g_transactions = g_traced = 0;
   }
@@ -292,8 +296,8 @@ static void fork_children(int n, int run) {
     g_children.stamp_fd[g_children.n] = fds[0];
     ++g_children.n;
     printf("forked pid=%d\n", (int)pid);
+    fflush(stdout);
   }
-  fflush(stdout);
   g_children.deadline_ms = (run ? opt.child_ms : 0) + 5000;
   g_children.reaper_running = pthread_create(&g_children.reaper, NULL, reap_children, NULL) == 0;
 }
@@ -335,8 +339,9 @@ static int parse_options(int argc, char **argv) {
 
 int main(int argc, char **argv) {
   if (!parse_options(argc, argv)) {
-    fprintf(stderr, "usage: %s [--threads 1-%d] [--pace-us N] [--init-pause-ms N] "
-                    "[--traced-wait-ms N] [--child-ms N]\n",
+    fprintf(stderr,
+            "usage: %s [--threads 1-%d] [--pace-us N] [--init-pause-ms N] "
+            "[--traced-wait-ms N] [--child-ms N]\n",
             argv[0], kMaxThreads);
     return 2;
   }

@@ -26,7 +26,8 @@ namespace chaos {
 std::uint64_t now_ns() {
   timespec ts{};
   clock_gettime(CLOCK_MONOTONIC, &ts);
-  return static_cast<std::uint64_t>(ts.tv_sec) * 1000000000u + static_cast<std::uint64_t>(ts.tv_nsec);
+  return static_cast<std::uint64_t>(ts.tv_sec) * 1000000000u +
+         static_cast<std::uint64_t>(ts.tv_nsec);
 }
 
 std::map<std::string, std::string> fields_of(std::string_view line) {
@@ -227,8 +228,8 @@ std::vector<OutputLine> Process::lines() const {
   return lines_;
 }
 
-std::optional<OutputLine> Process::wait_for_line(
-    const std::function<bool(std::string_view)> &match, Millis timeout, std::size_t from) const {
+std::optional<OutputLine> Process::wait_for_line(const std::function<bool(std::string_view)> &match,
+                                                 Millis timeout, std::size_t from) const {
   std::unique_lock lock(mu_);
   std::size_t next = from;
   std::optional<OutputLine> found;
@@ -244,8 +245,8 @@ std::optional<OutputLine> Process::wait_for_line(
   return found;
 }
 
-bool Process::wait_until(
-    const std::function<bool(const std::vector<OutputLine> &, bool)> &done, Millis timeout) const {
+bool Process::wait_until(const std::function<bool(const std::vector<OutputLine> &, bool)> &done,
+                         Millis timeout) const {
   std::unique_lock lock(mu_);
   return changed_.wait_for(lock, timeout, [&] { return done(lines_, output_closed_); });
 }
