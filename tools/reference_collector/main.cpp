@@ -34,6 +34,7 @@ void usage(std::FILE *out) {
       "  --duration-s N       exit after N seconds (default: until SIGINT/SIGTERM)\n"
       "  --quiet              print only the listening address and errors\n"
       "  --conn-ids           tag each printed line with its connection's id: \"[data 2] ...\"\n"
+      "  --rcvbuf N           receive buffer of accepted sockets in bytes (default: the system's)\n"
       "  --summary            on exit, print records by number, the per-BT tables and\n"
       "                       a few decoded flowpaths\n"
       "  --flowpaths N        flowpaths the summary shows (default 4)\n",
@@ -148,6 +149,10 @@ int main(int argc, char **argv) {
       return 0;
     } else if (!(v = value())) {
       ok = false;
+    } else if (arg == "--rcvbuf") {
+      const auto bytes = zxref::parse_number<int>(*v);
+      ok = bytes && *bytes > 0;
+      if (ok) config.receive_buffer_bytes = *bytes;
     } else if (arg == "--host") {
       config.host = std::string(*v);
     } else if (arg == "--port") {
