@@ -156,10 +156,20 @@ struct HostReport {
   std::uint64_t exiting_ns = 0;               // when it called exit()
 };
 
+// The words of the last line that starts with `word` and names `pid`.
+std::map<std::string, std::string> last_line_of(const std::vector<chaos::OutputLine> &lines,
+                                                const std::string &word, long long pid) {
+  std::map<std::string, std::string> found;
+  for (const auto &l : lines) {
+    auto f = chaos::fields_of(l.text);
+    if (f.count(word) && f["pid"] == std::to_string(pid)) found = std::move(f);
+  }
+  return found;
+}
+
 HostReport report_of(const std::vector<chaos::OutputLine> &lines, long long pid) {
   HostReport r;
   r.pid = pid;
-  const std::string tag = "pid=" + std::to_string(pid);
   for (const auto &l : lines) {
     auto f = chaos::fields_of(l.text);
     if (f["pid"] != std::to_string(pid)) continue;
@@ -503,22 +513,13 @@ TEST_F(Chaos, ForkedChildrenRunTransactions) {
   const auto lines = host_->process().lines();
   for (long long kid : kids) {
     SCOPED_TRACE("child " + std::to_string(kid));
-    std::map<std::string, std::string> end;
-    for (const auto &l : lines) {
-      auto f = chaos::fields_of(l.text);
-      if (f.count("child") && f["pid"] == std::to_string(kid)) end = f;
-    }
+    auto end = last_line_of(lines, "child", kid);
     EXPECT_EQ(end["status"], "exit:0") << "child did not end by itself with status 0";
     EXPECT_LT(chaos::number_field(end, "exit_ns"), kExitLimitNs);
     const HostReport c = report_of(lines, kid);
     print_phases(c);
     if (c.phases.count(0)) expect_latency_held(c, 0, &r.phases.at(0));
-    std::map<std::string, std::string> worked;
-    for (const auto &l : lines) {
-      auto f = chaos::fields_of(l.text);
-      if (f.count("worked") && f["pid"] == std::to_string(kid)) worked = f;
-    }
-    EXPECT_GT(chaos::number_field(worked, "traced"), 0u)
+    EXPECT_GT(chaos::number_field(last_line_of(lines, "worked", kid), "traced"), 0u)
         << "the child's transactions were not traced";
     EXPECT_TRUE(collector_->saw_request("control", kid))
         << "no connection request carrying the child's pid";
