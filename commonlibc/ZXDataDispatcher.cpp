@@ -1,5 +1,7 @@
 #include "ZXDataDispatcher.h"
 
+#include <sys/mman.h>
+
 #include <cstring>
 #include <mutex>
 #include <new>
@@ -9,51 +11,77 @@
 
 namespace {
 
-// Counts a drop; true when this is the one drop in a thousand worth a line.
-bool countDrop(ZXSys_t &sys) {
+// Adds to a counter that only bufferWriteLock holders write: no locked add on
+// the producer path. Release, so that a reader that sees a loss also sees the
+// record counted before it.
+void bump(std::atomic<unsigned long long> &c, unsigned long long n) {
+  c.store(c.load(std::memory_order_relaxed) + n, std::memory_order_release);
+}
+
+std::atomic<unsigned long long> &lossCounter(ZXSendCounters &c, ZXSendLoss cause) {
+  switch (cause) {
+    case ZXSendLoss::PoolFull:
+      return c.lostPoolFull;
+    case ZXSendLoss::ConnDown:
+      return c.lostConnDown;
+    case ZXSendLoss::AtExit:
+      return c.lostAtExit;
+    case ZXSendLoss::Oversized:
+      break;
+  }
+  return c.lostOversized;
+}
+
+// Counts a dropped record; true when this is the one drop in a thousand worth
+// a line.
+bool countDrop(ZXProxyInstance_t *app, ZXSendLoss cause, unsigned long long lines) {
+  bump(lossCounter(app->sendBuffers.counters, cause), lines);
   // Writers hold bufferWriteLock, so a relaxed read-modify-write suffices.
-  long long n = sys.discardCount.fetch_add(1, std::memory_order_relaxed) + 1;
+  long long n = app->ZXSys.discardCount.fetch_add(1, std::memory_order_relaxed) + 1;
   return n % 1000 == 999;
 }
 
 // Appends `len` bytes to the filling buffer; moves it on once exactly full so
-// that the head of the write list always has room.
-void fill(ZXSendBufferPool &pool, nioSettings_t *b, const char *data, int len) {
+// that the head of the write list always has room. Returns that head.
+nioSettings_t *fill(ZXSendBufferPool &pool, nioSettings_t *b, const char *data, int len) {
   std::memcpy(b->buff + b->use_len, data, static_cast<size_t>(len));
   b->use_len += len;
-  if (b->use_len == b->buff_size) moveToReadList(pool);
+  return b->use_len == b->buff_size ? moveToReadList(pool) : b;
 }
 
 // The whole of addDataInSendBuffer except logging, so that dumpData can log
-// after releasing bufferWriteLock.
-int addLocked(ZXProxyInstance_t *app, const char *data, int len, bool &logDrop) {
+// after releasing bufferWriteLock. `lines` is the record's line count.
+int addLocked(ZXProxyInstance_t *app, const char *data, int len, unsigned long long lines,
+              bool &logDrop) {
   ZXSendBufferPool &pool = app->sendBuffers;
+  bump(pool.counters.records, lines);
   // Only bufferWriteLock holders detach the head, so it stays ours; acquire
   // pairs with the data thread's release when it hands an empty list a buffer.
   nioSettings_t *cur = pool.writeList.load(std::memory_order_acquire);
   if (!cur) {
-    logDrop = countDrop(app->ZXSys);
+    logDrop = countDrop(app, ZXSendLoss::PoolFull, lines);
     std::lock_guard move(pool.bufferMoveLock);
     return pool.readList ? -2 : -99;
   }
-  int room = cur->buff_size - cur->use_len;
+  const int room = cur->buff_size - cur->use_len;
   if (room >= len) {
     fill(pool, cur, data, len);
     return 0;
   }
-  nioSettings_t *next = cur->next.load(std::memory_order_acquire);
-  if (!next) {
-    logDrop = countDrop(app->ZXSys);
-    return -1;
-  }
-  fill(pool, cur, data, room);  // exactly full: moves it, `next` is the head
-  int rest = len - room;
-  if (rest > next->buff_size) {
-    logDrop = countDrop(app->ZXSys);
-    fill(pool, next, "\n", 1);
+  // Every buffer of a pool has the same size. A record is stored whole or
+  // not at all: a cut line would reach the collector as a corrupt record.
+  const int rest = len - room;
+  if (rest > cur->buff_size) {
+    logDrop = countDrop(app, ZXSendLoss::Oversized, lines);
     return -3;
   }
-  fill(pool, next, data + room, rest);
+  if (!cur->next.load(std::memory_order_acquire)) {
+    logDrop = countDrop(app, ZXSendLoss::PoolFull, lines);
+    return -1;
+  }
+  // The buffer behind may have been replaced by a just-sent one since the
+  // peek; any free buffer will do, and the move returns the one in place.
+  fill(pool, fill(pool, cur, data, room), data + room, rest);
   return 0;
 }
 
@@ -64,7 +92,57 @@ void logDropped(ZXProxyInstance_t *app, int rc, int len) {
               len, rc, app->ZXSys.discardCount.load(std::memory_order_relaxed));
 }
 
+// Takes `n` bytes off the head `b`, counted as sent or lost in `counter`.
+int consume(ZXSendBufferPool &pool, nioSettings_t *b, int n,
+            std::atomic<unsigned long long> &counter) {
+  if (n > 0) {
+    const char *from = b->buff + b->send_len;
+    counter.fetch_add(countRecordLines(from, static_cast<std::size_t>(n)),
+                      std::memory_order_release);
+    pool.midLine = from[n - 1] != '\n';
+  }
+  b->send_len += n;
+  int left = b->use_len - b->send_len;
+  if (left > 0) return left;
+  b->use_len = 0;
+  b->send_len = 0;
+  moveToWriteList(pool);
+  return 0;
+}
+
 }  // namespace
+
+void ZXSendStorageUnmap::operator()(char *p) const {
+  if (p) munmap(p, bytes);
+}
+
+unsigned long long countRecordLines(const char *data, std::size_t len) {
+  // Most records are one line: one scan that finds nothing before the end.
+  if (len > 0 && data[len - 1] == '\n' && !std::memchr(data, '\n', len - 1)) return 1;
+  unsigned long long n = 0;
+  const char *end = data + len;
+  while (const void *nl = std::memchr(data, '\n', static_cast<std::size_t>(end - data))) {
+    ++n;
+    data = static_cast<const char *>(nl) + 1;
+  }
+  return n;
+}
+
+ZXSendCounts readSendCounts(const ZXSendBufferPool &pool) {
+  const ZXSendCounters &c = pool.counters;
+  ZXSendCounts r;
+  // Outcomes first, records last: a line is counted in records before any
+  // outcome of it, so the later reading of records covers every outcome read.
+  r.sent = c.sent.load(std::memory_order_acquire);
+  r.lostConnDown = c.lostConnDown.load(std::memory_order_acquire);
+  r.lostAtExit = c.lostAtExit.load(std::memory_order_acquire);
+  r.lostPoolFull = c.lostPoolFull.load(std::memory_order_acquire);
+  r.lostOversized = c.lostOversized.load(std::memory_order_acquire);
+  r.records = c.records.load(std::memory_order_acquire);
+  const unsigned long long out = r.sent + r.lost();
+  r.queued = r.records > out ? r.records - out : 0;
+  return r;
+}
 
 int allocSendBuffers(ZXSendBufferPool &pool, int size, int count, const char *what) {
   if (pool.nodes) return 0;
@@ -74,7 +152,11 @@ int allocSendBuffers(ZXSendBufferPool &pool, int size, int count, const char *wh
   }
   const size_t total = static_cast<size_t>(size) * static_cast<size_t>(count);
   std::unique_ptr<nioSettings_t[]> nodes(new (std::nothrow) nioSettings_t[count]);
-  std::unique_ptr<char[]> storage(new (std::nothrow) char[total]);
+  // Mapped rather than allocated: never written up front, and never a heap
+  // block that an earlier owner had already made resident.
+  void *mem = mmap(nullptr, total, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+  std::unique_ptr<char[], ZXSendStorageUnmap> storage(
+      mem == MAP_FAILED ? nullptr : static_cast<char *>(mem), ZXSendStorageUnmap{total});
   if (!nodes || !storage) {
     ZX_LOG_OOM(total, what, count);
     return -1;
@@ -87,6 +169,7 @@ int allocSendBuffers(ZXSendBufferPool &pool, int size, int count, const char *wh
   }
   pool.writeListLast = &nodes[count - 1];
   pool.writeListSize = count;
+  pool.bufferCount = count;
   pool.writeList.store(&nodes[0], std::memory_order_release);
   pool.nodes = std::move(nodes);
   pool.storage = std::move(storage);
@@ -105,7 +188,8 @@ int buff_list_init(ZXProxyInstance_t *app) {
 
 int addDataInSendBuffer(ZXProxyInstance_t *app, const char *data, int len) {
   bool logDrop = false;
-  int rc = addLocked(app, data, len, logDrop);
+  int rc =
+      addLocked(app, data, len, countRecordLines(data, static_cast<std::size_t>(len)), logDrop);
   if (logDrop) logDropped(app, rc, len);
   return rc;
 }
@@ -113,12 +197,13 @@ int addDataInSendBuffer(ZXProxyInstance_t *app, const char *data, int len) {
 int dumpData(ZXProxyInstance_t *app, const char *data, int len) {
   if (!data || len <= 0) return 0;
   if (!app) return -99;
+  // Counted before the lock: the scan costs as much as the copy.
+  const unsigned long long lines = countRecordLines(data, static_cast<std::size_t>(len));
   bool logDrop = false;
   int rc;
   {
     std::lock_guard write(app->sendBuffers.bufferWriteLock);
-    rc = addLocked(app, data, len, logDrop);
-    if (rc == 0) app->ZXSys.recordCount.fetch_add(1, std::memory_order_relaxed);
+    rc = addLocked(app, data, len, lines, logDrop);
   }
   if (logDrop) logDropped(app, rc, len);
   return rc;
@@ -128,10 +213,10 @@ int dumpData(const char *data, int len) {
   return dumpData(tlzxApplication, data, len);
 }
 
-void moveToReadList(ZXSendBufferPool &pool) {
+nioSettings_t *moveToReadList(ZXSendBufferPool &pool) {
   std::lock_guard move(pool.bufferMoveLock);
   nioSettings_t *b = pool.writeList.load(std::memory_order_relaxed);
-  if (!b) return;
+  if (!b) return nullptr;
   nioSettings_t *rest = b->next.load(std::memory_order_relaxed);
   pool.writeList.store(rest, std::memory_order_relaxed);
   if (!rest) pool.writeListLast = nullptr;
@@ -143,6 +228,7 @@ void moveToReadList(ZXSendBufferPool &pool) {
     pool.readList = b;
   pool.readListLast = b;
   ++pool.readListSize;
+  return rest;
 }
 
 void moveToWriteList(ZXSendBufferPool &pool) {
@@ -152,15 +238,23 @@ void moveToWriteList(ZXSendBufferPool &pool) {
   pool.readList = b->next.load(std::memory_order_relaxed);
   if (!pool.readList) pool.readListLast = nullptr;
   --pool.readListSize;
-  b->next.store(nullptr, std::memory_order_relaxed);
+  ++pool.writeListSize;
   // Release: a producer that finds `b` through either link must also see
   // its zeroed counts.
-  if (pool.writeListLast)
-    pool.writeListLast->next.store(b, std::memory_order_release);
-  else
+  nioSettings_t *head = pool.writeList.load(std::memory_order_relaxed);
+  if (!head) {
+    b->next.store(nullptr, std::memory_order_relaxed);
+    pool.writeListLast = b;
     pool.writeList.store(b, std::memory_order_release);
-  pool.writeListLast = b;
-  ++pool.writeListSize;
+    return;
+  }
+  // Behind the filling head, not at the tail: reused while its pages are
+  // still resident and cached, so the pool's working set is what is in
+  // flight rather than every buffer in turn.
+  nioSettings_t *after = head->next.load(std::memory_order_relaxed);
+  b->next.store(after, std::memory_order_relaxed);
+  if (!after) pool.writeListLast = b;
+  head->next.store(b, std::memory_order_release);
 }
 
 void movePartialToReadList(ZXSendBufferPool &pool) {
@@ -175,11 +269,30 @@ nioSettings_t *sendBufferHead(ZXSendBufferPool &pool) {
 }
 
 int markBufferSent(ZXSendBufferPool &pool, nioSettings_t *b, int n) {
-  b->send_len += n;
-  int left = b->use_len - b->send_len;
-  if (left > 0) return left;
-  b->use_len = 0;
-  b->send_len = 0;
-  moveToWriteList(pool);
-  return 0;
+  return consume(pool, b, n, pool.counters.sent);
+}
+
+int markBufferDiscarded(ZXSendBufferPool &pool, nioSettings_t *b, int n, ZXSendLoss cause) {
+  return consume(pool, b, n, lossCounter(pool.counters, cause));
+}
+
+unsigned long long discardQueued(ZXSendBufferPool &pool, ZXSendLoss cause) {
+  // The snapshot is taken under bufferWriteLock, so every record in it is
+  // whole there and every later one starts in a buffer of its own.
+  int queued;
+  {
+    std::lock_guard write(pool.bufferWriteLock);
+    movePartialToReadList(pool);
+    std::lock_guard move(pool.bufferMoveLock);
+    queued = pool.readListSize;
+  }
+  std::atomic<unsigned long long> &counter = lossCounter(pool.counters, cause);
+  const unsigned long long before = counter.load(std::memory_order_relaxed);
+  for (int i = 0; i < queued; ++i) {
+    nioSettings_t *b = sendBufferHead(pool);
+    if (!b) break;
+    markBufferDiscarded(pool, b, b->use_len - b->send_len, cause);
+  }
+  pool.midLine = false;
+  return counter.load(std::memory_order_relaxed) - before;
 }

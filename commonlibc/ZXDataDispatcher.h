@@ -5,9 +5,9 @@
 // dumpData, which copies them into a fixed set of buffers allocated once by
 // buff_list_init. The data thread takes filled buffers from the read list,
 // sends them and gives them back. Producers must never block on the network
-// and never allocate: when no buffer is free the record is dropped and counted
-// in ZXSys.discardCount. A record lands under one lock hold, so records from
-// different threads never interleave; one may be split across two buffers (the
+// and never allocate: when no buffer is free the record is dropped and
+// counted. A record lands under one lock hold, so records from different
+// threads never interleave; one may be split across two buffers (the
 // collector reads a byte stream of lines).
 //
 //   write list (free)                       read list (filled, to send)
@@ -15,14 +15,26 @@
 //   [filling] -> [free] -> ... -> [free]    [sending] -> [full] -> ... -> [full]
 //       |  moveToReadList / movePartialToReadList  ^                  |
 //       +------------------------------------------+                  |
-//       ^                        moveToWriteList (fully sent, zeroed) |
-//       +-------------------------------------------------------------+
+//       |  ^  moveToWriteList (fully sent)                            |
+//       |  +----------------------------------------------------------+
 //   The head of the write list is the buffer being filled; the head of the
-//   read list is the buffer being sent.
+//   read list is the buffer being sent. A sent buffer goes back right behind
+//   the filling one, so the next producer to need a buffer takes the one
+//   used last: a pool that keeps up touches a few buffers, not all of them
+//   (the storage is mapped untouched, and pages become resident only where
+//   records were written).
+//
+// Every record line handed to the pool is counted once where it ends up:
+// sent, still queued, or lost for one cause (ZXSendCounters).
 #pragma once
 
 #include <atomic>
+#include <condition_variable>
+#include <cstddef>
 #include <memory>
+#include <mutex>
+
+#include <apr_time.h>
 
 #include "zxlb_apr.h"
 
@@ -32,24 +44,63 @@ struct ZXProxyInstance_t;
 struct nioSettings_t {
   char *buff = nullptr;
   int use_len = 0;   // bytes filled; written only by bufferWriteLock holders
-  int send_len = 0;  // bytes sent; the data thread only
+  int send_len = 0;  // bytes sent; the sender only
   int buff_size = 0;
   // Atomic because a producer peeks at the buffer behind the filling one
-  // under bufferWriteLock while the data thread may be appending behind it
-  // under bufferMoveLock.
+  // under bufferWriteLock while the data thread may be linking a sent one
+  // in behind it under bufferMoveLock.
   std::atomic<nioSettings_t *> next{nullptr};
+};
+
+// Why a record line never reached the socket.
+enum class ZXSendLoss { PoolFull, ConnDown, AtExit, Oversized };
+
+// Where the record lines handed to the pool went, counted by their "\n"
+// bytes (one dumpData call may carry several lines, as record 74 does). At
+// any moment records == sent + queued + the four losses; queued is derived.
+struct ZXSendCounters {
+  // Written by bufferWriteLock holders only, so a plain load and store
+  // (no locked add) is enough on the producer path.
+  std::atomic<unsigned long long> records{0};
+  std::atomic<unsigned long long> lostPoolFull{0};
+  std::atomic<unsigned long long> lostOversized{0};
+  // Written per buffer by the sender and by discards: locked adds.
+  std::atomic<unsigned long long> sent{0};
+  std::atomic<unsigned long long> lostConnDown{0};
+  std::atomic<unsigned long long> lostAtExit{0};
+};
+
+// A consistent-enough reading of ZXSendCounters: never less queued than 0.
+struct ZXSendCounts {
+  unsigned long long records = 0;
+  unsigned long long sent = 0;
+  unsigned long long queued = 0;
+  unsigned long long lostPoolFull = 0;
+  unsigned long long lostConnDown = 0;
+  unsigned long long lostAtExit = 0;
+  unsigned long long lostOversized = 0;
+  unsigned long long lost() const {
+    return lostPoolFull + lostConnDown + lostAtExit + lostOversized;
+  }
+};
+
+// Unmaps the pool's storage.
+struct ZXSendStorageUnmap {
+  std::size_t bytes = 0;
+  void operator()(char *p) const;
 };
 
 // Preallocated buffers and their two lists.
 //
-// Lock order: bufferWriteLock before bufferMoveLock, never the reverse.
+// Lock order: sendLock, then bufferWriteLock, then bufferMoveLock; never the
+// reverse.
 struct ZXSendBufferPool {
   // bufferWriteLock guards the filling buffer (the write list's head and its
-  // use_len) and the decision to drop. It is taken for every record; an APR
-  // nested mutex costs about 25 ns per 200-byte record against 18 ns for a
-  // std::mutex, well inside the budget, so it stays an APR lock like every
-  // other lock of the agent. Logging happens after unlock, so nothing under
-  // it re-enters dumpData.
+  // use_len), the decision to drop and the producer-side counters. It is
+  // taken for every record; an APR nested mutex costs about 25 ns per
+  // 200-byte record against 18 ns for a std::mutex, well inside the budget,
+  // so it stays an APR lock like every other lock of the agent. Logging
+  // happens after unlock, so nothing under it re-enters dumpData.
   zx::NestedMutex bufferWriteLock;
 
   // bufferMoveLock guards the list links and sizes below: every move between
@@ -64,9 +115,33 @@ struct ZXSendBufferPool {
   nioSettings_t *readListLast = nullptr;
   int readListSize = 0;
 
+  // sendLock is held by whoever takes bytes off the read list: the data
+  // thread around each send, a discard throughout. It never waits on a
+  // producer, and a producer never waits on it. midLine (the sender's) is
+  // set while the bytes taken off so far end inside a line.
+  std::mutex sendLock;
+  bool midLine = false;
+
+  ZXSendCounters counters;
+
+  // Raised once the exit deadline has passed: nothing more is sent, and
+  // what is or becomes queued is discarded as lost at exit.
+  std::atomic<bool> closedForExit{false};
+  // The exit drain's request to the data thread: drainDeadline non-zero
+  // asks for one; drainDone (under drainMutex, with drainCond) answers.
+  std::atomic<apr_time_t> drainDeadline{0};
+  std::mutex drainMutex;
+  std::condition_variable drainCond;
+  bool drainDone = false;
+
+  // How often at most the data thread logs what was lost since its last
+  // summary; tests shorten it.
+  apr_interval_time_t lossSummaryInterval = apr_time_from_sec(60);
+
   // Set once by buff_list_init, freed with the application object.
+  int bufferCount = 0;
   std::unique_ptr<nioSettings_t[]> nodes;
-  std::unique_ptr<char[]> storage;
+  std::unique_ptr<char[], ZXSendStorageUnmap> storage;
 };
 
 // Allocates ZXSys.dataBuffMaxCount buffers of ZXSys.bciDataBufferMaxSize
@@ -76,8 +151,9 @@ struct ZXSendBufferPool {
 int buff_list_init(ZXProxyInstance_t *app);
 
 // Allocates `count` buffers of `size` bytes into the pool's write list unless
-// it has buffers already; `what` names the pool in log lines. Caller holds
-// both pool locks. 0 on success, -1 on bad sizes or no memory.
+// it has buffers already; `what` names the pool in log lines. The storage is
+// mapped, not written: none of it is resident until records land in it.
+// Caller holds both pool locks. 0 on success, -1 on bad sizes or no memory.
 int allocSendBuffers(ZXSendBufferPool &pool, int size, int count, const char *what);
 
 // The single entry for producers; a no-op (0) for null data or len <= 0.
@@ -86,22 +162,38 @@ int dumpData(const char *data, int len);
 int dumpData(ZXProxyInstance_t *app, const char *data, int len);
 
 // 0 stored; -1 no free buffer (dropped); -2 nothing being filled while a
-// buffer is being sent; -3 the rest of a record larger than the next buffer
-// was replaced by a lone "\n"; -99 no buffers at all.
+// buffer is being sent (dropped); -3 larger than the filling buffer's room
+// and the next buffer together (dropped whole); -99 no buffers at all.
 // Caller holds bufferWriteLock.
 int addDataInSendBuffer(ZXProxyInstance_t *app, const char *data, int len);
 
+// The "\n" bytes in data[0, len).
+unsigned long long countRecordLines(const char *data, std::size_t len);
+
+// The pool's counters, read so that queued is never negative.
+ZXSendCounts readSendCounts(const ZXSendBufferPool &pool);
+
 // List moves; each takes bufferMoveLock.
-// Filling head -> read tail. Caller holds bufferWriteLock.
-void moveToReadList(ZXSendBufferPool &pool);
-// Sent head of the read list (counts already zeroed) -> write tail.
+// Filling head -> read tail; returns the new filling head. Caller holds
+// bufferWriteLock.
+nioSettings_t *moveToReadList(ZXSendBufferPool &pool);
+// Sent head of the read list (counts already zeroed) -> right behind the
+// filling head, where the next producer takes it.
 void moveToWriteList(ZXSendBufferPool &pool);
 // Partly filled head -> read tail (flush). Takes both locks itself.
 void movePartialToReadList(ZXSendBufferPool &pool);
 
-// The data thread's side. These assume one sender.
+// The sender's side. These assume one sender (the data thread, or a
+// sendLock holder).
 // The buffer being sent, or null.
 nioSettings_t *sendBufferHead(ZXSendBufferPool &pool);
 // Records `n` more bytes of `b` (the head) as sent; once all are, zeroes its
 // counts and returns it to the write list. Returns the bytes still to send.
 int markBufferSent(ZXSendBufferPool &pool, nioSettings_t *b, int n);
+// As markBufferSent, for `n` bytes thrown away unsent; their lines count as
+// lost for `cause`.
+int markBufferDiscarded(ZXSendBufferPool &pool, nioSettings_t *b, int n, ZXSendLoss cause);
+// Throws away what is queued now, the partly filled buffer included, and
+// counts its lines as lost for `cause`; returns them. Records stored later
+// are kept. Caller holds sendLock.
+unsigned long long discardQueued(ZXSendBufferPool &pool, ZXSendLoss cause);

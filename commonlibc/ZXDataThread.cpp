@@ -2,6 +2,7 @@
 
 #include <apr_thread_proc.h>
 
+#include <algorithm>
 #include <chrono>
 #include <cstdio>
 #include <cstring>
@@ -19,8 +20,31 @@ namespace {
 constexpr int kErrSize = 1024;
 constexpr int kFlushPasses = 100;
 constexpr int kHeartbeatLogEvery = 5;
+// An exit drain stops sending this much (at most a tenth of its time) before
+// the deadline, so that the caller finds the rest counted when it wakes.
+constexpr apr_interval_time_t kDrainMargin = apr_time_from_msec(20);
 
 thread_local ZXProxyInstance_t *dataThreadApp = nullptr;
+
+// The data connection as the trace log last told it: one line at the
+// default level per change, the retries beneath it.
+enum class LinkState { Unknown, Up, Down };
+thread_local LinkState dataLink = LinkState::Unknown;
+
+}  // namespace
+
+// Writes at the default level when the connection changes to `to`, and only
+// at the control level while it stays there.
+#define ZX_DATA_LINK_LOG(to, severity, ...)                     \
+  do {                                                          \
+    if (dataLink != (to))                                       \
+      ZX_LOG_IF(true, "CONTROL_THREAD", severity, __VA_ARGS__); \
+    else                                                        \
+      ZX_CTRL_LOG(0, severity, __VA_ARGS__);                    \
+    dataLink = (to);                                            \
+  } while (0)
+
+namespace {
 
 // Sleeps up to `interval`; ends early on stop or a wake request.
 void dataSleep(ZXProxyInstance_t *app, apr_interval_time_t interval) {
@@ -42,23 +66,39 @@ void wakeDataThread(ZXProxyInstance_t *app) {
 }
 
 // Bytes sent in one pass over the queued buffers (one send per buffer), or -1
-// when the connection broke.
-long sendPass(ZXProxyInstance_t *app, ZXConnection &conn, bool &allSent) {
+// with the reason in `err` when the connection broke. With `stopAt` each send
+// is bounded to end by then (an exit drain); without, the pass gives way to a
+// drain as soon as one is asked for. Once the pool is closed for exit it
+// sends nothing and discards what is queued.
+long sendPass(ZXProxyInstance_t *app, ZXConnection &conn, bool &allSent, char *err, int errLen,
+              apr_time_t stopAt = 0) {
   ZXSendBufferPool &pool = app->sendBuffers;
   long total = 0;
   allSent = false;
-  char err[kErrSize] = {};
-  while (nioSettings_t *b = sendBufferHead(pool)) {
-    int left = b->use_len - b->send_len;
-    long n = left > 0 ? conn.send_some(b->buff + b->send_len, static_cast<std::size_t>(left), err,
-                                       sizeof err)
-                      : 0;
-    if (n < 0) {
-      ZX_CTRL_LOG(0, "Error", "Data connection send failed: %s", err);
-      return -1;
+  for (;;) {
+    if (stopAt) {
+      const apr_time_t now = apr_time_now();
+      if (now >= stopAt) return total;
+      conn.set_send_timeout(std::min(app->linkTimings.dataIoTimeout, stopAt - now));
+    } else if (pool.drainDeadline.load(std::memory_order_relaxed)) {
+      return total;
     }
+    std::unique_lock send(pool.sendLock);
+    if (pool.closedForExit.load(std::memory_order_acquire)) {
+      discardQueued(pool, ZXSendLoss::AtExit);
+      break;
+    }
+    nioSettings_t *b = sendBufferHead(pool);
+    if (!b) break;
+    const int left = b->use_len - b->send_len;
+    const long n = left > 0 ? conn.send_some(b->buff + b->send_len, static_cast<std::size_t>(left),
+                                             err, errLen)
+                            : 0;
+    if (n < 0) return -1;
     total += n;
-    if (markBufferSent(pool, b, static_cast<int>(n)) > 0) {
+    const int rest = markBufferSent(pool, b, static_cast<int>(n));
+    send.unlock();
+    if (rest > 0) {
       if (n == 0) return total;  // the collector is not reading: try next tick
       continue;
     }
@@ -68,17 +108,23 @@ long sendPass(ZXProxyInstance_t *app, ZXConnection &conn, bool &allSent) {
   return total;
 }
 
-// A connection broken mid-line leaves the rest of that line in the buffer
-// being sent; the new connection starts at the next whole line.
-void skipPartialLine(ZXProxyInstance_t *app) {
-  ZXSendBufferPool &pool = app->sendBuffers;
-  nioSettings_t *b = sendBufferHead(pool);
-  if (!b || b->send_len == 0 || b->buff[b->send_len - 1] == '\n') return;
-  const char *from = b->buff + b->send_len;
-  const auto *nl = static_cast<const char *>(
-      memchr(from, '\n', static_cast<std::size_t>(b->use_len - b->send_len)));
-  int skip = nl ? static_cast<int>(nl + 1 - from) : b->use_len - b->send_len;
-  markBufferSent(pool, b, skip);
+// A connection broken mid-line leaves the rest of that line queued; the new
+// connection starts at the next whole line, and the cut line counts as lost.
+void skipPartialLine(ZXSendBufferPool &pool) {
+  std::lock_guard send(pool.sendLock);
+  // Bounded: every round but the last takes a whole buffer.
+  for (int round = 0; pool.midLine && round <= pool.bufferCount; ++round) {
+    nioSettings_t *b = sendBufferHead(pool);
+    if (!b) {
+      // The line's end is in the buffer being filled (stored with its start).
+      movePartialToReadList(pool);
+      if (!(b = sendBufferHead(pool))) return;
+    }
+    const char *from = b->buff + b->send_len;
+    const int left = b->use_len - b->send_len;
+    const auto *nl = static_cast<const char *>(memchr(from, '\n', static_cast<std::size_t>(left)));
+    markBufferDiscarded(pool, b, nl ? static_cast<int>(nl + 1 - from) : left, ZXSendLoss::ConnDown);
+  }
 }
 
 // Connects, sends the request and record 99. False when any step failed.
@@ -96,8 +142,9 @@ bool connectData(ZXProxyInstance_t *app) {
                          app->linkTimings.dataIoTimeout, err, sizeof err,
                          [app] { return app->stopDataThread.load() != 0; });
   if (!conn) {
-    ZX_CTRL_LOG(0, "Error", "Error while creating the data connection with %s:%d. Error %s\n",
-                dst.dstIp, dst.dstPort, err);
+    ZX_DATA_LINK_LOG(LinkState::Down, "Error",
+                     "Error while creating the data connection with %s:%d. Error %s\n", dst.dstIp,
+                     dst.dstPort, err);
     return false;
   }
   {
@@ -105,31 +152,105 @@ bool connectData(ZXProxyInstance_t *app) {
     app->zxcDataSocket = std::move(conn);
   }
   if (buff_list_init(app) != 0) {
-    ZX_CTRL_LOG(0, "Error", "Error in buff_list_init");
+    ZX_DATA_LINK_LOG(LinkState::Down, "Error", "Error in buff_list_init");
     close_data_connection(app);
     return false;
   }
   if (send_data_con_req_msg_to_zxc(app)) {
-    ZX_CTRL_LOG(0, "Error", "dataConnectionBreak due to send_data_con_req_msg_to_zxc() == FAIL ");
+    ZX_DATA_LINK_LOG(LinkState::Down, "Error",
+                     "dataConnectionBreak due to send_data_con_req_msg_to_zxc() == FAIL ");
     close_data_connection(app);
     return false;
   }
   if (!dumpNewConnectionRecord(app)) {
+    ZX_DATA_LINK_LOG(LinkState::Down, "Error", "Data connection lost before its first record");
     close_data_connection(app);
     return false;
   }
-  skipPartialLine(app);
-  ZX_CTRL_LOG(0, "Info", "Data connection established with %s:%d", dst.dstIp, dst.dstPort);
+  skipPartialLine(app->sendBuffers);
+  ZX_DATA_LINK_LOG(LinkState::Up, "Info", "Data connection established with %s:%d", dst.dstIp,
+                   dst.dstPort);
   return true;
+}
+
+// At most once per lossSummaryInterval, and only when something was lost
+// since the last one: the losses by cause, at the default level.
+void summarizeLosses(ZXProxyInstance_t *app, apr_time_t &lastAt, ZXSendCounts &last) {
+  ZXSendBufferPool &pool = app->sendBuffers;
+  const apr_time_t now = apr_time_now();
+  if (now - lastAt < pool.lossSummaryInterval) return;
+  lastAt = now;
+  const ZXSendCounts c = readSendCounts(pool);
+  if (c.lost() != last.lost())
+    ZX_LOG_IF(true, "CONTROL_THREAD", "Warning",
+              "Data records lost since the last summary: %llu (send buffers full %llu, "
+              "connection down %llu, at exit %llu, too large %llu); in all %llu of %llu lost, "
+              "%llu sent, %llu queued",
+              c.lost() - last.lost(), c.lostPoolFull - last.lostPoolFull,
+              c.lostConnDown - last.lostConnDown, c.lostAtExit - last.lostAtExit,
+              c.lostOversized - last.lostOversized, c.lost(), c.records, c.sent, c.queued);
+  last = c;
+}
+
+// The data thread's side of drainSendBuffersForExit: sends what is queued
+// until shortly before `deadline`, then closes the pool for exit (what is
+// left counts as lost at exit) and tells the caller.
+void drainForExit(ZXProxyInstance_t *app, apr_time_t deadline) {
+  ZXSendBufferPool &pool = app->sendBuffers;
+  if (ZXConnection *conn = app->zxcDataSocket.get()) {
+    movePartialToReadList(pool);
+    const apr_time_t stopAt =
+        deadline -
+        std::min(kDrainMargin, std::max<apr_interval_time_t>(0, (deadline - apr_time_now()) / 10));
+    char err[kErrSize] = {};
+    bool allSent = false;
+    while (!allSent && apr_time_now() < stopAt) {
+      if (sendPass(app, *conn, allSent, err, sizeof err, stopAt) < 0) {
+        ZX_DATA_LINK_LOG(LinkState::Down, "Error", "Data connection send failed: %s", err);
+        close_data_connection(app);
+        break;
+      }
+    }
+    if (app->zxcDataSocket) conn->set_send_timeout(app->linkTimings.dataIoTimeout);
+  }
+  {
+    std::lock_guard send(pool.sendLock);
+    pool.closedForExit.store(true, std::memory_order_release);
+    discardQueued(pool, ZXSendLoss::AtExit);
+  }
+  {
+    std::lock_guard lk(pool.drainMutex);
+    pool.drainDone = true;
+  }
+  pool.drainCond.notify_all();
 }
 
 void dataThreadBody(ZXProxyInstance_t *app) {
   ZXSys_t &sys = app->ZXSys;
+  ZXSendBufferPool &pool = app->sendBuffers;
   int ticksLeft = 0;
   int written = 0;
+  apr_time_t summaryAt = apr_time_now();
+  ZXSendCounts summarized = readSendCounts(pool);
   while (!checkAndStopThread(app)) {
+    summarizeLosses(app, summaryAt, summarized);
+    if (apr_time_t deadline = pool.drainDeadline.exchange(0)) {
+      drainForExit(app, deadline);
+      continue;
+    }
+    if (pool.closedForExit.load(std::memory_order_acquire)) {
+      // The process is past its exit deadline: nothing more goes out.
+      {
+        std::lock_guard send(pool.sendLock);
+        discardQueued(pool, ZXSendLoss::AtExit);
+      }
+      dataSleep(app, app->linkTimings.dataTick);
+      continue;
+    }
     if (sys.dataConnState == 0) {
       // The collector closed the data connection; it reopens it by echo.
+      if (dataLink == LinkState::Up)
+        ZX_DATA_LINK_LOG(LinkState::Down, "Info", "Data connection closed by the collector");
       close_data_connection(app);
       dataSleep(app, app->linkTimings.dataTick);
       continue;
@@ -140,7 +261,7 @@ void dataThreadBody(ZXProxyInstance_t *app) {
     }
     // A quiet application may take minutes to fill a buffer: a tick with
     // nothing full to send ships the partly filled one.
-    if (!sendBufferHead(app->sendBuffers)) movePartialToReadList(app->sendBuffers);
+    if (!sendBufferHead(pool)) movePartialToReadList(pool);
     if (processData(app) < 0) {
       close_data_connection(app);
       if (sys.closeCtrlConFlag) {
@@ -162,12 +283,24 @@ void dataThreadBody(ZXProxyInstance_t *app) {
 void *APR_THREAD_FUNC data_thread_entry(apr_thread_t *thread, void *arg) {
   auto *app = static_cast<ZXProxyInstance_t *>(arg);
   dataThreadApp = app;
+  dataLink = LinkState::Unknown;
   try {
     dataThreadBody(app);
   } catch (const std::exception &e) {
     ZX_CTRL_LOG(0, "Error", "Data thread stopped: %s", e.what());
     close_data_connection(app);
   }
+  // What could not be sent is not kept for a later run: it is counted lost.
+  ZXSendBufferPool &pool = app->sendBuffers;
+  unsigned long long dropped;
+  {
+    std::lock_guard send(pool.sendLock);
+    dropped =
+        discardQueued(pool, pool.closedForExit.load() ? ZXSendLoss::AtExit : ZXSendLoss::ConnDown);
+  }
+  if (dropped > 0)
+    ZX_LOG_IF(true, "CONTROL_THREAD", "Warning",
+              "Data thread stopped with %llu records unsent; they are dropped", dropped);
   dataThreadApp = nullptr;
   app->dataThreadRunning = false;
   apr_thread_exit(thread, APR_SUCCESS);
@@ -274,7 +407,11 @@ int processData(ZXProxyInstance_t *app) {
   ZXConnection *conn = app->zxcDataSocket.get();
   if (!conn) return -1;
   bool allSent = false;
-  if (sendPass(app, *conn, allSent) < 0) return -1;
+  char err[kErrSize] = {};
+  if (sendPass(app, *conn, allSent, err, sizeof err) < 0) {
+    ZX_DATA_LINK_LOG(LinkState::Down, "Error", "Data connection send failed: %s", err);
+    return -1;
+  }
   return allSent ? 1 : 0;
 }
 
@@ -282,11 +419,54 @@ void flushCommonData(ZXProxyInstance_t *app) {
   ZXConnection *conn = app->zxcDataSocket.get();
   if (!conn) return;
   movePartialToReadList(app->sendBuffers);
+  char err[kErrSize] = {};
   for (int i = 0; i < kFlushPasses; ++i) {
     bool allSent = false;
-    long n = sendPass(app, *conn, allSent);
+    long n = sendPass(app, *conn, allSent, err, sizeof err);
     if (n <= 0 || allSent) break;
   }
+}
+
+int drainSendBuffersForExit(ZXProxyInstance_t *app, apr_time_t deadline) {
+  if (!app) return -1;
+  ZXSendBufferPool &pool = app->sendBuffers;
+  const unsigned long long lostBefore = pool.counters.lostAtExit.load();
+  bool connected;
+  {
+    std::lock_guard lk(app->dataConnLock);
+    connected = app->zxcDataSocket != nullptr;
+  }
+  if (connected && app->dataThreadRunning.load() && !pool.closedForExit.load()) {
+    {
+      std::lock_guard lk(pool.drainMutex);
+      pool.drainDone = false;
+    }
+    pool.drainDeadline.store(deadline);
+    wakeDataThread(app);
+    // A steady-clock wait: a wall-clock step must not stretch the exit.
+    const auto until =
+        std::chrono::steady_clock::now() +
+        std::chrono::microseconds(std::max<apr_time_t>(0, deadline - apr_time_now()));
+    std::unique_lock lk(pool.drainMutex);
+    pool.drainCond.wait_until(lk, until, [&pool] { return pool.drainDone; });
+  }
+  pool.closedForExit.store(true, std::memory_order_release);
+  // A sender inside its last send (bounded by the deadline) discards the
+  // rest itself when the send returns; the exit does not wait for it.
+  bool senderBusy;
+  {
+    std::unique_lock send(pool.sendLock, std::try_to_lock);
+    senderBusy = !send.owns_lock();
+    if (!senderBusy) discardQueued(pool, ZXSendLoss::AtExit);
+  }
+  const ZXSendCounts c = readSendCounts(pool);
+  const unsigned long long lost = c.lostAtExit - lostBefore;
+  if (lost > 0 || senderBusy)
+    ZX_LOG_IF(true, "CONTROL_THREAD", "Warning",
+              "Exit: %llu records still queued at the deadline are dropped; in all %llu of %llu "
+              "records lost, %llu sent",
+              lost, c.lost(), c.records, c.sent);
+  return lost > 0 || senderBusy ? 1 : 0;
 }
 
 void handleHeartBeat(ZXProxyInstance_t *app, int &ticksLeft, int &written) {
@@ -294,6 +474,7 @@ void handleHeartBeat(ZXProxyInstance_t *app, int &ticksLeft, int &written) {
   if (period <= 0) return;
   if (ticksLeft <= 0 || ticksLeft > period) ticksLeft = period;
   if (--ticksLeft >= 1) return;
+  if (app->sendBuffers.closedForExit.load(std::memory_order_relaxed)) return;
   dumpData(app, "\n", 1);
   if (++written >= kHeartbeatLogEvery) {
     ZX_CTRL_LOG(1, "Info", "Heartbeat written on the data connection %d times", written);

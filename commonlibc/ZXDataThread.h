@@ -8,6 +8,8 @@
 
 #include <cstddef>
 
+#include <apr_time.h>
+
 struct ZXProxyInstance_t;
 
 // Starts the data thread unless one runs; wakes a running one so that it
@@ -19,6 +21,13 @@ void setToStopThread(int stop);
 void stop_data_thread(ZXProxyInstance_t *app);
 // The collector closed the data connection (heartbeat echo dataConnState=0).
 void closeDataConnectionByCollector(ZXProxyInstance_t *app);
+// At process exit: has the data thread (when it runs and is connected) send
+// what is queued until `deadline`, waiting for it at most that long; then
+// counts whatever is still queued as lost at exit and discards it. From then
+// on nothing more is sent. Never blocks past the deadline; safe when the data
+// thread never started. Call before stop_data_thread. 0 when nothing queued
+// was lost, 1 when some was, -1 without an application.
+int drainSendBuffersForExit(ZXProxyInstance_t *app, apr_time_t deadline);
 
 // Data-thread side; exposed for tests of the send path.
 // -1 without a connection or when it broke, 0 when the collector took nothing

@@ -29,6 +29,9 @@ class TcpConnection final : public ZXConnection {
   long send_some(const char *data, std::size_t len, char *err, int err_len) override {
     return zxlb_send_some(sock_, data, len, err, err_len);
   }
+  void set_send_timeout(apr_interval_time_t timeout) override {
+    apr_socket_timeout_set(sock_, timeout > 0 ? timeout : 1);
+  }
   Wait wait_readable(apr_interval_time_t timeout, char *err, int err_len) override {
     apr_int32_t n = 0;
     const apr_pollfd_t *ready = nullptr;

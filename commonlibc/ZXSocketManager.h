@@ -33,6 +33,9 @@ class ZXConnection {
   // One send: bytes taken (0 when none within the transport's timeout), -1
   // when the peer is gone, -2 on other errors.
   virtual long send_some(const char *data, std::size_t len, char *err, int err_len) = 0;
+  // Bounds each later send (the connection's io_timeout until then). A
+  // transport that cannot keeps its own bound.
+  virtual void set_send_timeout(apr_interval_time_t) {}
   // Waits up to `timeout` for bytes to read, or for wakeup().
   virtual Wait wait_readable(apr_interval_time_t timeout, char *err, int err_len) = 0;
   // What has arrived: bytes read, 0 for none, -1 peer closed, -2 error.

@@ -338,8 +338,20 @@ ZX_EXPORT void register_AD_callback(zx_ad_callback_t adfunc) {
 
 ZX_EXPORT void zx_data_counters(unsigned long long *records, unsigned long long *dropped) {
   ZXProxyInstance_t *a = tlzxApplication;
-  if (records) *records = a ? static_cast<unsigned long long>(a->ZXSys.recordCount.load()) : 0;
-  if (dropped) *dropped = a ? static_cast<unsigned long long>(a->ZXSys.discardCount.load()) : 0;
+  const ZXSendCounts c = a ? readSendCounts(a->sendBuffers) : ZXSendCounts{};
+  if (records) *records = c.records;
+  if (dropped) *dropped = c.lost();
+}
+
+ZX_EXPORT int zx_data_counters_get(zx_data_counters_t *out, size_t size) {
+  ZXProxyInstance_t *a = tlzxApplication;
+  if (!out || !a) return -1;
+  const ZXSendCounts c = readSendCounts(a->sendBuffers);
+  const zx_data_counters_t all = {c.records,      c.sent,       c.queued,       c.lostPoolFull,
+                                  c.lostConnDown, c.lostAtExit, c.lostOversized};
+  // A caller built against an older, shorter struct gets its prefix.
+  std::memcpy(out, &all, size < sizeof all ? size : sizeof all);
+  return 0;
 }
 
 }  // extern "C"

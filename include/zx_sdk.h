@@ -21,6 +21,7 @@
 #ifndef ZX_SDK_H
 #define ZX_SDK_H
 
+#include <stddef.h>
 #include <stdint.h>
 
 #include "zx_agent.h"
@@ -108,9 +109,26 @@ ZX_EXPORT zxIPCallOutHandle ip_int_to_handle(uintptr_t value);
 ZX_EXPORT int register_callback_for_agent(zx_agent_callback_t ptrfunc);
 ZX_EXPORT void register_AD_callback(zx_ad_callback_t adfunc);
 
-/* Records handed to the data connection, and records dropped because every
- * send buffer was full, since the agent started. Either pointer may be NULL. */
+/* Records handed to the data connection since the agent started, and those
+ * of them lost for any cause of zx_data_counters_t. Either pointer may be
+ * NULL. */
 ZX_EXPORT void zx_data_counters(unsigned long long *records, unsigned long long *dropped);
+
+/* Where the record lines handed to the data connection went. At any moment
+ * records == sent + queued + the four lost_ counts. */
+typedef struct zx_data_counters_s {
+  unsigned long long records;        /* record lines handed to the data connection */
+  unsigned long long sent;           /* written whole to the data socket */
+  unsigned long long queued;         /* waiting in the send buffers now */
+  unsigned long long lost_pool_full; /* every send buffer was full */
+  unsigned long long lost_conn_down; /* discarded unsent: connection down or broken */
+  unsigned long long lost_at_exit;   /* still queued when the exit deadline passed */
+  unsigned long long lost_oversized; /* too large for a send buffer */
+} zx_data_counters_t;
+/* Fills *out (size = sizeof(zx_data_counters_t) as the caller knows it;
+ * fields beyond it are not written). 0, or -1 for NULL / before the agent
+ * started. */
+ZX_EXPORT int zx_data_counters_get(zx_data_counters_t *out, size_t size);
 
 #ifdef __cplusplus
 }
