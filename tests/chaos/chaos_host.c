@@ -171,27 +171,15 @@ static void print_phases(const Worker *workers, int n) {
  * records lost while the agent stops are counted. */
 static void report_at_exit(void) {
   char line[512];
-  int len;
-#ifdef CHAOS_HAVE_COUNTERS_GET
   zx_data_counters_t c;
   memset(&c, 0, sizeof c);
   zx_data_counters_get(&c, sizeof c);
-  len = snprintf(line, sizeof line,
-                 "result pid=%d transactions=%llu traced=%llu records=%llu sent=%llu "
-                 "queued=%llu lost_pool_full=%llu lost_conn_down=%llu lost_at_exit=%llu "
-                 "lost_oversized=%llu\n",
-                 (int)getpid(), g_transactions, g_traced, (unsigned long long)c.records,
-                 (unsigned long long)c.sent, (unsigned long long)c.queued,
-                 (unsigned long long)c.lost_pool_full, (unsigned long long)c.lost_conn_down,
-                 (unsigned long long)c.lost_at_exit, (unsigned long long)c.lost_oversized);
-#else
-  /* Before the detailed counters: only records and drops are known. */
-  unsigned long long records = 0, dropped = 0;
-  zx_data_counters(&records, &dropped);
-  len = snprintf(line, sizeof line,
-                 "result pid=%d transactions=%llu traced=%llu records=%llu legacy_dropped=%llu\n",
-                 (int)getpid(), g_transactions, g_traced, records, dropped);
-#endif
+  const int len = snprintf(line, sizeof line,
+                           "result pid=%d transactions=%llu traced=%llu records=%llu sent=%llu "
+                           "queued=%llu lost_pool_full=%llu lost_conn_down=%llu "
+                           "lost_at_exit=%llu lost_oversized=%llu\n",
+                           (int)getpid(), g_transactions, g_traced, c.records, c.sent, c.queued,
+                           c.lost_pool_full, c.lost_conn_down, c.lost_at_exit, c.lost_oversized);
   /* One write: children share the pipe, and stdio may already be gone. */
   if (len > 0) {
     ssize_t w = write(STDOUT_FILENO, line, (size_t)len);

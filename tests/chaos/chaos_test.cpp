@@ -69,7 +69,7 @@ std::string request_value(std::string_view text, const std::string &key) {
 struct ConnSeen {
   std::string kind;
   long long pid = -1;
-  std::size_t records = 0;
+  std::size_t records = 0;  // without record 99
   bool closed = false;
 };
 
@@ -98,7 +98,9 @@ class Collector {
       ConnSeen &c = conns[std::atoi(t.c_str() + space + 1)];
       c.kind = t.substr(1, space - 1);
       const std::string_view rest = std::string_view(t).substr(close + 2);
-      if (starts_with(rest, "record ")) {
+      // Record 99 opens each data connection, written by the data thread
+      // itself outside the send buffers and their counters.
+      if (starts_with(rest, "record ") && !starts_with(rest, "record 99 ")) {
         ++c.records;
       } else if (starts_with(rest, "zx_data_msg_req:") || starts_with(rest, "zx_ctrl_msg_req:")) {
         c.pid = std::atoll(request_value(rest, "pid").c_str());
@@ -303,9 +305,6 @@ unsigned long long lost(const HostReport &r) {
 // records == sent + queued + lost: nothing disappears uncounted.
 void expect_accounted(const HostReport &r) {
   ASSERT_FALSE(r.result.empty()) << "no counters line from " << r.pid;
-  ASSERT_TRUE(r.result.count("sent"))
-      << "the library has no detailed data counters (zx_data_counters_get): records="
-      << counter(r, "records") << " dropped=" << counter(r, "legacy_dropped");
   std::cout << "[chaos] " << r.pid << ": records " << counter(r, "records") << " sent "
             << counter(r, "sent") << " queued " << counter(r, "queued") << " lost " << lost(r)
             << " (pool " << counter(r, "lost_pool_full") << ", conn "
@@ -321,7 +320,6 @@ void expect_all_received(const Collector &c, const HostReport &r) {
       << "the data connection of " << r.pid << " was not read to its end";
   std::cout << "[chaos] collector received " << c.records_from(r.pid) << " records from " << r.pid
             << "\n";
-  if (!r.result.count("sent")) return;
   EXPECT_EQ(c.records_from(r.pid), counter(r, "sent")) << "records of " << r.pid;
 }
 
@@ -403,7 +401,6 @@ TEST_F(Chaos, CollectorKilledAndRestarted) {
   const std::size_t received = first + second.records_from(r.pid);
   std::cout << "[chaos] received " << first << " before the kill + " << second.records_from(r.pid)
             << " after the restart\n";
-  if (!r.result.count("sent")) return;
   // What the killed collector had not read yet (its receive buffer, 64 KB
   // here) and what the agent sent before it saw the reset (one data tick's
   // send) is lost uncounted. Bounded by half a second of records: five
