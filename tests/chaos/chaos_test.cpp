@@ -227,7 +227,10 @@ class Host {
     p.argv.insert(p.argv.end(),
                   {"--pace-us", std::to_string(kPaceUs), "--traced-wait-ms",
                    std::to_string(o.traced_wait_ms), "--child-ms", std::to_string(o.child_ms)});
-    p.set_env = {{"ZXHOME", home_.string()}};
+    // ThreadSanitizer sleeps a second in exit() by default; that is its time, not the agent's.
+    const char *tsan = std::getenv("TSAN_OPTIONS");
+    p.set_env = {{"ZXHOME", home_.string()},
+                 {"TSAN_OPTIONS", std::string(tsan ? tsan : "") + " atexit_sleep_ms=0"}};
     p.unset_env = {"MOR_APP_AGENT_TIER",
                    "MOR_APP_AGENT_SERVER",
                    "MOR_APP_AGENT_INSTANCE",
