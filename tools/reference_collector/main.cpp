@@ -36,6 +36,8 @@ void usage(std::FILE *out) {
       "                       every N ms; 0 or off: never (default 30000)\n"
       "  --duration-s N       exit after N seconds (default: until SIGINT/SIGTERM)\n"
       "  --quiet              print only the listening address and errors\n"
+      "  --conn-ids           tag each printed line with its connection's id: \"[data 2] ...\"\n"
+      "  --rcvbuf N           receive buffer of accepted sockets in bytes (default: the system's)\n"
       "  --summary            on exit, print records by number, the per-BT tables and\n"
       "                       a few decoded flowpaths\n"
       "  --flowpaths N        flowpaths the summary shows (default 4)\n",
@@ -52,9 +54,10 @@ std::string reply_for(std::string_view kind) {
   return raw;
 }
 
-void print_event(const zxref::Event &e, bool quiet) {
+void print_event(const zxref::Event &e, bool quiet, bool conn_ids) {
   using Type = zxref::Event::Type;
-  const std::string kind(zxref::to_string(e.kind));
+  std::string kind(zxref::to_string(e.kind));
+  if (conn_ids) kind += " " + std::to_string(e.conn_id);
   switch (e.type) {
     case Type::Error:
       std::fprintf(stderr, "[%s] error: %s\n", kind.c_str(), e.text.c_str());
@@ -126,6 +129,7 @@ int main(int argc, char **argv) {
   long start_delay_ms = 0;
   std::optional<long> duration_s;
   bool quiet = false;
+  bool conn_ids = false;
   bool summary = false;
   std::size_t flowpaths_shown = 4;
 
@@ -139,6 +143,8 @@ int main(int argc, char **argv) {
     bool ok = true;
     if (arg == "--quiet") {
       quiet = true;
+    } else if (arg == "--conn-ids") {
+      conn_ids = true;
     } else if (arg == "--summary") {
       summary = true;
     } else if (arg == "--help" || arg == "-h") {
@@ -146,6 +152,10 @@ int main(int argc, char **argv) {
       return 0;
     } else if (!(v = value())) {
       ok = false;
+    } else if (arg == "--rcvbuf") {
+      const auto bytes = zxref::parse_number<int>(*v);
+      ok = bytes && *bytes > 0;
+      if (ok) config.receive_buffer_bytes = *bytes;
     } else if (arg == "--host") {
       config.host = std::string(*v);
     } else if (arg == "--port") {
@@ -200,7 +210,7 @@ int main(int argc, char **argv) {
   zxref::RunSummary run;
   const auto delay = std::chrono::milliseconds(start_delay_ms);
   config.observer = [&](const zxref::Event &e) {
-    print_event(e, quiet);
+    print_event(e, quiet, conn_ids);
     if (summary && e.type == zxref::Event::Type::Record) run.add(e.record);
     if (summary && e.type == zxref::Event::Type::Blank && zxref::carries_records(e.kind)) {
       run.add_heartbeat();
