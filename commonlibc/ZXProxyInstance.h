@@ -231,6 +231,13 @@ struct ZXProxyInstance_t {
   long long totalElapsedTime = 0;  // ms; start of the current connection
 
   ZXLinkTimings_t linkTimings;
+  // Link timings from the settings file ("zxcRetryIntervalMs",
+  // "zxcConnectTimeoutMs"; 0 keeps the default). Read by agent_init only,
+  // before the control thread starts; later settings passes change nothing.
+  struct {
+    int retryIntervalMs = 0;
+    int connectTimeoutMs = 0;
+  } startupLinkTimings;
 
   // Data connection and its thread. The data thread alone uses the
   // connection; dataConnLock guards replacing `zxcDataSocket` against

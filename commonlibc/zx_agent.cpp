@@ -184,6 +184,10 @@ bool apply_common_keyword(char *line, ConfPass &pass) {
     sys.proxyPort = atoi(v);
   } else if ((v = search_keyword(line, "zxAgentDebugLogging"))) {
     sys.sendLogsToProxy = atoi(v);
+  } else if ((v = search_keyword(line, "zxcRetryIntervalMs"))) {
+    app->startupLinkTimings.retryIntervalMs = atoi(v);
+  } else if ((v = search_keyword(line, "zxcConnectTimeoutMs"))) {
+    app->startupLinkTimings.connectTimeoutMs = atoi(v);
   } else if ((v = search_keyword(line, "zxProjectKey"))) {
     bci.projectKey.assign(v);
     bci.saasMode = 1;
@@ -582,6 +586,14 @@ extern "C" ZX_EXPORT void agent_init(char *pool, int connect_zxc, char *process_
   app->ZXSys.proxyServerFlag = ZXProxy.proxyServerFlag;
 
   if (connect_zxc <= 0) return;
+
+  // Timings the settings file shortens (tests, impatient hosts), applied
+  // before any thread reads them.
+  if (int ms = app->startupLinkTimings.retryIntervalMs; ms > 0)
+    app->linkTimings.retryInterval = app->linkTimings.dataConnRetryInterval =
+        apr_time_from_msec(ms);
+  if (int ms = app->startupLinkTimings.connectTimeoutMs; ms > 0)
+    app->linkTimings.connectTimeout = apr_time_from_msec(ms);
 
   app->controlThreadTmpLock.create(app->control_pool.get());
   initPerThreadSlots(app);

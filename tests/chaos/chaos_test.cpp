@@ -215,7 +215,8 @@ class Host {
     std::filesystem::create_directories(home_ / "config");
     std::ofstream(home_ / "config/zxsettings.conf")
         << "tier=Chaos\nserver=chaos-server\ninstance=" << name << "\nzxcHost=" << o.collector_host
-        << "\nzxcPort=" << o.port << "\nZXC_COMM_PROTOCOL=TCP:" << o.port << "\n";
+        << "\nzxcPort=" << o.port << "\nZXC_COMM_PROTOCOL=TCP:" << o.port
+        << "\nzxcRetryIntervalMs=200\n";
     Process::Options p;
     if (!o.resolv_conf.empty()) {
       p.argv = {
@@ -422,6 +423,8 @@ TEST_F(Chaos, CollectorKilledAndRestarted) {
   const std::size_t received = first + second.records_from(r.pid);
   std::cout << "[chaos] received " << first << " before the kill + " << second.records_from(r.pid)
             << " after the restart\n";
+  EXPECT_GT(second.records_from(r.pid), 0u)
+      << "the agent never came back to the restarted collector";
   // What the killed collector had not read yet (its receive buffer, 64 KB
   // here) and what the agent sent before it saw the reset (one data tick's
   // send) is lost uncounted. Bounded by half a second of records: five
