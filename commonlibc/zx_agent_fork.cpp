@@ -27,6 +27,10 @@ InitArgs savedArgs;
 // 0 idle, 1 a child's restart under way.
 std::atomic<int> restarting{0};
 
+// The parent's agent as a child leaves it: still referenced, on purpose.
+ZXProxyInstance_t *parentAgentLeftBehind = nullptr;
+MTTraceLogKey *parentTraceLeftBehind = nullptr;
+
 // APR's allocator lock as held across the fork by the forking thread.
 apr_thread_mutex_t *heldAllocatorLock = nullptr;
 
@@ -59,6 +63,8 @@ void afterForkInChild() {
   zx::ForkSafeMutex::resetAllInChild();
   // The parent's agent stays in memory, untouched: its locks may be held by
   // threads that do not exist here, and its exit handler must not join them.
+  parentAgentLeftBehind = ZXProxyInstance;
+  parentTraceLeftBehind = trace_log_key;
   trace_log_key = nullptr;
   tlzxApplication = nullptr;
   ZXProxyInstance = nullptr;

@@ -75,13 +75,18 @@ SdkState *makeSdkState() {
   return state.release();
 }
 
+// The parent's state and log as a fork's child leaves them: still
+// referenced, on purpose.
+SdkState *parentStateLeftBehind = nullptr;
+zx_sdk_log_t *parentLogLeftBehind = nullptr;
+
 // The child's side of a fork, while it is the child's only thread: the
 // parent's parked handles, the lock around them and the log (named with the
 // parent's pid) are left alone; the child's first begin makes its own.
 void forgetSdkInChild() {
   if (!initializeSDK.exchange(0, std::memory_order_relaxed)) return;
-  sdk = nullptr;
-  zx_sdk_log.store(nullptr, std::memory_order_relaxed);
+  parentStateLeftBehind = std::exchange(sdk, nullptr);
+  parentLogLeftBehind = zx_sdk_log.exchange(nullptr, std::memory_order_relaxed);
   sdkRestartInChild.store(true, std::memory_order_relaxed);
 }
 

