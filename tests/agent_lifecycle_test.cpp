@@ -34,7 +34,7 @@ const pid_t testPid = getpid();
 
 // LeakSanitizer in a forked child still sees the parent's threads and their
 // memory, which the child cannot free: it checks the test process only.
-extern "C" int __lsan_is_turned_off() {
+extern "C" __attribute__((visibility("default"))) int __lsan_is_turned_off() {
   return getpid() != testPid;
 }
 
@@ -175,6 +175,11 @@ TEST_F(LifecycleTest, ForkedChildrenExitAtOnceAndTheParentKeepsTracing) {
 }
 
 TEST_F(LifecycleTest, ForkedChildTracesUnderItsOwnPid) {
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+  // A child forked while the parent's threads allocate can hang on the
+  // sanitizer allocator's own lock, which its runtime does not reset.
+  GTEST_SKIP() << "sanitizer runtimes are not fork-safe for a child that starts threads";
+#endif
   configure("127.0.0.1");
   zx_init();
   startRunOn(1);

@@ -330,7 +330,7 @@ static pid_t g_main_pid;
 /* LeakSanitizer in a forked child still sees the parent's threads and their
  * memory, which the child cannot free: it checks the host process only. */
 int __lsan_is_turned_off(void);
-int __lsan_is_turned_off(void) {
+__attribute__((visibility("default"))) int __lsan_is_turned_off(void) {
   return getpid() != g_main_pid;
 }
 
