@@ -36,6 +36,7 @@ class SdkTest : public ::testing::Test {
     EXPECT_EQ(buff_list_init(&app()), 0);
     initPerThreadSlots(&app());
     app().methodEntryLock.create(app().control_pool.get());
+    app().controlThreadTmpLock.create(app().control_pool.get());
     app().methodIDGlobal = 1;
     app().maxStates = 128;
     app().allSlow = 3000;
