@@ -12,12 +12,13 @@
 // The guard is kept out of line and takes its body by value: a body that
 // captures a few arguments by value travels in registers, so the checks in
 // front of it need no stack frame and the guard is reached by a tail call.
+// The caller's name comes from the builtin that std::source_location wraps,
+// which the fuzzers' clang has while its std::source_location does not.
 //
 // A body must leave no lock held and no state half-built when it throws:
 // RAII for locks, and updates that publish only once complete.
 #pragma once
 
-#include <source_location>
 #include <type_traits>
 
 // Called from the guard's handler: counts the exception in flight and logs
@@ -27,22 +28,21 @@ void zx_c_guard_caught(const char *function) noexcept;
 template <typename Body>
 [[gnu::noinline]] std::invoke_result_t<Body &> zx_c_guard(
     std::invoke_result_t<Body &> neutral, Body body,
-    std::source_location where = std::source_location::current()) noexcept {
+    const char *function = __builtin_FUNCTION()) noexcept {
   try {
     return body();
   } catch (...) {
-    zx_c_guard_caught(where.function_name());
+    zx_c_guard_caught(function);
   }
   return neutral;
 }
 
 // For a function without a result.
 template <typename Body>
-[[gnu::noinline]] void zx_c_guard(
-    Body body, std::source_location where = std::source_location::current()) noexcept {
+[[gnu::noinline]] void zx_c_guard(Body body, const char *function = __builtin_FUNCTION()) noexcept {
   try {
     body();
   } catch (...) {
-    zx_c_guard_caught(where.function_name());
+    zx_c_guard_caught(function);
   }
 }
