@@ -618,28 +618,6 @@ TEST_F(LinkTest, BrokenDataConnectionLosesAtMostTheCutLine) {
   EXPECT_EQ(summed("connection down"), counts.lostConnDown);
 }
 
-// The exit drain against a collector that reads: everything queued is sent,
-// nothing is lost.
-TEST_F(LinkTest, ExitDrainSendsEverythingToACollectorThatReads) {
-  auto c = make_collector();
-  ZXProxyInstance_t &a = configure(c->port());
-  a.ZXSys.zxcBciDataConnectionHeartBeat = 0;
-  run_loop();
-  start_run(*c);
-  const std::string pad(200, 'p');
-  constexpr int kRecords = 250;  // fits the pool: none can be dropped
-  for (int i = 0; i < kRecords; ++i) {
-    const std::string rec = numbered(i, pad);
-    ASSERT_EQ(dumpData(rec.data(), static_cast<int>(rec.size())), 0);
-  }
-  EXPECT_EQ(drainSendBuffersForExit(&a, apr_time_now() + apr_time_from_sec(5)), 0);
-  const ZXSendCounts counts = zxtest::scanned_send_counts(a);
-  EXPECT_EQ(counts.queued, 0u);
-  EXPECT_EQ(counts.lost(), 0u);
-  EXPECT_EQ(counts.sent, counts.records);
-  EXPECT_TRUE(zxtest::wait_until([&] { return numberedReceived(*c) == kRecords; }, kWait));
-}
-
 // The exit drain against a collector that has stopped reading: it returns by
 // its deadline and counts what could not go out as lost at exit.
 TEST_F(LinkTest, ExitDrainKeepsItsDeadlineWhenTheCollectorStalls) {
