@@ -3,8 +3,8 @@
 #include <chrono>
 #include <new>
 
-#include "control_thread.h"
 #include "zx_agent.h"
+#include "zx_agent_stop.h"
 
 extern "C" {
 ZX_EXPORT ZXProxyInstance_t *tlzxApplication = nullptr;
@@ -28,7 +28,7 @@ ZXProxyInstance_t::ZXProxyInstance_t() {
 }
 
 ZXProxyInstance_t::~ZXProxyInstance_t() {
-  stop_control_thread(this);
+  agent_stop_by(this, 0);
 }
 
 bool ZXProxyInstance_t::controlSleep(apr_interval_time_t interval) {

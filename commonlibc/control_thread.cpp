@@ -298,12 +298,3 @@ void request_control_stop(ZXProxyInstance_t *app) {
 bool join_control_thread(ZXProxyInstance_t *app, apr_time_t deadline) {
   return zx::joinBy(app->control_thread, app->controlThreadDone, deadline);
 }
-
-void stop_control_thread(ZXProxyInstance_t *app) {
-  if (!app) return;
-  if (app->control_thread) {
-    request_control_stop(app);
-    join_control_thread(app, 0);
-  }
-  stop_data_thread(app);
-}

@@ -21,9 +21,6 @@ void *APR_THREAD_FUNC control_thread_entry_fun(apr_thread_t *thread, void *app);
 bool start_control_thread(ZXProxyInstance_t *app, char *err, int err_len);
 // Asks the thread to stop and wakes it from any wait; does not join.
 void request_control_stop(ZXProxyInstance_t *app);
-// Asks the thread to stop, wakes it and joins it, then stops the data
-// thread. Safe when never started.
-void stop_control_thread(ZXProxyInstance_t *app);
 // Joins the thread once it has ended by `deadline` (APR time, 0 = no limit);
 // one still busy then (a name lookup that nothing interrupts) is left behind.
 // True when it ended. Call request_control_stop first.
