@@ -1,4 +1,4 @@
-#include "bt/ZXBTManager.h"
+#include "ZXBTManager.h"
 
 #include <new>
 

@@ -21,7 +21,7 @@
 #include <string_view>
 #include <vector>
 
-#include "zxbt/zxbt_bt_object.h"
+#include "zxbt_bt_object.h"
 #include "zxlb_apr.h"
 
 class BTObjectMap {

@@ -1,4 +1,4 @@
-#include "bt/ZXBTMonitor.h"
+#include "ZXBTMonitor.h"
 
 #include <sys/syscall.h>
 #include <unistd.h>
@@ -13,8 +13,8 @@
 #include "ZXProxyInstance.h"
 #include "ZXTDigest.h"
 #include "tdigest/pwlb_t_digest_quantile.h"
-#include "zxbt/zxbt_bt_object.h"
-#include "zxbt/zxbt_utils.h"
+#include "zxbt_bt_object.h"
+#include "zxbt_utils.h"
 
 namespace {
 std::atomic<std::uint64_t> gMonitorSerial{0};

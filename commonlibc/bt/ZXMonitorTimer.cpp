@@ -1,4 +1,4 @@
-#include "bt/ZXMonitorTimer.h"
+#include "ZXMonitorTimer.h"
 
 #include <chrono>
 #include <exception>
@@ -8,7 +8,7 @@
 #include "ZXDataDispatcher.h"
 #include "ZXProxyInstance.h"
 #include "ZXTDigest.h"
-#include "zxbt/zxbt_utils.h"
+#include "zxbt_utils.h"
 #include "zxlb_utiles.h"
 
 namespace {

@@ -1,4 +1,4 @@
-#include "flowpath/ZXFlowpathGenerator.h"
+#include "ZXFlowpathGenerator.h"
 
 #include <apr_atomic.h>
 
@@ -13,12 +13,12 @@
 #include "ZXFeatureKeywords.h"
 #include "ZXMethodManager.h"
 #include "ZXProxyInstance.h"
-#include "bt/ZXBTMonitor.h"
-#include "flowpath/ZXManageTierCallOut.h"
-#include "flowpath/ZXSessionCookie.h"
-#include "flowpath/zxlb_mem_pool.h"
-#include "zxbt/zxbt_bt_object.h"
-#include "zxbt/zxbt_rule_execute.h"
+#include "ZXBTMonitor.h"
+#include "ZXManageTierCallOut.h"
+#include "ZXSessionCookie.h"
+#include "zxlb_mem_pool.h"
+#include "zxbt_bt_object.h"
+#include "zxbt_rule_execute.h"
 #include "zxlb_utiles.h"
 
 namespace {

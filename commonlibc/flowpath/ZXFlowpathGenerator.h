@@ -15,7 +15,7 @@
 #include <string>
 #include <unordered_map>
 
-#include "flowpath/ZXPerThreadData.h"
+#include "ZXPerThreadData.h"
 #include "zxlb_relaxed.h"
 
 struct ZXProxyInstance_t;

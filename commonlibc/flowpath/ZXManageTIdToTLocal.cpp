@@ -1,4 +1,4 @@
-#include "flowpath/ZXManageTIdToTLocal.h"
+#include "ZXManageTIdToTLocal.h"
 
 #include <cstdio>
 #include <mutex>

@@ -11,7 +11,7 @@
 #include <string>
 #include <unordered_map>
 
-#include "flowpath/ZXPerThreadData.h"
+#include "ZXPerThreadData.h"
 
 struct ZXProxyInstance_t;
 

@@ -1,4 +1,4 @@
-#include "flowpath/ZXManageTierCallOut.h"
+#include "ZXManageTierCallOut.h"
 
 #include <cstdio>
 #include <cstdlib>

@@ -8,7 +8,7 @@
 // are declared in zx_tier_callout.h.
 #pragma once
 
-#include "flowpath/ZXPerThreadData.h"
+#include "ZXPerThreadData.h"
 
 // Builds the header for an outgoing call into the record's
 // tierCallOutHeader (grown as needed; no length limit) and returns it; null

@@ -1,4 +1,4 @@
-#include "flowpath/ZXPerThreadData.h"
+#include "ZXPerThreadData.h"
 
 #include <mutex>
 

@@ -1,4 +1,4 @@
-#include "flowpath/ZXSessionCookie.h"
+#include "ZXSessionCookie.h"
 
 #include <unistd.h>
 
@@ -10,7 +10,7 @@
 
 #include "ZXFeatureKeywords.h"
 #include "ZXProxyInstance.h"
-#include "flowpath/ZXPerThreadData.h"
+#include "ZXPerThreadData.h"
 #include "zxlb_mt_log.h"
 
 namespace {

@@ -1,4 +1,4 @@
-#include "flowpath/zxlb_mem_pool.h"
+#include "zxlb_mem_pool.h"
 
 #include <algorithm>
 #include <mutex>
@@ -7,7 +7,7 @@
 
 #include "ZXDataThread.h"
 #include "ZXProxyInstance.h"
-#include "flowpath/ZXManageTIdToTLocal.h"
+#include "ZXManageTIdToTLocal.h"
 #include "zxlb_mt_log.h"
 
 #define ZX_FP_LOG(above, severity, ...)                                                   \

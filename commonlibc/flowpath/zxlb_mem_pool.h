@@ -12,7 +12,7 @@
 //   lost:  a busy record that is still gFreeTLSTail -> [given back] -> ...
 #pragma once
 
-#include "flowpath/ZXPerThreadData.h"
+#include "ZXPerThreadData.h"
 
 inline constexpr int ZX_TLS_BLOCK_SIZE = 64;
 

@@ -1,4 +1,4 @@
-#include "zxbt/zx_bt_custom_rule.h"
+#include "zx_bt_custom_rule.h"
 
 #include <algorithm>
 #include <climits>

@@ -39,7 +39,7 @@
 #include <memory>
 #include <vector>
 
-#include "zxbt/zxlb_keyword_lexicon.h"
+#include "zxlb_keyword_lexicon.h"
 
 // The matched alphabet: characters 32 (blank) to 126 ("~"). Any other byte
 // of a URL sends the search back to the root.

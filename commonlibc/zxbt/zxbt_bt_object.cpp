@@ -1,4 +1,4 @@
-#include "zxbt/zxbt_bt_object.h"
+#include "zxbt_bt_object.h"
 
 #include <apr_time.h>
 
@@ -9,7 +9,7 @@
 #include "ZXDataDispatcher.h"
 #include "ZXFileBasedKeywords.h"
 #include "ZXProxyInstance.h"
-#include "zxbt/zxbt_utils.h"
+#include "zxbt_utils.h"
 
 namespace {
 

@@ -11,7 +11,7 @@
 
 #include <atomic>
 
-#include "zxbt/zxbt_published.h"
+#include "zxbt_published.h"
 
 struct ZXProxyInstance_t;
 

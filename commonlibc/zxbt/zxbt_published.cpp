@@ -1,4 +1,4 @@
-#include "zxbt/zxbt_published.h"
+#include "zxbt_published.h"
 #include "zxlb_fork_safe_mutex.h"
 
 #include <deque>

@@ -1,4 +1,4 @@
-#include "zxbt/zxbt_rule_execute.h"
+#include "zxbt_rule_execute.h"
 
 #include <cstdio>
 #include <cstring>
@@ -6,7 +6,7 @@
 #include <new>
 
 #include "ZXProxyInstance.h"
-#include "zxbt/zxbt_utils.h"
+#include "zxbt_utils.h"
 
 namespace {
 

@@ -10,8 +10,8 @@
 
 #include <cstddef>
 
-#include "zxbt/zxbt_bt_object.h"
-#include "zxbt/zxbt_rule_parser.h"
+#include "zxbt_bt_object.h"
+#include "zxbt_rule_parser.h"
 #include "zxlb_apr.h"
 
 // The BT object of a request, or null (excluded, no object). btHeaderValue

@@ -1,4 +1,4 @@
-#include "zxbt/zxbt_rule_parser.h"
+#include "zxbt_rule_parser.h"
 
 #include <strings.h>
 
@@ -11,8 +11,8 @@
 
 #include "ZXFileBasedKeywords.h"
 #include "ZXProxyInstance.h"
-#include "zxbt/zxbt_bt_object.h"
-#include "zxbt/zxbt_utils.h"
+#include "zxbt_bt_object.h"
+#include "zxbt_utils.h"
 #include "zxlb_utiles.h"
 
 namespace {

@@ -17,9 +17,9 @@
 #include <memory>
 #include <mutex>
 
-#include "zxbt/zx_bt_custom_rule.h"
-#include "zxbt/zxbt_published.h"
-#include "zxbt/zxlb_state_machine.h"
+#include "zx_bt_custom_rule.h"
+#include "zxbt_published.h"
+#include "zxlb_state_machine.h"
 
 inline constexpr int ZXBT_RULE_PATTERN = 7;
 inline constexpr int ZXBT_RULE_GLOBAL = 1;

@@ -1,4 +1,4 @@
-#include "zxbt/zxbt_utils.h"
+#include "zxbt_utils.h"
 
 #include <strings.h>
 #include <sys/stat.h>

@@ -1,10 +1,10 @@
-#include "zxbt/zxlb_keyword_lexicon.h"
+#include "zxlb_keyword_lexicon.h"
 
 #include <algorithm>
 #include <cstring>
 #include <new>
 
-#include "zxbt/zx_bt_custom_rule.h"
+#include "zx_bt_custom_rule.h"
 #include "zxlb_mt_log.h"
 
 unsigned int all_keyword_len = 0;

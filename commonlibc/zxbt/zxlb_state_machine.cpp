@@ -1,4 +1,4 @@
-#include "zxbt/zxlb_state_machine.h"
+#include "zxlb_state_machine.h"
 
 #include <algorithm>
 #include <climits>

@@ -1,0 +1,28 @@
+#include "zx_agent_stop.h"
+
+#include "ZXAutoSensorData.h"
+#include "ZXDataThread.h"
+#include "ZXProxyInstance.h"
+#include "ZXMonitorTimer.h"
+#include "control_thread.h"
+#include "zxlb_mt_log.h"
+
+bool agent_stop_by(ZXProxyInstance_t *app, apr_time_t deadline) {
+  if (!app) return true;
+  // Producers on the agent's side stop first; the data thread goes last so
+  // that what they queued can still be sent.
+  request_control_stop(app);
+  requestMonitorTimerStop(app);
+  request_as_data_thread_stop(app);
+  // At exit the data thread first sends what is queued, until just before
+  // the deadline; the rest is counted lost at exit.
+  if (deadline) drainSendBuffersForExit(app, deadline - (deadline - apr_time_now()) / 8);
+  bool joined = join_control_thread(app, deadline);
+  joined &= stopMonitorTimer(app, deadline);
+  joined &= stop_as_data_thread(app, deadline);
+  joined &= stop_data_thread(app, deadline);
+  if (!joined)
+    ZX_LOG_IF(true, "CONTROL_THREAD", "Warning",
+              "Agent stop deadline passed: a thread was left behind");
+  return joined;
+}

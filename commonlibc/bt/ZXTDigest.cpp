@@ -1,0 +1,170 @@
+#include "ZXTDigest.h"
+
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <mutex>
+#include <vector>
+
+#include "ZXAutoSensorData.h"
+#include "ZXFeatureKeywords.h"
+#include "ZXProxyInstance.h"
+#include "tdigest/pwlb_t_digest_quantile.h"
+#include "zxbt_utils.h"
+#include "zxlb_mt_log.h"
+#include "zxlb_utiles.h"
+
+namespace {
+
+constexpr int kMaxFields = 7;
+constexpr char kFieldSeparator[] = "%20";
+
+void traceHead(const char *name, const char *field, long long v) {
+  ZX_CTRL_LOG(0, "Info", "Value set for %s.%s, value:%lld", name, field, v);
+}
+
+}  // namespace
+
+void setTDigestPercentile(TDigestPercentile_t &s, const char *name, const char *value) {
+  if (!value || !*value) {
+    ZX_CTRL_LOG(0, "Info", "keyword value has not been provided. Hence returning.");
+    return;
+  }
+  // Cut at every "%20" into at most seven fields.
+  const char *fields[kMaxFields];
+  int n = 0;
+  for (const char *p = value; n < kMaxFields && p;) {
+    fields[n++] = p;
+    const char *sep = strstr(p, kFieldSeparator);
+    p = sep ? sep + sizeof kFieldSeparator - 1 : nullptr;
+  }
+  for (int i = 0; i < n; ++i) {
+    const long long v = atoll(fields[i]);
+    switch (i) {
+      case 0:
+        s.is_enabled.store(static_cast<int>(v));
+        traceHead(name, "is_enabled", v);
+        break;
+      case 1:
+        s.aggregate_time.store(v * 60000);
+        traceHead(name, "aggregate_time", v * 60000);
+        break;
+      case 2:
+        s.serialization.store(static_cast<int>(v));
+        traceHead(name, "serialization", v);
+        break;
+      case 3: {
+        const double c = atof(fields[i]);
+        if (c > 0) s.delta.store(1.0 / c);
+        ZX_CTRL_LOG(0, "Info", "Value set for %s.delta, value:%f", name, s.delta.load());
+        break;
+      }
+      case 4:
+        s.k.store(static_cast<int>(v));
+        traceHead(name, "k", v);
+        break;
+      case 5:
+        s.group_id.store(static_cast<long>(v));
+        traceHead(name, "group_id", v);
+        break;
+      default:
+        s.graph_id.store(static_cast<int>(v));
+        traceHead(name, "graph_id", v);
+        break;
+    }
+  }
+  if (n < kMaxFields)
+    ZX_CTRL_LOG(0, "Info", "Finished setting %s, as no other value is provided", name);
+}
+
+void setTDigestPercentileBT(char *value, char *keyword, int index) {
+  if (!tlzxApplication) return;
+  storeFeatureKeyword(value, keyword, index);
+  setTDigestPercentile(tlzxApplication->tDigest.TDigestPercentileBT, "TDigestPercentileBT", value);
+}
+
+void setTDigestPercentileIP(char *value, char *keyword, int index) {
+  if (!tlzxApplication) return;
+  storeFeatureKeyword(value, keyword, index);
+  setTDigestPercentile(tlzxApplication->tDigest.TDigestPercentileIP, "TDigestPercentileIP", value);
+}
+
+bool dumpTDigestRecordForBT(ZXProxyInstance_t &app, char *buf, int *len, int cap,
+                            td_histogram_t *digest, const char *btName) {
+  if (!buf || !len || *len < 0 || *len >= cap) return false;
+  const ZXBTMonitor_t &m = app.btMonitor;
+  const TDigestPercentile_t &s = app.tDigest.TDigestPercentileBT;
+  if (zxbt_trace_level() > 1 && digest) {
+    static constexpr struct {
+      const char *label;
+      double q;
+    } kLevels[] = {{"80th", 0.8}, {"85th", 0.85}, {"90th", 0.9}, {"95th", 0.95}, {"99th", 0.99}};
+    for (const auto &level : kLevels)
+      ZXBT_LOG(1, "Info", "%s percentile for BT [%s]:%f", level.label, btName,
+               pwlb_t_digest_getquantile(digest, level.q));
+    ZXBT_LOG(1, "Info", "TDigest Data count for BT [%s]:%d", btName,
+             static_cast<int>(pwlb_t_digest_get_data_count(digest)));
+  }
+  std::vector<unsigned char> payload(ZXTD_INITIAL_SERIALIZE_SIZE);
+  std::size_t size = 0;
+  if (!pwlb_t_digest_serialize(digest, s.serialization.load(), &payload, &size)) size = 0;
+  const long long now = my_gettimeofday() - app.Server.morEpochDiffTime;
+  const int room = cap - *len;
+  const int n = snprintf(buf + *len, static_cast<std::size_t>(room), "96,%s%ld|%d:%s%s,%lld,%d,\n",
+                         m.vectorPrefixID, s.group_id.load(), s.graph_id.load(), m.vectorPrefix,
+                         btName ? btName : "", now, static_cast<int>(size));
+  // Header, payload and the closing "\n" go in whole or not at all.
+  if (n < 0 || static_cast<long long>(n) + static_cast<long long>(size) + 1 > room - 1) {
+    buf[*len] = '\0';
+    ZXBT_LOG(0, "Warning", "Record 96 for BT [%s] does not fit (%d bytes left); dropped",
+             btName ? btName : "", room);
+    return false;
+  }
+  char *out = buf + *len + n;
+  if (size) std::memcpy(out, payload.data(), size);
+  out[size] = '\n';
+  *len += n + static_cast<int>(size) + 1;
+  return true;
+}
+
+bool dumpTDigestRecordForOverallBT(ZXProxyInstance_t &app, char *buf, int *len, int cap,
+                                   td_histogram_t *digest) {
+  ZXBT_LOG(0, "Info", "Going to dump 96 record for overall bt");
+  return dumpTDigestRecordForBT(app, buf, len, cap, digest, "AllTransactions");
+}
+
+bool generateAndDumpTDigestDataForBT(ZXProxyInstance_t &app, char *buf, int *len, int cap) {
+  ZXBTMonitor_t &m = app.btMonitor;
+  const TDigestPercentile_t &s = app.tDigest.TDigestPercentileBT;
+  td_histogram_t *overall = nullptr;
+  if (pwlb_t_digest_init(&overall, s.delta.load(), s.k.load()) != 0) return false;
+  bool any = false;
+  {
+    std::lock_guard slots(m.slotLock);
+    const int size = m.aggDataArraySize.load(std::memory_order_acquire);
+    for (int i = 1; i < size; ++i) {
+      ZXBTMonitorDataCounters &slot = m.aggBTDataArr[i];
+      if (!slot.tdigestDataExist.load(std::memory_order_relaxed)) continue;
+      td_histogram_t *h = slot.tdigest_key.exchange(nullptr, std::memory_order_acq_rel);
+      slot.tdigestDataExist.store(0, std::memory_order_relaxed);
+      if (!h) continue;
+      const BTObject *obj = slot.tlBTObj.load(std::memory_order_acquire);
+      dumpTDigestRecordForBT(app, buf, len, cap, h, obj ? obj->bt_name : "");
+      pwlb_t_digest_merge(overall, h);
+      pwlb_t_digest_destroy(&h);
+      any = true;
+    }
+    if (any) dumpTDigestRecordForOverallBT(app, buf, len, cap, overall);
+  }
+  pwlb_t_digest_destroy(&overall);
+  return any;
+}
+
+void generateAndDumpPartialTDigestBTRecords(ZXProxyInstance_t &app) {
+  std::vector<char> buf(ZXBT_REPORT_BUFFER_SIZE);
+  int len = 0;
+  if (generateAndDumpTDigestDataForBT(app, buf.data(), &len, ZXBT_REPORT_BUFFER_SIZE) && len > 0)
+    dumpASData(&app, buf.data(), len);
+  app.tDigest.nextLogTime.store(my_gettimeofday() - app.Server.morEpochDiffTime +
+                                app.tDigest.TDigestPercentileBT.aggregate_time.load());
+}

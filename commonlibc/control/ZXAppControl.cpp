@@ -1,0 +1,26 @@
+#include "ZXAppControl.h"
+
+#include <chrono>
+
+#include "control_thread.h"
+
+ZXAppControl::~ZXAppControl() {
+  request_control_stop(this);
+  join_control_thread(this, 0);
+}
+
+bool ZXAppControl::controlSleep(apr_interval_time_t interval) {
+  std::unique_lock lk(wakeMutex);
+  bool woken = wakeCond.wait_for(lk, std::chrono::microseconds(interval),
+                                 [this] { return wakeRequested || stopRequested.load(); });
+  wakeRequested = false;
+  return woken;
+}
+
+void ZXAppControl::wakeControlThread() {
+  {
+    std::lock_guard lk(wakeMutex);
+    wakeRequested = true;
+  }
+  wakeCond.notify_all();
+}

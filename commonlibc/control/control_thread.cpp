@@ -1,0 +1,300 @@
+#include "control_thread.h"
+
+#include <apr_strings.h>
+
+#include <cstdio>
+#include <exception>
+#include <string>
+
+#include "ZXDataThread.h"
+#include "ZXProxyInstance.h"
+#include "control_connection.h"
+#include "ZXProxyServerRecord.h"
+#include "zx_agent_internal.h"
+#include "zxlb_mt_log.h"
+#include "zxlb_utiles.h"
+
+bool control_thread_configure(ZXProxyInstance_t *app) {
+  // Written only when it differs: in an agent it already holds `app`, and the
+  // host's threads read it concurrently.
+  if (tlzxApplication != app) tlzxApplication = app;
+  ZXSys_t &sys = app->ZXSys;
+  ZXBCISetting_t &bci = app->ZXBCISetting;
+  bool proxy_server = ZXProxy.proxyServerFlag != 0;
+  app->controlThreadState = ZX_CTRL_CONFIGURING;
+  ZX_CTRL_LOG(0, "Info",
+              "zxApplication->ZXBCISetting.saasMode [%d], zxProxyMode [%d], "
+              "ZXProxy.proxyServerFlag =[%d]",
+              bci.saasMode, app->zxProxyMode, ZXProxy.proxyServerFlag);
+
+  if (bci.saasMode && ((sys.proxyMode && proxy_server) || (!sys.proxyMode && !proxy_server))) {
+    app->ActiveAgentProtocolIndex = ZX_PROTO_WSS;
+    app->lws_active = 1;
+  } else {
+    app->ActiveAgentProtocolIndex = ZX_PROTO_TCP;
+  }
+  init_zxc_server_config();
+
+  // Until a collector is known the environment and the file are read again;
+  // a pause between passes keeps a missing file from spinning a core.
+  while (!app->stopRequested) {
+    app->isMasterZxc = 0;
+    if (!sys.proxyMode && !app->Server.isClusterMode) clear_zxc_server_setting();
+    if (read_env_var() == 0) break;
+    if (read_conf_file() == 0) break;
+    app->controlSleep(app->retry_policy.time_interval);
+  }
+  if (app->stopRequested) return false;
+  app->retry_policy.count = 0;
+  app->controlThreadState = ZX_CTRL_CONFIGURED;
+  return true;
+}
+
+namespace {
+
+constexpr int kErrSize = 1024;
+// Rejections answered at once before the retry interval applies between them:
+// a collector that rejects every request must not make this thread spin.
+constexpr int kImmediateAttempts = 3;
+
+void failoverCheck(ZXProxyInstance_t *app) {
+  if (app->zx_dr_state && !app->Server.isClusterMode) {
+    ZX_CTRL_LOG(0, "Info", "[ZX DR Feature]; Going to search for backup ZXC info");
+    connection_retry_failed();
+  }
+}
+
+struct Endpoint {
+  std::string host;
+  int port = 0;
+  bool proxy = false;
+};
+
+Endpoint chooseEndpoint(ZXProxyInstance_t *app) {
+  ZXSys_t &sys = app->ZXSys;
+  Endpoint e;
+  if (sys.proxyMode && !ZXProxy.proxyServerFlag) {
+    e.host = sys.proxyIP.c_str();
+    e.port = sys.proxyPort;
+    e.proxy = true;
+    return e;
+  }
+  const zxc_servers_t *entry;
+  if (app->Server.isClusterMode && !app->ZXBCISetting.isEnableEnvVar) {
+    if (app->askMasterZxc) {
+      app->askMasterZxc = false;
+      app->isMasterZxc = 1;
+      entry = &app->zxc_server_arr.at_growing(0);
+    } else {
+      entry = &app->zxc_server_arr.at_growing(1);
+    }
+  } else {
+    entry = &get_active_zxc();
+  }
+  e.host = entry->zxc_host.c_str();
+  e.port = static_cast<int>(entry->zxc_port);
+  return e;
+}
+
+// One trace line per change of the link's state, at every trace level.
+void reportLinkDown(ZXProxyInstance_t *app, const Endpoint &ep, const char *why) {
+  if (app->ctrlLinkReported == ZXProxyInstance_t::LinkReport::Down) return;
+  app->ctrlLinkReported = ZXProxyInstance_t::LinkReport::Down;
+  ZX_STATE_LOG("Warning", "Collector %s:%d not available (%s); retrying", ep.host.c_str(), ep.port,
+               why);
+}
+
+void reportLinkUp(ZXProxyInstance_t *app, const Endpoint &ep) {
+  if (app->ctrlLinkReported == ZXProxyInstance_t::LinkReport::Up) return;
+  app->ctrlLinkReported = ZXProxyInstance_t::LinkReport::Up;
+  ZX_STATE_LOG("Info", "Collector %s:%d connected", ep.host.c_str(), ep.port);
+}
+
+enum class PassEnd {
+  Failover,   // to the failover check, at once
+  NextPass,   // straight to the next attempt
+  RetryTest,  // a failed socket: count it and maybe retry
+};
+
+// One attempt: connect, request, judge the reply, and live on the connection
+// until it drops.
+PassEnd connectionPass(ZXProxyInstance_t *app, int &rejections) {
+  ZXSys_t &sys = app->ZXSys;
+  Server_t &srv = app->Server;
+  Endpoint ep = chooseEndpoint(app);
+  ZX_CTRL_LOG(0, "Info", "Active ZXC Server info [Host | Port] = [%s |%d]", ep.host.c_str(),
+              ep.port);
+  char err[kErrSize] = {};
+  if (create_control_conn(app, ep.host.c_str(), ep.port, err, sizeof err) != 0) {
+    if (app->stopRequested) return PassEnd::NextPass;  // abandoned, not failed
+    reportLinkDown(app, ep, err[0] ? err : "no connection");
+    if (ep.proxy)
+      ZX_CTRL_LOG(0, "Error",
+                  "Socket was not created and retry after 60seconds with "
+                  "server(Proxy) %s:%d.",
+                  ep.host.c_str(), ep.port);
+    else
+      ZX_CTRL_LOG(0, "Error",
+                  "[ZX DR Feature]; Socket was not created and retry after 60seconds. zxcHost = "
+                  "'%s', zxcPort = '%d' . Error : '%s'.",
+                  ep.host.c_str(), ep.port, err);
+    app->controlSleep(app->retry_policy.time_interval);
+    ++app->retry_policy.count;
+    return PassEnd::RetryTest;
+  }
+  const socketInfo_t &c = app->control;
+  if (ep.proxy)
+    ZX_CTRL_LOG(0, "Info",
+                "Control connection established [Destination | Port | Pid] = ['%s' | '%d' | "
+                "'%lld'] and [Source | Port] = ['%s' | '%d']",
+                c.dstIp, c.dstPort, app->processID, c.sourceIp, c.srcPort);
+  else
+    ZX_CTRL_LOG(0, "Info",
+                "Control connection established [Destination | Port] = ['%s' | '%d'] and "
+                "[Source | Port] = ['%s' | '%d']",
+                c.dstIp, c.dstPort, c.sourceIp, c.srcPort);
+
+  // Rejections in a row wait like any failed attempt once the immediate ones
+  // are used up.
+  auto pauseIfRepeated = [&] {
+    if (++rejections > kImmediateAttempts) app->controlSleep(app->retry_policy.time_interval);
+  };
+  auto rejected = [&] {
+    reportLinkDown(app, ep, "connection request not accepted");
+    pauseIfRepeated();
+    return PassEnd::Failover;
+  };
+
+  if (send_control_con_req_msg_to_zxc()) {
+    ZX_CTRL_LOG(0, "Error",
+                "controlBreak Going to close control connection with server if "
+                "send_control_con_req_msg_to_zxc ==FAIL [Destination | Port] = ['%s' | '%d']",
+                c.dstIp, c.dstPort);
+    control_connection_cleanup();
+    if (app->isMasterZxc) app->askMasterZxc = true;
+    ZX_CTRL_LOG(0, "Info", "Control connection was closed");
+    return rejected();
+  }
+  snprintf(srv.connDestination, sizeof srv.connDestination, "%s:%d", ep.host.c_str(), ep.port);
+  srv.lastConnectionTime = my_gettimeofday();
+  if (!reset_control_buffer(&app->ctrlBufInfo)) {
+    control_connection_cleanup();
+    return rejected();
+  }
+  int result = rec_control_con_rep_msg_from_zxc(&app->ctrlBufInfo);
+  if (result == ZX_REPLY_REJECTED) {
+    ZX_CTRL_LOG(0, "Error", "Unexpected response received | Response = %s",
+                app->ctrlBufInfo.lastReply.c_str());
+    control_connection_cleanup();
+    return rejected();
+  }
+  if (result == ZX_REPLY_SWITCH) {
+    ZX_CTRL_LOG(0, "Info", "Changing protocol");
+    control_connection_cleanup();
+    pauseIfRepeated();
+    return PassEnd::NextPass;
+  }
+
+  rejections = 0;
+  reportLinkUp(app, ep);
+  srv.lastHeartBeatRcvTime = my_gettimeofday();
+  app->totalElapsedTime = srv.lastHeartBeatRcvTime;
+  sys.closeCtrlConFlag = 0;
+  // A run that was active before the drop keeps sending on a new data
+  // connection.
+  if (srv.testRunRunning && srv.retryForDataConn) check_data_thread(app);
+  handle_msg_from_zxc(&app->ctrlBufInfo);
+  ZX_CTRL_LOG(0, "Info",
+              "[ZX DR Feature]; Exit from select call and going to close the control connection "
+              "from ZX Collector %s:%d and the source %s:%d",
+              c.dstIp, c.dstPort, c.sourceIp, c.srcPort);
+  sys.closeCtrlConFlag = 1;
+  control_connection_cleanup();
+  if (!app->stopRequested) reportLinkDown(app, ep, "connection lost");
+  ZX_CTRL_LOG(0, "Info",
+              "controlBreak Control Socket was cleaned with %s:%d server due to  "
+              "handle_msg_from_zxc(&ctrlBufInfo) == FAIL ",
+              c.dstIp, c.dstPort);
+  app->controlSleep(app->retry_policy.time_interval);
+  return PassEnd::NextPass;
+}
+
+// After a failed socket: give up on this collector after num_retry attempts
+// or when the settings file changed; otherwise wait and try again.
+bool retryTestSaysFailover(ZXProxyInstance_t *app) {
+  retryPolicy_t &p = app->retry_policy;
+  if (p.count >= p.num_retry) {
+    ZX_CTRL_LOG(0, "Info", "[ZX DR Feature]; Max number of retry attempt reached");
+    app->askMasterZxc = true;
+    app->Server.requestType = 3;
+    return true;
+  }
+  if (p.count >= 2 && check_file_size_of_zxsetting_files(1)) return true;
+  app->controlSleep(p.time_interval);
+  return false;
+}
+
+}  // namespace
+
+void control_connection_loop(ZXProxyInstance_t *app) {
+  bool freshLoop = true;
+  int rejections = 0;
+  while (!app->stopRequested) {
+    if (freshLoop) {
+      app->isMasterZxc = 0;
+      app->ZXSys.closeCtrlConFlag = 0;
+      freshLoop = false;
+    }
+    PassEnd end = connectionPass(app, rejections);
+    if (app->stopRequested) break;
+    if (end == PassEnd::NextPass) continue;
+    if (end == PassEnd::RetryTest && !retryTestSaysFailover(app)) continue;
+    failoverCheck(app);
+    freshLoop = true;
+  }
+}
+
+void *APR_THREAD_FUNC control_thread_entry_fun(apr_thread_t *thread, void *arg) {
+  auto *app = static_cast<ZXProxyInstance_t *>(arg);
+  try {
+    if (control_thread_configure(app)) control_connection_loop(app);
+  } catch (const std::exception &e) {
+    // Nothing may escape into the host; the agent goes inert instead.
+    ZX_CTRL_LOG(0, "Error", "Control thread stopped: %s", e.what());
+  }
+  control_connection_cleanup();
+  app->controlThreadState = ZX_CTRL_STOPPED;
+  app->controlThreadDone.arrive();
+  apr_thread_exit(thread, APR_SUCCESS);
+  return nullptr;
+}
+
+bool start_control_thread(ZXProxyInstance_t *app, char *err, int err_len) {
+  apr_threadattr_t *attr = nullptr;
+  app->controlThreadDone.reset();
+  apr_status_t rv = apr_threadattr_create(&attr, app->control_pool.get());
+  if (rv == APR_SUCCESS)
+    rv = apr_thread_create(&app->control_thread, attr, control_thread_entry_fun, app,
+                           app->control_pool.get());
+  if (rv != APR_SUCCESS) {
+    app->controlThreadDone.arrive();
+    app->control_thread = nullptr;
+    if (err && err_len > 0) apr_strerror(rv, err, static_cast<apr_size_t>(err_len));
+    return false;
+  }
+  return true;
+}
+
+void request_control_stop(ZXProxyInstance_t *app) {
+  {
+    std::lock_guard lk(app->wakeMutex);
+    app->stopRequested = true;
+  }
+  app->wakeCond.notify_all();
+  std::lock_guard lk(app->ctrlConnLock);
+  if (app->zxcCtrlSocket) app->zxcCtrlSocket->wakeup();
+}
+
+bool join_control_thread(ZXProxyInstance_t *app, apr_time_t deadline) {
+  return zx::joinBy(app->control_thread, app->controlThreadDone, deadline);
+}

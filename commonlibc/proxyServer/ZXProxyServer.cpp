@@ -1,8 +1,0 @@
-#include "proxyServer/ZXProxyServer.h"
-
-ZX_EXPORT ZXProxyServer_t ZXProxy{};  // C linkage from the declaration in zx_agent.h
-
-void initializeProxyStruct() {
-  ZXProxy.zxHomePath.reset();
-  ZXProxy.proxyServerFlag = 1;
-}
