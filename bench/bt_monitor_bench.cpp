@@ -12,7 +12,7 @@
 #include <benchmark/benchmark.h>
 
 #include "ZXProxyInstance.h"
-#include "bt/ZXBTMonitor.h"
+#include "ZXBTMonitor.h"
 
 namespace {
 

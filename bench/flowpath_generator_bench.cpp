@@ -9,9 +9,9 @@
 #include "ZXDataDispatcher.h"
 #include "ZXMethodManager.h"
 #include "ZXProxyInstance.h"
-#include "flowpath/ZXFlowpathGenerator.h"
-#include "flowpath/zxlb_mem_pool.h"
-#include "zxbt/zxbt_bt_object.h"
+#include "ZXFlowpathGenerator.h"
+#include "zxlb_mem_pool.h"
+#include "zxbt_bt_object.h"
 #include "zxlb_utiles.h"
 
 namespace {

@@ -7,7 +7,7 @@
 
 #include "ZXMethodManager.h"
 #include "ZXProxyInstance.h"
-#include "flowpath/zxlb_mem_pool.h"
+#include "zxlb_mem_pool.h"
 
 namespace {
 

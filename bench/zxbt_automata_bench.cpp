@@ -5,8 +5,8 @@
 
 #include <benchmark/benchmark.h>
 
-#include "zxbt/zx_bt_custom_rule.h"
-#include "zxbt/zxlb_state_machine.h"
+#include "zx_bt_custom_rule.h"
+#include "zxlb_state_machine.h"
 
 namespace {
 

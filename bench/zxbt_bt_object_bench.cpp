@@ -7,7 +7,7 @@
 #include <benchmark/benchmark.h>
 
 #include "ZXProxyInstance.h"
-#include "zxbt/zxbt_rule_execute.h"
+#include "zxbt_rule_execute.h"
 
 namespace {
 

@@ -9,8 +9,8 @@
 #include <memory>
 #include <string>
 
-#include "flowpath/ZXPerThreadData.h"
-#include "flowpath/ZXSessionCookie.h"
+#include "ZXPerThreadData.h"
+#include "ZXSessionCookie.h"
 
 namespace {
 

@@ -10,8 +10,8 @@
 #include <string_view>
 #include <vector>
 
-#include "zxbt/zx_bt_custom_rule.h"
-#include "zxbt/zxlb_state_machine.h"
+#include "zx_bt_custom_rule.h"
+#include "zxlb_state_machine.h"
 
 namespace {
 

@@ -10,7 +10,7 @@
 #include <vector>
 
 #include "ZXProxyInstance.h"
-#include "zxbt/zxbt_rule_execute.h"
+#include "zxbt_rule_execute.h"
 
 namespace {
 

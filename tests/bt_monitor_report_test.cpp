@@ -16,7 +16,7 @@
 #include "tdigest/pwlb_t_digest_quantile.h"
 #include "tdigest_record.h"
 #include "test_support.h"
-#include "zxbt/zxbt_bt_object.h"
+#include "zxbt_bt_object.h"
 
 namespace {
 

@@ -6,8 +6,8 @@
 #include <thread>
 #include <vector>
 
-#include "bt/ZXBTManager.h"
-#include "bt/ZXBTMonitor.h"
+#include "ZXBTManager.h"
+#include "ZXBTMonitor.h"
 #include "test_support.h"
 
 using zxtest::ScopedApp;

@@ -13,9 +13,9 @@
 
 #include "Server.h"
 #include "ZXTDigest.h"
-#include "bt/ZXBTMonitor.h"
+#include "ZXBTMonitor.h"
 #include "test_support.h"
-#include "zxbt/zxbt_bt_object.h"
+#include "zxbt_bt_object.h"
 
 namespace {
 

@@ -13,13 +13,13 @@
 #include <vector>
 
 #include "ZXProxyInstance.h"
-#include "flowpath/zxlb_mem_pool.h"
+#include "zxlb_mem_pool.h"
 #include "flowpath_decode.h"
 #include "reference_collector.h"
 #include "test_support.h"
 #include "zx_sdk.h"
 #include "zx_sdk_log.h"
-#include "zxbt/zxbt_bt_object.h"
+#include "zxbt_bt_object.h"
 
 namespace {
 

@@ -9,8 +9,8 @@
 
 #include "Server.h"
 #include "ZXFeatureKeywords.h"
-#include "flowpath/ZXPerThreadData.h"
-#include "flowpath/ZXSessionCookie.h"
+#include "ZXPerThreadData.h"
+#include "ZXSessionCookie.h"
 #include "test_support.h"
 
 namespace {

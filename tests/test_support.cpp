@@ -12,10 +12,10 @@
 
 #include "ZXDataDispatcher.h"
 #include "ZXDataThread.h"
-#include "bt/ZXMonitorTimer.h"
+#include "ZXMonitorTimer.h"
 #include "control_connection.h"
 #include "control_thread.h"
-#include "flowpath/zxlb_mem_pool.h"
+#include "zxlb_mem_pool.h"
 #include "reference_collector.h"
 #include "zx_agent_stop.h"
 #include "zx_sdk.h"

@@ -7,8 +7,8 @@
 #include <thread>
 #include <vector>
 
-#include "flowpath/ZXManageTIdToTLocal.h"
-#include "flowpath/zxlb_mem_pool.h"
+#include "ZXManageTIdToTLocal.h"
+#include "zxlb_mem_pool.h"
 #include "test_support.h"
 #include "zx_tier_callout.h"
 

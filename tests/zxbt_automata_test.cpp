@@ -6,8 +6,8 @@
 #include <string_view>
 
 #include "test_support.h"
-#include "zxbt/zx_bt_custom_rule.h"
-#include "zxbt/zxlb_state_machine.h"
+#include "zx_bt_custom_rule.h"
+#include "zxlb_state_machine.h"
 
 namespace {
 

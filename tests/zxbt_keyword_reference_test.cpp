@@ -10,8 +10,8 @@
 #include <vector>
 
 #include "test_support.h"
-#include "zxbt/zx_bt_custom_rule.h"
-#include "zxbt/zxbt_rule_execute.h"
+#include "zx_bt_custom_rule.h"
+#include "zxbt_rule_execute.h"
 
 namespace {
 

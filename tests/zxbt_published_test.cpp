@@ -5,7 +5,7 @@
 #include <memory>
 #include <thread>
 
-#include "zxbt/zxbt_published.h"
+#include "zxbt_published.h"
 
 namespace {
 

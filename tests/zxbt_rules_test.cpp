@@ -11,8 +11,8 @@
 #include "ZXDataDispatcher.h"
 #include "ZXFileBasedKeywords.h"
 #include "test_support.h"
-#include "zxbt/zxbt_rule_execute.h"
-#include "zxbt/zxbt_utils.h"
+#include "zxbt_rule_execute.h"
+#include "zxbt_utils.h"
 
 using zxtest::ScopedApp;
 using zxtest::TempDir;

@@ -11,7 +11,7 @@
 #include <thread>
 #include <vector>
 
-#include "proxyServer/ZXProxyServer.h"
+#include "ZXProxyServer.h"
 #include "test_support.h"
 #include "zx_agent_internal.h"
 
