@@ -1,0 +1,2 @@
+// Must not compile: the config folder sits below the transport folder.
+#include "ZXDataDispatcher.h"

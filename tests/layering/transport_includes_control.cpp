@@ -1,0 +1,2 @@
+// Must not compile: the transport folder sits below the control folder.
+#include "ZXAppControl.h"
