@@ -15,6 +15,8 @@ ZXAppSettings::ZXAppSettings() : control_pool(zx::make_pool()), proxy_pool(zx::m
   supportedProtocolsZXC.lock.create(control_pool.get());
   agentLogBuffer.reset(new (std::nothrow) char[ZX_AGENT_LOG_BUFFER_SIZE]);
   if (agentLogBuffer) agentLogBuffer[0] = '\0';  // without it mode 2 falls back to the files
+  ZXSysInit(ZXSys);
+  ZXBCISettingInit(ZXBCISetting);
   ZXSys.sendLogsToProxy = 1;
 }
 
