@@ -24,12 +24,11 @@ class ThreadDone {
     std::lock_guard lk(m_);
     done_ = false;
   }
-  // Last thing the thread does before it returns.
+  // Last thing the thread does before it returns. Notifies under the lock:
+  // a waiter may destroy this object as soon as it sees done_.
   void arrive() {
-    {
-      std::lock_guard lk(m_);
-      done_ = true;
-    }
+    std::lock_guard lk(m_);
+    done_ = true;
     cv_.notify_all();
   }
   // True once the thread has arrived (or none was started); false when the
