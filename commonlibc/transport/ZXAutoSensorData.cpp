@@ -8,8 +8,8 @@
 #include <new>
 #include <system_error>
 
+#include "ZXAppLink.h"
 #include "ZXDataThread.h"
-#include "ZXProxyInstance.h"
 #include "zxlb_mt_log.h"
 
 namespace {
@@ -68,7 +68,7 @@ void closeAS(ZXASDataLink &link) {
   if (old) ZX_CTRL_LOG(0, "Info", "Auto-sensor data connection closed.");
 }
 
-bool connectAS(ZXProxyInstance_t *app, ZXASDataLink &link) {
+bool connectAS(ZXAppLink *app, ZXASDataLink &link) {
   std::string request, host;
   int port, protocol;
   {
@@ -131,7 +131,7 @@ void flushAS(ZXASDataLink &link) {
   }
 }
 
-void senderBody(ZXProxyInstance_t *app) {
+void senderBody(ZXAppLink *app) {
   ZXASDataLink &link = app->asData;
   while (!stopping(link)) {
     if (!link.conn && !connectAS(app, link)) {
@@ -154,10 +154,7 @@ void senderBody(ZXProxyInstance_t *app) {
 
 }  // namespace
 
-ZXASDataLink::ZXASDataLink() : pool(zx::make_pool()) {
-  buffers.bufferWriteLock.create(pool.get());
-  buffers.bufferMoveLock.create(pool.get());
-}
+ZXASDataLink::ZXASDataLink() : pool(zx::make_pool()), buffers(pool.get()) {}
 
 ZXASDataLink::~ZXASDataLink() {
   {
@@ -169,7 +166,7 @@ ZXASDataLink::~ZXASDataLink() {
   if (sender.joinable()) sender.join();
 }
 
-int makeASConnectionRequest(ZXProxyInstance_t *app, char *out, std::size_t cap) {
+int makeASConnectionRequest(ZXAppLink *app, char *out, std::size_t cap) {
   constexpr std::size_t skip = sizeof kDataRequest - 1, prefix = sizeof kASRequest - 1;
   if (cap <= prefix + 3) return 0;
   std::memcpy(out, kASRequest, prefix);
@@ -188,7 +185,7 @@ int makeASConnectionRequest(ZXProxyInstance_t *app, char *out, std::size_t cap) 
   return static_cast<int>(prefix) + written;
 }
 
-void check_as_data_thread(ZXProxyInstance_t *app) {
+void check_as_data_thread(ZXAppLink *app) {
   ZXASDataLink &link = app->asData;
   char request[4096];
   const int len = makeASConnectionRequest(app, request, sizeof request);
@@ -222,6 +219,7 @@ void check_as_data_thread(ZXProxyInstance_t *app) {
   link.senderDone.reset();
   try {
     link.sender = std::thread([app] {
+      zx::ThreadAppScope scope(app);
       try {
         senderBody(app);
       } catch (const std::exception &e) {
@@ -236,7 +234,7 @@ void check_as_data_thread(ZXProxyInstance_t *app) {
   }
 }
 
-void request_as_data_thread_stop(ZXProxyInstance_t *app) {
+void request_as_data_thread_stop(ZXAppLink *app) {
   ZXASDataLink &link = app->asData;
   {
     std::lock_guard lk(link.wakeMutex);
@@ -247,14 +245,14 @@ void request_as_data_thread_stop(ZXProxyInstance_t *app) {
   if (link.conn) link.conn->wakeup();
 }
 
-bool stop_as_data_thread(ZXProxyInstance_t *app, apr_time_t deadline) {
+bool stop_as_data_thread(ZXAppLink *app, apr_time_t deadline) {
   request_as_data_thread_stop(app);
   ZXASDataLink &link = app->asData;
   std::lock_guard lk(link.threadLock);
   return zx::joinBy(link.sender, link.senderDone, deadline);
 }
 
-int dumpASData(ZXProxyInstance_t *app, const char *data, int len) {
+int dumpASData(ZXAppLink *app, const char *data, int len) {
   if (!data || len <= 0) return 0;
   if (!app || !app->asData.ready.load(std::memory_order_acquire)) return -99;
   ZXASDataLink &link = app->asData;

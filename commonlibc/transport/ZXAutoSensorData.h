@@ -24,7 +24,7 @@
 #include "zxlb_apr.h"
 #include "zxlb_thread_done.h"
 
-struct ZXProxyInstance_t;
+struct ZXAppLink;
 
 struct ZXASDataLink {
   ZXASDataLink();
@@ -33,7 +33,8 @@ struct ZXASDataLink {
   ZXASDataLink &operator=(const ZXASDataLink &) = delete;
 
   zx::PoolPtr pool;  // the pool's two mutexes come from here
-  // The pool documents its two locks; set up once, then `ready` is raised.
+  // The pool documents its two locks; its buffers are made once, then
+  // `ready` is raised.
   ZXSendBufferPool buffers;
   std::atomic<bool> ready{false};
   std::atomic<long long> discardCount{0};
@@ -63,18 +64,18 @@ struct ZXASDataLink {
 
 // Prepares the request from the current identity and collector, makes the
 // buffers (once) and starts the sender unless it runs. Control thread.
-void check_as_data_thread(ZXProxyInstance_t *app);
+void check_as_data_thread(ZXAppLink *app);
 // Asks the sender to stop after a last flush; does not wait.
-void request_as_data_thread_stop(ZXProxyInstance_t *app);
+void request_as_data_thread_stop(ZXAppLink *app);
 // Stops the sender and waits for it until `deadline` (APR time, 0 = no
 // limit); one still busy then is left behind. True when it ended.
 // Idempotent.
-bool stop_as_data_thread(ZXProxyInstance_t *app, apr_time_t deadline = 0);
+bool stop_as_data_thread(ZXAppLink *app, apr_time_t deadline = 0);
 
 // Copies one record into the auto-sensor buffers. 0 stored, -1 no room
 // (dropped and counted), -99 no buffers yet.
-int dumpASData(ZXProxyInstance_t *app, const char *data, int len);
+int dumpASData(ZXAppLink *app, const char *data, int len);
 
 // "auto_sensor_thread_hotspot_data_req:" plus the data request's fields and
 // its closing blank line.
-int makeASConnectionRequest(ZXProxyInstance_t *app, char *out, std::size_t cap);
+int makeASConnectionRequest(ZXAppLink *app, char *out, std::size_t cap);

@@ -6,7 +6,7 @@
 #include <mutex>
 #include <new>
 
-#include "ZXProxyInstance.h"
+#include "ZXAppLink.h"
 #include "zxlb_mt_log.h"
 
 namespace {
@@ -34,7 +34,7 @@ std::atomic<unsigned long long> &lossCounter(ZXSendCounters &c, ZXSendLoss cause
 
 // Counts a dropped record; true when this is the one drop in a thousand worth
 // a line.
-bool countDrop(ZXProxyInstance_t *app, ZXSendLoss cause, unsigned long long lines) {
+bool countDrop(ZXAppLink *app, ZXSendLoss cause, unsigned long long lines) {
   bump(lossCounter(app->sendBuffers.counters, cause), lines);
   // Writers hold bufferWriteLock, so a relaxed read-modify-write suffices.
   long long n = app->ZXSys.discardCount.fetch_add(1, std::memory_order_relaxed) + 1;
@@ -51,8 +51,7 @@ nioSettings_t *fill(ZXSendBufferPool &pool, nioSettings_t *b, const char *data, 
 
 // The whole of addDataInSendBuffer except logging, so that dumpData can log
 // after releasing bufferWriteLock. `lines` is the record's line count.
-int addLocked(ZXProxyInstance_t *app, const char *data, int len, unsigned long long lines,
-              bool &logDrop) {
+int addLocked(ZXAppLink *app, const char *data, int len, unsigned long long lines, bool &logDrop) {
   ZXSendBufferPool &pool = app->sendBuffers;
   bump(pool.counters.records, lines);
   // Only bufferWriteLock holders detach the head, so it stays ours; acquire
@@ -85,7 +84,7 @@ int addLocked(ZXProxyInstance_t *app, const char *data, int len, unsigned long l
   return 0;
 }
 
-void logDropped(ZXProxyInstance_t *app, int rc, int len) {
+void logDropped(ZXAppLink *app, int rc, int len) {
   ZX_CTRL_LOG(0, "Warning",
               "Send buffers full: record of %d bytes dropped (rc %d), %lld records dropped so "
               "far\n",
@@ -177,7 +176,7 @@ int allocSendBuffers(ZXSendBufferPool &pool, int size, int count, const char *wh
   return 0;
 }
 
-int buff_list_init(ZXProxyInstance_t *app) {
+int buff_list_init(ZXAppLink *app) {
   if (!app) return -1;
   ZXSendBufferPool &pool = app->sendBuffers;
   std::lock_guard write(pool.bufferWriteLock);
@@ -186,7 +185,7 @@ int buff_list_init(ZXProxyInstance_t *app) {
                           "Send buffers");
 }
 
-int addDataInSendBuffer(ZXProxyInstance_t *app, const char *data, int len) {
+int addDataInSendBuffer(ZXAppLink *app, const char *data, int len) {
   if (!data || len <= 0) return 0;
   bool logDrop = false;
   int rc =
@@ -195,7 +194,7 @@ int addDataInSendBuffer(ZXProxyInstance_t *app, const char *data, int len) {
   return rc;
 }
 
-int dumpData(ZXProxyInstance_t *app, const char *data, int len) {
+int dumpData(ZXAppLink *app, const char *data, int len) {
   if (!data || len <= 0) return 0;
   if (!app) return -99;
   // Counted before the lock: the scan costs as much as the copy.
@@ -208,10 +207,6 @@ int dumpData(ZXProxyInstance_t *app, const char *data, int len) {
   }
   if (logDrop) logDropped(app, rc, len);
   return rc;
-}
-
-int dumpData(const char *data, int len) {
-  return dumpData(tlzxApplication, data, len);
 }
 
 nioSettings_t *moveToReadList(ZXSendBufferPool &pool) {

@@ -38,7 +38,7 @@
 
 #include "zxlb_apr.h"
 
-struct ZXProxyInstance_t;
+struct ZXAppLink;
 
 // One send buffer. Owned by the pool; `buff` points into the pool's storage.
 struct nioSettings_t {
@@ -95,6 +95,10 @@ struct ZXSendStorageUnmap {
 // Lock order: sendLock, then bufferWriteLock, then bufferMoveLock; never the
 // reverse.
 struct ZXSendBufferPool {
+  // Both locks are made from `lockPool`, which must outlive the pool.
+  explicit ZXSendBufferPool(apr_pool_t *lockPool)
+      : bufferWriteLock(lockPool), bufferMoveLock(lockPool) {}
+
   // bufferWriteLock guards the filling buffer (the write list's head and its
   // use_len), the decision to drop and the producer-side counters. It is
   // taken for every record; an APR nested mutex costs about 25 ns per
@@ -148,7 +152,7 @@ struct ZXSendBufferPool {
 // bytes into the write list. Idempotent: a pool that exists is kept (the data
 // thread calls this on every reconnect). 0 on success, -1 on bad settings or
 // no memory.
-int buff_list_init(ZXProxyInstance_t *app);
+int buff_list_init(ZXAppLink *app);
 
 // Allocates `count` buffers of `size` bytes into the pool's write list unless
 // it has buffers already; `what` names the pool in log lines. The storage is
@@ -156,16 +160,15 @@ int buff_list_init(ZXProxyInstance_t *app);
 // Caller holds both pool locks. 0 on success, -1 on bad sizes or no memory.
 int allocSendBuffers(ZXSendBufferPool &pool, int size, int count, const char *what);
 
-// The single entry for producers; a no-op (0) for null data or len <= 0.
-// Otherwise the result of addDataInSendBuffer.
-int dumpData(const char *data, int len);
-int dumpData(ZXProxyInstance_t *app, const char *data, int len);
+// The single entry for producers; a no-op (0) for null data or len <= 0, -99
+// without an application. Otherwise the result of addDataInSendBuffer.
+int dumpData(ZXAppLink *app, const char *data, int len);
 
 // 0 stored; -1 no free buffer (dropped); -2 nothing being filled while a
 // buffer is being sent (dropped); -3 larger than the filling buffer's room
 // and the next buffer together (dropped whole); -99 no buffers at all.
 // Caller holds bufferWriteLock.
-int addDataInSendBuffer(ZXProxyInstance_t *app, const char *data, int len);
+int addDataInSendBuffer(ZXAppLink *app, const char *data, int len);
 
 // The "\n" bytes in data[0, len).
 unsigned long long countRecordLines(const char *data, std::size_t len);

@@ -10,9 +10,8 @@
 #include <mutex>
 #include <string>
 
+#include "ZXAppLink.h"
 #include "ZXDataDispatcher.h"
-#include "ZXProxyInstance.h"
-#include "zxlb_mem_pool.h"
 #include "zxlb_mt_log.h"
 
 namespace {
@@ -24,7 +23,9 @@ constexpr int kHeartbeatLogEvery = 5;
 // the deadline, so that the caller finds the rest counted when it wakes.
 constexpr apr_interval_time_t kDrainMargin = apr_time_from_msec(20);
 
-thread_local ZXProxyInstance_t *dataThreadApp = nullptr;
+// On a data thread, the application it sends for: how sendBufferDataCon
+// knows it runs on that application's data thread.
+thread_local ZXAppLink *dataThreadApp = nullptr;
 
 // The data connection as the trace log last told it: one line at the
 // default level per change, the retries beneath it.
@@ -47,7 +48,7 @@ thread_local LinkState dataLink = LinkState::Unknown;
 namespace {
 
 // Sleeps up to `interval`; ends early on stop or a wake request.
-void dataSleep(ZXProxyInstance_t *app, apr_interval_time_t interval) {
+void dataSleep(ZXAppLink *app, apr_interval_time_t interval) {
   std::unique_lock lk(app->dataWakeMutex);
   app->dataWakeCond.wait_for(lk, std::chrono::microseconds(interval), [app] {
     return app->dataWakeRequested || app->stopDataThread.load() != 0;
@@ -55,7 +56,7 @@ void dataSleep(ZXProxyInstance_t *app, apr_interval_time_t interval) {
   app->dataWakeRequested = false;
 }
 
-void wakeDataThread(ZXProxyInstance_t *app) {
+void wakeDataThread(ZXAppLink *app) {
   {
     std::lock_guard lk(app->dataWakeMutex);
     app->dataWakeRequested = true;
@@ -70,7 +71,7 @@ void wakeDataThread(ZXProxyInstance_t *app) {
 // is bounded to end by then (an exit drain); without, the pass gives way to a
 // drain as soon as one is asked for. Once the pool is closed for exit it
 // sends nothing and discards what is queued.
-long sendPass(ZXProxyInstance_t *app, ZXConnection &conn, bool &allSent, char *err, int errLen,
+long sendPass(ZXAppLink *app, ZXConnection &conn, bool &allSent, char *err, int errLen,
               apr_time_t stopAt = 0) {
   ZXSendBufferPool &pool = app->sendBuffers;
   long total = 0;
@@ -138,7 +139,7 @@ void skipPartialLine(ZXSendBufferPool &pool) {
 
 // Connects, sends the request and record 99. False when any step failed.
 // `giveUpAt` (APR time, 0 = none) bounds the attempt besides the stop.
-bool connectData(ZXProxyInstance_t *app, apr_time_t giveUpAt = 0) {
+bool connectData(ZXAppLink *app, apr_time_t giveUpAt = 0) {
   socketInfo_t dst;
   int protocol;
   {
@@ -186,7 +187,7 @@ bool connectData(ZXProxyInstance_t *app, apr_time_t giveUpAt = 0) {
 
 // At most once per lossSummaryInterval, and only when something was lost
 // since the last one: the losses by cause, at the default level.
-void summarizeLosses(ZXProxyInstance_t *app, apr_time_t &lastAt, ZXSendCounts &last) {
+void summarizeLosses(ZXAppLink *app, apr_time_t &lastAt, ZXSendCounts &last) {
   ZXSendBufferPool &pool = app->sendBuffers;
   const apr_time_t now = apr_time_now();
   if (now - lastAt < pool.lossSummaryInterval) return;
@@ -206,7 +207,7 @@ void summarizeLosses(ZXProxyInstance_t *app, apr_time_t &lastAt, ZXSendCounts &l
 // The data thread's side of drainSendBuffersForExit: sends what is queued
 // until shortly before `deadline`, then closes the pool for exit (what is
 // left counts as lost at exit) and tells the caller.
-void drainForExit(ZXProxyInstance_t *app, apr_time_t deadline) {
+void drainForExit(ZXAppLink *app, apr_time_t deadline) {
   ZXSendBufferPool &pool = app->sendBuffers;
   // A run that has just started may still be connecting: its records are
   // worth the wait, within the deadline.
@@ -239,7 +240,7 @@ void drainForExit(ZXProxyInstance_t *app, apr_time_t deadline) {
   pool.drainCond.notify_all();
 }
 
-void dataThreadBody(ZXProxyInstance_t *app) {
+void dataThreadBody(ZXAppLink *app) {
   ZXSys_t &sys = app->ZXSys;
   ZXSendBufferPool &pool = app->sendBuffers;
   int ticksLeft = 0;
@@ -295,7 +296,8 @@ void dataThreadBody(ZXProxyInstance_t *app) {
 }
 
 void *APR_THREAD_FUNC data_thread_entry(apr_thread_t *thread, void *arg) {
-  auto *app = static_cast<ZXProxyInstance_t *>(arg);
+  auto *app = static_cast<ZXAppLink *>(arg);
+  zx::ThreadAppScope scope(app);
   dataThreadApp = app;
   dataLink = LinkState::Unknown;
   try {
@@ -325,7 +327,7 @@ void *APR_THREAD_FUNC data_thread_entry(apr_thread_t *thread, void *arg) {
 // Joins a thread that has ended or was told to, waiting until `deadline`
 // (0 = no limit). A thread left behind keeps its pool. Caller holds
 // dataThreadLock.
-bool joinDataThread(ZXProxyInstance_t *app, apr_time_t deadline = 0) {
+bool joinDataThread(ZXAppLink *app, apr_time_t deadline = 0) {
   if (!app->data_thread_id) return true;
   if (!zx::joinBy(app->data_thread_id, app->dataThreadDone, deadline)) {
     (void)app->data_pool.release();
@@ -337,7 +339,7 @@ bool joinDataThread(ZXProxyInstance_t *app, apr_time_t deadline = 0) {
 
 }  // namespace
 
-int makeDataConnectionRequest(ZXProxyInstance_t *app, char *out, std::size_t cap) {
+int makeDataConnectionRequest(ZXAppLink *app, char *out, std::size_t cap) {
   const ZXBCISetting_t &bci = app->ZXBCISetting;
   int n = snprintf(out, cap,
                    "zx_data_msg_req:appName=%s;appID=%d;zxAppServerID=%d;zxAppServerHost=%s;"
@@ -357,7 +359,7 @@ int makeDataConnectionRequest(ZXProxyInstance_t *app, char *out, std::size_t cap
   return n;
 }
 
-void check_data_thread(ZXProxyInstance_t *app) {
+void check_data_thread(ZXAppLink *app) {
   // The request and the endpoint are taken now, on the control thread, for
   // this and every later reconnection of the thread.
   char request[4096];
@@ -405,19 +407,18 @@ void check_data_thread(ZXProxyInstance_t *app) {
   app->ZXBCISetting.data_thread_running = 1;
 }
 
-void setToStopThread(int stop) {
-  ZXProxyInstance_t *app = tlzxApplication;
+void setToStopThread(ZXAppLink *app, int stop) {
   if (!app) return;
   app->stopDataThread = stop;
   if (stop) wakeDataThread(app);
 }
 
-void request_data_thread_stop(ZXProxyInstance_t *app) {
+void request_data_thread_stop(ZXAppLink *app) {
   app->stopDataThread = 1;
   wakeDataThread(app);
 }
 
-bool stop_data_thread(ZXProxyInstance_t *app, apr_time_t deadline) {
+bool stop_data_thread(ZXAppLink *app, apr_time_t deadline) {
   std::lock_guard lk(app->dataThreadLock);
   if (!app->data_thread_id) return true;
   request_data_thread_stop(app);
@@ -426,11 +427,11 @@ bool stop_data_thread(ZXProxyInstance_t *app, apr_time_t deadline) {
   return ended;
 }
 
-void closeDataConnectionByCollector(ZXProxyInstance_t *app) {
+void closeDataConnectionByCollector(ZXAppLink *app) {
   wakeDataThread(app);
 }
 
-int processData(ZXProxyInstance_t *app) {
+int processData(ZXAppLink *app) {
   ZXConnection *conn = app->zxcDataSocket.get();
   if (!conn) return -1;
   bool allSent = false;
@@ -443,7 +444,10 @@ int processData(ZXProxyInstance_t *app) {
   return allSent ? 1 : 0;
 }
 
-void flushCommonData(ZXProxyInstance_t *app) {
+void flushCommonData(ZXAppLink *app) {
+  // The connection is the data thread's alone; its last flush follows the
+  // stop anyway.
+  if (dataThreadApp != app) return;
   ZXConnection *conn = app->zxcDataSocket.get();
   if (!conn) return;
   movePartialToReadList(app->sendBuffers);
@@ -455,7 +459,7 @@ void flushCommonData(ZXProxyInstance_t *app) {
   }
 }
 
-int drainSendBuffersForExit(ZXProxyInstance_t *app, apr_time_t deadline) {
+int drainSendBuffersForExit(ZXAppLink *app, apr_time_t deadline) {
   if (!app) return -1;
   ZXSendBufferPool &pool = app->sendBuffers;
   const unsigned long long lostBefore = pool.counters.lostAtExit.load();
@@ -493,7 +497,7 @@ int drainSendBuffersForExit(ZXProxyInstance_t *app, apr_time_t deadline) {
   return lost > 0 || senderBusy ? 1 : 0;
 }
 
-void handleHeartBeat(ZXProxyInstance_t *app, int &ticksLeft, int &written) {
+void handleHeartBeat(ZXAppLink *app, int &ticksLeft, int &written) {
   const int period = app->ZXSys.zxcBciDataConnectionHeartBeat;
   if (period <= 0) return;
   if (ticksLeft <= 0 || ticksLeft > period) ticksLeft = period;
@@ -507,21 +511,14 @@ void handleHeartBeat(ZXProxyInstance_t *app, int &ticksLeft, int &written) {
   ticksLeft = period;
 }
 
-bool checkAndStopThread(ZXProxyInstance_t *app) {
+bool checkAndStopThread(ZXAppLink *app) {
   if (!app->stopDataThread) return false;
   ZX_CTRL_LOG(0, "Info", "BCI Data thread is to be stopped. Server.isTenRecordDump = %d.",
               app->Server.isTenRecordDump.load());
-  // Flowpaths still running go out as incomplete while the connection is up.
-  dumpFpFromBusyList(
-      app,
-      [](ZXPerThreadData_t *record, void *user) {
-        dumpIncompleteFPAtTestStop(static_cast<ZXProxyInstance_t *>(user), record);
-      },
-      app);
   return true;
 }
 
-void close_data_connection(ZXProxyInstance_t *app) {
+void close_data_connection(ZXAppLink *app) {
   std::unique_ptr<ZXConnection> old;
   {
     std::lock_guard lk(app->dataConnLock);
@@ -534,8 +531,7 @@ namespace {
 
 // Sends one of the texts prepared by check_data_thread on the data
 // connection; true when sent.
-bool sendPreparedText(ZXProxyInstance_t *app, std::string ZXProxyInstance_t::*text,
-                      const char *what) {
+bool sendPreparedText(ZXAppLink *app, std::string ZXAppLink::*text, const char *what) {
   std::string copy;
   {
     std::lock_guard lk(app->dataEndpointLock);
@@ -553,19 +549,18 @@ bool sendPreparedText(ZXProxyInstance_t *app, std::string ZXProxyInstance_t::*te
 
 }  // namespace
 
-bool send_data_con_req_msg_to_zxc(ZXProxyInstance_t *app) {
-  return !sendPreparedText(app, &ZXProxyInstance_t::dataRequestText, "data connection request");
+bool send_data_con_req_msg_to_zxc(ZXAppLink *app) {
+  return !sendPreparedText(app, &ZXAppLink::dataRequestText, "data connection request");
 }
 
-bool dumpNewConnectionRecord(ZXProxyInstance_t *app) {
-  return sendPreparedText(app, &ZXProxyInstance_t::newConnectionRecordText,
-                          "new-connection record");
+bool dumpNewConnectionRecord(ZXAppLink *app) {
+  return sendPreparedText(app, &ZXAppLink::newConnectionRecordText, "new-connection record");
 }
 
-int sendBufferDataCon(const char *data, int len) {
-  ZXProxyInstance_t *app = dataThreadApp;
+int sendBufferDataCon(ZXAppLink *app, const char *data, int len) {
   if (!data || len <= 0) return 0;
-  if (!app || !app->zxcDataSocket || app->lws_active) return dumpData(data, len);
+  if (!app || dataThreadApp != app || !app->zxcDataSocket || app->lws_active)
+    return dumpData(app, data, len);
   char err[kErrSize] = {};
   long n = app->zxcDataSocket->send_some(data, static_cast<std::size_t>(len), err, sizeof err);
   return n < 0 ? -1 : static_cast<int>(n);

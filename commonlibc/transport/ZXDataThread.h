@@ -10,23 +10,21 @@
 
 #include <cstddef>
 
-#include <apr_time.h>
-
-struct ZXProxyInstance_t;
+struct ZXAppLink;
 
 // Starts the data thread unless one runs; wakes a running one so that it
 // reconnects at once to the control connection's collector. Control thread.
-void check_data_thread(ZXProxyInstance_t *app);
-// Asks the worker threads to stop (1) or lets them run (0); does not wait.
-void setToStopThread(int stop);
+void check_data_thread(ZXAppLink *app);
+// Asks the data thread to stop (1) or lets it run (0); does not wait.
+void setToStopThread(ZXAppLink *app, int stop);
 // Asks the data thread to stop (it flushes what it can first); does not wait.
-void request_data_thread_stop(ZXProxyInstance_t *app);
+void request_data_thread_stop(ZXAppLink *app);
 // Stops the data thread and waits for it until `deadline` (APR time, 0 = no
 // limit); one still busy then is left behind. True when it ended.
 // Idempotent.
-bool stop_data_thread(ZXProxyInstance_t *app, apr_time_t deadline = 0);
+bool stop_data_thread(ZXAppLink *app, apr_time_t deadline = 0);
 // The collector closed the data connection (heartbeat echo dataConnState=0).
-void closeDataConnectionByCollector(ZXProxyInstance_t *app);
+void closeDataConnectionByCollector(ZXAppLink *app);
 // At process exit: has the data thread (when it runs; one still connecting
 // connects first, within the deadline) send
 // what is queued until `deadline`, waiting for it at most that long; then
@@ -34,27 +32,29 @@ void closeDataConnectionByCollector(ZXProxyInstance_t *app);
 // on nothing more is sent. Never blocks past the deadline; safe when the data
 // thread never started. Call before stop_data_thread. 0 when nothing queued
 // was lost, 1 when some was, -1 without an application.
-int drainSendBuffersForExit(ZXProxyInstance_t *app, apr_time_t deadline);
+int drainSendBuffersForExit(ZXAppLink *app, apr_time_t deadline);
 
 // Data-thread side; exposed for tests of the send path.
 // -1 without a connection or when it broke, 0 when the collector took nothing
 // within the I/O timeout, 1 when every filled buffer was sent.
-int processData(ZXProxyInstance_t *app);
+int processData(ZXAppLink *app);
 // Sends the partly filled buffer and what is queued: up to 100 send passes,
-// stopping at the first that sends nothing.
-void flushCommonData(ZXProxyInstance_t *app);
+// stopping at the first that sends nothing. On `app`'s data thread only;
+// elsewhere a no-op.
+void flushCommonData(ZXAppLink *app);
 // One tick of the data heartbeat; `ticksLeft` carries the countdown.
-void handleHeartBeat(ZXProxyInstance_t *app, int &ticksLeft, int &written);
-// True when the thread must stop (logged).
-bool checkAndStopThread(ZXProxyInstance_t *app);
-void close_data_connection(ZXProxyInstance_t *app);
+void handleHeartBeat(ZXAppLink *app, int &ticksLeft, int &written);
+// True when the thread must stop (logged). Writes nothing: whoever stops a
+// run queues its last records before asking the thread to stop.
+bool checkAndStopThread(ZXAppLink *app);
+void close_data_connection(ZXAppLink *app);
 // false on success, true on failure.
-bool send_data_con_req_msg_to_zxc(ZXProxyInstance_t *app);
+bool send_data_con_req_msg_to_zxc(ZXAppLink *app);
 // Record 99, sent first on every new data connection.
-bool dumpNewConnectionRecord(ZXProxyInstance_t *app);
-// On the data thread: straight onto the connection (bytes sent); elsewhere,
-// or without a connection, through dumpData.
-int sendBufferDataCon(const char *data, int len);
+bool dumpNewConnectionRecord(ZXAppLink *app);
+// On `app`'s data thread: straight onto the connection (bytes sent);
+// elsewhere, or without a connection, through dumpData.
+int sendBufferDataCon(ZXAppLink *app, const char *data, int len);
 
 // The data connection request text, with its closing blank line.
-int makeDataConnectionRequest(ZXProxyInstance_t *app, char *out, std::size_t cap);
+int makeDataConnectionRequest(ZXAppLink *app, char *out, std::size_t cap);
