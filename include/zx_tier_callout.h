@@ -28,7 +28,8 @@ ZX_EXPORT const char *getTierCallOut(ZXPerThreadData_t *record);
 ZX_EXPORT int setTierCallOut(ZXPerThreadData_t *record, const char *header);
 
 /* Frees the record of a thread started by a traced thread, once that thread
- * is done; unknown ids are ignored. */
+ * is done; unknown ids are ignored. The record is looked up in the calling
+ * thread's application, which for a host's thread is the process's. */
 ZX_EXPORT void cleanThreadIdToThreadLocal(long long thread_id);
 
 #ifdef __cplusplus

@@ -1,5 +1,9 @@
 #include "ZXAppTracing.h"
 
+#include <cstring>
+
+#include "ZXFeatureKeywords.h"
+
 ZXAppTracing::ZXAppTracing()
     : tlsMutex(control_pool.get()),
       threadLocalMutex(control_pool.get()),
@@ -8,6 +12,23 @@ ZXAppTracing::ZXAppTracing()
 ZXAppTracing::~ZXAppTracing() = default;
 
 bool ZXAppTracing::applyLayerKeyword(char *value, char *keyword, int index) {
-  // TODO(layer helper): flowpath mask, session and instrumentation-profile rows.
+  using Parser = void (*)(ZXAppTracing &, char *, char *, int);
+  static constexpr struct {
+    const char *keyword;
+    Parser parse;
+  } rows[] = {
+      {"zxFlowpathMasks", parseZXFlowpathMasks},
+      {"enableZXSession", parseEnableZXSession},
+      {"instrProfile", parseInstrProfile},
+      {"lmd", parseInstrProfile},
+      {"size", parseInstrProfile},
+  };
+  if (keyword) {
+    for (const auto &row : rows) {
+      if (std::strcmp(keyword, row.keyword) != 0) continue;
+      row.parse(*this, value, keyword, index);
+      return true;
+    }
+  }
   return ZXAppRules::applyLayerKeyword(value, keyword, index);
 }

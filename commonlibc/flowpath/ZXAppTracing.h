@@ -12,6 +12,8 @@
 #include "ZXMethodManager.h"
 #include "ZXPerThreadData.h"
 #include "ZXRunTimeChangeHandle.h"
+#include "ZXSessionCookie.h"
+#include "zxlb_mem_pool.h"
 
 struct ZXAppTracing : ZXAppRules {
   ZXAppTracing();
@@ -20,6 +22,7 @@ struct ZXAppTracing : ZXAppRules {
   bool applyLayerKeyword(char *value, char *keyword, int index) override;
 
   ZXFlowpathIdSettings_t ZXFlowpathIds{};
+  ZXSessionSettingsRecord_t ZXSessionSettings{};
 
   // Call-out counters per backend; documents its own lock.
   ZXBackendMonitor_t backendMonitor;
@@ -30,8 +33,8 @@ struct ZXAppTracing : ZXAppRules {
   int gFreeTLSCnt = 0, gBusyTLSCnt = 0;
   ZXPerThreadData_t *gFreeTLSHead = nullptr, *gFreeTLSTail = nullptr;
   ZXPerThreadData_t *gBusyTLSHead = nullptr, *gBusyTLSTail = nullptr;
-  std::vector<std::unique_ptr<ZXPerThreadData_t[]>> tlsBlocks;  // never shrinks
-  std::unique_ptr<TLSDataStruct[]> tlsdatastruct;               // hotspot capture only
+  std::vector<std::unique_ptr<ZXTlsBlock>> tlsBlocks;  // never shrinks
+  std::unique_ptr<TLSDataStruct[]> tlsdatastruct;      // hotspot capture only
   int size_array = 0;
   int g_tlsidx = 0;
   // threadLocalMutex guards threadIdToThreadLocal.

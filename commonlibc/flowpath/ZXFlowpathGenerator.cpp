@@ -9,16 +9,16 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "ZXAppTracing.h"
+#include "ZXBTMonitor.h"
 #include "ZXDataDispatcher.h"
 #include "ZXFeatureKeywords.h"
-#include "ZXMethodManager.h"
-#include "ZXProxyInstance.h"
-#include "ZXBTMonitor.h"
 #include "ZXManageTierCallOut.h"
+#include "ZXMethodManager.h"
 #include "ZXSessionCookie.h"
-#include "zxlb_mem_pool.h"
 #include "zxbt_bt_object.h"
 #include "zxbt_rule_execute.h"
+#include "zxlb_mem_pool.h"
 #include "zxlb_utiles.h"
 
 namespace {
@@ -62,7 +62,7 @@ struct LineWriter {
   }
 };
 
-int appendBlobEntry(ZXProxyInstance_t *app, ZXPerThreadData_t *r, int mid, long long startTime,
+int appendBlobEntry(ZXAppTracing *app, ZXPerThreadData_t *r, int mid, long long startTime,
                     int eventID, int pageID, long long cpuTime, int isAsyncCall, long long threadID,
                     const char *urlStr, int captureArgument) {
   char *blob = r->sequenceBlob;
@@ -109,11 +109,11 @@ bool blobClosed(const ZXPerThreadData_t *r) {
 
 }  // namespace
 
-long long generate_flowpath_instance(ZXProxyInstance_t *app) {
+long long generate_flowpath_instance(ZXAppTracing *app) {
   return generate_flowpath_instance(app, my_gettimeofday() - app->Server.morEpochDiffTime);
 }
 
-long long generate_flowpath_instance(ZXProxyInstance_t *app, long long t) {
+long long generate_flowpath_instance(ZXAppTracing *app, long long t) {
   const ZXFlowpathIdSettings_t &s = app->ZXFlowpathIds;
   apr_atomic_inc32(&app->ZXSys.rSeq);
   long long base = s.flowPathInstanceInitialID + ((t & s.timeStampMask) << s.seqNoDigits);
@@ -136,7 +136,7 @@ int tokenize_flowpathmasks(char *text, char **parts, const char *separator, int 
   return n;
 }
 
-int parse_flowpath_mask(ZXProxyInstance_t *app, const char *text) {
+int parse_flowpath_mask(ZXAppTracing *app, const char *text) {
   if (!app || !text) return -1;
   char copy[256];
   std::snprintf(copy, sizeof copy, "%s", text);
@@ -149,9 +149,9 @@ int parse_flowpath_mask(ZXProxyInstance_t *app, const char *text) {
   return 0;
 }
 
-void parseZXFlowpathMasks(char *value, char *keyword, int index) {
-  storeFeatureKeyword(value, keyword, index);
-  parse_flowpath_mask(tlzxApplication, value);
+void parseZXFlowpathMasks(ZXAppTracing &app, char *value, char *keyword, int index) {
+  storeFeatureKeyword(app, value, keyword, index);
+  parse_flowpath_mask(&app, value);
 }
 
 int getMaxCharactersInSeqBlob() {
@@ -164,9 +164,9 @@ void setMaxCharactersInSeqBlob(int value) {
     gMaxCharactersInSeqBlob.store(value, std::memory_order_relaxed);
 }
 
-void updateFPSeqBlob(ZXProxyInstance_t *app, ZXPerThreadData_t *record, int mid,
-                     long long startTime, int eventID, int pageID, long long cpuTime,
-                     int isAsyncCall, long long threadID, const char *urlStr, int captureArgument) {
+void updateFPSeqBlob(ZXAppTracing *app, ZXPerThreadData_t *record, int mid, long long startTime,
+                     int eventID, int pageID, long long cpuTime, int isAsyncCall,
+                     long long threadID, const char *urlStr, int captureArgument) {
   if (!app || !record) return;
   record->sequenceBlobLock.lock();
   if (!blobClosed(record) && appendBlobEntry(app, record, mid, startTime, eventID, pageID, cpuTime,
@@ -175,7 +175,7 @@ void updateFPSeqBlob(ZXProxyInstance_t *app, ZXPerThreadData_t *record, int mid,
   record->sequenceBlobLock.unlock();
 }
 
-void updateFPSeqBlobWithTierCallOutRecord(ZXProxyInstance_t *app, ZXPerThreadData_t *r,
+void updateFPSeqBlobWithTierCallOutRecord(ZXAppTracing *app, ZXPerThreadData_t *r,
                                           long long methodStartTime, long long duration,
                                           const methodPropProperties *method,
                                           long long resourceID) {
@@ -209,14 +209,14 @@ void updateFPSeqBlobWithTierCallOutRecord(ZXProxyInstance_t *app, ZXPerThreadDat
   r->sequenceBlobLock.unlock();
 }
 
-void checkToDumpFPSeqBlob(ZXProxyInstance_t *app, ZXPerThreadData_t *record) {
+void checkToDumpFPSeqBlob(ZXAppTracing *app, ZXPerThreadData_t *record) {
   // The keyword's value counts only below the array less one entry's room.
   int limit = app->ZXFlowpathGenerator.maxCharactersInSeqBlob;
   if (limit <= 0 || limit > ZX_SEQ_BLOB_SIZE - 1024) limit = getMaxCharactersInSeqBlob();
   if (record->sequenceBlobLen >= limit) dumpIncompleteFlowpathSeqBlock(app, record);
 }
 
-int dumpFPHeaderRecord(ZXProxyInstance_t *app, ZXPerThreadData_t *r) {
+int dumpFPHeaderRecord(ZXAppTracing *app, ZXPerThreadData_t *r) {
   const bool forced = r->tlIsForceDump != 0;
   char line[ZX_FP_RECORD_MAX];
   LineWriter w{line, line + sizeof line - 1};
@@ -247,7 +247,7 @@ int dumpFPHeaderRecord(ZXProxyInstance_t *app, ZXPerThreadData_t *r) {
   return dumpData(app, line, static_cast<int>(w.p - line));
 }
 
-int dumpIncompleteFlowpathSeqBlock(ZXProxyInstance_t *app, ZXPerThreadData_t *r) {
+int dumpIncompleteFlowpathSeqBlock(ZXAppTracing *app, ZXPerThreadData_t *r) {
   if (!r->tlIsFPHeaderDumped) dumpFPHeaderRecord(app, r);
   char line[ZX_FP_RECORD_MAX];
   LineWriter w{line, line + sizeof line - 1};
@@ -259,7 +259,7 @@ int dumpIncompleteFlowpathSeqBlock(ZXProxyInstance_t *app, ZXPerThreadData_t *r)
   return dumpData(app, line, static_cast<int>(w.p - line));
 }
 
-int dumpCompleteFlowpathSeqBlock(ZXProxyInstance_t *app, ZXPerThreadData_t *r, int category,
+int dumpCompleteFlowpathSeqBlock(ZXAppTracing *app, ZXPerThreadData_t *r, int category,
                                  long long fpCPUTime, long long respTime) {
   int status = r->tlStatusCode;
   const bool discardable =
@@ -302,7 +302,7 @@ void splitUrl(ZXPerThreadData_t *r, const char *url) {
   copyText(r->tlURLParameters, sizeof r->tlURLParameters, q ? q + 1 : "");
 }
 
-void detachFlowpath(ZXProxyInstance_t *app, ZXPerThreadData_t *r);
+void detachFlowpath(ZXAppTracing *app, ZXPerThreadData_t *r);
 
 bool writesMethodEvents(const ZXPerThreadData_t *r, const methodPropProperties *m,
                         long long limit) {
@@ -312,7 +312,7 @@ bool writesMethodEvents(const ZXPerThreadData_t *r, const methodPropProperties *
 
 }  // namespace
 
-ZXPerThreadData_t *startFP(ZXProxyInstance_t *app, const char *flowpathinstance, const char *url,
+ZXPerThreadData_t *startFP(ZXAppTracing *app, const char *flowpathinstance, const char *url,
                            char *btHeaderValue, long long TLS, const char *ZXCookieStr,
                            const char *RBCookieStr, const char *correlationIdHeader,
                            long long qTimeInMS, long long startTimeFP) {
@@ -324,7 +324,7 @@ ZXPerThreadData_t *startFP(ZXProxyInstance_t *app, const char *flowpathinstance,
   // Short of memory below (the id map, the method table), a throw must not
   // keep the slot: it goes back, detached, on the way out.
   struct GiveBack {
-    ZXProxyInstance_t *app;
+    ZXAppTracing *app;
     ZXPerThreadData_t *r;
     ~GiveBack() {
       if (!r) return;
@@ -377,7 +377,8 @@ ZXPerThreadData_t *startFP(ZXProxyInstance_t *app, const char *flowpathinstance,
   }
   r->hasMapNodePtr = acquireMethodHashMapNode(app);
   // Kept for the end, which would otherwise look it up again under the lock.
-  r->tlBeginRequestMethod = getMethodPropFromMethodName(ZX_BEGIN_REQUEST_METHOD, r->hasMapNodePtr);
+  r->tlBeginRequestMethod =
+      getMethodPropFromMethodName(app, ZX_BEGIN_REQUEST_METHOD, r->hasMapNodePtr);
   // Filled: from here a stop walk may write the flowpath out.
   r->fpPhase.store(ZX_FP_RUNNING, std::memory_order_release);
   if (r->tlBeginRequestMethod)
@@ -386,7 +387,7 @@ ZXPerThreadData_t *startFP(ZXProxyInstance_t *app, const char *flowpathinstance,
   return r;
 }
 
-void zxMethodEntryEx(ZXProxyInstance_t *app, ZXPerThreadData_t *r, const methodPropProperties *m,
+void zxMethodEntryEx(ZXAppTracing *app, ZXPerThreadData_t *r, const methodPropProperties *m,
                      long long nowMs) {
   if (!app || !r || !m) return;
   if (m->isEntryPoint & 1)
@@ -399,7 +400,7 @@ void zxMethodEntryEx(ZXProxyInstance_t *app, ZXPerThreadData_t *r, const methodP
                   -1, m->isAsyncCall, r->tlThreadId, r->tlURL, 0);
 }
 
-void zxMethodExitEx(ZXProxyInstance_t *app, ZXPerThreadData_t *r, const methodPropProperties *m,
+void zxMethodExitEx(ZXAppTracing *app, ZXPerThreadData_t *r, const methodPropProperties *m,
                     long long methodWallTime, long long fpCPUTime, int eventID) {
   if (!app || !r || !m) return;
   const long long limit = app->ZXSys.bciMaxNonServiceMethodsPerFP;
@@ -420,15 +421,15 @@ void zxMethodExitEx(ZXProxyInstance_t *app, ZXPerThreadData_t *r, const methodPr
   }
 }
 
-long long zxAgentTimeNow(const ZXProxyInstance_t *app) {
+long long zxAgentTimeNow(const ZXAppTracing *app) {
   return my_gettimeofday() - app->Server.morEpochDiffTime;
 }
 
-methodPropProperties *findOrAddMethod(ZXProxyInstance_t *app, ZXPerThreadData_t *r,
-                                      const char *name, int isEntryPoint, int type) {
+methodPropProperties *findOrAddMethod(ZXAppTracing *app, ZXPerThreadData_t *r, const char *name,
+                                      int isEntryPoint, int type) {
   if (!app || !r || !name || !*name || !r->hasMapNodePtr) return nullptr;
   std::lock_guard lk(app->methodEntryLock);
-  if (methodPropProperties *m = getMethodPropFromMethodName(name, r->hasMapNodePtr)) return m;
+  if (methodPropProperties *m = getMethodPropFromMethodName(app, name, r->hasMapNodePtr)) return m;
   return updateMethodHashMap(app, name, isEntryPoint, type, r->hasMapNodePtr);
 }
 
@@ -442,13 +443,13 @@ long long popMethodEntry(ZXPerThreadData_t *r, long long nowAgentMs) {
   return std::max(0LL, nowAgentMs - r->methodEntryTimes[top]);
 }
 
-long long agentTimeOf(const ZXProxyInstance_t *app, long long absoluteMs) {
+long long agentTimeOf(const ZXAppTracing *app, long long absoluteMs) {
   return absoluteMs > 0 ? absoluteMs - app->Server.morEpochDiffTime : zxAgentTimeNow(app);
 }
 
 }  // namespace
 
-void zxMethodEntry(ZXProxyInstance_t *app, methodPropProperties *method, ZXPerThreadData_t *r,
+void zxMethodEntry(ZXAppTracing *app, methodPropProperties *method, ZXPerThreadData_t *r,
                    const char *methodName, const char *queryString, const char *urlParameter,
                    long long threadId, const char *packageName, long long TLS,
                    long long startTime) {
@@ -462,7 +463,7 @@ void zxMethodEntry(ZXProxyInstance_t *app, methodPropProperties *method, ZXPerTh
   zxMethodEntryEx(app, r, method, now);
 }
 
-void zxMethodExit(ZXProxyInstance_t *app, methodPropProperties *method, ZXPerThreadData_t *r,
+void zxMethodExit(ZXAppTracing *app, methodPropProperties *method, ZXPerThreadData_t *r,
                   const char *methodName, long long cpuTime, int statusCode,
                   const char *backendHeader, long long duration, long long threadId, int isCallout,
                   long long TLS, int eventType, int reqNotificationPhase, long long endTime) {
@@ -476,10 +477,10 @@ void zxMethodExit(ZXProxyInstance_t *app, methodPropProperties *method, ZXPerThr
                  eventType == 3 || eventType == 4 ? eventType : ZX_FP_EVENT_EXIT);
 }
 
-void zxMethodExitException(ZXProxyInstance_t *app, methodPropProperties *method,
-                           ZXPerThreadData_t *r, const char *methodName, long long cpuTime,
-                           int statusCode, const char *backendName, long long wallTime,
-                           int forcedDump, long long threadId, int calloutDone, long long TLS,
+void zxMethodExitException(ZXAppTracing *app, methodPropProperties *method, ZXPerThreadData_t *r,
+                           const char *methodName, long long cpuTime, int statusCode,
+                           const char *backendName, long long wallTime, int forcedDump,
+                           long long threadId, int calloutDone, long long TLS,
                            int ExceptionExitType) {
   (void)forcedDump, (void)calloutDone;
   zxMethodExit(app, method, r, methodName, cpuTime, statusCode, backendName,
@@ -490,7 +491,7 @@ void zxMethodExitException(ZXProxyInstance_t *app, methodPropProperties *method,
 namespace {
 
 // Drops the id entry of the flowpath on `r`, unless another holds the id.
-void forgetInstance(ZXProxyInstance_t *app, long long id, const ZXPerThreadData_t *r) {
+void forgetInstance(ZXAppTracing *app, long long id, const ZXPerThreadData_t *r) {
   std::lock_guard lk(app->fpiToTLS.lock);
   auto it = app->fpiToTLS.map.find(id);
   if (it != app->fpiToTLS.map.end() && it->second == r) app->fpiToTLS.map.erase(it);
@@ -498,7 +499,7 @@ void forgetInstance(ZXProxyInstance_t *app, long long id, const ZXPerThreadData_
 
 // The owner's flowpath lets go of its method table and its id entry. Only the
 // owner calls it, so the node stays valid for as long as the owner can use it.
-void detachFlowpath(ZXProxyInstance_t *app, ZXPerThreadData_t *r) {
+void detachFlowpath(ZXAppTracing *app, ZXPerThreadData_t *r) {
   if (r->hasMapNodePtr) {
     releaseMethodHashMapNode(r->hasMapNodePtr);
     r->hasMapNodePtr = nullptr;
@@ -508,7 +509,7 @@ void detachFlowpath(ZXProxyInstance_t *app, ZXPerThreadData_t *r) {
 
 }  // namespace
 
-void endFP(ZXProxyInstance_t *app, ZXPerThreadData_t *r, int statusCode, long long TLS,
+void endFP(ZXAppTracing *app, ZXPerThreadData_t *r, int statusCode, long long TLS,
            long long endTime) {
   (void)TLS;
   if (!app || !r || !app->Server.testRunRunning.load()) return;
@@ -551,7 +552,7 @@ void endFP(ZXProxyInstance_t *app, ZXPerThreadData_t *r, int statusCode, long lo
   detachFlowpath(app, r);
 }
 
-void reset(ZXProxyInstance_t *app, ZXPerThreadData_t *r) {
+void reset(ZXAppTracing *app, ZXPerThreadData_t *r) {
   if (!app || !r) return;
   // A flowpath let go without its end (none while no run is going) is
   // claimed first, so that a stop walk holding the record leaves it alone.
@@ -569,7 +570,13 @@ void reset(ZXProxyInstance_t *app, ZXPerThreadData_t *r) {
   free_tls_slot(app, r);
 }
 
-void dumpIncompleteFPAtTestStop(ZXProxyInstance_t *app, ZXPerThreadData_t *r) {
+void releaseFP(ZXAppTracing *app, ZXPerThreadData_t *r) {
+  if (!app || !r) return;
+  if (!fpEnded(r)) endFP(app, r, r->tlStatusCode, 0, my_gettimeofday());
+  reset(app, r);
+}
+
+void dumpIncompleteFPAtTestStop(ZXAppTracing *app, ZXPerThreadData_t *r) {
   if (!app || !r) return;
   long long id = 0;
   bool written = false;
@@ -587,7 +594,7 @@ void dumpIncompleteFPAtTestStop(ZXProxyInstance_t *app, ZXPerThreadData_t *r) {
   if (written) forgetInstance(app, id, r);
 }
 
-ZXPerThreadData_t *findFPFromInstance(ZXProxyInstance_t *app, const char *flowpathInstanceStr) {
+ZXPerThreadData_t *findFPFromInstance(ZXAppTracing *app, const char *flowpathInstanceStr) {
   if (!app || !flowpathInstanceStr) return nullptr;
   long long id = 0;
   const char *end = flowpathInstanceStr + std::strlen(flowpathInstanceStr);

@@ -18,7 +18,7 @@
 #include "ZXPerThreadData.h"
 #include "zxlb_relaxed.h"
 
-struct ZXProxyInstance_t;
+struct ZXAppTracing;
 struct methodPropProperties;
 
 // Instance id layout (the "zxFlowpathMasks" keyword sets the three masks)
@@ -54,18 +54,18 @@ inline constexpr int ZX_FP_EVENT_EXIT = 1;
 
 // A new id from agent time and the application's rSeq. The counter is
 // advanced twice per id, so consecutive ids use every second value.
-long long generate_flowpath_instance(ZXProxyInstance_t *app);
+long long generate_flowpath_instance(ZXAppTracing *app);
 // The same for an agent time the caller has just read.
-long long generate_flowpath_instance(ZXProxyInstance_t *app, long long agentTimeMs);
+long long generate_flowpath_instance(ZXAppTracing *app, long long agentTimeMs);
 
 // Cuts `text` in place at each `separator`, storing at most `max` pieces;
 // returns their count.
 int tokenize_flowpathmasks(char *text, char **parts, const char *separator, int max);
 // "ignored%20<timeStampMask hex>%20<seqNoDigits>%20<seqNumMask hex>".
 // Leaves the settings alone when a piece is missing. 0 on success, -1 not.
-int parse_flowpath_mask(ZXProxyInstance_t *app, const char *text);
+int parse_flowpath_mask(ZXAppTracing *app, const char *text);
 // Keyword row "zxFlowpathMasks": applies the masks and keeps the raw value.
-void parseZXFlowpathMasks(char *value, char *keyword, int index);
+void parseZXFlowpathMasks(ZXAppTracing &app, char *value, char *keyword, int index);
 
 int getMaxCharactersInSeqBlob();
 void setMaxCharactersInSeqBlob(int value);
@@ -75,30 +75,30 @@ void setMaxCharactersInSeqBlob(int value);
 // an exit the method's wall time. cpuTime < 0: unknown. Flushes the blob as
 // record 3 once it reaches getMaxCharactersInSeqBlob(). Takes
 // sequenceBlobLock.
-void updateFPSeqBlob(ZXProxyInstance_t *app, ZXPerThreadData_t *record, int mid,
-                     long long startTime, int eventID, int pageID, long long cpuTime,
-                     int isAsyncCall, long long threadID, const char *urlStr, int captureArgument);
+void updateFPSeqBlob(ZXAppTracing *app, ZXPerThreadData_t *record, int mid, long long startTime,
+                     int eventID, int pageID, long long cpuTime, int isAsyncCall,
+                     long long threadID, const char *urlStr, int captureArgument);
 
 // A call-out's entry: "T" (success) or "E" with the status (tlStatusCode >
 // 399), by the method's type: 2 database (resourceID is the query's id), 6,
 // else HTTP and the like (resourceID written with enableIPResourceURL).
 // Resets tierCallOutSeqNum. Takes sequenceBlobLock.
-void updateFPSeqBlobWithTierCallOutRecord(ZXProxyInstance_t *app, ZXPerThreadData_t *record,
+void updateFPSeqBlobWithTierCallOutRecord(ZXAppTracing *app, ZXPerThreadData_t *record,
                                           long long methodStartTime, long long duration,
                                           const methodPropProperties *method, long long resourceID);
 
 // Caller holds sequenceBlobLock; uses the "maxCharInSeqBlob" setting when
 // one was given.
-void checkToDumpFPSeqBlob(ZXProxyInstance_t *app, ZXPerThreadData_t *record);
+void checkToDumpFPSeqBlob(ZXAppTracing *app, ZXPerThreadData_t *record);
 
 // Record 2; sets tlIsFPHeaderDumped. Returns dumpData's result.
-int dumpFPHeaderRecord(ZXProxyInstance_t *app, ZXPerThreadData_t *record);
+int dumpFPHeaderRecord(ZXAppTracing *app, ZXPerThreadData_t *record);
 // Record 3 (header first when not yet written) and empties the blob. Caller
 // holds sequenceBlobLock.
-int dumpIncompleteFlowpathSeqBlock(ZXProxyInstance_t *app, ZXPerThreadData_t *record);
+int dumpIncompleteFlowpathSeqBlock(ZXAppTracing *app, ZXPerThreadData_t *record);
 // Record 4 under the discarding rules; 1 when a record was written, 0 when
 // the flowpath was dropped. Caller holds sequenceBlobLock.
-int dumpCompleteFlowpathSeqBlock(ZXProxyInstance_t *app, ZXPerThreadData_t *record, int category,
+int dumpCompleteFlowpathSeqBlock(ZXAppTracing *app, ZXPerThreadData_t *record, int category,
                                  long long fpCPUTime, long long respTime);
 
 // A new flowpath on a free slot, or null while no test run is running or a
@@ -106,7 +106,7 @@ int dumpCompleteFlowpathSeqBlock(ZXProxyInstance_t *app, ZXPerThreadData_t *reco
 // forces it) or a caller tier's call-out header. The session cookie decides
 // capture (ZXSessionCookie.h); in the proxy the browser cookie, URL and
 // correlation id are decoded. startTimeFP <= 0: now.
-ZXPerThreadData_t *startFP(ZXProxyInstance_t *app, const char *flowpathinstance, const char *url,
+ZXPerThreadData_t *startFP(ZXAppTracing *app, const char *flowpathinstance, const char *url,
                            char *btHeaderValue, long long TLS, const char *ZXCookieStr,
                            const char *RBCookieStr, const char *correlationIdHeader,
                            long long qTimeInMS, long long startTimeFP);
@@ -114,10 +114,10 @@ ZXPerThreadData_t *startFP(ZXProxyInstance_t *app, const char *flowpathinstance,
 // Method events. nowMs is agent time; the exit's methodWallTime and
 // fpCPUTime (< 0: unknown) are the method's own. Methods past
 // bciMaxNonServiceMethodsPerFP write neither entry nor exit.
-void zxMethodEntryEx(ZXProxyInstance_t *app, ZXPerThreadData_t *record,
+void zxMethodEntryEx(ZXAppTracing *app, ZXPerThreadData_t *record,
                      const methodPropProperties *method, long long nowMs);
 // eventID: 1 a return, 3 and 4 exits by exception.
-void zxMethodExitEx(ZXProxyInstance_t *app, ZXPerThreadData_t *record,
+void zxMethodExitEx(ZXAppTracing *app, ZXPerThreadData_t *record,
                     const methodPropProperties *method, long long methodWallTime,
                     long long fpCPUTime, int eventID = ZX_FP_EVENT_EXIT);
 
@@ -126,15 +126,15 @@ void zxMethodExitEx(ZXProxyInstance_t *app, ZXPerThreadData_t *record,
 // method-table node; a name seen for the first time gets an id. Times are
 // absolute ms, <= 0 meaning now. Exits pair with entries like a call stack:
 // a negative duration means "since the matching entry".
-void zxMethodEntry(ZXProxyInstance_t *app, methodPropProperties *method, ZXPerThreadData_t *record,
+void zxMethodEntry(ZXAppTracing *app, methodPropProperties *method, ZXPerThreadData_t *record,
                    const char *methodName, const char *queryString, const char *urlParameter,
                    long long threadId, const char *packageName, long long TLS, long long startTime);
-void zxMethodExit(ZXProxyInstance_t *app, methodPropProperties *method, ZXPerThreadData_t *record,
+void zxMethodExit(ZXAppTracing *app, methodPropProperties *method, ZXPerThreadData_t *record,
                   const char *methodName, long long cpuTime, int statusCode,
                   const char *backendHeader, long long duration, long long threadId, int isCallout,
                   long long TLS, int eventType, int reqNotificationPhase, long long endTime);
 // ExceptionExitType 4 writes exit event 4, anything else event 3.
-void zxMethodExitException(ZXProxyInstance_t *app, methodPropProperties *method,
+void zxMethodExitException(ZXAppTracing *app, methodPropProperties *method,
                            ZXPerThreadData_t *record, const char *methodName, long long cpuTime,
                            int statusCode, const char *backendName, long long wallTime,
                            int forcedDump, long long threadId, int calloutDone, long long TLS,
@@ -142,25 +142,34 @@ void zxMethodExitException(ZXProxyInstance_t *app, methodPropProperties *method,
 
 // The record for `name` in the flowpath's node, given an id (type and
 // entry-point bits as passed) when new. Null without a node, a name, or memory.
-methodPropProperties *findOrAddMethod(ZXProxyInstance_t *app, ZXPerThreadData_t *record,
+methodPropProperties *findOrAddMethod(ZXAppTracing *app, ZXPerThreadData_t *record,
                                       const char *name, int isEntryPoint, int type);
 // Agent time now (ms): the wall clock less morEpochDiffTime.
-long long zxAgentTimeNow(const ZXProxyInstance_t *app);
+long long zxAgentTimeNow(const ZXAppTracing *app);
 
 // Categorises the flowpath, writes record 4, counts it in the BT monitor and
 // drops its method-table reference and fpiToTLS entry. endTime <= 0: the
 // flowpath's own start. A flowpath the stop wrote out, or one already ended,
 // is neither written nor counted again; it only lets go of its references.
 // The slot stays taken until reset.
-void endFP(ZXProxyInstance_t *app, ZXPerThreadData_t *record, int statusCode, long long TLS,
+void endFP(ZXAppTracing *app, ZXPerThreadData_t *record, int statusCode, long long TLS,
            long long endTime);
 // The owner lets go: drops what the flowpath still holds, clears the record
 // and gives the slot back.
-void reset(ZXProxyInstance_t *app, ZXPerThreadData_t *record);
+void reset(ZXAppTracing *app, ZXPerThreadData_t *record);
+// Whether the record's flowpath was ended by its owner (endFP), or the record
+// holds none: another end would write record 4 again and count the BT twice.
+inline bool fpEnded(const ZXPerThreadData_t *record) {
+  return record->setEndFPFlag || !record->flowpathInstance;
+}
+// The owner lets go of a flowpath it may not have ended: ends it now first
+// (with its last status), which gives back its method-table reference and its
+// id entry, then resets it.
+void releaseFP(ZXAppTracing *app, ZXPerThreadData_t *record);
 // At stop, from the stop walk's thread: a published flowpath still running
 // goes out as record 3 (header first) and is marked ended by the stop. The
 // record, its method-table reference and its slot stay its owner's.
-void dumpIncompleteFPAtTestStop(ZXProxyInstance_t *app, ZXPerThreadData_t *record);
+void dumpIncompleteFPAtTestStop(ZXAppTracing *app, ZXPerThreadData_t *record);
 
 // The flowpath registered under its id text, or null.
-ZXPerThreadData_t *findFPFromInstance(ZXProxyInstance_t *app, const char *flowpathInstanceStr);
+ZXPerThreadData_t *findFPFromInstance(ZXAppTracing *app, const char *flowpathInstanceStr);

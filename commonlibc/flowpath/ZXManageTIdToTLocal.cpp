@@ -4,7 +4,7 @@
 #include <mutex>
 #include <new>
 
-#include "ZXProxyInstance.h"
+#include "ZXAppTracing.h"
 #include "zx_c_guard.h"
 #include "zx_tier_callout.h"
 #include "zxlb_mt_log.h"
@@ -15,11 +15,7 @@ std::string threadIdKey(long long thread_id) {
   return key;
 }
 
-void initZXManageTIdToTLocal(ZXProxyInstance_t *app) {
-  if (app) app->threadLocalMutex.create(app->control_pool.get());
-}
-
-ZXPerThreadData_t *setThreadIdToThreadLocal(ZXProxyInstance_t *app, long long thread_id) {
+ZXPerThreadData_t *setThreadIdToThreadLocal(ZXAppTracing *app, long long thread_id) {
   if (!app) return nullptr;
   std::unique_ptr<ZXPerThreadData_t> record(new (std::nothrow) ZXPerThreadData_t());
   if (!record) {
@@ -27,6 +23,7 @@ ZXPerThreadData_t *setThreadIdToThreadLocal(ZXProxyInstance_t *app, long long th
     return nullptr;
   }
   ZXPerThreadData_t *r = record.get();
+  r->owner = app;
   try {
     std::string key = threadIdKey(thread_id);
     std::lock_guard lk(app->threadLocalMutex);
@@ -38,11 +35,7 @@ ZXPerThreadData_t *setThreadIdToThreadLocal(ZXProxyInstance_t *app, long long th
   return r;
 }
 
-ZXPerThreadData_t *setThreadIdToThreadLocal(long long thread_id) {
-  return setThreadIdToThreadLocal(tlzxApplication, thread_id);
-}
-
-ZXPerThreadData_t *getThreadIdToThreadLocal(ZXProxyInstance_t *app, long long thread_id) {
+ZXPerThreadData_t *getThreadIdToThreadLocal(ZXAppTracing *app, long long thread_id) {
   if (!app) return nullptr;
   std::string key = threadIdKey(thread_id);  // within the small-string buffer: no allocation
   std::lock_guard lk(app->threadLocalMutex);
@@ -50,11 +43,7 @@ ZXPerThreadData_t *getThreadIdToThreadLocal(ZXProxyInstance_t *app, long long th
   return it == app->threadIdToThreadLocal.end() ? nullptr : it->second.get();
 }
 
-ZXPerThreadData_t *getThreadIdToThreadLocal(long long thread_id) {
-  return getThreadIdToThreadLocal(tlzxApplication, thread_id);
-}
-
-void cleanThreadIdToThreadLocal(ZXProxyInstance_t *app, long long thread_id) {
+void cleanThreadIdToThreadLocal(ZXAppTracing *app, long long thread_id) {
   if (!app) return;
   std::string key = threadIdKey(thread_id);
   std::unique_ptr<ZXPerThreadData_t> dropped;
@@ -76,8 +65,8 @@ void setFirstPrevFlowpath(ZXPerThreadData_t *record, long long first, long long 
 
 ZXPerThreadData_t *updateChildThreadPrevFPI(ZXPerThreadData_t *parent, long long child_thread_id) {
   if (!parent) return nullptr;
-  ZXPerThreadData_t *child = getThreadIdToThreadLocal(child_thread_id);
-  if (!child) child = setThreadIdToThreadLocal(child_thread_id);
+  ZXPerThreadData_t *child = getThreadIdToThreadLocal(parent->owner, child_thread_id);
+  if (!child) child = setThreadIdToThreadLocal(parent->owner, child_thread_id);
   if (!child) return nullptr;
   const long long first =
       parent->firstFlowpathInstance ? parent->firstFlowpathInstance : parent->flowpathInstance;
@@ -85,6 +74,9 @@ ZXPerThreadData_t *updateChildThreadPrevFPI(ZXPerThreadData_t *parent, long long
   return child;
 }
 
+// A host's thread names no application: the calling thread's, else the
+// process's.
 extern "C" ZX_EXPORT void cleanThreadIdToThreadLocal(long long thread_id) {
-  zx_c_guard([thread_id] { cleanThreadIdToThreadLocal(tlzxApplication, thread_id); });
+  zx_c_guard(
+      [thread_id] { cleanThreadIdToThreadLocal(zx::currentApp<ZXAppTracing>(), thread_id); });
 }

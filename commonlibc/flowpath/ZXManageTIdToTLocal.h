@@ -13,7 +13,7 @@
 
 #include "ZXPerThreadData.h"
 
-struct ZXProxyInstance_t;
+struct ZXAppTracing;
 
 inline constexpr int ZX_TID_KEY_SIZE = 8;
 
@@ -24,19 +24,16 @@ using ZXThreadIdMap = std::unordered_map<std::string, std::unique_ptr<ZXPerThrea
 // The key of a thread id ("%lld" cut to 7 characters).
 std::string threadIdKey(long long thread_id);
 
-// Creates threadLocalMutex; the map itself needs no creation.
-void initZXManageTIdToTLocal(ZXProxyInstance_t *app);
-// A new zeroed record under the id's key, replacing any earlier one; null when
-// memory is short.
-ZXPerThreadData_t *setThreadIdToThreadLocal(ZXProxyInstance_t *app, long long thread_id);
-ZXPerThreadData_t *setThreadIdToThreadLocal(long long thread_id);
-ZXPerThreadData_t *getThreadIdToThreadLocal(ZXProxyInstance_t *app, long long thread_id);
-ZXPerThreadData_t *getThreadIdToThreadLocal(long long thread_id);
-void cleanThreadIdToThreadLocal(ZXProxyInstance_t *app, long long thread_id);
+// A new zeroed record of `app` under the id's key, replacing any earlier one;
+// null when memory is short.
+ZXPerThreadData_t *setThreadIdToThreadLocal(ZXAppTracing *app, long long thread_id);
+ZXPerThreadData_t *getThreadIdToThreadLocal(ZXAppTracing *app, long long thread_id);
+void cleanThreadIdToThreadLocal(ZXAppTracing *app, long long thread_id);
 
 // first = the caller's first flowpath (or its own when it has none), prev =
 // the caller's own; marks the record as primed by its parent (status -3).
 void setFirstPrevFlowpath(ZXPerThreadData_t *record, long long first, long long prev);
-// Primes the child thread's record (made when absent) from the parent's
-// flowpath. Returns the child's record, or null.
+// Primes the child thread's record (made when absent, in the map of the
+// parent's application) from the parent's flowpath. Returns the child's
+// record, or null.
 ZXPerThreadData_t *updateChildThreadPrevFPI(ZXPerThreadData_t *parent, long long child_thread_id);

@@ -11,8 +11,9 @@
 #include <string_view>
 #include <vector>
 
+#include "ZXAppTracing.h"
 #include "ZXDataDispatcher.h"
-#include "ZXProxyInstance.h"
+#include "ZXFeatureKeywords.h"
 #include "ZXRunTimeChangeHandle.h"
 #include "zxlb_mt_log.h"
 #include "zxlb_utiles.h"
@@ -29,7 +30,7 @@ bool ZXMethodIdIndexSetFailed(int id) {
 
 // Record 5 reaches the collector only while the data thread runs; an id given
 // out meanwhile is never announced (the collector's rule, kept).
-void announce(ZXProxyInstance_t *app, const std::string &line) {
+void announce(ZXAppTracing *app, const std::string &line) {
   if (app->dataThreadRunning.load(std::memory_order_acquire))
     dumpData(app, line.data(), static_cast<int>(line.size()));
 }
@@ -187,7 +188,7 @@ void placeRecord(node_t &node, methodPropProperties *r, bool inProfile) {
 }
 
 // A new id for `name` in the node, not announced. Caller holds the lock.
-methodPropProperties *giveId(ZXProxyInstance_t *app, node_t &node, std::string_view name,
+methodPropProperties *giveId(ZXAppTracing *app, node_t &node, std::string_view name,
                              int isEntryPoint, int type, bool inProfile) {
   std::string key(name);
   methodPropProperties *r = newMethodRecord(key.c_str());
@@ -202,7 +203,7 @@ methodPropProperties *giveId(ZXProxyInstance_t *app, node_t &node, std::string_v
 enum class LineKind { Profile, EntryPoint };
 
 // Applies one parsed line to the node being built.
-void applyLine(ZXProxyInstance_t *app, node_t &node, const MethodLine &m, LineKind kind) {
+void applyLine(ZXAppTracing *app, node_t &node, const MethodLine &m, LineKind kind) {
   std::string key(m.name);
   methodPropProperties *existing = search_hashmap(key.c_str(), node.dynamic_ptr);
   const bool isProfile = kind == LineKind::Profile;
@@ -235,7 +236,7 @@ void applyLine(ZXProxyInstance_t *app, node_t &node, const MethodLine &m, LineKi
   announce(app, line);
 }
 
-void parseMethodText(ZXProxyInstance_t *app, node_t &node, std::string_view text, LineKind kind) {
+void parseMethodText(ZXAppTracing *app, node_t &node, std::string_view text, LineKind kind) {
   int lineNo = 0;
   while (!text.empty()) {
     size_t nl = text.find('\n');
@@ -254,7 +255,7 @@ void parseMethodText(ZXProxyInstance_t *app, node_t &node, std::string_view text
 }
 
 // Every table knows the pseudo method that opens each flowpath.
-void ensureBeginRequest(ZXProxyInstance_t *app, node_t &node) {
+void ensureBeginRequest(ZXAppTracing *app, node_t &node) {
   if (search_hashmap(ZX_BEGIN_REQUEST_METHOD, node.dynamic_ptr)) return;
   methodPropProperties *r = giveId(app, node, ZX_BEGIN_REQUEST_METHOD, 1, 0, false);
   if (r) announce(app, plainMetaRecord(*r));
@@ -275,7 +276,7 @@ void resetmethodHashMapNode(node_t &node) {
 
 // The successor of the node in force (a copy sharing its records), or a new
 // node when none is in force. Caller holds the lock.
-ZXMethodNodePtr makeSuccessor(ZXProxyInstance_t *app) {
+ZXMethodNodePtr makeSuccessor(ZXAppTracing *app) {
   ZXMethodNodePtr next = newMethodNode();
   if (!next) return nullptr;
   node_t *cur = app->methodHashMapNode.get();
@@ -291,7 +292,7 @@ ZXMethodNodePtr makeSuccessor(ZXProxyInstance_t *app) {
 
 // Publishes methodHashMapNodeTemp, retiring the node it replaces. Caller
 // holds the lock.
-void publishTemp(ZXProxyInstance_t *app) {
+void publishTemp(ZXAppTracing *app) {
   ZXMethodNodePtr old = std::move(app->methodHashMapNode);
   app->methodHashMapNode = std::move(app->methodHashMapNodeTemp);
   if (old) {
@@ -302,11 +303,11 @@ void publishTemp(ZXProxyInstance_t *app) {
   }
 }
 
-bool saveProfileRequested(const ZXProxyInstance_t *app) {
+bool saveProfileRequested(const ZXAppTracing *app) {
   return app->ZXBCISetting.fileBasedKeywordMode != 0 && app->InstrFileData_flag == 1;
 }
 
-int installText(ZXProxyInstance_t *app, const char *content, LineKind kind, bool maySave) {
+int installText(ZXAppTracing *app, const char *content, LineKind kind, bool maySave) {
   if (!app) return -1;
   std::lock_guard lk(app->methodEntryLock);
   app->methodHashMapNodeTemp = makeSuccessor(app);
@@ -314,7 +315,7 @@ int installText(ZXProxyInstance_t *app, const char *content, LineKind kind, bool
   node_t &node = *app->methodHashMapNodeTemp;
   if (content) {
     if (kind == LineKind::Profile && maySave && saveProfileRequested(app))
-      makingFileOfInstrMethod(content);
+      makingFileOfInstrMethod(app, content);
     parseMethodText(app, node, content, kind);
   }
   ensureBeginRequest(app, node);
@@ -323,14 +324,13 @@ int installText(ZXProxyInstance_t *app, const char *content, LineKind kind, bool
   return 0;
 }
 
-std::string homeFile(const ZXProxyInstance_t *app, const char *name) {
+std::string homeFile(const ZXAppTracing *app, const char *name) {
   return std::string(app->ZXSys.zxHomePath.c_str()) + "/" + name;
 }
 
 // Reads at most ZX_INSTR_FILE_READ_MAX bytes of the file; a line cut by that
 // limit is dropped rather than read as a shorter method name.
-int readMethodFile(const char *name, LineKind kind) {
-  ZXProxyInstance_t *app = tlzxApplication;
+int readMethodFile(ZXAppTracing *app, const char *name, LineKind kind) {
   if (!app) return 1;
   const std::string path = homeFile(app, name);
   struct stat st {};
@@ -408,22 +408,23 @@ ZXMethodNodePtr newMethodNode() {
   return n;
 }
 
-void getMethodHashMapLock() {
-  if (tlzxApplication) tlzxApplication->methodEntryLock.lock();
+void getMethodHashMapLock(ZXAppTracing *app) {
+  if (app) app->methodEntryLock.lock();
 }
 
-void releaseMethodHashMapLock() {
-  if (tlzxApplication) tlzxApplication->methodEntryLock.unlock();
+void releaseMethodHashMapLock(ZXAppTracing *app) {
+  if (app) app->methodEntryLock.unlock();
 }
 
-methodPropProperties *getMethodPropFromMethodName(const char *name, node_t *node) {
-  if (!name || !node || !tlzxApplication) return nullptr;
-  std::lock_guard lk(tlzxApplication->methodEntryLock);
+methodPropProperties *getMethodPropFromMethodName(ZXAppTracing *app, const char *name,
+                                                  node_t *node) {
+  if (!name || !node || !app) return nullptr;
+  std::lock_guard lk(app->methodEntryLock);
   return search_hashmap(name, node->dynamic_ptr);
 }
 
-methodPropProperties *updateMethodHashMap(ZXProxyInstance_t *app, const char *name,
-                                          int isEntryPoint, int type, node_t *node) {
+methodPropProperties *updateMethodHashMap(ZXAppTracing *app, const char *name, int isEntryPoint,
+                                          int type, node_t *node) {
   if (!app || !name || !node) return nullptr;
   methodPropProperties *r = giveId(app, *node, name, isEntryPoint, type, false);
   if (!r) return nullptr;
@@ -433,29 +434,18 @@ methodPropProperties *updateMethodHashMap(ZXProxyInstance_t *app, const char *na
   return r;
 }
 
-methodPropProperties *updateMethodHashMap(const char *name, int isEntryPoint, int type,
-                                          node_t *node) {
-  return updateMethodHashMap(tlzxApplication, name, isEntryPoint, type, node);
-}
-
-void dumpMetadataForSig(methodPropProperties *record) {
-  ZXProxyInstance_t *app = tlzxApplication;
+void dumpMetadataForSig(ZXAppTracing *app, methodPropProperties *record) {
   if (!record || !app) return;
   std::string line = signatureMetaRecord(*record);
   ZX_CTRL_LOG(2, "Info", "Signature buffer is:%s", line.c_str());
   announce(app, line);
 }
 
-int setMethodHashMapNode(ZXProxyInstance_t *app, const char *content) {
+int setMethodHashMapNode(ZXAppTracing *app, const char *content) {
   return installText(app, content, LineKind::Profile, true);
 }
 
-int setMethodHashMapNode(const char *content) {
-  return setMethodHashMapNode(tlzxApplication, content);
-}
-
-int makingFileOfInstrMethod(const char *content) {
-  ZXProxyInstance_t *app = tlzxApplication;
+int makingFileOfInstrMethod(ZXAppTracing *app, const char *content) {
   if (!app || !content) return -1;
   const std::string path = homeFile(app, "instrProfile.txt");
   FILE *fp = std::fopen(path.c_str(), "w");
@@ -469,15 +459,15 @@ int makingFileOfInstrMethod(const char *content) {
   return (std::fclose(fp) == 0 && ok) ? 0 : -1;
 }
 
-int readingFileInstrProfile() {
-  return readMethodFile("instrProfile.txt", LineKind::Profile);
+int readingFileInstrProfile(ZXAppTracing *app) {
+  return readMethodFile(app, "instrProfile.txt", LineKind::Profile);
 }
 
-int readingEntryPointfile() {
-  return readMethodFile("entryPointFile.txt", LineKind::EntryPoint);
+int readingEntryPointfile(ZXAppTracing *app) {
+  return readMethodFile(app, "entryPointFile.txt", LineKind::EntryPoint);
 }
 
-node_t *acquireMethodHashMapNode(ZXProxyInstance_t *app) {
+node_t *acquireMethodHashMapNode(ZXAppTracing *app) {
   if (!app) return nullptr;
   std::lock_guard lk(app->methodEntryLock);
   if (!app->methodHashMapNode) {
@@ -495,7 +485,7 @@ void releaseMethodHashMapNode(node_t *node) {
   if (node) node->ref_count.fetch_sub(1, std::memory_order_release);
 }
 
-void freeMethodHashMap(ZXProxyInstance_t *app) {
+void freeMethodHashMap(ZXAppTracing *app) {
   if (!app) return;
   {
     std::lock_guard lk(app->methodEntryLock);
@@ -508,10 +498,9 @@ void freeMethodHashMap(ZXProxyInstance_t *app) {
   checkAndDeleteNode(app);
 }
 
-void setInstrProfileKeyword(const char *keyword, const char *value) {
-  ZXProxyInstance_t *app = tlzxApplication;
-  if (!app || !keyword || !value) return;
-  ZXInstrProfileInfo_t &info = app->instrProfileInfo;
+void setInstrProfileKeyword(ZXAppTracing &app, const char *keyword, const char *value) {
+  if (!keyword || !value) return;
+  ZXInstrProfileInfo_t &info = app.instrProfileInfo;
   if (std::strcmp(keyword, "instrProfile") == 0) {
     info.name.assign(value);
   } else if (std::strcmp(keyword, "lmd") == 0) {
@@ -523,7 +512,12 @@ void setInstrProfileKeyword(const char *keyword, const char *value) {
   }
 }
 
-bool instrProfileNeedsFetch(ZXProxyInstance_t *app) {
+void parseInstrProfile(ZXAppTracing &app, char *value, char *keyword, int index) {
+  storeFeatureKeyword(app, value, keyword, index);
+  setInstrProfileKeyword(app, keyword, value);
+}
+
+bool instrProfileNeedsFetch(ZXAppTracing *app) {
   if (!app || app->instrProfileInfo.name.empty()) return false;
   struct stat st {};
   if (stat(homeFile(app, "instrProfile.txt").c_str(), &st) != 0) return true;

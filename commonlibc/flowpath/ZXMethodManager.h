@@ -26,7 +26,7 @@
 #include "zxlb_hashMapMethod.h"
 #include "zxlb_owned_string.h"
 
-struct ZXProxyInstance_t;
+struct ZXAppTracing;
 
 inline constexpr const char *ZX_BEGIN_REQUEST_METHOD = "Profiler.Morvane.BeginRequest";
 inline constexpr int ZX_METHOD_ID_CHUNK = 1024;
@@ -87,11 +87,13 @@ struct ZXInstrProfileInfo_t {
   long long size = -1;  // -1: not given
 };
 
-void getMethodHashMapLock();
-void releaseMethodHashMapLock();
+void getMethodHashMapLock(ZXAppTracing *app);
+void releaseMethodHashMapLock(ZXAppTracing *app);
 
-// The record for `name` in the node's dynamic_ptr map, or null. Takes the lock.
-methodPropProperties *getMethodPropFromMethodName(const char *name, node_t *node);
+// The record for `name` in the node's dynamic_ptr map, or null. Takes the
+// lock of `app`, the node's application.
+methodPropProperties *getMethodPropFromMethodName(ZXAppTracing *app, const char *name,
+                                                  node_t *node);
 // Lock-free: for a flowpath that holds a reference on `node`.
 inline methodPropProperties *getMethodPropFromMethodId(int id, const node_t *node) {
   return node ? node->byId.find(id) : nullptr;
@@ -99,39 +101,38 @@ inline methodPropProperties *getMethodPropFromMethodId(int id, const node_t *nod
 
 // Gives `name` a new record and id in the node and announces it (record 5)
 // while the data thread runs. Caller holds the lock. Null when memory is short.
-methodPropProperties *updateMethodHashMap(const char *name, int isEntryPoint, int type,
-                                          node_t *node);
-methodPropProperties *updateMethodHashMap(ZXProxyInstance_t *app, const char *name,
-                                          int isEntryPoint, int type, node_t *node);
+methodPropProperties *updateMethodHashMap(ZXAppTracing *app, const char *name, int isEntryPoint,
+                                          int type, node_t *node);
 
 // The record's signature meta record: "5,name(arg;arg;)ret,id".
-void dumpMetadataForSig(methodPropProperties *record);
+void dumpMetadataForSig(ZXAppTracing *app, methodPropProperties *record);
 
 // Installs a profile text (null: an empty table) as a new node in force.
 // Takes the lock. 0, or -1 when memory is short (the table is then as it was).
-int setMethodHashMapNode(const char *content);
-int setMethodHashMapNode(ZXProxyInstance_t *app, const char *content);
+int setMethodHashMapNode(ZXAppTracing *app, const char *content);
 // Writes the text, without its final character, to <home>/instrProfile.txt.
 // 0, or -1 when the file cannot be written.
-int makingFileOfInstrMethod(const char *content);
+int makingFileOfInstrMethod(ZXAppTracing *app, const char *content);
 
 // Read <home>/instrProfile.txt (at most 10,240 bytes) or <home>/entryPointFile.txt
 // into the table: 0 read, 1 absent or unreadable.
-int readingFileInstrProfile();
-int readingEntryPointfile();
+int readingFileInstrProfile(ZXAppTracing *app);
+int readingEntryPointfile(ZXAppTracing *app);
 
 // Flowpath start and end: the node in force with a reference taken (a node is
 // made when none exists yet), and its release, which never frees (see
 // ZXRunTimeChangeHandle.h). Null when memory is short.
-node_t *acquireMethodHashMapNode(ZXProxyInstance_t *app);
+node_t *acquireMethodHashMapNode(ZXAppTracing *app);
 void releaseMethodHashMapNode(node_t *node);
 
 // Retires the node in force and frees the retired nodes no flowpath holds;
 // held ones wait for a later checkAndDeleteNode. Takes the lock.
-void freeMethodHashMap(ZXProxyInstance_t *app);
+void freeMethodHashMap(ZXAppTracing *app);
 
-// Keyword parsers of "instrProfile", "lmd", "size".
-void setInstrProfileKeyword(const char *keyword, const char *value);
+// Applies one of the keywords "instrProfile", "lmd", "size".
+void setInstrProfileKeyword(ZXAppTracing &app, const char *keyword, const char *value);
+// Keyword rows "instrProfile", "lmd", "size": keeps the raw value and applies it.
+void parseInstrProfile(ZXAppTracing &app, char *value, char *keyword, int index);
 // True when a profile is named and <home>/instrProfile.txt is absent or not
 // of the announced size: the profile has to be fetched from the collector.
-bool instrProfileNeedsFetch(ZXProxyInstance_t *app);
+bool instrProfileNeedsFetch(ZXAppTracing *app);

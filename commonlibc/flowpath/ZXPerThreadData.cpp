@@ -2,9 +2,9 @@
 
 #include <mutex>
 
-#include "ZXProxyInstance.h"
+#include "ZXAppTracing.h"
 
-void resetAllThreadLocals(ZXPerThreadData_t *r, ZXProxyInstance_t *app) {
+void resetAllThreadLocals(ZXPerThreadData_t *r, ZXAppTracing *app) {
   if (!r) return;
   r->flowpathInstance = r->firstFlowpathInstance = r->prevFlowpathInstance = 0;
   r->fpStartTimeforReset = 0;

@@ -27,7 +27,7 @@ struct BTObject;
 struct ZXMonitorDataModel;
 struct node_t;
 struct methodPropProperties;
-struct ZXProxyInstance_t;
+struct ZXAppTracing;
 
 inline constexpr int ZX_SEQ_BLOB_SIZE = 16384;
 inline constexpr int ZX_CORRELATION_ID_SIZE = 128;
@@ -46,6 +46,14 @@ enum ZXFpPhase : unsigned char {
 };
 
 struct ZXPerThreadData_t {
+  ZXPerThreadData_t() = default;
+  // A record whose own locks come from `lockPool`; a null pool makes none,
+  // for records that no other thread touches.
+  explicit ZXPerThreadData_t(apr_pool_t *lockPool) noexcept
+      : sequenceBlobLock(lockPool), updateBTLock(lockPool) {}
+  ZXPerThreadData_t(const ZXPerThreadData_t &) = delete;
+  ZXPerThreadData_t &operator=(const ZXPerThreadData_t &) = delete;
+
   char tlIsFPCaptured = 0;
   char tlIsBTExcluded = 0;
   char tlIsForceDump = 0;
@@ -114,9 +122,11 @@ struct ZXPerThreadData_t {
   long long methodEntryTimes[ZX_METHOD_STACK_DEPTH] = {};
   int prevPID = 0, isBTOverride = 0;
 
-  // The application object whose pool holds this record. In a fork's child a
-  // handle from before the fork names the parent's object and is refused.
-  ZXProxyInstance_t *owner = nullptr;
+  // The application this record belongs to (its slot pool or thread-id map);
+  // functions given only a record find the application here. In a fork's
+  // child a handle from before the fork names the parent's object and is
+  // refused.
+  ZXAppTracing *owner = nullptr;
 };
 
 // One entry per slot number, for the hotspot sampler.
@@ -128,4 +138,4 @@ struct TLSDataStruct {
 
 // Clears the record's transaction fields (not its identity, locks, links or
 // monitor model) and zeroes its tlsdatastruct entry under tlsMutex.
-void resetAllThreadLocals(ZXPerThreadData_t *record, ZXProxyInstance_t *app);
+void resetAllThreadLocals(ZXPerThreadData_t *record, ZXAppTracing *app);

@@ -3,8 +3,8 @@
 #include <memory>
 #include <mutex>
 
+#include "ZXAppTracing.h"
 #include "ZXMethodManager.h"
-#include "ZXProxyInstance.h"
 #include "zxlb_mt_log.h"
 #include "zxlb_utiles.h"
 
@@ -37,7 +37,7 @@ ZXRetirementList::~ZXRetirementList() {
   }
 }
 
-void addNodeToLinklist(ZXProxyInstance_t *app, node_t *node) {
+void addNodeToLinklist(ZXAppTracing *app, node_t *node) {
   if (!app || !node) {
     ZX_CTRL_LOG(0, "Error", "Node is NULL. Hence returning");
     return;
@@ -54,7 +54,7 @@ void addNodeToLinklist(ZXProxyInstance_t *app, node_t *node) {
               static_cast<void *>(list.tail));
 }
 
-void checkAndDeleteNode(ZXProxyInstance_t *app) {
+void checkAndDeleteNode(ZXAppTracing *app) {
   if (!app) return;
   std::lock_guard lk(app->methodEntryLock);
   ZXRetirementList &list = app->methodNodeRetirement;
@@ -70,11 +70,7 @@ void checkAndDeleteNode(ZXProxyInstance_t *app) {
   }
 }
 
-void checkAndDeleteNode() {
-  checkAndDeleteNode(tlzxApplication);
-}
-
-void checkAndClearHashMapNode(ZXProxyInstance_t *app, int force) {
+void checkAndClearHashMapNode(ZXAppTracing *app, int force) {
   if (!app) return;
   std::lock_guard lk(app->methodEntryLock);
   ZXRetirementList &list = app->methodNodeRetirement;
@@ -107,11 +103,7 @@ void checkAndClearHashMapNode(ZXProxyInstance_t *app, int force) {
   }
 }
 
-void checkAndClearHashMapNode(int force) {
-  checkAndClearHashMapNode(tlzxApplication, force);
-}
-
-int retiredNodeCount(ZXProxyInstance_t *app) {
+int retiredNodeCount(ZXAppTracing *app) {
   if (!app) return 0;
   std::lock_guard lk(app->methodEntryLock);
   int count = 0;

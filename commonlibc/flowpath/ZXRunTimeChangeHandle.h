@@ -16,7 +16,7 @@
 #pragma once
 
 struct node_t;
-struct ZXProxyInstance_t;
+struct ZXAppTracing;
 
 struct ZXRetirementList {
   node_t *head = nullptr;
@@ -29,14 +29,12 @@ struct ZXRetirementList {
 };
 
 // Appends a node (owned by the list from now on). Caller holds methodEntryLock.
-void addNodeToLinklist(ZXProxyInstance_t *app, node_t *node);
+void addNodeToLinklist(ZXAppTracing *app, node_t *node);
 // Frees retired nodes no flowpath holds. Takes methodEntryLock.
-void checkAndDeleteNode(ZXProxyInstance_t *app);
-void checkAndDeleteNode();
+void checkAndDeleteNode(ZXAppTracing *app);
 // Frees the unreferenced retired nodes older than hashMapClearTime minutes,
 // or all unreferenced ones with `force`; referenced ones stay for a later
 // pass. Takes methodEntryLock.
-void checkAndClearHashMapNode(ZXProxyInstance_t *app, int force);
-void checkAndClearHashMapNode(int force);
+void checkAndClearHashMapNode(ZXAppTracing *app, int force);
 // Retired nodes still listed (tests, diagnostics).
-int retiredNodeCount(ZXProxyInstance_t *app);
+int retiredNodeCount(ZXAppTracing *app);

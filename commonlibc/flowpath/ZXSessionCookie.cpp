@@ -8,16 +8,13 @@
 #include <cstdio>
 #include <cstring>
 
+#include "ZXAppTracing.h"
 #include "ZXFeatureKeywords.h"
-#include "ZXProxyInstance.h"
 #include "ZXPerThreadData.h"
 #include "zxlb_mt_log.h"
 
 namespace {
 
-std::atomic<int> gEnabled{0};
-std::atomic<int> gMaxFPCount{0};
-std::atomic<int> gIdleSecs{0};
 std::atomic<std::uint32_t> gSessionSeq{0};
 
 // Longer than any valid value; caps the work a hostile cookie can cause on
@@ -94,18 +91,20 @@ void skipSeparators(const char *&p) {
 
 }  // namespace
 
-ZXSessionSettings_t zx_session_settings() {
+ZXSessionSettings_t zx_session_settings(const ZXAppTracing &app) {
+  const ZXSessionSettingsRecord_t &r = app.ZXSessionSettings;
   ZXSessionSettings_t s;
-  s.enabled = gEnabled.load(std::memory_order_relaxed);
-  s.maxFPCountInSession = gMaxFPCount.load(std::memory_order_relaxed);
-  s.zxSessionIdleTimeOutSecs = gIdleSecs.load(std::memory_order_relaxed);
+  s.enabled = r.enabled;
+  s.maxFPCountInSession = r.maxFPCountInSession;
+  s.zxSessionIdleTimeOutSecs = r.zxSessionIdleTimeOutSecs;
   return s;
 }
 
-void zx_set_session_settings(const ZXSessionSettings_t &s) {
-  gEnabled.store(s.enabled, std::memory_order_relaxed);
-  gMaxFPCount.store(s.maxFPCountInSession, std::memory_order_relaxed);
-  gIdleSecs.store(s.zxSessionIdleTimeOutSecs, std::memory_order_relaxed);
+void zx_set_session_settings(ZXAppTracing &app, const ZXSessionSettings_t &s) {
+  ZXSessionSettingsRecord_t &r = app.ZXSessionSettings;
+  r.enabled = s.enabled;
+  r.maxFPCountInSession = s.maxFPCountInSession;
+  r.zxSessionIdleTimeOutSecs = s.zxSessionIdleTimeOutSecs;
 }
 
 int zx_parse_session_settings(const char *text, ZXSessionSettings_t *out) {
@@ -127,11 +126,11 @@ int zx_parse_session_settings(const char *text, ZXSessionSettings_t *out) {
   return 0;
 }
 
-void parseEnableZXSession(char *value, char *keyword, int index) {
-  storeFeatureKeyword(value, keyword, index);
+void parseEnableZXSession(ZXAppTracing &app, char *value, char *keyword, int index) {
+  storeFeatureKeyword(app, value, keyword, index);
   ZXSessionSettings_t s;
   if (zx_parse_session_settings(value, &s) == 0)
-    zx_set_session_settings(s);
+    zx_set_session_settings(app, s);
   else
     ZX_CTRL_LOG(0, "Warning", "Invalid enableZXSession value [%s]", value ? value : "");
 }
@@ -220,10 +219,11 @@ void zx_decide_capture_ex(const ZXSessionSettings_t &s, int pct, ZXPerThreadData
   if (tooMany || idle) startSession(pct, r, nowMs);
 }
 
-void zx_decide_capture(ZXProxyInstance_t *app, ZXPerThreadData_t *r, const char *ZXCookieStr,
+void zx_decide_capture(ZXAppTracing *app, ZXPerThreadData_t *r, const char *ZXCookieStr,
                        long long nowMs) {
   if (!app) return;
-  zx_decide_capture_ex(zx_session_settings(), app->ZXSys.bciInstrSessionPct, r, ZXCookieStr, nowMs);
+  zx_decide_capture_ex(zx_session_settings(*app), app->ZXSys.bciInstrSessionPct, r, ZXCookieStr,
+                       nowMs);
 }
 
 std::size_t zx_unescape_url(const char *in, char *out, std::size_t outSize) {

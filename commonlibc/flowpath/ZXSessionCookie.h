@@ -26,8 +26,10 @@
 
 #include <cstddef>
 
+#include "zxlb_relaxed.h"
+
 struct ZXPerThreadData_t;
-struct ZXProxyInstance_t;
+struct ZXAppTracing;
 
 struct ZXSessionSettings_t {
   int enabled = 0;                   // 0: no sessions, every flowpath is captured
@@ -35,16 +37,23 @@ struct ZXSessionSettings_t {
   int zxSessionIdleTimeOutSecs = 0;  // 0: no limit
 };
 
-// Process-wide session settings: written by the control thread, read on the
-// request path without locks (a snapshot may mix an old and a new field
-// while a keyword is being applied; both are valid settings).
-ZXSessionSettings_t zx_session_settings();
-void zx_set_session_settings(const ZXSessionSettings_t &settings);
+// An application's session settings, a settings record (ZXAppTracing):
+// written by the control thread, read on the request path without locks (a
+// snapshot may mix an old and a new field while a keyword is being applied;
+// both are valid settings).
+struct ZXSessionSettingsRecord_t {
+  zx::Relaxed<int> enabled{0};
+  zx::Relaxed<int> maxFPCountInSession{0};
+  zx::Relaxed<int> zxSessionIdleTimeOutSecs{0};
+};
+
+ZXSessionSettings_t zx_session_settings(const ZXAppTracing &app);
+void zx_set_session_settings(ZXAppTracing &app, const ZXSessionSettings_t &settings);
 
 // 0 and *out filled on success, -1 with *out untouched otherwise.
 int zx_parse_session_settings(const char *text, ZXSessionSettings_t *out);
 // Keyword row "enableZXSession": keeps the raw value and applies it.
-void parseEnableZXSession(char *value, char *keyword, int index);
+void parseEnableZXSession(ZXAppTracing &app, char *value, char *keyword, int index);
 
 // Both parsers return 1 when the text was a valid cookie and its fields were
 // stored, else 0 with the same fields zeroed: slots are reused, and a stale
@@ -80,8 +89,8 @@ void setFPCaptured(ZXPerThreadData_t *r);
 // no idle time.
 void zx_decide_capture_ex(const ZXSessionSettings_t &settings, int instrSessionPct,
                           ZXPerThreadData_t *r, const char *ZXCookieStr, long long nowMs);
-// The same with the process-wide settings and app's bciInstrSessionPct.
-void zx_decide_capture(ZXProxyInstance_t *app, ZXPerThreadData_t *r, const char *ZXCookieStr,
+// The same with app's session settings and bciInstrSessionPct.
+void zx_decide_capture(ZXAppTracing *app, ZXPerThreadData_t *r, const char *ZXCookieStr,
                        long long nowMs);
 
 // Percent-decodes `in` into out (outSize bytes, always NUL-terminated when

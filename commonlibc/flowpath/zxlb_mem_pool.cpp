@@ -5,25 +5,23 @@
 #include <new>
 #include <vector>
 
+#include "ZXAppTracing.h"
 #include "ZXDataThread.h"
-#include "ZXProxyInstance.h"
-#include "ZXManageTIdToTLocal.h"
 #include "zxlb_mt_log.h"
 
-#define ZX_FP_LOG(above, severity, ...)                                                   \
-  ZX_LOG_IF(tlzxApplication && tlzxApplication->ZXSys.fpTraceLevel > (above), "FLOWPATH", \
-            severity, __VA_ARGS__)
+#define ZX_FP_LOG(app, above, severity, ...) \
+  ZX_LOG_IF((app)->ZXSys.fpTraceLevel > (above), "FLOWPATH", severity, __VA_ARGS__)
 
 namespace {
 
-bool hotspotCaptureOn(const ZXProxyInstance_t *app) {
+bool hotspotCaptureOn(const ZXAppTracing *app) {
   return app->ZXSys.zxEnableTxHotspot == 1;
 }
 
 // Makes tlsdatastruct hold g_tlsidx entries, keeping the old ones. Caller
 // holds tlsMutex. On failure the array is dropped, as the sampler then has
 // nothing to read rather than a short array.
-void growTlsDataStruct(ZXProxyInstance_t *app, const char *what) {
+void growTlsDataStruct(ZXAppTracing *app, const char *what) {
   const int want = app->g_tlsidx;
   if (app->tlsdatastruct && app->size_array >= want) return;
   std::unique_ptr<TLSDataStruct[]> grown(new (std::nothrow) TLSDataStruct[want]());
@@ -40,30 +38,26 @@ void growTlsDataStruct(ZXProxyInstance_t *app, const char *what) {
 
 }  // namespace
 
-ZXPerThreadData_t *create_tls_pool(ZXProxyInstance_t *app, int loc_BusyTLSCnt) {
+ZXPerThreadData_t *create_tls_pool(ZXAppTracing *app, int loc_BusyTLSCnt) {
   if (!app) return nullptr;
-  app->tlsMutex.create(app->control_pool.get());
   if (hotspotCaptureOn(app) && !app->tlsdatastruct)
     growTlsDataStruct(app, "Create tls data structure for hotspot");
 
-  std::unique_ptr<ZXPerThreadData_t[]> block(new (std::nothrow)
-                                                 ZXPerThreadData_t[ZX_TLS_BLOCK_SIZE]());
-  if (!block) {
+  // In an application process of proxy mode the engine runs in the proxy,
+  // so records there need neither locks nor monitor models.
+  const bool engineHere = app->ZXSys.proxyMode != 1;
+  std::unique_ptr<ZXTlsBlock> made(new (std::nothrow)
+                                       ZXTlsBlock(engineHere ? app->control_pool.get() : nullptr));
+  if (!made) {
     ZX_LOG_OOM(sizeof(ZXPerThreadData_t) * ZX_TLS_BLOCK_SIZE,
                "Create TLS pool of ZXPerThreadData_t", -1);
     return nullptr;
   }
-  // In an application process of proxy mode the engine runs in the proxy,
-  // so records there need neither locks nor monitor models.
-  const bool engineHere = app->ZXSys.proxyMode != 1;
+  auto &block = made->records;
   for (int i = 0; i < ZX_TLS_BLOCK_SIZE; ++i) {
     ZXPerThreadData_t &r = block[i];
     r.tlsIdx = app->g_tlsidx++;
     r.owner = app;
-    if (engineHere) {
-      r.sequenceBlobLock.create(app->control_pool.get());
-      r.updateBTLock.create(app->control_pool.get());
-    }
     r.free_next = i + 1 < ZX_TLS_BLOCK_SIZE ? &block[i + 1] : nullptr;
     r.tlThreadId = static_cast<long long>(loc_BusyTLSCnt) + i + 1;
     r.tlStatusCode = 200;
@@ -71,22 +65,18 @@ ZXPerThreadData_t *create_tls_pool(ZXProxyInstance_t *app, int loc_BusyTLSCnt) {
   }
   app->gFreeTLSTail = &block[ZX_TLS_BLOCK_SIZE - 1];
   app->gFreeTLSCnt += ZX_TLS_BLOCK_SIZE;
-  ZXPerThreadData_t *head = block.get();
+  ZXPerThreadData_t *head = &block[0];
   try {
-    app->tlsBlocks.push_back(std::move(block));
+    app->tlsBlocks.push_back(std::move(made));
   } catch (const std::bad_alloc &) {
     // The block stays reachable through the free list; only its owner slot
     // is missing, so it is kept alive on purpose rather than freed under use.
-    (void)block.release();
+    (void)made.release();
   }
   return head;
 }
 
-ZXPerThreadData_t *create_tls_pool(int loc_BusyTLSCnt) {
-  return create_tls_pool(tlzxApplication, loc_BusyTLSCnt);
-}
-
-ZXPerThreadData_t *get_free_tls_slot(ZXProxyInstance_t *app) {
+ZXPerThreadData_t *get_free_tls_slot(ZXAppTracing *app) {
   if (!app) return nullptr;
   std::lock_guard lk(app->tlsMutex);
   bool made = false;
@@ -120,18 +110,14 @@ ZXPerThreadData_t *get_free_tls_slot(ZXProxyInstance_t *app) {
   return r;
 }
 
-ZXPerThreadData_t *get_free_tls_slot() {
-  return get_free_tls_slot(tlzxApplication);
-}
-
-void free_tls_slot(ZXProxyInstance_t *app, ZXPerThreadData_t *r) {
+void free_tls_slot(ZXAppTracing *app, ZXPerThreadData_t *r) {
   if (!app || !r) {
     ZX_LOG_IF(true, "FLOWPATH", "Error", "Null argument is passed, hence returning");
     return;
   }
   std::lock_guard lk(app->tlsMutex);
   if (!r->isBusy) {
-    ZX_FP_LOG(0, "Warning", "Slot %lld is not busy, hence not freed again", r->tlsIdx);
+    ZX_FP_LOG(app, 0, "Warning", "Slot %lld is not busy, hence not freed again", r->tlsIdx);
     return;
   }
   r->isBusy = 0;
@@ -154,11 +140,7 @@ void free_tls_slot(ZXProxyInstance_t *app, ZXPerThreadData_t *r) {
   r->busy_next = r->busy_prev = nullptr;
 }
 
-void free_tls_slot(ZXPerThreadData_t *r) {
-  free_tls_slot(tlzxApplication, r);
-}
-
-void dumpFpFromBusyList(ZXProxyInstance_t *app, ZXIncompleteFPWriter writer, void *user) {
+void dumpFpFromBusyList(ZXAppTracing *app, ZXIncompleteFPWriter writer, void *user) {
   if (!app) return;
   // A snapshot, as owners give records back (and unlink them) meanwhile. Its
   // records stay valid memory: blocks are never freed. A record given back
@@ -176,7 +158,7 @@ void dumpFpFromBusyList(ZXProxyInstance_t *app, ZXIncompleteFPWriter writer, voi
     return;
   }
   if (busy.empty()) {
-    ZX_FP_LOG(0, "Info", "gBusyTLSHead is null. Hence returning.");
+    ZX_FP_LOG(app, 0, "Info", "gBusyTLSHead is null. Hence returning.");
     return;
   }
   if (writer)
@@ -184,12 +166,8 @@ void dumpFpFromBusyList(ZXProxyInstance_t *app, ZXIncompleteFPWriter writer, voi
   flushCommonData(app);
 }
 
-void initPerThreadSlots(ZXProxyInstance_t *app) {
-  if (!app) return;
-  app->tlsMutex.create(app->control_pool.get());
-  if (!app->ZXSys.proxyServerFlag) {
-    std::lock_guard lk(app->tlsMutex);
-    if (!app->gFreeTLSHead) app->gFreeTLSHead = create_tls_pool(app, app->gBusyTLSCnt);
-  }
-  if (app->ZXSys.proxyMode == 0) initZXManageTIdToTLocal(app);
+void initPerThreadSlots(ZXAppTracing *app) {
+  if (!app || app->ZXSys.proxyServerFlag) return;
+  std::lock_guard lk(app->tlsMutex);
+  if (!app->gFreeTLSHead) app->gFreeTLSHead = create_tls_pool(app, app->gBusyTLSCnt);
 }

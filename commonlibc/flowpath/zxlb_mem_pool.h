@@ -12,28 +12,44 @@
 //   lost:  a busy record that is still gFreeTLSTail -> [given back] -> ...
 #pragma once
 
+#include <array>
+#include <cstddef>
+#include <utility>
+
 #include "ZXPerThreadData.h"
 
 inline constexpr int ZX_TLS_BLOCK_SIZE = 64;
 
-struct ZXProxyInstance_t;
+struct ZXAppTracing;
+
+// One block of the pool: its records are made together, each with its own
+// locks from the pool given (see ZXPerThreadData_t), and never move.
+struct ZXTlsBlock {
+  explicit ZXTlsBlock(apr_pool_t *lockPool)
+      : ZXTlsBlock(lockPool, std::make_index_sequence<ZX_TLS_BLOCK_SIZE>{}) {}
+
+  std::array<ZXPerThreadData_t, ZX_TLS_BLOCK_SIZE> records;
+
+ private:
+  template <std::size_t... I>
+  ZXTlsBlock(apr_pool_t *lockPool, std::index_sequence<I...>)
+      : records{{((void)I, ZXPerThreadData_t(lockPool))...}} {}
+};
 
 // A new block of 64 records linked as a free list, with slot numbers from
 // g_tlsidx and thread numbers loc_BusyTLSCnt + 1 .. + 64; null when memory is
-// short. gFreeTLSTail moves to its last record; the caller makes the first
-// one gFreeTLSHead. Caller holds tlsMutex (or is start-up).
-ZXPerThreadData_t *create_tls_pool(ZXProxyInstance_t *app, int loc_BusyTLSCnt);
-ZXPerThreadData_t *create_tls_pool(int loc_BusyTLSCnt);
+// short. Its records get their own locks unless the engine runs in the proxy
+// (proxyMode 1). gFreeTLSTail moves to its last record; the caller makes the
+// first one gFreeTLSHead. Caller holds tlsMutex.
+ZXPerThreadData_t *create_tls_pool(ZXAppTracing *app, int loc_BusyTLSCnt);
 
 // A record moved from the free list to the busy list, or null when no block
 // could be made.
-ZXPerThreadData_t *get_free_tls_slot(ZXProxyInstance_t *app);
-ZXPerThreadData_t *get_free_tls_slot();
+ZXPerThreadData_t *get_free_tls_slot(ZXAppTracing *app);
 
 // Gives a busy record back (its owner only). A null record is logged; a
 // record that is not busy (already given back, or never taken) is ignored.
-void free_tls_slot(ZXProxyInstance_t *app, ZXPerThreadData_t *record);
-void free_tls_slot(ZXPerThreadData_t *record);
+void free_tls_slot(ZXAppTracing *app, ZXPerThreadData_t *record);
 
 // Writes a flowpath still in progress as incomplete, under the record's own
 // lock, without resetting it; supplied by the flowpath generator.
@@ -43,8 +59,12 @@ using ZXIncompleteFPWriter = void (*)(ZXPerThreadData_t *record, void *user);
 // `writer` (when given) outside tlsMutex; then flushes the send buffers. The
 // records stay busy: their threads may still be inside the transaction, so
 // each goes back to the free list only when its owner gives it back.
-void dumpFpFromBusyList(ZXProxyInstance_t *app, ZXIncompleteFPWriter writer, void *user);
+void dumpFpFromBusyList(ZXAppTracing *app, ZXIncompleteFPWriter writer, void *user);
 
-// Start-up: creates tlsMutex and the first block (unless this is the proxy
-// server), and the thread-id map when proxyMode is 0.
-void initPerThreadSlots(ZXProxyInstance_t *app);
+// Start-up, once the settings are read: makes the first block ahead of the
+// first flowpath (none in the proxy server), so that the host's first
+// transaction does not pay for it. Optional: without it the first
+// get_free_tls_slot makes the block. The block depends on settings (proxy
+// server, proxyMode, hotspot capture), which is why the application's
+// constructor cannot make it.
+void initPerThreadSlots(ZXAppTracing *app);

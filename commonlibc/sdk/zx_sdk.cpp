@@ -21,9 +21,9 @@
 #include <thread>
 #include <utility>
 
-#include "ZXProxyInstance.h"
-#include "ZXSQLProcessor.h"
+#include "ZXCallOut.h"
 #include "ZXFlowpathGenerator.h"
+#include "ZXProxyInstance.h"
 #include "zx_agent_fork.h"
 #include "zx_c_guard.h"
 #include "zx_sdk_log.h"
@@ -31,9 +31,6 @@
 #include "zxlb_utiles.h"
 
 namespace {
-
-constexpr int kTypeHttp = 1;
-constexpr int kTypeDatabase = 2;
 
 std::atomic<int> initializeSDK{0};
 std::atomic<int> agentStarted{0};
@@ -54,6 +51,13 @@ bool ready() {
   return initializeSDK.load(std::memory_order_acquire) != 0 && tlzxApplication;
 }
 
+// The application of calls without a handle: the process's. Calls with a
+// handle work for the handle's (its owner), which ownHandle checks is this
+// one.
+ZXAppTracing *processApp() {
+  return tlzxApplication;
+}
+
 // Set in a fork's child whose parent had the SDK running, until the child
 // has an agent and an SDK state of its own.
 std::atomic<bool> sdkRestartInChild{false};
@@ -61,7 +65,7 @@ std::atomic<bool> sdkRestartInChild{false};
 // A handle of the running agent. In a fork's child a handle from before the
 // fork names the parent's agent, which the child never touches.
 bool ownHandle(zxBTHandle h) {
-  return h->owner == tlzxApplication;
+  return h->owner == processApp();
 }
 
 // The SDK's state, built whole before it is published: a failure leaves
@@ -109,10 +113,6 @@ R counted(zx_sdk_reason why, R result) {
   return result;
 }
 
-ZXProxyInstance_t *app() {
-  return tlzxApplication;
-}
-
 const char *shortProcessName() {
   static char name[256];
   if (FILE *f = std::fopen("/proc/self/comm", "r")) {
@@ -126,32 +126,16 @@ const char *shortProcessName() {
   return "zxsdk";
 }
 
-// The call-out's backend: its method record in the flowpath's node, made with
-// the kind's type when new, and its counters in the backend monitor.
-methodPropProperties *ipCallOutSearchUpdate(ZXProxyInstance_t *a, ZXPerThreadData_t *r,
-                                            const char *host, int type) {
-  methodPropProperties *m = findOrAddMethod(a, r, host, 0, type);
-  if (m) a->backendMonitor.grow(m->methodId);  // a load once the counters exist
-  return m;
-}
-
-long long sinceFlowpathStart(const ZXProxyInstance_t *a, const ZXPerThreadData_t *r) {
-  return zxAgentTimeNow(a) - r->tlFlowPathTimeStampInMS;
-}
-
-// The begin shared by both call-out kinds: the backend's record, with the
-// call's start noted on the flowpath.
-methodPropProperties *beginCallOut(ZXPerThreadData_t *r, const char *host, int type) {
+// The begin shared by both call-out kinds, once the host is checked.
+zxIPCallOutHandle sdkCallOutBegin(zxBTHandle bt, ZXCallOutKind kind, const char *host,
+                                  const char *query) {
   if (!host || !*host) {
     ZX_SDK_ERROR(zx_sdk_reason::bad_argument,
-                 "ERROR: Invalid Arguments, bt_handle = [%p], host = [%s]", static_cast<void *>(r),
+                 "ERROR: Invalid Arguments, bt_handle = [%p], host = [%s]", static_cast<void *>(bt),
                  host ? host : "(null)");
     return nullptr;
   }
-  ZXProxyInstance_t *a = app();
-  methodPropProperties *ip = ipCallOutSearchUpdate(a, r, host, type);
-  if (ip) r->tlTierStartTime = sinceFlowpathStart(a, r);
-  return ip;
+  return beginCallOut(bt->owner, bt, kind, host, query);
 }
 
 // False, counted and logged, for a method without a name.
@@ -164,21 +148,17 @@ bool methodNamed(zxBTHandle bt, const char *method, const char *function) {
   return false;
 }
 
-// A call-out end with a live handle but no call-out: its begin gave NULL.
-int nullCallOut(zxBTHandle bt) {
-  ZX_SDK_ERROR(zx_sdk_reason::bad_argument,
-               "ERROR: Invalid Arguments, bt_handle = [%p], ip_handle = [(nil)]",
-               static_cast<void *>(bt));
-  return -1;
-}
-
-// The end shared by both call-out kinds: the depth is already lowered.
-void endCallOut(ZXProxyInstance_t *a, ZXPerThreadData_t *r, methodPropProperties *ip, int depth,
-                long long resourceID) {
-  const long long duration = sinceFlowpathStart(a, r) - r->tlTierStartTime;
-  if (depth >= 1) return;
-  updateFPSeqBlobWithTierCallOutRecord(a, r, r->tlTierStartTime, duration, ip, resourceID);
-  a->backendMonitor.update(ip->methodId, duration, r->tlStatusCode);
+// The end shared by both call-out kinds. A live handle without a call-out
+// is a host bug: its begin gave NULL.
+int sdkCallOutEnd(zxBTHandle bt, ZXCallOutKind kind, zxIPCallOutHandle ip) {
+  if (!ip) {
+    ZX_SDK_ERROR(zx_sdk_reason::bad_argument,
+                 "ERROR: Invalid Arguments, bt_handle = [%p], ip_handle = [(nil)]",
+                 static_cast<void *>(bt));
+    return -1;
+  }
+  endCallOut(bt->owner, bt, kind, ip);
+  return 0;
 }
 
 }  // namespace
@@ -246,7 +226,7 @@ ZX_EXPORT zxBTHandle zx_bt_begin(const char *bt_name, const char *correlation_he
   if (!ready()) return counted(zx_sdk_reason::not_initialised, nullptr);
   // startFP checks this too; asked here first, a begin in an outage costs
   // no call.
-  if (!app()->Server.testRunRunning.load(std::memory_order_relaxed))
+  if (!processApp()->Server.testRunRunning.load(std::memory_order_relaxed))
     return counted(zx_sdk_reason::no_transaction, nullptr);
   return zx_c_guard(nullptr, [bt_name]() -> zxBTHandle {
     ZX_SDK_LOG(2, "Method Called");
@@ -255,7 +235,8 @@ ZX_EXPORT zxBTHandle zx_bt_begin(const char *bt_name, const char *correlation_he
                    bt_name ? bt_name : "(null)");
       return nullptr;
     }
-    zxBTHandle h = startFP(app(), nullptr, bt_name, nullptr, 0, nullptr, nullptr, nullptr, 0, 0);
+    zxBTHandle h =
+        startFP(processApp(), nullptr, bt_name, nullptr, 0, nullptr, nullptr, nullptr, 0, 0);
     if (!h) return counted(zx_sdk_reason::no_transaction, nullptr);
     ZX_SDK_LOG(2, "Method End");
     return h;
@@ -268,14 +249,13 @@ ZX_EXPORT int zx_bt_end(zxBTHandle bt_handle, int bt_status) {
   if (!ownHandle(bt_handle)) return counted(zx_sdk_reason::parent_handle, -1);
   return zx_c_guard(-1, [bt_handle, bt_status] {
     ZX_SDK_LOG(2, "Method Called");
-    // A second end would send record 4 again and count the BT twice.
-    if (bt_handle->setEndFPFlag || !bt_handle->flowpathInstance) {
+    if (fpEnded(bt_handle)) {
       ZX_SDK_ERROR(zx_sdk_reason::ended_twice,
                    "ERROR: Business transaction already ended, bt_handle = [%p]",
                    static_cast<void *>(bt_handle));
       return -1;
     }
-    endFP(app(), bt_handle, bt_status, 0, my_gettimeofday());
+    endFP(bt_handle->owner, bt_handle, bt_status, 0, my_gettimeofday());
     ZX_SDK_LOG(2, "Method End");
     return 0;
   });
@@ -300,10 +280,7 @@ ZX_EXPORT int zx_bt_release(zxBTHandle bt_handle) {
         }
       }
     }
-    // Ending it first gives back its method-table reference and its id entry.
-    if (bt_handle->flowpathInstance && !bt_handle->setEndFPFlag)
-      endFP(app(), bt_handle, bt_handle->tlStatusCode, 0, my_gettimeofday());
-    reset(app(), bt_handle);
+    releaseFP(bt_handle->owner, bt_handle);
     return 0;
   });
 }
@@ -358,8 +335,8 @@ ZX_EXPORT void zx_method_entry(zxBTHandle bt_handle, const char *method) {
   if (!ownHandle(bt_handle)) return zx_sdk_count(zx_sdk_reason::parent_handle);
   zx_c_guard([bt_handle, method] {
     if (!methodNamed(bt_handle, method, "zx_method_entry")) return;
-    zxMethodEntry(app(), nullptr, bt_handle, method, "/test", nullptr, bt_handle->tlThreadId,
-                  nullptr, 0, 0);
+    zxMethodEntry(bt_handle->owner, nullptr, bt_handle, method, "/test", nullptr,
+                  bt_handle->tlThreadId, nullptr, 0, 0);
   });
 }
 
@@ -369,8 +346,8 @@ ZX_EXPORT void zx_method_exit(zxBTHandle bt_handle, const char *method) {
   if (!ownHandle(bt_handle)) return zx_sdk_count(zx_sdk_reason::parent_handle);
   zx_c_guard([bt_handle, method] {
     if (!methodNamed(bt_handle, method, "zx_method_exit")) return;
-    zxMethodExit(app(), nullptr, bt_handle, method, -1, 200, nullptr, -1, bt_handle->tlThreadId, 0,
-                 0, 1, 0, my_gettimeofday());
+    zxMethodExit(bt_handle->owner, nullptr, bt_handle, method, -1, 200, nullptr, -1,
+                 bt_handle->tlThreadId, 0, 0, 1, 0, my_gettimeofday());
   });
 }
 
@@ -379,10 +356,8 @@ ZX_EXPORT zxIPCallOutHandle zx_ip_db_callout_begin(zxBTHandle bt_handle, const c
   if (!ready()) return counted(zx_sdk_reason::not_initialised, nullptr);
   if (!bt_handle) return counted(zx_sdk_reason::null_handle, nullptr);
   if (!ownHandle(bt_handle)) return counted(zx_sdk_reason::parent_handle, nullptr);
-  return zx_c_guard(nullptr, [bt_handle, db_host, db_query]() -> zxIPCallOutHandle {
-    zxIPCallOutHandle ip = beginCallOut(bt_handle, db_host, kTypeDatabase);
-    if (ip) dbMethodEntry(bt_handle, db_query, db_host);
-    return ip;
+  return zx_c_guard(nullptr, [bt_handle, db_host, db_query] {
+    return sdkCallOutBegin(bt_handle, ZXCallOutKind::Database, db_host, db_query);
   });
 }
 
@@ -391,15 +366,7 @@ ZX_EXPORT int zx_ip_db_callout_end(zxBTHandle bt_handle, zxIPCallOutHandle ip_ha
   if (!bt_handle) return counted(zx_sdk_reason::null_handle, -1);
   if (!ownHandle(bt_handle)) return counted(zx_sdk_reason::parent_handle, -1);
   return zx_c_guard(-1, [bt_handle, ip_handle] {
-    if (!ip_handle) return nullCallOut(bt_handle);
-    ZXSQLProperties_t &sql = bt_handle->tlSQLObj;
-    bt_handle->seqNum += 1;
-    const int depth = --sql.dbCallDepth;
-    if (depth < 1) sql.lastDbBackendId = ip_handle->methodId;
-    endCallOut(app(), bt_handle, ip_handle, depth, 0);  // no query ids are announced
-    // An end without its begin must not leave later calls looking nested.
-    if (sql.dbCallDepth < 0) sql.dbCallDepth = 0;
-    return 0;
+    return sdkCallOutEnd(bt_handle, ZXCallOutKind::Database, ip_handle);
   });
 }
 
@@ -409,10 +376,8 @@ ZX_EXPORT zxIPCallOutHandle zx_ip_http_callout_begin(zxBTHandle bt_handle, const
   if (!ready()) return counted(zx_sdk_reason::not_initialised, nullptr);
   if (!bt_handle) return counted(zx_sdk_reason::null_handle, nullptr);
   if (!ownHandle(bt_handle)) return counted(zx_sdk_reason::parent_handle, nullptr);
-  return zx_c_guard(nullptr, [bt_handle, http_host]() -> zxIPCallOutHandle {
-    zxIPCallOutHandle ip = beginCallOut(bt_handle, http_host, kTypeHttp);
-    if (ip) bt_handle->httpCallOutDepth += 1;
-    return ip;
+  return zx_c_guard(nullptr, [bt_handle, http_host] {
+    return sdkCallOutBegin(bt_handle, ZXCallOutKind::Http, http_host, nullptr);
   });
 }
 
@@ -421,12 +386,7 @@ ZX_EXPORT int zx_ip_http_callout_end(zxBTHandle bt_handle, zxIPCallOutHandle ip_
   if (!bt_handle) return counted(zx_sdk_reason::null_handle, -1);
   if (!ownHandle(bt_handle)) return counted(zx_sdk_reason::parent_handle, -1);
   return zx_c_guard(-1, [bt_handle, ip_handle] {
-    if (!ip_handle) return nullCallOut(bt_handle);
-    bt_handle->seqNum += 1;
-    const int depth = --bt_handle->httpCallOutDepth;
-    endCallOut(app(), bt_handle, ip_handle, depth, 0);
-    if (bt_handle->httpCallOutDepth < 0) bt_handle->httpCallOutDepth = 0;
-    return 0;
+    return sdkCallOutEnd(bt_handle, ZXCallOutKind::Http, ip_handle);
   });
 }
 

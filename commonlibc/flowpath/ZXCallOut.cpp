@@ -1,0 +1,45 @@
+#include "ZXCallOut.h"
+
+#include "ZXAppTracing.h"
+#include "ZXFlowpathGenerator.h"
+#include "ZXSQLProcessor.h"
+
+namespace {
+
+long long sinceFlowpathStart(const ZXAppTracing *app, const ZXPerThreadData_t *r) {
+  return zxAgentTimeNow(app) - r->tlFlowPathTimeStampInMS;
+}
+
+}  // namespace
+
+methodPropProperties *beginCallOut(ZXAppTracing *app, ZXPerThreadData_t *r, ZXCallOutKind kind,
+                                   const char *host, const char *query) {
+  if (!app || !r) return nullptr;
+  methodPropProperties *backend = findOrAddMethod(app, r, host, 0, static_cast<int>(kind));
+  if (!backend) return nullptr;
+  app->backendMonitor.grow(backend->methodId);  // a load once the counters exist
+  r->tlTierStartTime = sinceFlowpathStart(app, r);
+  if (kind == ZXCallOutKind::Database)
+    dbMethodEntry(r, query, host);
+  else
+    r->httpCallOutDepth += 1;
+  return backend;
+}
+
+void endCallOut(ZXAppTracing *app, ZXPerThreadData_t *r, ZXCallOutKind kind,
+                methodPropProperties *backend) {
+  if (!app || !r || !backend) return;
+  r->seqNum += 1;
+  int &depthOfKind =
+      kind == ZXCallOutKind::Database ? r->tlSQLObj.dbCallDepth : r->httpCallOutDepth;
+  const int depth = --depthOfKind;
+  if (kind == ZXCallOutKind::Database && depth < 1) r->tlSQLObj.lastDbBackendId = backend->methodId;
+  const long long duration = sinceFlowpathStart(app, r) - r->tlTierStartTime;
+  if (depth < 1) {
+    // No query ids are announced, so a database entry names resource 0 too.
+    updateFPSeqBlobWithTierCallOutRecord(app, r, r->tlTierStartTime, duration, backend, 0);
+    app->backendMonitor.update(backend->methodId, duration, r->tlStatusCode);
+  }
+  // An end without its begin must not leave later calls looking nested.
+  if (depthOfKind < 0) depthOfKind = 0;
+}
