@@ -1,7 +1,11 @@
 #include "ZXAppMonitors.h"
 
+#include <cstring>
+
 ZXAppMonitors::ZXAppMonitors()
-    : controlThreadTmpLock(control_pool.get()), zxTDHashMapLock(control_pool.get()) {}
+    : btManager(control_pool.get()),
+      controlThreadTmpLock(control_pool.get()),
+      zxTDHashMapLock(control_pool.get()) {}
 
 ZXAppMonitors::~ZXAppMonitors() {
   requestMonitorTimerStop(this);
@@ -9,6 +13,28 @@ ZXAppMonitors::~ZXAppMonitors() {
 }
 
 bool ZXAppMonitors::applyLayerKeyword(char *value, char *keyword, int index) {
-  // TODO(layer helper): BT monitor and t-digest keyword rows.
+  using Parser = void (*)(ZXAppMonitors &, char *, char *, int);
+  static constexpr struct {
+    const char *name;
+    Parser parse;
+  } kRows[] = {
+      {"enableBTMonitor", parseBTMonitorKeyword},
+      {"maxBTCount", parseMaxBTCount},
+      {"doNotDiscardFlowPaths", parseDoNotDiscardVal},
+      {"enableBTMonitorError", parseBTMonitorErrorLevel},
+      {"BTAggDataArraySize", parseBTAggDataArraySize},
+      {"zxMonitorInterval", parseMonitorInterval},
+      {"zxVectorSeparator", parseVectorSeparator},
+      {"tDigestPercentileBT", setTDigestPercentileBT},
+      {"tDigestPercentileIP", setTDigestPercentileIP},
+  };
+  if (keyword) {
+    for (const auto &row : kRows) {
+      if (std::strcmp(keyword, row.name) == 0) {
+        row.parse(*this, value, keyword, index);
+        return true;
+      }
+    }
+  }
   return ZXAppLink::applyLayerKeyword(value, keyword, index);
 }
