@@ -8,8 +8,7 @@ ZXAppMonitors::ZXAppMonitors()
       zxTDHashMapLock(control_pool.get()) {}
 
 ZXAppMonitors::~ZXAppMonitors() {
-  requestMonitorTimerStop(this);
-  stopMonitorTimer(this, 0);
+  stopMonitorTimer(this);
 }
 
 bool ZXAppMonitors::applyLayerKeyword(char *value, char *keyword, int index) {

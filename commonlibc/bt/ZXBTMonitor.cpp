@@ -4,9 +4,9 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <climits>
 #include <cstdio>
-#include <cerrno>
 #include <cstdlib>
 #include <new>
 
@@ -97,10 +97,10 @@ int ZXBTMonitorInit(ZXBTMonitor_t &m, const ZXAppSettings &app) {
   m.maxBTCount = ZXBT_MAX_BT_COUNT;
   m.btMonitorTraceLevel = app.ZXSys.btMonitorTraceLevel;
   ZXBT_APP_LOG(app, 0, "Info",
-           "currentReportingCount = %d, monitorIntervalInSecs = %d, aggDataArraySize = %d, "
-           "vectorPrefix = %s, vectorPrefixID = %s",
-           0, m.monitorIntervalInSecs.load(), m.aggDataArraySize.load(), m.vectorPrefix,
-           m.vectorPrefixID);
+               "currentReportingCount = %d, monitorIntervalInSecs = %d, aggDataArraySize = %d, "
+               "vectorPrefix = %s, vectorPrefixID = %s",
+               0, m.monitorIntervalInSecs.load(), m.aggDataArraySize.load(), m.vectorPrefix,
+               m.vectorPrefixID);
   return 0;
 }
 
@@ -124,8 +124,8 @@ int growAndBind(ZXBTMonitor_t &m, BTObject *obj, int trace) {
     long long grown = (id / step + 1) * step;
     if (grown > ZXBT_MAX_SLOTS) grown = ZXBT_MAX_SLOTS;
     if (!m.aggBTDataArr.reserve(static_cast<int>(grown))) return -1;
-    ZXBT_LOG_AT(trace, 0, "Info", "aggDataArraySize grows from %d to %lld for BT id %d", size, grown,
-                id);
+    ZXBT_LOG_AT(trace, 0, "Info", "aggDataArraySize grows from %d to %lld for BT id %d", size,
+                grown, id);
     size = static_cast<int>(grown);
     m.aggDataArraySize.store(size, std::memory_order_release);
   }
@@ -343,18 +343,19 @@ void mergeThreadModels(ZXAppMonitors &app, int size) {
       std::lock_guard guard(model.lockForBT);
       if (model.currentSizeOfBTArray > size) {
         ZXBT_APP_LOG(app, 0, "Warning",
-                 "Current Thread, ID : %ld has %d counters, more than the %d slots; skipped",
-                 model.threadId, model.currentSizeOfBTArray, size);
+                     "Current Thread, ID : %ld has %d counters, more than the %d slots; skipped",
+                     model.threadId, model.currentSizeOfBTArray, size);
         ++it;
         continue;
       }
       for (int i = 0; i < model.currentSizeOfBTArray; ++i) {
         ZXBTMonitorDataCounters *block = model.btmDataArray[i].get();
         if (!block) {
-          ZXBT_APP_LOG(app, 2, "Info",
-                   "Current Thread, ID : %d doesnot have any counters for current BT. btID  %d so "
-                   "ignoring it",
-                   static_cast<int>(model.threadId), i);
+          ZXBT_APP_LOG(
+              app, 2, "Info",
+              "Current Thread, ID : %d doesnot have any counters for current BT. btID  %d so "
+              "ignoring it",
+              static_cast<int>(model.threadId), i);
           continue;
         }
         ZXBTMonitorDataCounters &slot = m.aggBTDataArr[i];
@@ -367,7 +368,7 @@ void mergeThreadModels(ZXAppMonitors &app, int size) {
             pwlb_t_digest_insert(h, static_cast<double>(block->duration), 1);
             slot.tdigestDataExist.store(1, std::memory_order_relaxed);
             ZXBT_APP_LOG(app, 1, "Info", "TDigestPercentile inserted for BT:%d , duration:%d", i,
-                     static_cast<int>(block->duration));
+                         static_cast<int>(block->duration));
           }
         }
         mergeCounters(slot, *block);
@@ -432,14 +433,14 @@ bool generateAndDumpBTMonitoringRecord(ZXAppMonitors &app, char *buf, int *len, 
   }
   if (!anyThread) {
     ZXBT_APP_LOG(app, 1, "Info",
-             "Returnign without dumping any monitoring record, as no threads executed any BT "
-             "yet.");
+                 "Returnign without dumping any monitoring record, as no threads executed any BT "
+                 "yet.");
     return false;
   }
   if (app.btManager.config.total_bt_count.load(std::memory_order_relaxed) <= 0) {
     ZXBT_APP_LOG(app, 1, "Info",
-             "Returning without dumping any monitoring record, as no business transactions "
-             "discovered yet.");
+                 "Returning without dumping any monitoring record, as no business transactions "
+                 "discovered yet.");
     return false;
   }
   const int size = m.aggDataArraySize.load(std::memory_order_acquire);
@@ -488,10 +489,11 @@ void parseMaxBTCount(ZXAppMonitors &app, char *value, char *keyword, int index) 
   if (!m) return;
   const int count = zxbt_parse_int(value);
   if (count < 1) {
-    ZXBT_APP_LOG(app, 0, "Error",
-             "parseMaxBTCount method - Invalid MaxBTCount specified by User. Current Value  : %d "
-             "Specified BTMaxCount value %s",
-             m->maxBTCount.load(), value);
+    ZXBT_APP_LOG(
+        app, 0, "Error",
+        "parseMaxBTCount method - Invalid MaxBTCount specified by User. Current Value  : %d "
+        "Specified BTMaxCount value %s",
+        m->maxBTCount.load(), value);
     return;
   }
   m->maxBTCount.store(count, std::memory_order_relaxed);
@@ -509,14 +511,14 @@ void parseBTAggDataArraySize(ZXAppMonitors &app, char *value, char *keyword, int
   const int current = m->aggDataArraySize.load(std::memory_order_relaxed);
   if (size <= current) {
     ZXBT_APP_LOG(app, 0, "Error",
-             "parseBTAggDataArraySize - Could not decrease size of array, as targeted size is "
-             "less or equal than current size.Where current size : %d,  specified size : %d",
-             current, size);
+                 "parseBTAggDataArraySize - Could not decrease size of array, as targeted size is "
+                 "less or equal than current size.Where current size : %d,  specified size : %d",
+                 current, size);
     return;
   }
   if (size > ZXBT_MAX_SLOTS || !m->aggBTDataArr.reserve(size)) {
-    ZXBT_APP_LOG(app, 0, "Error", "parseBTAggDataArraySize - %d slots not available (bound %d)", size,
-             ZXBT_MAX_SLOTS);
+    ZXBT_APP_LOG(app, 0, "Error", "parseBTAggDataArraySize - %d slots not available (bound %d)",
+                 size, ZXBT_MAX_SLOTS);
     return;
   }
   m->aggDataArraySize.store(size, std::memory_order_release);

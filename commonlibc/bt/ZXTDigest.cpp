@@ -99,9 +99,9 @@ bool dumpTDigestRecordForBT(ZXAppMonitors &app, char *buf, int *len, int cap,
     } kLevels[] = {{"80th", 0.8}, {"85th", 0.85}, {"90th", 0.9}, {"95th", 0.95}, {"99th", 0.99}};
     for (const auto &level : kLevels)
       ZXBT_APP_LOG(app, 1, "Info", "%s percentile for BT [%s]:%f", level.label, btName,
-               pwlb_t_digest_getquantile(digest, level.q));
+                   pwlb_t_digest_getquantile(digest, level.q));
     ZXBT_APP_LOG(app, 1, "Info", "TDigest Data count for BT [%s]:%d", btName,
-             static_cast<int>(pwlb_t_digest_get_data_count(digest)));
+                 static_cast<int>(pwlb_t_digest_get_data_count(digest)));
   }
   std::vector<unsigned char> payload(ZXTD_INITIAL_SERIALIZE_SIZE);
   std::size_t size = 0;
@@ -115,7 +115,7 @@ bool dumpTDigestRecordForBT(ZXAppMonitors &app, char *buf, int *len, int cap,
   if (n < 0 || static_cast<long long>(n) + static_cast<long long>(size) + 1 > room - 1) {
     buf[*len] = '\0';
     ZXBT_APP_LOG(app, 0, "Warning", "Record 96 for BT [%s] does not fit (%d bytes left); dropped",
-             btName ? btName : "", room);
+                 btName ? btName : "", room);
     return false;
   }
   char *out = buf + *len + n;
