@@ -1,14 +1,39 @@
 #include "ZXAppMonitors.h"
 
+#include <cstring>
+
 ZXAppMonitors::ZXAppMonitors()
-    : controlThreadTmpLock(control_pool.get()), zxTDHashMapLock(control_pool.get()) {}
+    : btManager(control_pool.get()),
+      controlThreadTmpLock(control_pool.get()),
+      zxTDHashMapLock(control_pool.get()) {}
 
 ZXAppMonitors::~ZXAppMonitors() {
-  requestMonitorTimerStop(this);
-  stopMonitorTimer(this, 0);
+  stopMonitorTimer(this);
 }
 
 bool ZXAppMonitors::applyLayerKeyword(char *value, char *keyword, int index) {
-  // TODO(layer helper): BT monitor and t-digest keyword rows.
+  using Parser = void (*)(ZXAppMonitors &, char *, char *, int);
+  static constexpr struct {
+    const char *name;
+    Parser parse;
+  } kRows[] = {
+      {"enableBTMonitor", parseBTMonitorKeyword},
+      {"maxBTCount", parseMaxBTCount},
+      {"doNotDiscardFlowPaths", parseDoNotDiscardVal},
+      {"enableBTMonitorError", parseBTMonitorErrorLevel},
+      {"BTAggDataArraySize", parseBTAggDataArraySize},
+      {"zxMonitorInterval", parseMonitorInterval},
+      {"zxVectorSeparator", parseVectorSeparator},
+      {"tDigestPercentileBT", setTDigestPercentileBT},
+      {"tDigestPercentileIP", setTDigestPercentileIP},
+  };
+  if (keyword) {
+    for (const auto &row : kRows) {
+      if (std::strcmp(keyword, row.name) == 0) {
+        row.parse(*this, value, keyword, index);
+        return true;
+      }
+    }
+  }
   return ZXAppLink::applyLayerKeyword(value, keyword, index);
 }

@@ -92,9 +92,7 @@ void BTObjectMap::clear() {
   count_.store(0, std::memory_order_relaxed);
 }
 
-ZXBTManager::ZXBTManager() : pool(zx::make_pool()) {
-  if (pool) bt_obj_map_lock.create(pool.get());
-}
+ZXBTManager::ZXBTManager(apr_pool_t *pool) : bt_obj_map_lock(pool) {}
 
 void insert_in_hasmap(const char *name, BTObject *object, BTObjectMap &map) {
   if (!name || !object) return;

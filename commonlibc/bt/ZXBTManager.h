@@ -1,5 +1,13 @@
-// The BT manager: the maps from BT name to BT object and the arena that owns
-// every object.
+// The BT manager: the store that owns every business-transaction object, and
+// the maps from BT name to object.
+//
+// BT objects: one per BT name, made by the rule readers and by request
+// threads naming a new BT, and never freed while the agent runs (the manager
+// keeps every one). Request threads read them without a lock, so every field
+// that changes after an object is published is atomic; the name never
+// changes. Ids: 1 = "Others", 0 = the overall monitor slot,
+// 2..max_bt_count handed out at run time, pattern rules bring their own; -2
+// marks an excluded request and never names an object.
 //
 // Request threads look names up on every transaction start, so a map read
 // takes no lock and never allocates; writers are serialised by the manager
@@ -21,8 +29,56 @@
 #include <string_view>
 #include <vector>
 
-#include "zxbt_bt_object.h"
 #include "zxlb_apr.h"
+
+inline constexpr int ZXBT_NAME_SIZE = 257;  // 256 characters kept
+inline constexpr int ZXBT_OTHERS_ID = 1;
+inline constexpr int ZXBT_EXCLUDED_ID = -2;
+inline constexpr int ZXBT_MAX_BT_COUNT = 256;
+
+// Categories of a finished transaction.
+enum : char {
+  ZXBT_CATEGORY_NONE = 0,
+  ZXBT_CATEGORY_NORMAL = 10,
+  ZXBT_CATEGORY_SLOW = 11,
+  ZXBT_CATEGORY_VERY_SLOW = 12,
+  ZXBT_CATEGORY_ERROR = 13,
+};
+
+struct Threshold {
+  std::atomic<int> slow{0};  // milliseconds
+  std::atomic<int> very_slow{0};
+};
+
+struct BTObject {
+  char bt_name[ZXBT_NAME_SIZE] = {};
+  std::atomic<char> bt_category{ZXBT_CATEGORY_NONE};
+  std::atomic<int> is_meta_data_dumped{0};
+  std::atomic<int> bt_id{0};
+  // Dynamic-diagnostics window, seconds.
+  std::atomic<long long> bt_startTime{0};
+  std::atomic<long long> bt_endTime{0};
+  std::atomic<long long> dd_IntervalTime{0};
+  std::atomic<char> AIFlag{0};
+  Threshold bt_threshold;
+  // Rule hierarchy ids, stored for the method-based rules.
+  std::atomic<int> selfID{0};
+  std::atomic<int> parentID{0};
+  // Owned by body capture and the method-based rules, which are built
+  // elsewhere; kept here so that the object has its full shape.
+  int enableBodyCapture = 0;
+  int maxBodySize = 0;
+  int prevPID = 0;
+  int isBTOverride = 0;
+  int btCounter = 0;
+};
+
+// Dynamic-diagnostics auto-instrumentation switch and window length, set by
+// the diagnostics subsystem; read on every BT look-up.
+struct ZXBTDynamicDiagnostics {
+  std::atomic<int> enableDDAI{0};
+  std::atomic<long long> ddAIInterval{0};  // seconds
+};
 
 class BTObjectMap {
  public:
@@ -72,12 +128,11 @@ struct ZXBTConfigModel {
 };
 
 struct ZXBTManager {
-  ZXBTManager();
+  // The manager lock is made in `pool` (the owner's), which outlives it.
+  explicit ZXBTManager(apr_pool_t *pool);
   ZXBTManager(const ZXBTManager &) = delete;
   ZXBTManager &operator=(const ZXBTManager &) = delete;
 
-  // Allocates BT objects into `objects` and holds the mutex below.
-  zx::PoolPtr pool;
   // The manager lock (nested: creation looks up the configuration map under
   // it). Guards every write to both maps, total_bt_count, `objects`, and the
   // default thresholds allSlow/allVerySlow of the application.

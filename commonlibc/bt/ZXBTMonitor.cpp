@@ -4,17 +4,16 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <climits>
 #include <cstdio>
 #include <cstdlib>
 #include <new>
 
+#include "ZXAppMonitors.h"
+#include "ZXBTTrace.h"
 #include "ZXFeatureKeywords.h"
-#include "ZXProxyInstance.h"
-#include "ZXTDigest.h"
 #include "tdigest/pwlb_t_digest_quantile.h"
-#include "zxbt_bt_object.h"
-#include "zxbt_utils.h"
 
 namespace {
 std::atomic<std::uint64_t> gMonitorSerial{0};
@@ -71,7 +70,7 @@ ZXBTMonitorDataCounters *btMonitorSlot(const ZXBTMonitor_t &m, int id) noexcept 
   return &m.aggBTDataArr[id];
 }
 
-void createVectorPrefix(ZXBTMonitor_t &m, const ZXProxyInstance_t &app) {
+void createVectorPrefix(ZXBTMonitor_t &m, const ZXAppSettings &app) {
   const char sep = app.ZXSettings.zxVectorSeperator;
   std::lock_guard guard(m.slotLock);
   snprintf(m.vectorPrefix, sizeof m.vectorPrefix, "%s%c%s%c%s%c", app.ZXBCISetting.tierName.c_str(),
@@ -80,13 +79,13 @@ void createVectorPrefix(ZXBTMonitor_t &m, const ZXProxyInstance_t &app) {
            app.ZXBCISetting.appID.load());
 }
 
-int ZXBTMonitorInit(ZXBTMonitor_t &m) {
-  if (tlzxApplication) createVectorPrefix(m, *tlzxApplication);
+int ZXBTMonitorInit(ZXBTMonitor_t &m, const ZXAppSettings &app) {
+  createVectorPrefix(m, app);
   {
     std::lock_guard guard(m.slotLock);
     if (m.aggDataArraySize.load(std::memory_order_relaxed) == 0) {
       if (!m.aggBTDataArr.reserve(ZXBT_DEFAULT_SLOTS)) {
-        ZXBT_LOG(0, "Error", "overallData is empty");
+        ZXBT_APP_LOG(app, 0, "Error", "overallData is empty");
         return -1;
       }
       m.aggDataArraySize.store(ZXBT_DEFAULT_SLOTS, std::memory_order_release);
@@ -96,24 +95,26 @@ int ZXBTMonitorInit(ZXBTMonitor_t &m) {
   m.isBTMonitorOn = 1;
   m.sendReSetEventOnAggDataConn = 0;
   m.maxBTCount = ZXBT_MAX_BT_COUNT;
-  if (tlzxApplication) m.btMonitorTraceLevel = tlzxApplication->ZXSys.btMonitorTraceLevel;
-  ZXBT_LOG(0, "Info",
-           "currentReportingCount = %d, monitorIntervalInSecs = %d, aggDataArraySize = %d, "
-           "vectorPrefix = %s, vectorPrefixID = %s",
-           0, m.monitorIntervalInSecs.load(), m.aggDataArraySize.load(), m.vectorPrefix,
-           m.vectorPrefixID);
+  m.btMonitorTraceLevel = app.ZXSys.btMonitorTraceLevel;
+  ZXBT_APP_LOG(app, 0, "Info",
+               "currentReportingCount = %d, monitorIntervalInSecs = %d, aggDataArraySize = %d, "
+               "vectorPrefix = %s, vectorPrefixID = %s",
+               0, m.monitorIntervalInSecs.load(), m.aggDataArraySize.load(), m.vectorPrefix,
+               m.vectorPrefixID);
   return 0;
 }
 
-int ZXBTMonitorInit() {
-  return tlzxApplication ? ZXBTMonitorInit(tlzxApplication->btMonitor) : -1;
+int ZXBTMonitorInit(ZXAppMonitors &app) {
+  return ZXBTMonitorInit(app.btMonitor, app);
 }
 
-int checkAndIncrementAggrBTDataArray(ZXBTMonitor_t &m, BTObject *obj) {
+namespace {
+
+int growAndBind(ZXBTMonitor_t &m, BTObject *obj, int trace) {
   if (!obj) return -1;
   const int id = obj->bt_id.load(std::memory_order_relaxed);
   if (id < 1 || id >= ZXBT_MAX_SLOTS) {
-    ZXBT_LOG(0, "Warning", "No monitor slot for BT '%s' with id %d", obj->bt_name, id);
+    ZXBT_LOG_AT(trace, 0, "Warning", "No monitor slot for BT '%s' with id %d", obj->bt_name, id);
     return -1;
   }
   std::lock_guard guard(m.slotLock);
@@ -123,7 +124,8 @@ int checkAndIncrementAggrBTDataArray(ZXBTMonitor_t &m, BTObject *obj) {
     long long grown = (id / step + 1) * step;
     if (grown > ZXBT_MAX_SLOTS) grown = ZXBT_MAX_SLOTS;
     if (!m.aggBTDataArr.reserve(static_cast<int>(grown))) return -1;
-    ZXBT_LOG(0, "Info", "aggDataArraySize grows from %d to %lld for BT id %d", size, grown, id);
+    ZXBT_LOG_AT(trace, 0, "Info", "aggDataArraySize grows from %d to %lld for BT id %d", size,
+                grown, id);
     size = static_cast<int>(grown);
     m.aggDataArraySize.store(size, std::memory_order_release);
   }
@@ -136,8 +138,14 @@ int checkAndIncrementAggrBTDataArray(ZXBTMonitor_t &m, BTObject *obj) {
   return 0;
 }
 
-int checkAndIncrementAggrBTDataArray(BTObject *obj) {
-  return tlzxApplication ? checkAndIncrementAggrBTDataArray(tlzxApplication->btMonitor, obj) : -1;
+}  // namespace
+
+int checkAndIncrementAggrBTDataArray(ZXBTMonitor_t &m, BTObject *obj) {
+  return growAndBind(m, obj, zxbt_trace_level());
+}
+
+int checkAndIncrementAggrBTDataArray(ZXAppMonitors &app, BTObject *obj) {
+  return growAndBind(app.btMonitor, obj, zxbt_trace_level(app));
 }
 
 // ---- Counting ----
@@ -155,7 +163,7 @@ struct ThreadModelRef {
 };
 thread_local ThreadModelRef tlsModel;
 
-ZXMonitorDataModel *threadModel(ZXProxyInstance_t &app) {
+ZXMonitorDataModel *threadModel(ZXAppMonitors &app) {
   ZXBTMonitor_t &m = app.btMonitor;
   if (tlsModel.model && tlsModel.serial == m.serial) return tlsModel.model.get();
   const long tid = static_cast<long>(syscall(SYS_gettid));
@@ -290,7 +298,7 @@ void mergeCounters(ZXBTMonitorDataCounters &dst, ZXBTMonitorDataCounters &src) {
 
 }  // namespace
 
-bool updateCounterAndDurationForBT(ZXProxyInstance_t &app, const ZXBTTransaction_t &tx) {
+bool updateCounterAndDurationForBT(ZXAppMonitors &app, const ZXBTTransaction_t &tx) {
   ZXBTMonitor_t &m = app.btMonitor;
   if (!m.isBTMonitorOn.load(std::memory_order_relaxed) || !tx.btObj) return false;
   const int id = tx.btObj->bt_id.load(std::memory_order_relaxed);
@@ -304,10 +312,6 @@ bool updateCounterAndDurationForBT(ZXProxyInstance_t &app, const ZXBTTransaction
   if (!c && !(c = newBlock(*model, id))) return false;
   updatePropertiesOfBT(*c, tx);
   return true;
-}
-
-bool updateCounterAndDurationForBT(const ZXBTTransaction_t &tx) {
-  return tlzxApplication && updateCounterAndDurationForBT(*tlzxApplication, tx);
 }
 
 // ---- Report ----
@@ -325,7 +329,7 @@ double avg(long long x, int n) {
 }
 
 // Threads -> slots. Caller holds slotLock; size is the slot count.
-void mergeThreadModels(ZXProxyInstance_t &app, int size) {
+void mergeThreadModels(ZXAppMonitors &app, int size) {
   ZXBTMonitor_t &m = app.btMonitor;
   const TDigestPercentile_t &td = app.tDigest.TDigestPercentileBT;
   const bool feedDigests = td.is_enabled.load(std::memory_order_relaxed) > 0;
@@ -338,19 +342,20 @@ void mergeThreadModels(ZXProxyInstance_t &app, int size) {
     {
       std::lock_guard guard(model.lockForBT);
       if (model.currentSizeOfBTArray > size) {
-        ZXBT_LOG(0, "Warning",
-                 "Current Thread, ID : %ld has %d counters, more than the %d slots; skipped",
-                 model.threadId, model.currentSizeOfBTArray, size);
+        ZXBT_APP_LOG(app, 0, "Warning",
+                     "Current Thread, ID : %ld has %d counters, more than the %d slots; skipped",
+                     model.threadId, model.currentSizeOfBTArray, size);
         ++it;
         continue;
       }
       for (int i = 0; i < model.currentSizeOfBTArray; ++i) {
         ZXBTMonitorDataCounters *block = model.btmDataArray[i].get();
         if (!block) {
-          ZXBT_LOG(2, "Info",
-                   "Current Thread, ID : %d doesnot have any counters for current BT. btID  %d so "
-                   "ignoring it",
-                   static_cast<int>(model.threadId), i);
+          ZXBT_APP_LOG(
+              app, 2, "Info",
+              "Current Thread, ID : %d doesnot have any counters for current BT. btID  %d so "
+              "ignoring it",
+              static_cast<int>(model.threadId), i);
           continue;
         }
         ZXBTMonitorDataCounters &slot = m.aggBTDataArr[i];
@@ -362,8 +367,8 @@ void mergeThreadModels(ZXProxyInstance_t &app, int size) {
           if (h) {
             pwlb_t_digest_insert(h, static_cast<double>(block->duration), 1);
             slot.tdigestDataExist.store(1, std::memory_order_relaxed);
-            ZXBT_LOG(1, "Info", "TDigestPercentile inserted for BT:%d , duration:%d", i,
-                     static_cast<int>(block->duration));
+            ZXBT_APP_LOG(app, 1, "Info", "TDigestPercentile inserted for BT:%d , duration:%d", i,
+                         static_cast<int>(block->duration));
           }
         }
         mergeCounters(slot, *block);
@@ -417,7 +422,7 @@ bool dump74RecordForEveryBT(const ZXBTMonitor_t &m, char *buf, int *len, int cap
   return true;
 }
 
-bool generateAndDumpBTMonitoringRecord(ZXProxyInstance_t &app, char *buf, int *len, int cap) {
+bool generateAndDumpBTMonitoringRecord(ZXAppMonitors &app, char *buf, int *len, int cap) {
   ZXBTMonitor_t &m = app.btMonitor;
   if (!buf || !len) return false;
   std::lock_guard slots(m.slotLock);
@@ -427,20 +432,20 @@ bool generateAndDumpBTMonitoringRecord(ZXProxyInstance_t &app, char *buf, int *l
     anyThread = !m.threadModels.empty();
   }
   if (!anyThread) {
-    ZXBT_LOG(1, "Info",
-             "Returnign without dumping any monitoring record, as no threads executed any BT "
-             "yet.");
+    ZXBT_APP_LOG(app, 1, "Info",
+                 "Returnign without dumping any monitoring record, as no threads executed any BT "
+                 "yet.");
     return false;
   }
   if (app.btManager.config.total_bt_count.load(std::memory_order_relaxed) <= 0) {
-    ZXBT_LOG(1, "Info",
-             "Returning without dumping any monitoring record, as no business transactions "
-             "discovered yet.");
+    ZXBT_APP_LOG(app, 1, "Info",
+                 "Returning without dumping any monitoring record, as no business transactions "
+                 "discovered yet.");
     return false;
   }
   const int size = m.aggDataArraySize.load(std::memory_order_acquire);
   if (size <= 0) {
-    ZXBT_LOG(0, "Error", "overallData is empty");
+    ZXBT_APP_LOG(app, 0, "Error", "overallData is empty");
     return false;
   }
   mergeThreadModels(app, size);
@@ -466,79 +471,91 @@ bool generateAndDumpBTMonitoringRecord(ZXProxyInstance_t &app, char *buf, int *l
 
 namespace {
 
-ZXBTMonitor_t *monitorFor(char *value, char *keyword, int index) {
-  if (!value || !tlzxApplication) return nullptr;
-  storeFeatureKeyword(value, keyword, index);
-  return &tlzxApplication->btMonitor;
+ZXBTMonitor_t *monitorFor(ZXAppMonitors &app, char *value, char *keyword, int index) {
+  if (!value) return nullptr;
+  storeFeatureKeyword(app, value, keyword, index);
+  return &app.btMonitor;
 }
 
 }  // namespace
 
-void parseBTMonitorKeyword(char *value, char *keyword, int index) {
-  if (ZXBTMonitor_t *m = monitorFor(value, keyword, index))
+void parseBTMonitorKeyword(ZXAppMonitors &app, char *value, char *keyword, int index) {
+  if (ZXBTMonitor_t *m = monitorFor(app, value, keyword, index))
     m->isBTMonitorOn.store(zxbt_parse_int(value) > 0 ? 1 : 0, std::memory_order_relaxed);
 }
 
-void parseMaxBTCount(char *value, char *keyword, int index) {
-  ZXBTMonitor_t *m = monitorFor(value, keyword, index);
+void parseMaxBTCount(ZXAppMonitors &app, char *value, char *keyword, int index) {
+  ZXBTMonitor_t *m = monitorFor(app, value, keyword, index);
   if (!m) return;
   const int count = zxbt_parse_int(value);
   if (count < 1) {
-    ZXBT_LOG(0, "Error",
-             "parseMaxBTCount method - Invalid MaxBTCount specified by User. Current Value  : %d "
-             "Specified BTMaxCount value %s",
-             m->maxBTCount.load(), value);
+    ZXBT_APP_LOG(
+        app, 0, "Error",
+        "parseMaxBTCount method - Invalid MaxBTCount specified by User. Current Value  : %d "
+        "Specified BTMaxCount value %s",
+        m->maxBTCount.load(), value);
     return;
   }
   m->maxBTCount.store(count, std::memory_order_relaxed);
   // The manager hands out ids up to this count.
-  ZXBTManager &mgr = tlzxApplication->btManager;
+  ZXBTManager &mgr = app.btManager;
   std::lock_guard guard(mgr.bt_obj_map_lock);
   mgr.config.max_bt_count = count;
 }
 
-void parseBTAggDataArraySize(char *value, char *keyword, int index) {
-  ZXBTMonitor_t *m = monitorFor(value, keyword, index);
+void parseBTAggDataArraySize(ZXAppMonitors &app, char *value, char *keyword, int index) {
+  ZXBTMonitor_t *m = monitorFor(app, value, keyword, index);
   if (!m) return;
   const int size = zxbt_parse_int(value);
   std::lock_guard guard(m->slotLock);
   const int current = m->aggDataArraySize.load(std::memory_order_relaxed);
   if (size <= current) {
-    ZXBT_LOG(0, "Error",
-             "parseBTAggDataArraySize - Could not decrease size of array, as targeted size is "
-             "less or equal than current size.Where current size : %d,  specified size : %d",
-             current, size);
+    ZXBT_APP_LOG(app, 0, "Error",
+                 "parseBTAggDataArraySize - Could not decrease size of array, as targeted size is "
+                 "less or equal than current size.Where current size : %d,  specified size : %d",
+                 current, size);
     return;
   }
   if (size > ZXBT_MAX_SLOTS || !m->aggBTDataArr.reserve(size)) {
-    ZXBT_LOG(0, "Error", "parseBTAggDataArraySize - %d slots not available (bound %d)", size,
-             ZXBT_MAX_SLOTS);
+    ZXBT_APP_LOG(app, 0, "Error", "parseBTAggDataArraySize - %d slots not available (bound %d)",
+                 size, ZXBT_MAX_SLOTS);
     return;
   }
   m->aggDataArraySize.store(size, std::memory_order_release);
 }
 
-void parseBTMonitorErrorLevel(char *value, char *keyword, int index) {
-  ZXBTMonitor_t *m = monitorFor(value, keyword, index);
+void parseBTMonitorErrorLevel(ZXAppMonitors &app, char *value, char *keyword, int index) {
+  ZXBTMonitor_t *m = monitorFor(app, value, keyword, index);
   const int level = m ? zxbt_parse_int(value) : -1;
   if (level >= 0) m->btMonitorErrorLevel.store(level, std::memory_order_relaxed);
 }
 
-void parseDoNotDiscardVal(char *value, char *keyword, int index) {
-  if (ZXBTMonitor_t *m = monitorFor(value, keyword, index))
+void parseDoNotDiscardVal(ZXAppMonitors &app, char *value, char *keyword, int index) {
+  if (ZXBTMonitor_t *m = monitorFor(app, value, keyword, index))
     m->doNotDisacrdAnyTransaction.store(zxbt_parse_int(value) >= 1 ? 1 : 0,
                                         std::memory_order_relaxed);
 }
 
-void parseMonitorInterval(char *value, char *keyword, int index) {
-  ZXBTMonitor_t *m = monitorFor(value, keyword, index);
+void parseMonitorInterval(ZXAppMonitors &app, char *value, char *keyword, int index) {
+  ZXBTMonitor_t *m = monitorFor(app, value, keyword, index);
   const int secs = m ? zxbt_parse_int(value) : 0;
   if (secs > 0) m->monitorIntervalInSecs.store(secs, std::memory_order_relaxed);
 }
 
-void parseVectorSeparator(char *value, char *keyword, int index) {
-  ZXBTMonitor_t *m = monitorFor(value, keyword, index);
+void parseVectorSeparator(ZXAppMonitors &app, char *value, char *keyword, int index) {
+  ZXBTMonitor_t *m = monitorFor(app, value, keyword, index);
   if (!m || value[0] == '\0') return;
-  tlzxApplication->ZXSettings.zxVectorSeperator = value[0];
-  createVectorPrefix(*m, *tlzxApplication);
+  app.ZXSettings.zxVectorSeperator = value[0];
+  createVectorPrefix(*m, app);
+}
+
+int zxbt_parse_int(const char *s) {
+  if (!s) return 0;
+  errno = 0;
+  char *end = nullptr;
+  const long long v = strtoll(s, &end, 10);
+  if (end == s) return 0;
+  if (v > INT_MAX || (errno == ERANGE && v > 0)) return INT_MAX;
+  if (v < INT_MIN || (errno == ERANGE && v < 0)) return INT_MIN;
+  return static_cast<int>(v);
 }

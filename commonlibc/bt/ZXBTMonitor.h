@@ -40,7 +40,8 @@
 
 struct BTObject;
 struct td_histogram_t;
-struct ZXProxyInstance_t;
+struct ZXAppSettings;
+struct ZXAppMonitors;
 
 inline constexpr int ZXBT_DEFAULT_SLOTS = 128;
 inline constexpr int ZXBT_SLOT_CHUNK = 64;
@@ -176,41 +177,46 @@ ZXBTMonitorDataCounters *btMonitorSlot(const ZXBTMonitor_t &m, int id) noexcept;
 
 // Builds the vector prefix from the application's identity, makes the first
 // 128 slots if there are none and sets the start values. 0, or -1 when the
-// slots can't be allocated.
-int ZXBTMonitorInit();
-int ZXBTMonitorInit(ZXBTMonitor_t &m);
+// slots can't be allocated. The second form sets up a monitor of its own with
+// the identity and trace level of `app`.
+int ZXBTMonitorInit(ZXAppMonitors &app);
+int ZXBTMonitorInit(ZXBTMonitor_t &m, const ZXAppSettings &app);
 
 // Makes sure a slot exists for the object's id (growing to the smallest
 // multiple of 2 x size + 1 above it) and binds the object to it, dropping the
 // slot's t-digest. 0, or -1 for no object, an id below 1 or at
 // ZXBT_MAX_SLOTS or above, or no memory (the array is then as it was).
-int checkAndIncrementAggrBTDataArray(BTObject *obj);
+int checkAndIncrementAggrBTDataArray(ZXAppMonitors &app, BTObject *obj);
 int checkAndIncrementAggrBTDataArray(ZXBTMonitor_t &m, BTObject *obj);
 
 // Counts one finished transaction in the calling thread's model. false when
 // the monitor is off, the BT id is not positive or memory is short. After the
 // thread's first transaction on a BT: no allocation, one uncontended lock.
-bool updateCounterAndDurationForBT(ZXProxyInstance_t &app, const ZXBTTransaction_t &tx);
-bool updateCounterAndDurationForBT(const ZXBTTransaction_t &tx);
+bool updateCounterAndDurationForBT(ZXAppMonitors &app, const ZXBTTransaction_t &tx);
 
 // The interval's report: merges every thread's blocks into the slots (and
 // feeds the slots' t-digests when those are on), appends record 74 per BT
 // with data and the overall record to buf (advancing *len, never past cap)
 // and resets what it merged. false when no thread counted anything yet or no
 // BT exists.
-bool generateAndDumpBTMonitoringRecord(ZXProxyInstance_t &app, char *buf, int *len, int cap);
+bool generateAndDumpBTMonitoringRecord(ZXAppMonitors &app, char *buf, int *len, int cap);
 // One record 74; false (nothing appended) when it does not fit.
 bool dump74RecordForEveryBT(const ZXBTMonitor_t &m, char *buf, int *len, int cap,
                             const ZXBTMonitorDataCounters &c, int btId, const char *btName);
 
 // Rebuilds the vector prefix from the application's identity and separator.
-void createVectorPrefix(ZXBTMonitor_t &m, const ZXProxyInstance_t &app);
+void createVectorPrefix(ZXBTMonitor_t &m, const ZXAppSettings &app);
 
-// Keyword parsers (keyword table rows); control thread.
-void parseBTMonitorKeyword(char *value, char *keyword, int index);
-void parseMaxBTCount(char *value, char *keyword, int index);
-void parseBTAggDataArraySize(char *value, char *keyword, int index);
-void parseBTMonitorErrorLevel(char *value, char *keyword, int index);
-void parseDoNotDiscardVal(char *value, char *keyword, int index);
-void parseMonitorInterval(char *value, char *keyword, int index);
-void parseVectorSeparator(char *value, char *keyword, int index);
+// Keyword parsers (keyword table rows, through the application's layer
+// keywords); control thread.
+void parseBTMonitorKeyword(ZXAppMonitors &app, char *value, char *keyword, int index);
+void parseMaxBTCount(ZXAppMonitors &app, char *value, char *keyword, int index);
+void parseBTAggDataArraySize(ZXAppMonitors &app, char *value, char *keyword, int index);
+void parseBTMonitorErrorLevel(ZXAppMonitors &app, char *value, char *keyword, int index);
+void parseDoNotDiscardVal(ZXAppMonitors &app, char *value, char *keyword, int index);
+void parseMonitorInterval(ZXAppMonitors &app, char *value, char *keyword, int index);
+void parseVectorSeparator(ZXAppMonitors &app, char *value, char *keyword, int index);
+
+// The leading decimal integer of s (after blanks, with a sign), clamped to
+// the int range; 0 when there is none. Keyword values and rule-file fields.
+int zxbt_parse_int(const char *s);

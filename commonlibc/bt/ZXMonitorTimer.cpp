@@ -5,15 +5,14 @@
 #include <system_error>
 #include <vector>
 
+#include "ZXAppMonitors.h"
+#include "ZXBTTrace.h"
 #include "ZXDataDispatcher.h"
-#include "ZXProxyInstance.h"
-#include "ZXTDigest.h"
-#include "zxbt_utils.h"
 #include "zxlb_utiles.h"
 
 namespace {
 
-void timerBody(ZXProxyInstance_t *app) {
+void timerBody(ZXAppMonitors *app) {
   ZXMonitorTimer &t = app->monitorTimer;
   std::unique_lock lk(t.wakeMutex);
   while (!t.stopRequested) {
@@ -40,7 +39,7 @@ ZXMonitorTimer::~ZXMonitorTimer() {
   if (thread.joinable()) thread.join();
 }
 
-void runMonitorTick(ZXProxyInstance_t *app) {
+void runMonitorTick(ZXAppMonitors *app) {
   // Per tick, not per thread: 128 KiB is too much for a thread's stack.
   std::vector<char> buf(ZXBT_REPORT_BUFFER_SIZE);
   int len = 0;
@@ -52,7 +51,7 @@ void runMonitorTick(ZXProxyInstance_t *app) {
     generateAndDumpPartialTDigestBTRecords(*app);
 }
 
-void startMonitorTimer(ZXProxyInstance_t *app) {
+void startMonitorTimer(ZXAppMonitors *app) {
   createVectorPrefix(app->btMonitor, *app);
   app->tDigest.nextLogTime.store(
       my_gettimeofday() - app->Server.morEpochDiffTime +
@@ -71,20 +70,21 @@ void startMonitorTimer(ZXProxyInstance_t *app) {
   t.done.reset();
   try {
     t.thread = std::thread([app] {
+      zx::ThreadAppScope scope(app);
       try {
         timerBody(app);
       } catch (const std::exception &e) {
-        ZXBT_LOG(-1, "Error", "Monitoring timer stopped: %s", e.what());
+        ZXBT_APP_LOG(*app, -1, "Error", "Monitoring timer stopped: %s", e.what());
       }
       app->monitorTimer.done.arrive();
     });
   } catch (const std::system_error &e) {
     t.done.arrive();
-    ZXBT_LOG(-1, "Error", "Monitoring timer not started: %s", e.what());
+    ZXBT_APP_LOG(*app, -1, "Error", "Monitoring timer not started: %s", e.what());
   }
 }
 
-void requestMonitorTimerStop(ZXProxyInstance_t *app) {
+void requestMonitorTimerStop(ZXAppMonitors *app) {
   ZXMonitorTimer &t = app->monitorTimer;
   {
     std::lock_guard wk(t.wakeMutex);
@@ -93,7 +93,7 @@ void requestMonitorTimerStop(ZXProxyInstance_t *app) {
   t.wakeCond.notify_all();
 }
 
-bool stopMonitorTimer(ZXProxyInstance_t *app, apr_time_t deadline) {
+bool stopMonitorTimer(ZXAppMonitors *app, apr_time_t deadline) {
   requestMonitorTimerStop(app);
   ZXMonitorTimer &t = app->monitorTimer;
   std::lock_guard lk(t.threadLock);

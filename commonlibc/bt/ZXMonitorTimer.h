@@ -15,7 +15,7 @@
 
 #include "zxlb_thread_done.h"
 
-struct ZXProxyInstance_t;
+struct ZXAppMonitors;
 
 struct ZXMonitorTimer {
   ZXMonitorTimer() = default;
@@ -37,12 +37,12 @@ struct ZXMonitorTimer {
 // Rebuilds the vector prefix (the run's keywords are applied by now), sets
 // the first record-96 time and starts the timer unless it runs. Control
 // thread, at the run's start.
-void startMonitorTimer(ZXProxyInstance_t *app);
+void startMonitorTimer(ZXAppMonitors *app);
 // Asks the timer to stop; does not wait.
-void requestMonitorTimerStop(ZXProxyInstance_t *app);
+void requestMonitorTimerStop(ZXAppMonitors *app);
 // Stops the timer and waits for it until `deadline` (APR time, 0 = no
 // limit); a timer still busy then is left behind. True when it ended.
 // Idempotent.
-bool stopMonitorTimer(ZXProxyInstance_t *app, apr_time_t deadline = 0);
+bool stopMonitorTimer(ZXAppMonitors *app, apr_time_t deadline = 0);
 // One tick: the interval's report and, when due, the period's record 96.
-void runMonitorTick(ZXProxyInstance_t *app);
+void runMonitorTick(ZXAppMonitors *app);

@@ -6,11 +6,11 @@
 #include <mutex>
 #include <vector>
 
+#include "ZXAppMonitors.h"
 #include "ZXAutoSensorData.h"
+#include "ZXBTTrace.h"
 #include "ZXFeatureKeywords.h"
-#include "ZXProxyInstance.h"
 #include "tdigest/pwlb_t_digest_quantile.h"
-#include "zxbt_utils.h"
 #include "zxlb_mt_log.h"
 #include "zxlb_utiles.h"
 
@@ -77,33 +77,31 @@ void setTDigestPercentile(TDigestPercentile_t &s, const char *name, const char *
     ZX_CTRL_LOG(0, "Info", "Finished setting %s, as no other value is provided", name);
 }
 
-void setTDigestPercentileBT(char *value, char *keyword, int index) {
-  if (!tlzxApplication) return;
-  storeFeatureKeyword(value, keyword, index);
-  setTDigestPercentile(tlzxApplication->tDigest.TDigestPercentileBT, "TDigestPercentileBT", value);
+void setTDigestPercentileBT(ZXAppMonitors &app, char *value, char *keyword, int index) {
+  storeFeatureKeyword(app, value, keyword, index);
+  setTDigestPercentile(app.tDigest.TDigestPercentileBT, "TDigestPercentileBT", value);
 }
 
-void setTDigestPercentileIP(char *value, char *keyword, int index) {
-  if (!tlzxApplication) return;
-  storeFeatureKeyword(value, keyword, index);
-  setTDigestPercentile(tlzxApplication->tDigest.TDigestPercentileIP, "TDigestPercentileIP", value);
+void setTDigestPercentileIP(ZXAppMonitors &app, char *value, char *keyword, int index) {
+  storeFeatureKeyword(app, value, keyword, index);
+  setTDigestPercentile(app.tDigest.TDigestPercentileIP, "TDigestPercentileIP", value);
 }
 
-bool dumpTDigestRecordForBT(ZXProxyInstance_t &app, char *buf, int *len, int cap,
+bool dumpTDigestRecordForBT(ZXAppMonitors &app, char *buf, int *len, int cap,
                             td_histogram_t *digest, const char *btName) {
   if (!buf || !len || *len < 0 || *len >= cap) return false;
   const ZXBTMonitor_t &m = app.btMonitor;
   const TDigestPercentile_t &s = app.tDigest.TDigestPercentileBT;
-  if (zxbt_trace_level() > 1 && digest) {
+  if (zxbt_trace_level(app) > 1 && digest) {
     static constexpr struct {
       const char *label;
       double q;
     } kLevels[] = {{"80th", 0.8}, {"85th", 0.85}, {"90th", 0.9}, {"95th", 0.95}, {"99th", 0.99}};
     for (const auto &level : kLevels)
-      ZXBT_LOG(1, "Info", "%s percentile for BT [%s]:%f", level.label, btName,
-               pwlb_t_digest_getquantile(digest, level.q));
-    ZXBT_LOG(1, "Info", "TDigest Data count for BT [%s]:%d", btName,
-             static_cast<int>(pwlb_t_digest_get_data_count(digest)));
+      ZXBT_APP_LOG(app, 1, "Info", "%s percentile for BT [%s]:%f", level.label, btName,
+                   pwlb_t_digest_getquantile(digest, level.q));
+    ZXBT_APP_LOG(app, 1, "Info", "TDigest Data count for BT [%s]:%d", btName,
+                 static_cast<int>(pwlb_t_digest_get_data_count(digest)));
   }
   std::vector<unsigned char> payload(ZXTD_INITIAL_SERIALIZE_SIZE);
   std::size_t size = 0;
@@ -116,8 +114,8 @@ bool dumpTDigestRecordForBT(ZXProxyInstance_t &app, char *buf, int *len, int cap
   // Header, payload and the closing "\n" go in whole or not at all.
   if (n < 0 || static_cast<long long>(n) + static_cast<long long>(size) + 1 > room - 1) {
     buf[*len] = '\0';
-    ZXBT_LOG(0, "Warning", "Record 96 for BT [%s] does not fit (%d bytes left); dropped",
-             btName ? btName : "", room);
+    ZXBT_APP_LOG(app, 0, "Warning", "Record 96 for BT [%s] does not fit (%d bytes left); dropped",
+                 btName ? btName : "", room);
     return false;
   }
   char *out = buf + *len + n;
@@ -127,13 +125,13 @@ bool dumpTDigestRecordForBT(ZXProxyInstance_t &app, char *buf, int *len, int cap
   return true;
 }
 
-bool dumpTDigestRecordForOverallBT(ZXProxyInstance_t &app, char *buf, int *len, int cap,
+bool dumpTDigestRecordForOverallBT(ZXAppMonitors &app, char *buf, int *len, int cap,
                                    td_histogram_t *digest) {
-  ZXBT_LOG(0, "Info", "Going to dump 96 record for overall bt");
+  ZXBT_APP_LOG(app, 0, "Info", "Going to dump 96 record for overall bt");
   return dumpTDigestRecordForBT(app, buf, len, cap, digest, "AllTransactions");
 }
 
-bool generateAndDumpTDigestDataForBT(ZXProxyInstance_t &app, char *buf, int *len, int cap) {
+bool generateAndDumpTDigestDataForBT(ZXAppMonitors &app, char *buf, int *len, int cap) {
   ZXBTMonitor_t &m = app.btMonitor;
   const TDigestPercentile_t &s = app.tDigest.TDigestPercentileBT;
   td_histogram_t *overall = nullptr;
@@ -160,7 +158,7 @@ bool generateAndDumpTDigestDataForBT(ZXProxyInstance_t &app, char *buf, int *len
   return any;
 }
 
-void generateAndDumpPartialTDigestBTRecords(ZXProxyInstance_t &app) {
+void generateAndDumpPartialTDigestBTRecords(ZXAppMonitors &app) {
   std::vector<char> buf(ZXBT_REPORT_BUFFER_SIZE);
   int len = 0;
   if (generateAndDumpTDigestDataForBT(app, buf.data(), &len, ZXBT_REPORT_BUFFER_SIZE) && len > 0)

@@ -14,7 +14,7 @@
 
 #include <atomic>
 
-struct ZXProxyInstance_t;
+struct ZXAppMonitors;
 struct td_histogram_t;
 
 inline constexpr int ZXTD_DEFAULT_AGGREGATE_MS = 5 * 60000;
@@ -42,19 +42,19 @@ struct ZXTDigest_t {
 
 // "%20"-separated fields: enabled, aggregation minutes, mode, compression
 // (delta = 1 / value), k, group id, graph id; absent fields keep their value.
-void setTDigestPercentileBT(char *value, char *keyword, int index);
-void setTDigestPercentileIP(char *value, char *keyword, int index);
+void setTDigestPercentileBT(ZXAppMonitors &app, char *value, char *keyword, int index);
+void setTDigestPercentileIP(ZXAppMonitors &app, char *value, char *keyword, int index);
 void setTDigestPercentile(TDigestPercentile_t &s, const char *name, const char *value);
 
 // Appends record 96 for every BT slot with digest data, then the overall
 // "AllTransactions" record, destroying the slots' digests. Advances *len,
 // never past cap; a record that does not fit is left out. Takes slotLock.
-bool generateAndDumpTDigestDataForBT(ZXProxyInstance_t &app, char *buf, int *len, int cap);
+bool generateAndDumpTDigestDataForBT(ZXAppMonitors &app, char *buf, int *len, int cap);
 // One record 96 from `digest` (serialised with the configured mode).
-bool dumpTDigestRecordForBT(ZXProxyInstance_t &app, char *buf, int *len, int cap,
+bool dumpTDigestRecordForBT(ZXAppMonitors &app, char *buf, int *len, int cap,
                             td_histogram_t *digest, const char *btName);
-bool dumpTDigestRecordForOverallBT(ZXProxyInstance_t &app, char *buf, int *len, int cap,
+bool dumpTDigestRecordForOverallBT(ZXAppMonitors &app, char *buf, int *len, int cap,
                                    td_histogram_t *digest);
 // The period: builds the records and hands them to dumpASData, then sets
 // nextLogTime one aggregation period ahead. Monitoring timer only.
-void generateAndDumpPartialTDigestBTRecords(ZXProxyInstance_t &app);
+void generateAndDumpPartialTDigestBTRecords(ZXAppMonitors &app);

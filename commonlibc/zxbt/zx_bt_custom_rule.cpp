@@ -6,17 +6,9 @@
 #include <new>
 #include <string_view>
 
-#include "ZXProxyInstance.h"
-#include "zxlb_mt_log.h"
+#include "ZXBTTrace.h"
 
 namespace {
-
-int bt_trace_level() {
-  return tlzxApplication ? tlzxApplication->ZXSys.btMonitorTraceLevel : 0;
-}
-
-#define ZXBT_LOG(level, above, severity, ...) \
-  ZX_LOG_IF((level) > (above), "BT_MON", severity, __VA_ARGS__)
 
 constexpr std::uint32_t kNoChild = ~0u;
 // Bytes a second walk must save before it pays for its start.
@@ -97,8 +89,8 @@ struct Builder {
     }
     const std::size_t states = count_states(std::move(texts));
     if (states > ZXLB_TRIE_MAX_STATES || keywords.size() >= UINT16_MAX) {
-      ZXBT_LOG(trace, 0, "Error", "Keyword automaton would need %zu states (at most %u)", states,
-               ZXLB_TRIE_MAX_STATES);
+      ZXBT_LOG_AT(trace, 0, "Error", "Keyword automaton would need %zu states (at most %u)", states,
+                  ZXLB_TRIE_MAX_STATES);
       return false;
     }
     unsigned int classes = 1;
@@ -128,8 +120,8 @@ struct Builder {
       std::uint32_t s = 0;
       for (unsigned int i = 0; i < e.elements_len; ++i) {
         const unsigned char c = static_cast<unsigned char>(e.keyword[i]);
-        ZXBT_LOG(trace, 2, "Info", "character = '%c' and its value after mapping = %d", c,
-                 c - ZXLB_ALPHABET_FIRST);
+        ZXBT_LOG_AT(trace, 2, "Info", "character = '%c' and its value after mapping = %d", c,
+                    c - ZXLB_ALPHABET_FIRST);
         std::uint32_t &child = row(s)[t.symbol_class[c]];
         if (child == kNoChild) {
           child = next_free++;
@@ -320,23 +312,24 @@ int search_fast(const unsigned char *in, int len, const zxlbTrie &t) {
 // and tested one by one.
 int search_all(const unsigned char *in, int len, const zxlbTrie &t, const ZXBTCustomRule &rule,
                int trace) {
-  ZXBT_LOG(trace, 1, "Info", "keyword_count:%d", static_cast<int>(t.ranked.size() - 1));
+  ZXBT_LOG_AT(trace, 1, "Info", "keyword_count:%d", static_cast<int>(t.ranked.size() - 1));
   Best best;
   std::uint32_t state = 0;
   for (int i = 0; i < len; ++i) {
     state = t.childrens[(std::size_t{state} << t.row_shift) + t.symbol_class[in[i]]] >> t.row_shift;
-    ZXBT_LOG(trace, 2, "Info", "currentState:%d", static_cast<int>(state));
+    ZXBT_LOG_AT(trace, 2, "Info", "currentState:%d", static_cast<int>(state));
     for (int s = static_cast<int>(state); s > 0; s = t.f_func[static_cast<std::size_t>(s)]) {
       for (std::uint32_t k = t.own_first[s]; k < t.own_first[s + 1]; ++k) {
         const zxlbRankedKeyword &r = t.ranked[t.own_rank[k]];
         const int start = i - static_cast<int>(r.len) + 1;
         const char *text = r.index < rule.dictionary.size() ? rule.dictionary[r.index].keyword : "";
-        ZXBT_LOG(trace, 1, "Info", "Word:%s with priority: %d appear from %d to %d in pattern:%s",
-                 text, r.priority, start, i, reinterpret_cast<const char *>(in));
+        ZXBT_LOG_AT(trace, 1, "Info",
+                    "Word:%s with priority: %d appear from %d to %d in pattern:%s", text,
+                    r.priority, start, i, reinterpret_cast<const char *>(in));
         const bool ok = holds(r.match_constraint, r.len, start, len);
-        ZXBT_LOG(trace, 1, "Info", "match_constraint is [%c] for keyword [%s]",
-                 '0' + r.match_constraint, text);
-        ZXBT_LOG(trace, 1, "Info", "ret_val = %c", ok ? '1' : '0');
+        ZXBT_LOG_AT(trace, 1, "Info", "match_constraint is [%c] for keyword [%s]",
+                    '0' + r.match_constraint, text);
+        ZXBT_LOG_AT(trace, 1, "Info", "ret_val = %c", ok ? '1' : '0');
         if (ok) best.offer(t, t.own_rank[k], i);
       }
     }
@@ -354,20 +347,21 @@ int search_length(const char *input, const zxlbTrie *trie_node, const ZXBTCustom
 const char *winner(const zxlbTrie &t, const ZXBTCustomRule &rule, int rank, int trace) {
   const unsigned int index = rank > 0 ? t.ranked[static_cast<std::size_t>(rank)].index : ~0u;
   const char *ret_val = index < rule.dictionary.size() ? rule.dictionary[index].bt_name : nullptr;
-  ZXBT_LOG(trace, 0, "Info", "ret_val = %s", ret_val ? ret_val : "(null)");
+  ZXBT_LOG_AT(trace, 0, "Info", "ret_val = %s", ret_val ? ret_val : "(null)");
   return ret_val;
 }
 
 }  // namespace
 
 int create_match_machine(zxlbTrie *trie_node, ZXBTCustomRule *rule) {
-  const int trace = bt_trace_level();
+  const int trace = zxbt_trace_level();
   if (!trie_node) {
-    ZXBT_LOG(trace, 0, "Error", "zxlbTrie is null in function zxlb_create_trie, hence returning");
+    ZXBT_LOG_AT(trace, 0, "Error",
+                "zxlbTrie is null in function zxlb_create_trie, hence returning");
     return -1;
   }
   if (!rule) {
-    ZXBT_LOG(trace, 0, "Error", "ZXBTCustomeRule is NULL, hence returning");
+    ZXBT_LOG_AT(trace, 0, "Error", "ZXBTCustomeRule is NULL, hence returning");
     return -1;
   }
   // Built aside and moved in whole; a failure leaves the automaton empty.
@@ -377,16 +371,16 @@ int create_match_machine(zxlbTrie *trie_node, ZXBTCustomRule *rule) {
   try {
     if (b.plan()) {
       b.build_goto();
-      ZXBT_LOG(trace, 0, "Info", "Maximum states in automaton = %d",
-               static_cast<int>(built.total_states));
+      ZXBT_LOG_AT(trace, 0, "Info", "Maximum states in automaton = %d",
+                  static_cast<int>(built.total_states));
       b.build_failure();
       b.renumber_rows(b.build_outputs());
       ok = true;
     }
   } catch (const std::bad_alloc &) {
     ZX_LOG_OOM(std::size_t{built.total_states} << built.row_shift, "keyword automaton", 0);
-    ZXBT_LOG(trace, 0, "Error",
-             "Unable to allocate memory to children to trie, freeing earlier allocated spaces");
+    ZXBT_LOG_AT(trace, 0, "Error",
+                "Unable to allocate memory to children to trie, freeing earlier allocated spaces");
   }
   if (!ok) {
     *trie_node = zxlbTrie{};
@@ -409,8 +403,8 @@ int find_next_state(const zxlbTrie *trie_node, int currentState, char nextInput)
       trie_node->childrens[(static_cast<std::size_t>(currentState) << shift) +
                            trie_node->symbol_class[static_cast<unsigned char>(nextInput)]] >>
       shift);
-  ZXBT_LOG(bt_trace_level(), 2, "Info", "answer(state) = %d, ascii of character = %d", state,
-           static_cast<unsigned char>(nextInput));
+  ZXBT_LOG_AT(zxbt_trace_level(), 2, "Info", "answer(state) = %d, ascii of character = %d", state,
+              static_cast<unsigned char>(nextInput));
   return state;
 }
 
@@ -420,19 +414,23 @@ int check_for_match_constraint(const ZXBTCustomRule *rule, int dictionary_idx, i
       static_cast<std::size_t>(dictionary_idx) >= rule->dictionary.size())
     return 0;
   const ZXLBKeywordLexicon &e = rule->dictionary[dictionary_idx];
-  const int trace = bt_trace_level();
+  const int trace = zxbt_trace_level();
   const int ret = holds(e.match_constraint, e.elements_len, start_index, in_str_len);
-  ZXBT_LOG(trace, 1, "Info", "match_constraint is [%c] for keyword [%s]",
-           '0' + static_cast<unsigned char>(e.match_constraint) % 10, e.keyword);
-  ZXBT_LOG(trace, 1, "Info", "ret_val = %c", ret ? '1' : '0');
+  ZXBT_LOG_AT(trace, 1, "Info", "match_constraint is [%c] for keyword [%s]",
+              '0' + static_cast<unsigned char>(e.match_constraint) % 10, e.keyword);
+  ZXBT_LOG_AT(trace, 1, "Info", "ret_val = %c", ret ? '1' : '0');
   return ret;
 }
 
 const char *search_match_machine(const char *input, const zxlbTrie *trie_node,
                                  const ZXBTCustomRule *rule) {
+  return search_match_machine(input, trie_node, rule, zxbt_trace_level());
+}
+
+const char *search_match_machine(const char *input, const zxlbTrie *trie_node,
+                                 const ZXBTCustomRule *rule, int trace) {
   const int len = search_length(input, trie_node, rule);
   if (len < 0) return nullptr;
-  const int trace = bt_trace_level();
   const auto *in = reinterpret_cast<const unsigned char *>(input);
   const int rank =
       trace > 1 ? search_all(in, len, *trie_node, *rule, trace) : search_fast(in, len, *trie_node);
@@ -443,7 +441,7 @@ const char *search_match_machine_exhaustive(const char *input, const zxlbTrie *t
                                             const ZXBTCustomRule *rule) {
   const int len = search_length(input, trie_node, rule);
   if (len < 0) return nullptr;
-  const int trace = bt_trace_level();
+  const int trace = zxbt_trace_level();
   return winner(
       *trie_node, *rule,
       search_all(reinterpret_cast<const unsigned char *>(input), len, *trie_node, *rule, trace),

@@ -149,6 +149,10 @@ int find_next_state(const zxlbTrie *trie_node, int currentState, char nextInput)
 // be the rule set it was built from (or one grown from it).
 const char *search_match_machine(const char *input, const zxlbTrie *trie_node,
                                  const ZXBTCustomRule *rule);
+// The same with the BT trace level given (request paths pass their
+// application's).
+const char *search_match_machine(const char *input, const zxlbTrie *trie_node,
+                                 const ZXBTCustomRule *rule, int trace);
 
 // The same answer by walking every state's failure chain and testing every
 // keyword that ends there, each test traced at the detail levels;

@@ -5,7 +5,7 @@
 #include <mutex>
 #include <new>
 
-#include "ZXProxyInstance.h"
+#include "ZXAppRules.h"
 #include "zxbt_utils.h"
 
 namespace {
@@ -85,10 +85,11 @@ void others(char *btName, std::size_t size, const char *name) {
 
 }  // namespace
 
-void get_bt_name_from_url(const ZXBTGlobalRule &g, const char *url, char *btName, std::size_t len) {
+void get_bt_name_from_url(const ZXAppRules &app, const ZXBTGlobalRule &g, const char *url,
+                          char *btName, std::size_t len) {
   if (!btName || len == 0) return;
   if (!url) {
-    ZXBT_LOG(1, "Info", "URL is empty");
+    ZXBT_APP_LOG(app, 1, "Info", "URL is empty");
     btName[0] = '\0';
     return;
   }
@@ -142,13 +143,13 @@ char *getBtBaseOnHeader(const ZXBTGlobalRule *g, char *btHeaderValue) {
   return eq ? eq + 1 : nullptr;
 }
 
-char *zxbt_execute_global_rule(const ZXBTRuleSet &rules, const char *uri, const char *param,
-                               const char *method, const char *header, char *btName,
-                               std::size_t size) {
+char *zxbt_execute_global_rule(const ZXAppRules &app, const ZXBTRuleSet &rules, const char *uri,
+                               const char *param, const char *method, const char *header,
+                               char *btName, std::size_t size) {
   if (!btName || size == 0) return nullptr;
   const ZXBTGlobalRule *g = rules.global_rule.get();
   if (!g) {
-    ZXBT_LOG(0, "Info", "global_rule is NULL.");
+    ZXBT_APP_LOG(app, 0, "Info", "global_rule is NULL.");
     others(btName, size, "Others");
     return btName;
   }
@@ -158,13 +159,13 @@ char *zxbt_execute_global_rule(const ZXBTRuleSet &rules, const char *uri, const 
       zxbt_copy(btName, size < kNameMax ? size : kNameMax, uri ? uri : "");
       return btName;
     case 2:
-      get_bt_name_from_url(*g, uri, btName, size);
+      get_bt_name_from_url(app, *g, uri, btName, size);
       return btName;
     case 3:
       zxbt_copy(base, sizeof base, uri ? uri : "");
       break;
     case 4:
-      get_bt_name_from_url(*g, uri, base, sizeof base);
+      get_bt_name_from_url(app, *g, uri, base, sizeof base);
       break;
     default:
       return nullptr;
@@ -191,68 +192,68 @@ char *zxbt_execute_global_rule(const ZXBTRuleSet &rules, const char *uri, const 
   }
 }
 
-char *zxbt_execute_custom_rule(const ZXBTRuleSet &rules, const char *uri, const char *parameter,
-                               const char *httpMethod, char *btName, std::size_t size) {
+char *zxbt_execute_custom_rule(const ZXAppRules &app, const ZXBTRuleSet &rules, const char *uri,
+                               const char *parameter, const char *httpMethod, char *btName,
+                               std::size_t size) {
+  const int trace = zxbt_trace_level(app);
   if (!uri && !parameter && !httpMethod) {
-    ZXBT_LOG(0, "Error", "All argument passed is NULL");
+    ZXBT_LOG_AT(trace, 0, "Error", "All argument passed is NULL");
     return nullptr;
   }
   if (!btName || size == 0) return nullptr;
-  const char *name = rules.zx_trie_node
-                         ? search_match_machine(uri, rules.zx_trie_node.get(), &rules.custom_rule)
-                         : nullptr;
+  const char *name = rules.zx_trie_node ? search_match_machine(uri, rules.zx_trie_node.get(),
+                                                               &rules.custom_rule, trace)
+                                        : nullptr;
   others(btName, size, name ? name : "others");
   return btName;
 }
 
-char *zxbt_execute_global_rule(const char *uri, const char *param, const char *method,
-                               const char *header, char *btName, std::size_t size) {
-  if (!tlzxApplication) return nullptr;
-  RulesReader rules(tlzxApplication->btRules.current);
+char *zxbt_execute_global_rule(ZXAppRules &app, const char *uri, const char *param,
+                               const char *method, const char *header, char *btName,
+                               std::size_t size) {
+  RulesReader rules(app.btRules.current);
   static const ZXBTRuleSet kEmpty;
-  return zxbt_execute_global_rule(rules.get() ? *rules.get() : kEmpty, uri, param, method, header,
-                                  btName, size);
+  return zxbt_execute_global_rule(app, rules.get() ? *rules.get() : kEmpty, uri, param, method,
+                                  header, btName, size);
 }
 
-char *zxbt_execute_custom_rule(const char *uri, const char *parameter, const char *httpMethod,
-                               char *btName, std::size_t size) {
-  if (!tlzxApplication) return nullptr;
-  RulesReader rules(tlzxApplication->btRules.current);
+char *zxbt_execute_custom_rule(ZXAppRules &app, const char *uri, const char *parameter,
+                               const char *httpMethod, char *btName, std::size_t size) {
+  RulesReader rules(app.btRules.current);
   static const ZXBTRuleSet kEmpty;
-  return zxbt_execute_custom_rule(rules.get() ? *rules.get() : kEmpty, uri, parameter, httpMethod,
-                                  btName, size);
+  return zxbt_execute_custom_rule(app, rules.get() ? *rules.get() : kEmpty, uri, parameter,
+                                  httpMethod, btName, size);
 }
 
 void zxbt_execute_pattern_rule() {}
 
-void zxbt_execute_header_rule(const char *, char *bt_name, std::size_t len) {
-  if (!tlzxApplication || !bt_name) return;
-  RulesReader rules(tlzxApplication->btRules.current);
+void zxbt_execute_header_rule(ZXAppRules &app, const char *, char *bt_name, std::size_t len) {
+  if (!bt_name) return;
+  RulesReader rules(app.btRules.current);
   const ZXBTHeaderBasedRule *h = rules.get() ? rules->header_rule.get() : nullptr;
   if (!h || !h->headerValue[0]) return;
-  ZXBT_LOG(0, "Info", "Applying header rule, header value = '%s'", h->headerValue);
+  ZXBT_APP_LOG(app, 0, "Info", "Applying header rule, header value = '%s'", h->headerValue);
   zxbt_copy(bt_name, len, h->headerValue);
 }
 
-char *getBTHeaderName(char *buf, std::size_t size) {
-  if (!tlzxApplication || !buf) return nullptr;
-  RulesReader rules(tlzxApplication->btRules.current);
+char *getBTHeaderName(ZXAppRules &app, char *buf, std::size_t size) {
+  if (!buf) return nullptr;
+  RulesReader rules(app.btRules.current);
   const ZXBTHeaderBasedRule *h = rules.get() ? rules->header_rule.get() : nullptr;
   if (!h) {
-    ZXBT_LOG(1, "Info", "Header rule is not set, returning null");
+    ZXBT_APP_LOG(app, 1, "Info", "Header rule is not set, returning null");
     return nullptr;
   }
   zxbt_copy(buf, size, h->headerName);
   return buf;
 }
 
-BTObject *get_obj_from_bt_name(const char *url, const char *parameters, char *btHeaderValue,
-                               zx::NestedMutex *updateBTLock, const char *httpMethod) {
-  ZXProxyInstance_t *app = tlzxApplication;
-  if (!app) return nullptr;
+BTObject *get_obj_from_bt_name(ZXAppRules &app, const char *url, const char *parameters,
+                               char *btHeaderValue, zx::NestedMutex *updateBTLock,
+                               const char *httpMethod) {
   char name[ZXBT_NAME_SIZE] = {};
   {
-    RulesReader reader(app->btRules.current);
+    RulesReader reader(app.btRules.current);
     static const ZXBTRuleSet kEmpty;
     const ZXBTRuleSet &rules = reader.get() ? *reader.get() : kEmpty;
     const char *header = getBtBaseOnHeader(rules.global_rule.get(), btHeaderValue);
@@ -264,23 +265,25 @@ BTObject *get_obj_from_bt_name(const char *url, const char *parameters, char *bt
       const int len = n < static_cast<int>(sizeof complete_url) ? n : sizeof complete_url - 1;
       int id = zxlb_state_machine_get(rules.stateMachine.get(), complete_url, len, 0);
       if (id == ZXBT_EXCLUDED_ID) {
-        ZXBT_LOG(1, "Info", "Pattern rule : Got id = '%d', excluding for complete_url = '%s'", id,
-                 complete_url);
+        ZXBT_APP_LOG(app, 1, "Info",
+                     "Pattern rule : Got id = '%d', excluding for complete_url = '%s'", id,
+                     complete_url);
         return nullptr;
       }
       if (id < 1) {
-        ZXBT_LOG(1, "Info", "Pattern rule : Got id = '%d', setting to 1 for complete_url = '%s'",
-                 id, complete_url);
+        ZXBT_APP_LOG(app, 1, "Info",
+                     "Pattern rule : Got id = '%d', setting to 1 for complete_url = '%s'", id,
+                     complete_url);
         id = ZXBT_OTHERS_ID;
       }
-      const ZXBTMonitorDataCounters *slot = btMonitorSlot(app->btMonitor, id);
+      const ZXBTMonitorDataCounters *slot = btMonitorSlot(app.btMonitor, id);
       if (!slot) {
-        ZXBT_LOG(0, "Info", "aggDataArraySize(%d) <= id(%d), hence no btobj found",
-                 app->btMonitor.aggDataArraySize.load(std::memory_order_relaxed), id);
+        ZXBT_APP_LOG(app, 0, "Info", "aggDataArraySize(%d) <= id(%d), hence no btobj found",
+                     app.btMonitor.aggDataArraySize.load(std::memory_order_relaxed), id);
         return nullptr;
       }
       BTObject *obj = slot->tlBTObj.load(std::memory_order_acquire);
-      if (obj) zxbt_apply_dd_window(obj);
+      if (obj) zxbt_apply_dd_window(app, obj);
       return obj;
     }
 
@@ -288,45 +291,43 @@ BTObject *get_obj_from_bt_name(const char *url, const char *parameters, char *bt
     if (hr && hr->headerValue[0]) {
       zxbt_copy(name, sizeof name, btHeaderValue);
     } else if (rules.custom_rule.rule_mode != 0) {
-      zxbt_execute_custom_rule(rules, url, nullptr, nullptr, name, sizeof name);
+      zxbt_execute_custom_rule(app, rules, url, nullptr, nullptr, name, sizeof name);
     } else {
-      zxbt_execute_global_rule(rules, url, parameters, httpMethod, header, name, sizeof name);
+      zxbt_execute_global_rule(app, rules, url, parameters, httpMethod, header, name, sizeof name);
     }
   }
   // An empty name would only use up an id: the request carries no BT.
   if (!name[0]) return nullptr;
-  if (BTObject *found = app->btManager.bt_obj_map.get(name)) {
-    zxbt_apply_dd_window(found);
+  if (BTObject *found = app.btManager.bt_obj_map.get(name)) {
+    zxbt_apply_dd_window(app, found);
     return found;
   }
   if (updateBTLock) {
     std::lock_guard guard(*updateBTLock);
-    return updateBTObject(name);
+    return updateBTObject(app, name);
   }
-  return updateBTObject(name);
+  return updateBTObject(app, name);
 }
 
-char getBTCategoryBasedOnThresold(char *tlIsFPCaptured, const Threshold &bt_threshold,
-                                  long long duration) {
+char getBTCategoryBasedOnThresold(const ZXAppRules &app, char *tlIsFPCaptured,
+                                  const Threshold &bt_threshold, long long duration) {
   const long long slow = bt_threshold.slow.load(std::memory_order_relaxed);
   const long long verySlow = bt_threshold.very_slow.load(std::memory_order_relaxed);
   char category = duration < slow       ? ZXBT_CATEGORY_NORMAL
                   : duration < verySlow ? ZXBT_CATEGORY_SLOW
                                         : ZXBT_CATEGORY_VERY_SLOW;
-  const ZXProxyInstance_t *app = tlzxApplication;
-  if (category == ZXBT_CATEGORY_NORMAL && app && app->ZXSys.bciInstrSessionPct == 0 &&
-      app->ZXSys.captureMethodForAllFP == 1) {
+  if (category == ZXBT_CATEGORY_NORMAL && app.ZXSys.bciInstrSessionPct == 0 &&
+      app.ZXSys.captureMethodForAllFP == 1) {
     if (tlIsFPCaptured) *tlIsFPCaptured = 0;
     category = ZXBT_CATEGORY_NONE;
   }
   return category;
 }
 
-char findCategoryOfBT(const Threshold &bt_threshold, long long duration, int statusCode,
-                      char *tlIsFPCaptured) {
-  const ZXProxyInstance_t *app = tlzxApplication;
-  if (app && statusCode >= 0 && statusCode < ZXBT_ERROR_TABLE_SIZE &&
-      app->btRules.btErrorArray[statusCode].load(std::memory_order_relaxed) == 'F')
+char findCategoryOfBT(const ZXAppRules &app, const Threshold &bt_threshold, long long duration,
+                      int statusCode, char *tlIsFPCaptured) {
+  if (statusCode >= 0 && statusCode < ZXBT_ERROR_TABLE_SIZE &&
+      app.btRules.btErrorArray[statusCode].load(std::memory_order_relaxed) == 'F')
     return ZXBT_CATEGORY_ERROR;
-  return getBTCategoryBasedOnThresold(tlIsFPCaptured, bt_threshold, duration);
+  return getBTCategoryBasedOnThresold(app, tlIsFPCaptured, bt_threshold, duration);
 }

@@ -14,39 +14,46 @@
 #include "zxbt_rule_parser.h"
 #include "zxlb_apr.h"
 
+struct ZXAppRules;
+
 // The BT object of a request, or null (excluded, no object). btHeaderValue
 // ("name=value&..." of the request's headers, may be null) is cut in place
 // at the "&" after the global rule's header. updateBTLock (may be null) is
 // held around the creation of a new BT.
-BTObject *get_obj_from_bt_name(const char *url, const char *parameters, char *btHeaderValue,
-                               zx::NestedMutex *updateBTLock, const char *httpMethod);
+BTObject *get_obj_from_bt_name(ZXAppRules &app, const char *url, const char *parameters,
+                               char *btHeaderValue, zx::NestedMutex *updateBTLock,
+                               const char *httpMethod);
 
-// Family runners over the rule set in force: write the name into btName
-// (size bytes, names cut to 255 characters) and return it, or null.
-char *zxbt_execute_global_rule(const char *uri, const char *param, const char *method,
-                               const char *header, char *btName, std::size_t size);
-char *zxbt_execute_custom_rule(const char *uri, const char *parameter, const char *httpMethod,
-                               char *btName, std::size_t size);
-// The pattern family runs inside get_obj_from_bt_name.
-void zxbt_execute_pattern_rule();
-void zxbt_execute_header_rule(const char *url, char *bt_name, std::size_t len);
-
-// The same runners over a given rule set.
-char *zxbt_execute_global_rule(const ZXBTRuleSet &rules, const char *uri, const char *param,
+// Family runners over the application's rule set in force: write the name
+// into btName (size bytes, names cut to 255 characters) and return it, or
+// null.
+char *zxbt_execute_global_rule(ZXAppRules &app, const char *uri, const char *param,
                                const char *method, const char *header, char *btName,
                                std::size_t size);
-char *zxbt_execute_custom_rule(const ZXBTRuleSet &rules, const char *uri, const char *parameter,
+char *zxbt_execute_custom_rule(ZXAppRules &app, const char *uri, const char *parameter,
                                const char *httpMethod, char *btName, std::size_t size);
+// The pattern family runs inside get_obj_from_bt_name.
+void zxbt_execute_pattern_rule();
+void zxbt_execute_header_rule(ZXAppRules &app, const char *url, char *bt_name, std::size_t len);
+
+// The same runners over a given rule set; `app` gates their trace lines.
+char *zxbt_execute_global_rule(const ZXAppRules &app, const ZXBTRuleSet &rules, const char *uri,
+                               const char *param, const char *method, const char *header,
+                               char *btName, std::size_t size);
+char *zxbt_execute_custom_rule(const ZXAppRules &app, const ZXBTRuleSet &rules, const char *uri,
+                               const char *parameter, const char *httpMethod, char *btName,
+                               std::size_t size);
 
 // URI segments by the global rule's order and count.
-void get_bt_name_from_url(const ZXBTGlobalRule &g, const char *url, char *btName, std::size_t len);
+void get_bt_name_from_url(const ZXAppRules &app, const ZXBTGlobalRule &g, const char *url,
+                          char *btName, std::size_t len);
 // The value of the global rule's parameter in `param`, or null.
 std::unique_ptr<char[]> get_param_value(const ZXBTGlobalRule &g, const char *param);
 // The global rule's header value in btHeaderValue (cut in place), or null.
 char *getBtBaseOnHeader(const ZXBTGlobalRule *g, char *btHeaderValue);
 // Copies the header rule's header name into buf; buf, or null without a
 // header rule ("Header rule is not set, returning null").
-char *getBTHeaderName(char *buf, std::size_t size);
+char *getBTHeaderName(ZXAppRules &app, char *buf, std::size_t size);
 
 // Category of a finished transaction: 13 when the status code is marked "F"
 // in btErrorArray, else by its duration (ms) against the thresholds. A
@@ -54,7 +61,7 @@ char *getBTHeaderName(char *buf, std::size_t size);
 // (bciInstrSessionPct 0) and every flowpath captures methods
 // (captureMethodForAllFP 1); its flowpath is then not captured: the
 // per-thread flag tlIsFPCaptured (may be null) is cleared.
-char findCategoryOfBT(const Threshold &bt_threshold, long long duration, int statusCode,
-                      char *tlIsFPCaptured);
-char getBTCategoryBasedOnThresold(char *tlIsFPCaptured, const Threshold &bt_threshold,
-                                  long long duration);
+char findCategoryOfBT(const ZXAppRules &app, const Threshold &bt_threshold, long long duration,
+                      int statusCode, char *tlIsFPCaptured);
+char getBTCategoryBasedOnThresold(const ZXAppRules &app, char *tlIsFPCaptured,
+                                  const Threshold &bt_threshold, long long duration);

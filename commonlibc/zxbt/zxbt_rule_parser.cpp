@@ -9,8 +9,8 @@
 #include <new>
 #include <string>
 
+#include "ZXAppRules.h"
 #include "ZXFileBasedKeywords.h"
-#include "ZXProxyInstance.h"
 #include "zxbt_bt_object.h"
 #include "zxbt_utils.h"
 #include "zxlb_utiles.h"
@@ -106,10 +106,10 @@ std::string text_of(const char *filedata, bool is_path) {
 
 // Binds a rule's BT to its monitor slot; ids outside the slot array (and
 // exclusions, which have no slot) are left alone.
-void reset_monitor_slot(BTObject *obj, int id) {
-  if (!obj || id < 1 || !tlzxApplication) return;
-  std::lock_guard guard(tlzxApplication->btManager.bt_obj_map_lock);
-  checkAndIncrementAggrBTDataArray(obj);
+void reset_monitor_slot(ZXAppRules &app, BTObject *obj, int id) {
+  if (!obj || id < 1) return;
+  std::lock_guard guard(app.btManager.bt_obj_map_lock);
+  checkAndIncrementAggrBTDataArray(app, obj);
 }
 
 // A set to build from: the one in force with everything that carries over
@@ -143,6 +143,7 @@ std::unique_ptr<ZXBTRuleSet> clone_for_build(const ZXBTRuleSet *cur) {
 }
 
 struct ParseState {
+  ZXAppRules &app;
   ZXBTRuleSet &rules;
   std::shared_ptr<zxlbStateMachine> stateMachine;  // made by the first pattern line
 };
@@ -158,30 +159,26 @@ int parse_exclusion_rule(const char *) {
   return 0;
 }
 
-int parse_skip_character(const char *line) {
-  ZXProxyInstance_t *app = tlzxApplication;
-  if (!app) return 0;
+int parse_skip_character(ZXAppRules &app, const char *line) {
   const char *bar = line ? std::strchr(line, '|') : nullptr;
-  if (bar) app->skipCount = zxbt_parse_int(bar + 1);
-  ZXBT_LOG(0, "Info", "skipCount = %d", app->skipCount);
-  return app->skipCount;
+  if (bar) app.skipCount = zxbt_parse_int(bar + 1);
+  ZXBT_APP_LOG(app, 0, "Info", "skipCount = %d", app.skipCount);
+  return app.skipCount;
 }
 
-int parse_max_state(const char *line) {
-  ZXProxyInstance_t *app = tlzxApplication;
-  if (!app) return 0;
+int parse_max_state(ZXAppRules &app, const char *line) {
   const char *bar = line ? std::strchr(line, '|') : nullptr;
   if (bar) {
     int v = zxbt_parse_int(bar + 1);
     if (v > ZXBT_MAX_STATES_HINT) {
-      ZXBT_LOG(0, "Warning", "maxStates %d is above %d, using %d", v, ZXBT_MAX_STATES_HINT,
-               ZXBT_MAX_STATES_HINT);
+      ZXBT_APP_LOG(app, 0, "Warning", "maxStates %d is above %d, using %d", v, ZXBT_MAX_STATES_HINT,
+                   ZXBT_MAX_STATES_HINT);
       v = ZXBT_MAX_STATES_HINT;
     }
-    app->maxStates = v;
+    app.maxStates = v;
   }
-  ZXBT_LOG(0, "Info", "maxStates = %d", app->maxStates);
-  return app->maxStates;
+  ZXBT_APP_LOG(app, 0, "Info", "maxStates = %d", app.maxStates);
+  return app.maxStates;
 }
 
 int parse_header_rule(ZXBTRuleSet &rules, const char *line) {
@@ -383,9 +380,10 @@ int parse_custom_rule(ZXBTRuleSet &rules, const char *data) {
   }
 }
 
-int parse_pattern_rule(ZXBTRuleSet &rules, const char *line, int *init_state_machine) {
+int parse_pattern_rule(ZXAppRules &app, ZXBTRuleSet &rules, const char *line,
+                       int *init_state_machine) {
   if (!init_state_machine) return -1;
-  ParseState st{rules, nullptr};
+  ParseState st{app, rules, nullptr};
   // Copy on write: the set's automaton may be shared with a published set.
   if (*init_state_machine != 1 && rules.stateMachine) {
     try {
@@ -403,10 +401,10 @@ int parse_pattern_rule(ZXBTRuleSet &rules, const char *line, int *init_state_mac
 namespace {
 
 int parse_pattern_line(ParseState &st, const char *line, int *init_state_machine) {
-  ZXProxyInstance_t *app = tlzxApplication;
-  if (!app || !line || !init_state_machine) return -1;
+  ZXAppRules &app = st.app;
+  if (!line || !init_state_machine) return -1;
   if (line[0] == '#') {
-    ZXBT_LOG(0, "Info", "Returning found commented line = [%s]", line);
+    ZXBT_APP_LOG(app, 0, "Info", "Returning found commented line = [%s]", line);
     return -1;
   }
   const Fields<kPatternFields> f(line);
@@ -415,7 +413,7 @@ int parse_pattern_line(ParseState &st, const char *line, int *init_state_machine
         "Number of fields in BTRule File for pattern based is  < 6, hence BTname = others");
     return -1;
   }
-  if (app->isRunTime) st.rules.bt_rule = ZXBT_RULE_PATTERN;
+  if (app.isRunTime) st.rules.bt_rule = ZXBT_RULE_PATTERN;
 
   ZXBTPatternBasedRule r{};
   zxbt_copy(r.transactionName, sizeof r.transactionName, f[1]);
@@ -436,7 +434,7 @@ int parse_pattern_line(ParseState &st, const char *line, int *init_state_machine
         break;
       case 3:
         if (f.n < 9) {
-          ZXBT_LOG(0, "Error", "num_fields = %d is equal to 8 but less than 9", f.n);
+          ZXBT_APP_LOG(app, 0, "Error", "num_fields = %d is equal to 8 but less than 9", f.n);
           return -1;
         }
         if (snprintf(r.pattern, sizeof r.pattern, "%s*%s*", f[4], f[7]) < 0) r.pattern[0] = '\0';
@@ -457,15 +455,15 @@ int parse_pattern_line(ParseState &st, const char *line, int *init_state_machine
   }
   if (f.n >= 13) r.selfRuleId = is_dash(f[12]) ? -1 : zxbt_parse_int(f[12]);
   if (f.n >= 14) r.parentRuleId = is_dash(f[13]) ? -1 : zxbt_parse_int(f[13]);
-  ZXBT_LOG(1, "Info",
-           "Pattern rule: name = %s, id = %d, matchType = %d, pattern = %s, method = %s, "
-           "header = %s=%s, selfRuleId = %d, parentRuleId = %d",
-           r.transactionName, r.transactionId, r.matchType, r.pattern, r.httpMethod, r.BTHeaderName,
-           r.BTHeaderValue, r.selfRuleId, r.parentRuleId);
+  ZXBT_APP_LOG(app, 1, "Info",
+               "Pattern rule: name = %s, id = %d, matchType = %d, pattern = %s, method = %s, "
+               "header = %s=%s, selfRuleId = %d, parentRuleId = %d",
+               r.transactionName, r.transactionId, r.matchType, r.pattern, r.httpMethod,
+               r.BTHeaderName, r.BTHeaderValue, r.selfRuleId, r.parentRuleId);
 
   int slow;
   int verySlow;
-  zxbt_default_thresholds(&slow, &verySlow);
+  zxbt_default_thresholds(app, &slow, &verySlow);
   if (*init_state_machine == 1) {
     std::shared_ptr<zxlbStateMachine> sm;
     try {
@@ -474,24 +472,25 @@ int parse_pattern_line(ParseState &st, const char *line, int *init_state_machine
       ZX_LOG_OOM(sizeof(zxlbStateMachine), "pattern automaton", 0);
       return -1;
     }
-    if (zxlb_state_machine_init(sm.get(), app->maxStates) != 0) return -1;
-    ZXBT_LOG(0, "Info", "State machine initialized with maxStates '%d'", sm->max_state);
+    if (zxlb_state_machine_init(sm.get(), app.maxStates) != 0) return -1;
+    ZXBT_APP_LOG(app, 0, "Info", "State machine initialized with maxStates '%d'", sm->max_state);
     st.stateMachine = std::move(sm);
     *init_state_machine = 0;
-    BTObject *others = find_bt_obj_in_config_map("Others", ZXBT_OTHERS_ID, slow, verySlow, -1, -1);
-    reset_monitor_slot(others, ZXBT_OTHERS_ID);
+    BTObject *others =
+        find_bt_obj_in_config_map(app, "Others", ZXBT_OTHERS_ID, slow, verySlow, -1, -1);
+    reset_monitor_slot(app, others, ZXBT_OTHERS_ID);
   }
   if (!st.stateMachine) return -1;
   const int len = static_cast<int>(std::strlen(r.pattern));
   if (zxlb_state_machine_add(st.stateMachine.get(), r.pattern, len, r.transactionId, r.matchType,
-                             app->skipCount) != 0)
-    ZXBT_LOG(0, "Warning", "Pattern '%s' could not be added to the automaton", r.pattern);
+                             app.skipCount) != 0)
+    ZXBT_APP_LOG(app, 0, "Warning", "Pattern '%s' could not be added to the automaton", r.pattern);
   // An exclusion names no BT and owns no slot.
   if (r.transactionId == ZXBT_EXCLUDED_ID) return 0;
   BTObject scratch;
-  BTObject *obj = zxbt_config_object(r.transactionName, r.transactionId, slow, verySlow,
+  BTObject *obj = zxbt_config_object(app, r.transactionName, r.transactionId, slow, verySlow,
                                      r.selfRuleId, r.parentRuleId, &scratch);
-  if (obj != &scratch) reset_monitor_slot(obj, r.transactionId);
+  if (obj != &scratch) reset_monitor_slot(app, obj, r.transactionId);
   return 0;
 }
 
@@ -520,19 +519,17 @@ int parseHttpBodyBtName(const char *line) {
 // ---------------------------------------------------------------------------
 // Readers.
 
-int zxbt_read_rule_file_ex(const char *filedata, bool is_path) {
-  ZXProxyInstance_t *app = tlzxApplication;
-  if (!app) return 0;
+int zxbt_read_rule_file_ex(ZXAppRules &app, const char *filedata, bool is_path) {
   const std::string text = text_of(filedata, is_path);
-  std::lock_guard reload(app->btRules.reloadLock);
+  std::lock_guard reload(app.btRules.reloadLock);
   std::unique_ptr<ZXBTRuleSet> next;
   try {
-    next = clone_for_build(app->btRules.current.current_for_writer());
+    next = clone_for_build(app.btRules.current.current_for_writer());
   } catch (const std::bad_alloc &) {
     ZX_LOG_OOM(sizeof(ZXBTRuleSet), "BT rule set", 0);
     return 0;
   }
-  ParseState st{*next, nullptr};
+  ParseState st{app, *next, nullptr};
   bool rule_1_found = false, rule_2_found = false, rule_7_found = false;
   bool rule_1_applied = false, rule_7_applied = false;
 
@@ -549,10 +546,10 @@ int zxbt_read_rule_file_ex(const char *filedata, bool is_path) {
         parse_exclusion_rule(line);
         break;
       case 4:
-        parse_skip_character(line);
+        parse_skip_character(app, line);
         break;
       case 5:
-        parse_max_state(line);
+        parse_max_state(app, line);
         break;
       case 7:
         rule_7_found = true;
@@ -598,7 +595,8 @@ int zxbt_read_rule_file_ex(const char *filedata, bool is_path) {
   }
 
   if (rule_1_found && !rule_7_applied) {
-    ZXBT_LOG(0, "Info", "Rule 7 and rule 9 was not found, but rule 1 found, now parsing it.");
+    ZXBT_APP_LOG(app, 0, "Info",
+                 "Rule 7 and rule 9 was not found, but rule 1 found, now parsing it.");
     for_each_line(text, [&](const char *line) {
       if (line[0] == '1' && line[1] == '|' && parse_global_rule(*next, line) == 0)
         rule_1_applied = true;
@@ -608,45 +606,43 @@ int zxbt_read_rule_file_ex(const char *filedata, bool is_path) {
 
   next->bt_rule =
       rule_7_applied ? ZXBT_RULE_PATTERN : (rule_1_applied ? ZXBT_RULE_GLOBAL : ZXBT_RULE_NONE);
-  ZXBT_LOG(0, "Info", "BT rule file read, bt_rule = %d", next->bt_rule);
-  app->btRules.current.publish(std::move(next));
+  ZXBT_APP_LOG(app, 0, "Info", "BT rule file read, bt_rule = %d", next->bt_rule);
+  app.btRules.current.publish(std::move(next));
   return 0;
 }
 
-int zxbt_read_rule_file(const char *filedata) {
-  const bool is_path = tlzxApplication && tlzxApplication->ZXBCISetting.fileBasedKeywordMode;
-  return zxbt_read_rule_file_ex(filedata, is_path);
+int zxbt_read_rule_file(ZXAppRules &app, const char *filedata) {
+  return zxbt_read_rule_file_ex(app, filedata, app.ZXBCISetting.fileBasedKeywordMode != 0);
 }
 
-int zxbt_read_threshold_file_ex(const char *filedata, bool is_path) {
+int zxbt_read_threshold_file_ex(ZXAppRules &app, const char *filedata, bool is_path) {
   if (!filedata || !*filedata) return -1;
-  if (!tlzxApplication) return 0;
   const std::string text = text_of(filedata, is_path);
-  for_each_line(text, [](const char *line) {
+  for_each_line(text, [&app](const char *line) {
     if (line[0] == '#') return true;
     const Fields<kThresholdFields> f(line);
     if (f.n != 3) {
-      ZXBT_LOG(0, "Error", "Invalid threshold line = '%s', num_fields = %d", line, f.n);
+      ZXBT_APP_LOG(app, 0, "Error", "Invalid threshold line = '%s', num_fields = %d", line, f.n);
       return true;
     }
     const int slow = zxbt_parse_int(f[1]);
     const int verySlow = zxbt_parse_int(f[2]);
     if (slow < 1 || verySlow < 1) {
-      ZXBT_LOG(0, "Error", "Invalid value(s): slow '%d', very slow '%d'", slow, verySlow);
+      ZXBT_APP_LOG(app, 0, "Error", "Invalid value(s): slow '%d', very slow '%d'", slow, verySlow);
       return true;
     }
     if (slow >= verySlow) {
-      ZXBT_LOG(0, "Error", "Invalid values: slow '%d' >= very slow '%d'", slow, verySlow);
+      ZXBT_APP_LOG(app, 0, "Error", "Invalid values: slow '%d' >= very slow '%d'", slow, verySlow);
       return true;
     }
     if (strcasecmp(f[0], "ALL") == 0) {
-      zxbt_set_default_thresholds(slow, verySlow);
-      ZXBT_LOG(0, "Info", "Overwriting default values for all: slow '%d', very slow '%d'", slow,
-               verySlow);
+      zxbt_set_default_thresholds(app, slow, verySlow);
+      ZXBT_APP_LOG(app, 0, "Info", "Overwriting default values for all: slow '%d', very slow '%d'",
+                   slow, verySlow);
       return true;
     }
     BTObject scratch;
-    BTObject *obj = zxbt_config_object(f[0], -1, slow, verySlow, -1, -1, &scratch);
+    BTObject *obj = zxbt_config_object(app, f[0], -1, slow, verySlow, -1, -1, &scratch);
     obj->bt_threshold.slow.store(slow, std::memory_order_relaxed);
     obj->bt_threshold.very_slow.store(verySlow, std::memory_order_relaxed);
     return true;
@@ -654,17 +650,15 @@ int zxbt_read_threshold_file_ex(const char *filedata, bool is_path) {
   return 0;
 }
 
-int zxbt_read_threshold_file(const char *filedata) {
-  const bool is_path = tlzxApplication && tlzxApplication->ZXBCISetting.fileBasedKeywordMode;
-  return zxbt_read_threshold_file_ex(filedata, is_path);
+int zxbt_read_threshold_file(ZXAppRules &app, const char *filedata) {
+  return zxbt_read_threshold_file_ex(app, filedata, app.ZXBCISetting.fileBasedKeywordMode != 0);
 }
 
-int zxbt_read_error_rules(const char *filedata) {
-  ZXProxyInstance_t *app = tlzxApplication;
-  if (!app || !filedata) return -1;
-  const std::string text = text_of(filedata, app->ZXBCISetting.fileBasedKeywordMode != 0);
+int zxbt_read_error_rules(ZXAppRules &app, const char *filedata) {
+  if (!filedata) return -1;
+  const std::string text = text_of(filedata, app.ZXBCISetting.fileBasedKeywordMode != 0);
   char table[ZXBT_ERROR_TABLE_SIZE] = {};
-  for_each_line(text, [&table](const char *line) {
+  for_each_line(text, [&app, &table](const char *line) {
     if (line[0] == '#') return true;
     const Fields<4> f(line);
     if (f.n < 2) return true;
@@ -672,38 +666,39 @@ int zxbt_read_error_rules(const char *filedata) {
     const char *dash = std::strchr(f[0], '-');
     const int to = dash && dash != f[0] ? zxbt_parse_int(dash + 1) : from;
     if (from < 0 || to >= ZXBT_ERROR_TABLE_SIZE || from > to) {
-      ZXBT_LOG(0, "Error", "Invalid BT error rule line = '%s'", line);
+      ZXBT_APP_LOG(app, 0, "Error", "Invalid BT error rule line = '%s'", line);
       return true;
     }
     for (int c = from; c <= to; ++c) table[c] = f[1][0] == 'F' ? 'F' : 0;
     return true;
   });
   for (int c = 0; c < ZXBT_ERROR_TABLE_SIZE; ++c)
-    app->btRules.btErrorArray[c].store(table[c], std::memory_order_relaxed);
+    app.btRules.btErrorArray[c].store(table[c], std::memory_order_relaxed);
   return 0;
 }
 
-void zxbtFileKeywordReader(char *value, char *, int index) {
+void zxbtFileKeywordReader(ZXAppSettings &settings, char *value, char *, int index) {
+  // Every application object is a whole one; the reader registry is below
+  // the rules layer, so it hands over the settings layer.
+  ZXAppRules &app = static_cast<ZXAppRules &>(settings);
   switch (index) {
     case 0:
-      zxbt_read_rule_file(value);
+      zxbt_read_rule_file(app, value);
       break;
     case 1:
-      zxbt_read_threshold_file(value);
+      zxbt_read_threshold_file(app, value);
       break;
     case 2:
-      zxbt_read_error_rules(value);
+      zxbt_read_error_rules(app, value);
       break;
     default:
       break;
   }
 }
 
-void zxbt_apply_default_global_rule() {
-  ZXProxyInstance_t *app = tlzxApplication;
-  if (!app) return;
-  std::lock_guard reload(app->btRules.reloadLock);
-  const ZXBTRuleSet *cur = app->btRules.current.current_for_writer();
+void zxbt_apply_default_global_rule(ZXAppRules &app) {
+  std::lock_guard reload(app.btRules.reloadLock);
+  const ZXBTRuleSet *cur = app.btRules.current.current_for_writer();
   if (cur && cur->bt_rule != ZXBT_RULE_NONE) return;
   std::unique_ptr<ZXBTRuleSet> next;
   try {
@@ -712,7 +707,32 @@ void zxbt_apply_default_global_rule() {
     ZX_LOG_OOM(sizeof(ZXBTRuleSet), "BT rule set", 0);
     return;
   }
-  ZXBT_LOG(0, "Info", "Setting defult BT rule = %s", ZXBT_DEFAULT_GLOBAL_RULE);
+  ZXBT_APP_LOG(app, 0, "Info", "Setting defult BT rule = %s", ZXBT_DEFAULT_GLOBAL_RULE);
   parse_global_rule(*next, ZXBT_DEFAULT_GLOBAL_RULE);
-  app->btRules.current.publish(std::move(next));
+  app.btRules.current.publish(std::move(next));
+}
+
+int ZXBTConfigModelInit(ZXAppRules &app) {
+  ZXBTManager &mgr = app.btManager;
+  {
+    std::lock_guard guard(mgr.bt_obj_map_lock);
+    mgr.bt_obj_map.clear();
+    mgr.config.bt_obj_map.clear();
+    mgr.config.max_bt_count = ZXBT_MAX_BT_COUNT;
+    mgr.config.total_bt_count.store(1, std::memory_order_relaxed);
+  }
+  ZXBTMonitorInit(app);
+  registerFileKeywordReader("BTRuleConfig", zxbtFileKeywordReader);
+  registerFileKeywordReader("BTTConfig", zxbtFileKeywordReader);
+  registerFileKeywordReader("BTErrorRules", zxbtFileKeywordReader);
+
+  const std::string home = app.ZXSys.zxHomePath.c_str();
+  const std::string thresholds = home + "/BTThresholdFile.txt";
+  const std::string rules = home + "/BTRuleFile.txt";
+  zxbt_read_threshold_file_ex(app, thresholds.c_str(), true);
+  zxbt_read_rule_file_ex(app, rules.c_str(), true);
+  zxbt_apply_default_global_rule(app);
+  ZXBT_APP_LOG(app, 0, "Info", "max_bt_count = %d, total_bt_count = %d, BTRuleFile = %s",
+               mgr.config.max_bt_count, mgr.config.total_bt_count.load(), rules.c_str());
+  return 0;
 }

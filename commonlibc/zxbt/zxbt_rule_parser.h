@@ -21,6 +21,9 @@
 #include "zxbt_published.h"
 #include "zxlb_state_machine.h"
 
+struct ZXAppSettings;
+struct ZXAppRules;
+
 inline constexpr int ZXBT_RULE_PATTERN = 7;
 inline constexpr int ZXBT_RULE_GLOBAL = 1;
 inline constexpr int ZXBT_RULE_NONE = 0;
@@ -103,32 +106,40 @@ struct ZXBTRules {
 // File mode (ZXBCISetting.fileBasedKeywordMode set): filedata is a path;
 // otherwise it is the text. Both return 0 once they have text; the
 // threshold reader returns -1 for null or empty filedata.
-int zxbt_read_rule_file(const char *filedata);
-int zxbt_read_threshold_file(const char *filedata);
+int zxbt_read_rule_file(ZXAppRules &app, const char *filedata);
+int zxbt_read_threshold_file(ZXAppRules &app, const char *filedata);
 // The same with the choice made by the caller (start-up reads paths).
-int zxbt_read_rule_file_ex(const char *filedata, bool is_path);
-int zxbt_read_threshold_file_ex(const char *filedata, bool is_path);
+int zxbt_read_rule_file_ex(ZXAppRules &app, const char *filedata, bool is_path);
+int zxbt_read_threshold_file_ex(ZXAppRules &app, const char *filedata, bool is_path);
 
 // "BTErrorRules": lines "<code>|<flag>" or "<from>-<to>|<flag>", "#"
 // comments; flag "F" marks the codes as errors. A read replaces the table.
-int zxbt_read_error_rules(const char *filedata);
+int zxbt_read_error_rules(ZXAppRules &app, const char *filedata);
 
 // The file-based keyword reader of rows 0 (rule file), 1 (threshold file)
-// and 2 (error rules); registered by ZXBTConfigModelInit.
-void zxbtFileKeywordReader(char *value, char *keyword, int index);
+// and 2 (error rules); registered by ZXBTConfigModelInit. `app` must be a
+// whole application object (at least the rules layer).
+void zxbtFileKeywordReader(ZXAppSettings &app, char *value, char *keyword, int index);
 
 // Parses the default global rule into the set in force when no family is
 // set ("Setting defult BT rule = %s").
-void zxbt_apply_default_global_rule();
+void zxbt_apply_default_global_rule(ZXAppRules &app);
+
+// Clears both BT maps and the id counter, starts the BT monitor, registers
+// the file-keyword readers and reads "<home>/BTThresholdFile.txt" and
+// "<home>/BTRuleFile.txt", then applies the default global rule when no rule
+// family was set. 0.
+int ZXBTConfigModelInit(ZXAppRules &app);
 
 // Line parsers over the set being built. 0 accepted, -1 rejected; the two
 // number setters return the value now in force.
-int parse_pattern_rule(ZXBTRuleSet &rules, const char *line, int *init_state_machine);
+int parse_pattern_rule(ZXAppRules &app, ZXBTRuleSet &rules, const char *line,
+                       int *init_state_machine);
 int parse_global_rule(ZXBTRuleSet &rules, const char *data);
 int parse_custom_rule(ZXBTRuleSet &rules, const char *data);
 int parse_exclusion_rule(const char *line);
-int parse_skip_character(const char *line);
-int parse_max_state(const char *line);
+int parse_skip_character(ZXAppRules &app, const char *line);
+int parse_max_state(ZXAppRules &app, const char *line);
 int parse_header_rule(ZXBTRuleSet &rules, const char *line);
 
 // Keyword criteria (rule modes 2 and 3). The URI form returns the operation

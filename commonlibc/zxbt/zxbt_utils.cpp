@@ -3,18 +3,10 @@
 #include <strings.h>
 #include <sys/stat.h>
 
-#include <cerrno>
-#include <climits>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <memory>
-
-#include "ZXProxyInstance.h"
-
-int zxbt_trace_level() {
-  return tlzxApplication ? tlzxApplication->ZXSys.btMonitorTraceLevel : 0;
-}
 
 char getOperationType(const char *op) {
   if (!op) return ZXBT_OP_INVALID;
@@ -96,17 +88,6 @@ const char *getNextLine(char *line, int size, const char **buffer) {
   }
   *buffer = nl ? nl + 1 : nullptr;
   return start;
-}
-
-int zxbt_parse_int(const char *s) {
-  if (!s) return 0;
-  errno = 0;
-  char *end = nullptr;
-  const long long v = strtoll(s, &end, 10);
-  if (end == s) return 0;
-  if (v > INT_MAX || (errno == ERANGE && v > 0)) return INT_MAX;
-  if (v < INT_MIN || (errno == ERANGE && v < 0)) return INT_MIN;
-  return static_cast<int>(v);
 }
 
 std::size_t zxbt_copy(char *dst, std::size_t size, const char *src) {

@@ -1,10 +1,12 @@
-// Text helpers of the BT rule files and the BT trace gate.
+// Text helpers of the BT rule files. The BT trace gate (ZXBT_LOG) and
+// zxbt_parse_int are the BT monitor's, which reads keyword values with it.
 #pragma once
 
 #include <cstddef>
 #include <string>
 
-#include "zxlb_mt_log.h"
+#include "ZXBTMonitor.h"
+#include "ZXBTTrace.h"
 
 inline constexpr int ZXBT_LINE_SIZE = 1024;  // longer lines are cut to 1,023
 // A rule or threshold file is read whole; one above this is refused.
@@ -22,12 +24,6 @@ enum : char {
   ZXBT_OP_INVALID = static_cast<char>(255),
 };
 
-// The BT monitor trace level of the application, 0 without one.
-int zxbt_trace_level();
-
-// BT lines are written when the BT monitor trace level is above `above`.
-#define ZXBT_LOG(above, severity, ...) \
-  ZX_LOG_IF(zxbt_trace_level() > (above), "BT_MON", severity, __VA_ARGS__)
 // Rule-file shape errors go to the control-thread module as errors.
 #define ZXBT_FILE_ERROR(...) ZX_LOG_IF(true, "CONTROL_THREAD", "Error", __VA_ARGS__)
 
@@ -47,10 +43,6 @@ int getLineFromFile(const char *path, std::string &file_buf);
 // Non-null while a line was produced; null at the end. The text is never
 // changed.
 const char *getNextLine(char *line, int size, const char **buffer);
-
-// The leading decimal integer of s (after blanks, with a sign), clamped to
-// the int range; 0 when there is none.
-int zxbt_parse_int(const char *s);
 
 // Copies at most size - 1 bytes of src (null: nothing) and terminates; the
 // length copied.
