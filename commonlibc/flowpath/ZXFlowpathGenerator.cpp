@@ -369,7 +369,7 @@ ZXPerThreadData_t *startFP(ZXAppTracing *app, const char *flowpathinstance, cons
   zx_decide_capture(app, r, ZXCookieStr, start);
 
   r->tlBTObj =
-      get_obj_from_bt_name(r->tlURL, r->tlURLParameters, btHeaderValue, &r->updateBTLock, "");
+      get_obj_from_bt_name(*app, r->tlURL, r->tlURLParameters, btHeaderValue, &r->updateBTLock, "");
   r->tlIsBTExcluded = !r->tlBTObj || r->tlBTObj->bt_id.load(std::memory_order_relaxed) == -2;
   {
     std::lock_guard lk(app->fpiToTLS.lock);
@@ -524,8 +524,8 @@ void endFP(ZXAppTracing *app, ZXPerThreadData_t *r, int statusCode, long long TL
   int category = 0;
   if (bt) {
     category = r->tlIsBTExcluded ? 157
-                                 : findCategoryOfBT(bt->bt_threshold, r->tlDuration, statusCode,
-                                                    &r->tlIsFPCaptured);
+                                 : findCategoryOfBT(*app, bt->bt_threshold, r->tlDuration,
+                                                    statusCode, &r->tlIsFPCaptured);
     r->btCategory = category;
   }
   // A flowpath the stop already wrote out (or an end called twice) is
