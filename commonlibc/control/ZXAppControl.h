@@ -34,7 +34,6 @@ struct ZXAppControl : ZXAppTracing {
   int heartbeat_count = 0;
   char is_switch_over = 0;
   int isMasterZxc = 0;
-  int zxProxyMode = 0;
 
   // Control connection. The control thread alone reads, writes and replaces
   // it; ctrlConnLock guards replacing `zxcCtrlSocket` against other threads
