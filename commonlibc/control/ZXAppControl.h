@@ -28,7 +28,9 @@ inline constexpr int ZX_CTRL_READ_BUFFER_SIZE = 262144;
 
 struct ZXAppControl : ZXAppTracing {
   ZXAppControl() = default;
-  ~ZXAppControl() override;  // stops the control thread
+  // Stops and joins the control thread, then writes the unfinished
+  // flowpaths of a run still active for the data thread's last flush.
+  ~ZXAppControl() override;
 
   // Failover and retry state (control thread only).
   int heartbeat_count = 0;
