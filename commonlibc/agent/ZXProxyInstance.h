@@ -15,7 +15,7 @@ struct ZXProxyInstance_t final : ZXAppControl {
 
   // Start-up state kept for the host's diagnostics features.
   int httpid = 1, resourceMetaID = 1;
-  int enable_DD_AI = 0, instrumentSleep = 0;
+  int enable_DD_AI = 0;
   long long GloTimStmp = 0;
   int dumpHeartBeatforLog = 0;
   long long lastLogSentTime = 0;

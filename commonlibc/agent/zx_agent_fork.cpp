@@ -66,8 +66,9 @@ void afterForkInChild() {
   parentAgentLeftBehind = ZXProxyInstance;
   parentTraceLeftBehind = trace_log_key;
   trace_log_key = nullptr;
-  tlzxApplication = nullptr;
-  ZXProxyInstance = nullptr;
+  // Also the process's log context: lines of the child log for no
+  // application until its own agent starts.
+  publishApplication(nullptr);
   zxAgentRestartPending.store(true, std::memory_order_relaxed);
 }
 

@@ -1,9 +1,10 @@
 #include "zx_agent_stop.h"
 
+#include "ServerMessages.h"
 #include "ZXAutoSensorData.h"
 #include "ZXDataThread.h"
-#include "ZXProxyInstance.h"
 #include "ZXMonitorTimer.h"
+#include "ZXProxyInstance.h"
 #include "control_thread.h"
 #include "zxlb_mt_log.h"
 
@@ -20,6 +21,9 @@ bool agent_stop_by(ZXProxyInstance_t *app, apr_time_t deadline) {
   bool joined = join_control_thread(app, deadline);
   joined &= stopMonitorTimer(app, deadline);
   joined &= stop_as_data_thread(app, deadline);
+  // The run's end as a collector stop writes it: the flowpaths still running
+  // go out as incomplete with the data thread's last flush.
+  writeIncompleteFlowpathsAtStop(app);
   joined &= stop_data_thread(app, deadline);
   if (!joined)
     ZX_LOG_IF(true, "CONTROL_THREAD", "Warning",

@@ -122,6 +122,11 @@ struct ZXAppSettings : zx::LogContext {
   long long processID = 0;
   long long agentStartTime = 0;  // milliseconds
 
+  // Settings-file values kept as read: the file's proxyMode (ZXSys.proxyMode
+  // mirrors it) and instrumentSleep (for the host's diagnostics).
+  int zxProxyMode = 0;
+  int instrumentSleep = 0;
+
   // Collector list and retry policy (control thread only).
   ZXCServerList zxc_server_arr;
   retryPolicy_t retry_policy;

@@ -11,14 +11,16 @@
 #include <string_view>
 
 #include "Server.h"
+#include "ZXAppControl.h"
 #include "ZXAutoSensorData.h"
 #include "ZXDataThread.h"
-#include "ZXProxyInstance.h"
+#include "ZXFlowpathGenerator.h"
 #include "ZXMonitorTimer.h"
-#include "control_connection.h"
 #include "ZXProxyServerRecord.h"
-#include "zx_agent_internal.h"
+#include "ZXSettingsFile.h"
+#include "control_connection.h"
 #include "zxbt_bt_object.h"
+#include "zxlb_mem_pool.h"
 #include "zxlb_mt_log.h"
 #include "zxlb_utiles.h"
 
@@ -26,28 +28,22 @@ namespace {
 
 constexpr int kReplySize = 1024;
 
-ZXProxyInstance_t *self() {
-  return tlzxApplication;
-}
-
 bool has_prefix(const char *text, std::string_view prefix) {
   return strncmp(text, prefix.data(), prefix.size()) == 0;
 }
 
-int sendText(const char *text) {
-  return controlConnectionSendBuffer(text, strlen(text));
+int sendText(ZXAppControl *app, const char *text) {
+  return controlConnectionSendBuffer(app, text, strlen(text));
 }
 
 // A reply that cannot be sent means the link is gone: the poll loop drops it.
-void sendOrDrop(const char *text) {
-  ZXProxyInstance_t *app = self();
+void sendOrDrop(ZXAppControl *app, const char *text) {
   ZX_CTRL_LOG(0, "Info", "Send Message to ZXC [%s] - '%s'", app->control.dstIp, text);
-  if (sendText(text) != 0) app->ZXSys.closeCtrlConFlag = 1;
+  if (sendText(app, text) != 0) app->ZXSys.closeCtrlConFlag = 1;
 }
 
-void forwardToProcesses(const char *message) {
+void forwardToProcesses(ZXAppControl *app, const char *message) {
   // Attached application processes exist only in the proxy server.
-  ZXProxyInstance_t *app = self();
   if (app->processCount <= 0) return;
   ZX_CTRL_LOG(1, "Info", "Forwarding '%.200s' to %d processes", message, app->processCount);
 }
@@ -58,8 +54,7 @@ void logOnly(const char *message) {
 
 }  // namespace
 
-void setAllFlagAndCountVars() {
-  ZXProxyInstance_t *app = self();
+void setAllFlagAndCountVars(ZXAppControl *app) {
   app->heartbeat_count = 0;
   app->isRunTime = 0;
   app->ZXSys.closeCtrlConFlag = 0;
@@ -68,8 +63,7 @@ void setAllFlagAndCountVars() {
   app->Server.isTenRecordDump = 0;
 }
 
-int sendResponseToZXC() {
-  ZXProxyInstance_t *app = self();
+int sendResponseToZXC(ZXAppControl *app) {
   // The reply is cut to its buffer, as the collector has always received it.
   std::string reply = "zx_control_rep:action=start_instrumentation;status=starting;result=Ok;\n";
   const char *extra = app->Server.startInstrRespBuffer;
@@ -79,22 +73,32 @@ int sendResponseToZXC() {
   }
   if (reply.size() > kReplySize - 1) reply.resize(kReplySize - 1);
   ZX_CTRL_LOG(0, "Info", "Send Message to ZXC [%s] - '%s'", app->control.dstIp, reply.c_str());
-  int rc = sendText(reply.c_str());
+  int rc = sendText(app, reply.c_str());
   if (rc != 0) app->ZXSys.closeCtrlConFlag = 1;
   return rc;
 }
 
-int sendResponseOfStopInstrumentation() {
-  ZXProxyInstance_t *app = self();
+int sendResponseOfStopInstrumentation(ZXAppControl *app) {
   const char *reply = "zx_control_rep:action=stop_instrumentation;status=stopping;result=Ok;\n";
   ZX_CTRL_LOG(2, "Info", "'%s'", reply);
-  int rc = sendText(reply);
+  int rc = sendText(app, reply);
   if (rc != 0) app->ZXSys.closeCtrlConFlag = 1;
   return rc;
 }
 
-void handleStartInstrumentationCase(char *message) {
-  ZXProxyInstance_t *app = self();
+void writeIncompleteFlowpathsAtStop(ZXAppControl *app) {
+  // Only a data thread still in its loop sends them; one already stopping has
+  // ended its run, and without one nothing would go out.
+  if (!app->dataThreadRunning.load() || app->stopDataThread.load()) return;
+  dumpFpFromBusyList(
+      app,
+      [](ZXPerThreadData_t *record, void *user) {
+        dumpIncompleteFPAtTestStop(static_cast<ZXAppTracing *>(user), record);
+      },
+      static_cast<ZXAppTracing *>(app));
+}
+
+void handleStartInstrumentationCase(ZXAppControl *app, char *message) {
   app->Server.isRuntimeApplied = 0;
   ZX_CTRL_LOG(2, "Info", "Value of isRuntimeApplied : '%c' set.",
               app->Server.isRuntimeApplied + '0');
@@ -112,19 +116,18 @@ void handleStartInstrumentationCase(char *message) {
   readingEntryPointfile();
 }
 
-void handleStartInstrumentation(char *message) {
-  ZXProxyInstance_t *app = self();
+void handleStartInstrumentation(ZXAppControl *app, char *message) {
   Server_t &srv = app->Server;
   ZX_CTRL_LOG(0, "Info", "%s", message);
   if (ZXProxy.proxyServerFlag)
     ZX_CTRL_LOG(0, "Info", "Proxy Server - processCount = %d", app->processCount);
   else
     ZX_CTRL_LOG(0, "Info", "Agent App - processCount = %d", app->processCount);
-  forwardToProcesses(message);
+  forwardToProcesses(app, message);
   if (app->processCount > 0) app->startInstMsg.assign(message);
   ZX_CTRL_LOG(0, "Info", "Receive msg '%s'", message);
 
-  zxlb_init_all_keywords();
+  zxlb_init_all_keywords(*app);
   ZXBTConfigModelInit();
   ZX_CTRL_LOG(0, "Info", "Calling transfer_data_callback to pass agentTraceLevel");
 
@@ -136,7 +139,7 @@ void handleStartInstrumentation(char *message) {
   }
   if (!strstr(message, "TimeStampDiff")) srv.diffTimeFromZXC = 0;
 
-  findStatusFromClientMsg(message);
+  findStatusFromClientMsg(*app, message);
   if (app->ZXSys.closeCtrlConFlag) return;
 
   if (srv.changeOriginalTime) {
@@ -155,18 +158,17 @@ void handleStartInstrumentation(char *message) {
   ++srv.numberOfTestRunsTillNow;
   srv.retryForDataConn = 1;
   srv.retryForAutoSensorConn = 1;
-  setAllFlagAndCountVars();
+  setAllFlagAndCountVars(app);
   srv.InstrumentationBusy = 1;
   srv.testRunRunning = 1;
-  handleStartInstrumentationCase(message);
-  sendResponseToZXC();
+  handleStartInstrumentationCase(app, message);
+  sendResponseToZXC(app);
 }
 
-void handleStoppingCaseAtStopInstrumentCase(char *message) {
-  ZXProxyInstance_t *app = self();
+void handleStoppingCaseAtStopInstrumentCase(ZXAppControl *app, char *message) {
   Server_t &srv = app->Server;
   ZX_CTRL_LOG(0, "Info", "%s", message);
-  forwardToProcesses(message);
+  forwardToProcesses(app, message);
   if (app->processCount > 0) app->startInstMsg.reset();
 
   srv.gettingstopInstrumenatation = 1;
@@ -174,79 +176,77 @@ void handleStoppingCaseAtStopInstrumentCase(char *message) {
     app->controlSleep(apr_time_from_sec(static_cast<apr_time_t>(srv.dumpremainingtstime) * 60));
   srv.gettingstopInstrumenatation = 0;
 
-  setToStopThread(1);
+  writeIncompleteFlowpathsAtStop(app);
+  request_data_thread_stop(app);
   stopMonitorTimer(app);
   stop_as_data_thread(app);
   srv.testRunRunning = 0;
   srv.retryForDataConn = 0;
   srv.retryForAutoSensorConn = 0;
   srv.controlCommunicationBusyFlag = 0;
-  findStatusFromClientMsg(message);
+  findStatusFromClientMsg(*app, message);
   srv.InstrumentationBusy = 0;
-  sendResponseOfStopInstrumentation();
+  sendResponseOfStopInstrumentation(app);
 }
 
-void handleStopInstrumentationCase(char *message) {
-  const char *status = self()->Server.statusValue;
+void handleStopInstrumentationCase(ZXAppControl *app, char *message) {
+  const char *status = app->Server.statusValue;
   if (strncasecmp(status, "running", 7) == 0 || strncasecmp(status, "stopping", 8) == 0)
-    handleStoppingCaseAtStopInstrumentCase(message);
+    handleStoppingCaseAtStopInstrumentCase(app, message);
   else
     ZX_CTRL_LOG(0, "Info", "Stop ignored: no run is active (status '%.*s')", ZX_STATUS_VALUE_SIZE,
                 status);
 }
 
-void handleModifyMessage(char *message) {
-  ZXProxyInstance_t *app = self();
+void handleModifyMessage(ZXAppControl *app, char *message) {
   ZX_CTRL_LOG(0, "Info", "%s", message);
   if (ZXProxy.proxyServerFlag) {
     ZX_CTRL_LOG(0, "Info", "Proxy sending AI message to agent");
-    forwardToProcesses(message);
+    forwardToProcesses(app, message);
   }
   if (!app->Server.InstrumentationBusy) {
-    sendOrDrop(
-        "zx_control_rep:result=Error:<Unable to process modify message because of stop "
-        "instrument recieved or startInstrument not recieved.\n");
+    sendOrDrop(app,
+               "zx_control_rep:result=Error:<Unable to process modify message because of stop "
+               "instrument recieved or startInstrument not recieved.\n");
     return;
   }
   app->isRunTime = 1;
-  handleRunTimeChangeCase(message);
+  handleRunTimeChangeCase(app, message);
   app->isRunTime = 0;
 }
 
-void handleRunTimeChangeCase(char *message) {
-  findStatusFromClientMsg(message);
-  self()->Server.isRuntimeApplied = 1;
-  sendOrDrop("zx_control_rep:action=modify;result=Ok;\n");
+void handleRunTimeChangeCase(ZXAppControl *app, char *message) {
+  findStatusFromClientMsg(*app, message);
+  app->Server.isRuntimeApplied = 1;
+  sendOrDrop(app, "zx_control_rep:action=modify;result=Ok;\n");
 }
 
-void handleHeartbeatEcho(char *message) {
-  ZXProxyInstance_t *app = self();
+void handleHeartbeatEcho(ZXAppControl *app, char *message) {
   ZX_CTRL_LOG(0, "Info", "Receive Message from ZXC - '%s'", message);
   long long elapsed = my_gettimeofday() - app->totalElapsedTime;
   char elapsedText[64];
   snprintf(elapsedText, sizeof elapsedText, "%lld ms", elapsed);
   ZX_CTRL_LOG(0, "Info", "Heartbeat set is :%lld, Process count = %d Time Elapsed- '%s'",
               app->Server.lastHeartBeatRcvTime, app->processCount, elapsedText);
-  forwardToProcesses(message);
-  applyHeartbeatEchoStates(message);
+  forwardToProcesses(app, message);
+  applyHeartbeatEchoStates(app, message);
   app->heartbeat_count = 0;
 }
 
-bool parseReRouteMessageAndUpdateClientInfo(const char *message) {
+bool parseReRouteMessageAndUpdateClientInfo(ZXAppControl *app, const char *message) {
   std::string host;
   int port = 0;
   if (!parse_zxc_host_port(message, host, port)) {
     ZX_CTRL_LOG(0, "Error", "Re-route message without a collector: '%s'", message);
     return false;
   }
-  ZXBCISetting_t &bci = self()->ZXBCISetting;
+  ZXBCISetting_t &bci = app->ZXBCISetting;
   bci.zxcHost.assign(host.c_str());
   bci.zxcPort = port;
   return true;
 }
 
-int updateZXSettingFile(const char *host, int port) {
-  ZXProxyInstance_t *app = self();
+int updateZXSettingFile(ZXAppControl *app, const char *host, int port) {
   std::string path = app->ZXSys.zxHomePath.c_str();
   path += "/config/zxsettings.conf";
   std::ifstream in(path);
@@ -282,48 +282,49 @@ int updateZXSettingFile(const char *host, int port) {
     return -1;
   }
   // The connection loop must not take our own rewrite for an outside change.
-  check_file_size_of_zxsetting_files(0);
+  check_file_size_of_zxsetting_files(*app, 0);
   return 0;
 }
 
-void handleRerouteMessage(char *message) {
-  ZXProxyInstance_t *app = self();
+void handleRerouteMessage(ZXAppControl *app, char *message) {
   Server_t &srv = app->Server;
   snprintf(srv.connDestination, sizeof srv.connDestination, "%s:%d", app->control.dstIp,
            app->control.dstPort);
-  if (!parseReRouteMessageAndUpdateClientInfo(message)) return;
+  if (!parseReRouteMessageAndUpdateClientInfo(app, message)) return;
   ZXBCISetting_t &bci = app->ZXBCISetting;
   if (srv.isClusterMode) {
     app->zxc_server_arr.at_growing(1).zxc_host.assign(bci.zxcHost.c_str());
   } else {
-    set_primary_zxc(bci.zxcHost.c_str(), bci.zxcPort);
-    updateZXSettingFile(bci.zxcHost.c_str(), bci.zxcPort);
+    set_primary_zxc(*app, bci.zxcHost.c_str(), bci.zxcPort);
+    updateZXSettingFile(app, bci.zxcHost.c_str(), bci.zxcPort);
   }
   srv.lastConnectionTime = my_gettimeofday();
-  if (srv.InstrumentationBusy) handleStoppingCaseAtStopInstrumentCase(message);
-  if (srv.numberOfTestRunsTillNow > 0) stop_data_thread(app);
-  setAllFlagAndCountVars();
+  if (srv.InstrumentationBusy) handleStoppingCaseAtStopInstrumentCase(app, message);
+  if (srv.numberOfTestRunsTillNow > 0) {
+    writeIncompleteFlowpathsAtStop(app);
+    stop_data_thread(app);
+  }
+  setAllFlagAndCountVars(app);
   app->ZXSys.closeCtrlConFlag = 1;
   ZX_CTRL_LOG(1, "Info", "Rerouting operation completed.");
 }
 
-void handleReceivedClientMessageFromZXCollector(char *message) {
-  if (!message || !tlzxApplication) return;
-  ZXProxyInstance_t *app = self();
+void handleReceivedClientMessageFromZXCollector(ZXAppControl *app, char *message) {
+  if (!message || !app) return;
   if (has_prefix(message, "zx_control_req:action=start_instrumentation")) {
-    handleStartInstrumentation(message);
+    handleStartInstrumentation(app, message);
   } else if (has_prefix(message, "zx_control_rep:action:result=Ok;") ||
              has_prefix(message, "zx_control_msg_rep:action:result=Ok;") ||
              has_prefix(message, "zx_ctrl_msg_rep:result=Ok;")) {
     app->heartbeat_count = 0;
   } else if (has_prefix(message, "zx_control_req:action=reconnect;")) {
-    handleHeartbeatEcho(message);
+    handleHeartbeatEcho(app, message);
   } else if (has_prefix(message, "zx_meta_data_req:action=send_meta_data;")) {
     ZX_CTRL_LOG(0, "Info", "Receive Message from ZXC : '%s'", message);
-    sendOrDrop("zx_meta_data_rep:status=complete;\n");
+    sendOrDrop(app, "zx_meta_data_rep:status=complete;\n");
   } else if (has_prefix(message, "zxc_req:action=discover_loaded_classes")) {
     if (ZXProxy.proxyServerFlag)
-      forwardToProcesses(message);
+      forwardToProcesses(app, message);
     else
       logOnly(message);
   } else if (has_prefix(message, "zx_control_req:action=auto_discovery;") ||
@@ -332,14 +333,14 @@ void handleReceivedClientMessageFromZXCollector(char *message) {
              has_prefix(message, "zx_control_rep:action=instrumentation_profile")) {
     // Read by the requester waiting for it.
   } else if (has_prefix(message, "zx_control_req:action=stop_instrumentation")) {
-    handleStopInstrumentationCase(message);
+    handleStopInstrumentationCase(app, message);
   } else if (has_prefix(message, "zx_control_req:action=modify")) {
-    handleModifyMessage(message);
+    handleModifyMessage(app, message);
   } else if (has_prefix(message, "zx_control_req:action=reset_monitor;monitor_event_id=") ||
              has_prefix(message, "zx_control_req:action=abort;")) {
     logOnly(message);
   } else if (has_prefix(message, "zx_control_req:action=reroute_ctrl_con")) {
-    handleRerouteMessage(message);
+    handleRerouteMessage(app, message);
   } else if (has_prefix(message, "download_file_req") || has_prefix(message, "upload_file_req")) {
     logOnly(message);
   } else if (has_prefix(message, "zx_meta_data_req:action=auto_instr_status;")) {

@@ -2,11 +2,15 @@
 
 #include <chrono>
 
+#include "ServerMessages.h"
 #include "control_thread.h"
 
 ZXAppControl::~ZXAppControl() {
   request_control_stop(this);
   join_control_thread(this, 0);
+  // A run still active ends as a collector stop ends it: its unfinished
+  // flowpaths go out with the data thread's last flush (~ZXAppLink).
+  writeIncompleteFlowpathsAtStop(this);
 }
 
 bool ZXAppControl::controlSleep(apr_interval_time_t interval) {

@@ -28,13 +28,14 @@ inline constexpr int ZX_CTRL_READ_BUFFER_SIZE = 262144;
 
 struct ZXAppControl : ZXAppTracing {
   ZXAppControl() = default;
-  ~ZXAppControl() override;  // stops the control thread
+  // Stops and joins the control thread, then writes the unfinished
+  // flowpaths of a run still active for the data thread's last flush.
+  ~ZXAppControl() override;
 
   // Failover and retry state (control thread only).
   int heartbeat_count = 0;
   char is_switch_over = 0;
   int isMasterZxc = 0;
-  int zxProxyMode = 0;
 
   // Control connection. The control thread alone reads, writes and replaces
   // it; ctrlConnLock guards replacing `zxcCtrlSocket` against other threads

@@ -10,8 +10,8 @@
 #include <string_view>
 
 #include "ServerMessages.h"
+#include "ZXAppControl.h"
 #include "ZXDataThread.h"
-#include "ZXProxyInstance.h"
 #include "ZXProxyServerRecord.h"
 #include "zxlb_mt_log.h"
 #include "zxlb_utiles.h"
@@ -20,10 +20,6 @@ namespace {
 
 constexpr int kErrSize = 1024;
 constexpr int kMaxReplyFields = 10;
-
-ZXProxyInstance_t *self() {
-  return tlzxApplication;
-}
 
 const char *machineType() {
   static const std::string type = [] {
@@ -46,8 +42,7 @@ bool starts_with(const char *text, std::string_view prefix) {
 
 }  // namespace
 
-int create_control_conn(ZXProxyInstance_t *app, const char *host, int port, char *err,
-                        int err_len) {
+int create_control_conn(ZXAppControl *app, const char *host, int port, char *err, int err_len) {
   int protocol = app->lws_active ? app->ActiveAgentProtocolIndex : ZX_PROTO_TCP;
   std::unique_ptr<ZXConnection> conn = zx_open_connection(
       protocol, host, port, app->linkTimings.connectTimeout, app->linkTimings.ctrlIoTimeout, err,
@@ -63,8 +58,7 @@ int create_control_conn(ZXProxyInstance_t *app, const char *host, int port, char
   return 0;
 }
 
-void control_connection_cleanup() {
-  ZXProxyInstance_t *app = self();
+void control_connection_cleanup(ZXAppControl *app) {
   std::unique_ptr<ZXConnection> old;
   {
     std::lock_guard lk(app->ctrlConnLock);
@@ -77,8 +71,7 @@ void control_connection_cleanup() {
   ZX_CTRL_LOG(0, "Info", "Control connection closed.");
 }
 
-int controlConnectionSendBuffer(const char *text, std::size_t len) {
-  ZXProxyInstance_t *app = self();
+int controlConnectionSendBuffer(ZXAppControl *app, const char *text, std::size_t len) {
   if (!app || !app->zxcCtrlSocket) {
     ZX_CTRL_LOG(0, "Error", "No control connection to send '%.200s'", text);
     return 1;
@@ -91,8 +84,7 @@ int controlConnectionSendBuffer(const char *text, std::size_t len) {
   return 0;
 }
 
-void setControlConnectionReqMessage() {
-  ZXProxyInstance_t *app = self();
+void setControlConnectionReqMessage(ZXAppControl *app) {
   ZXBCISetting_t &bci = app->ZXBCISetting;
   Server_t &srv = app->Server;
   const zxc_servers_t &first = app->zxc_server_arr.at_growing(0);
@@ -138,9 +130,8 @@ void setControlConnectionReqMessage() {
   bci.controlConnectionReqMessage_len = n < 0 ? 0 : n;
 }
 
-bool send_control_con_req_msg_to_zxc() {
-  ZXProxyInstance_t *app = self();
-  setControlConnectionReqMessage();
+bool send_control_con_req_msg_to_zxc(ZXAppControl *app) {
+  setControlConnectionReqMessage(app);
   const ZXBCISetting_t &bci = app->ZXBCISetting;
   ZX_CTRL_LOG(0, "Info", "'%.200s'", bci.controlConnectionReqMessage);
   ZX_CTRL_LOG(1, "Info", "'%s'", bci.controlConnectionReqMessage);
@@ -207,7 +198,7 @@ namespace {
 
 // Reads once into the free end of the buffer: bytes read, 0 for none, -1
 // when the connection must go (closed or failed; logged).
-long read_into(ZXProxyInstance_t *app, controlSocketBuffer_t *buf) {
+long read_into(ZXAppControl *app, controlSocketBuffer_t *buf) {
   int cap = 0;
   char *space = control_buffer_space(buf, &cap);
   char err[kErrSize] = {};
@@ -257,8 +248,7 @@ void log_reply_line(const char *line) {
 
 }  // namespace
 
-int rec_control_con_rep_msg_from_zxc(controlSocketBuffer_t *buf) {
-  ZXProxyInstance_t *app = self();
+int rec_control_con_rep_msg_from_zxc(ZXAppControl *app, controlSocketBuffer_t *buf) {
   if (!app->zxcCtrlSocket) return ZX_REPLY_REJECTED;
   // The reply may come in pieces; it is judged once its line is complete.
   const apr_time_t deadline = apr_time_now() + app->linkTimings.ctrlIoTimeout;
@@ -267,7 +257,7 @@ int rec_control_con_rep_msg_from_zxc(controlSocketBuffer_t *buf) {
     if (char *line = take_line(buf)) {
       log_reply_line(line);
       buf->lastReply.assign(line);
-      int result = handle_zxc_con_res_msg(line);
+      int result = handle_zxc_con_res_msg(app, line);
       compact(buf);  // moves later lines over this one
       return result;
     }
@@ -283,8 +273,7 @@ int rec_control_con_rep_msg_from_zxc(controlSocketBuffer_t *buf) {
   return ZX_REPLY_REJECTED;
 }
 
-bool applyHeartbeatEchoStates(const char *message) {
-  ZXProxyInstance_t *app = self();
+bool applyHeartbeatEchoStates(ZXAppControl *app, const char *message) {
   std::string text(message);
   char *fields[kMaxReplyFields] = {};
   int n = zxlb_get_tokens_with_multi_delimiter(text.data(), fields, kMaxReplyFields, ";");
@@ -318,46 +307,45 @@ namespace {
 // The collector named by the SaaS endpoint becomes entry 0, so that the next
 // pass connects to it with the ordinary request. Its fields are
 // "zxcHost=<host>;zxcPort=<port>".
-bool parseSaasReply(const char *rest) {
+bool parseSaasReply(ZXAppControl *app, const char *rest) {
   std::string host;
   int port = 0;
   if (!parse_zxc_host_port(rest, host, port)) return false;
-  set_primary_zxc(host.c_str(), port);
+  set_primary_zxc(*app, host.c_str(), port);
   return true;
 }
 
-int commonAcceptSteps(char *reply) {
+int commonAcceptSteps(ZXAppControl *app, char *reply) {
   if (const char *p = strstr(reply, "procIndex=")) {
     int procIndex = atoi(p + strlen("procIndex="));
     ZX_CTRL_LOG(1, "Info", "Reply for procIndex=%d", procIndex);
   }
   // Policy fields are accepted as they come; nothing in them changes the link.
-  return setProtocolFromResponseMessage(reply) ? ZX_REPLY_SWITCH : ZX_REPLY_ACCEPTED;
+  return setProtocolFromResponseMessage(app, reply) ? ZX_REPLY_SWITCH : ZX_REPLY_ACCEPTED;
 }
 
 }  // namespace
 
-int handle_zxc_con_res_msg(char *reply) {
-  ZXProxyInstance_t *app = self();
+int handle_zxc_con_res_msg(ZXAppControl *app, char *reply) {
   Server_t &srv = app->Server;
   if (strstr(reply, "zx_control_req:action=reconnect;heartBeat")) {
     ZX_CTRL_LOG(0, "Info", "Receive Message from ZXC - '%s'", reply);
-    if (!applyHeartbeatEchoStates(reply)) {
+    if (!applyHeartbeatEchoStates(app, reply)) {
       ZX_CTRL_LOG(0, "Error",
                   "controlBreak connection is closed from ZXC due to 'num_fields' "
                   "less than 3.");
-      control_connection_cleanup();
+      control_connection_cleanup(app);
       return ZX_REPLY_REJECTED;
     }
     return ZX_REPLY_ACCEPTED;
   }
   if (starts_with(reply, "mor_saas_auth_agent_msg_rep:status=OK")) {
-    if (parseSaasReply(reply + strlen("mor_saas_auth_agent_msg_rep:status=OK")))
+    if (parseSaasReply(app, reply + strlen("mor_saas_auth_agent_msg_rep:status=OK")))
       ZX_CTRL_LOG(0, "Info",
                   "Closing Control Connection with SAAS and going to make connection with ZXC");
     else
       ZX_CTRL_LOG(0, "Info", "Closing Control Connection with SAAS");
-    control_connection_cleanup();
+    control_connection_cleanup(app);
     return ZX_REPLY_REJECTED;
   }
   if (starts_with(reply, "mor_saas_auth_agent_msg_rep:status=ERROR")) {
@@ -367,13 +355,13 @@ int handle_zxc_con_res_msg(char *reply) {
   if (starts_with(reply, "zx_ctrl_msg_rep:result=Ok;status=NOT_RUNNING;")) {
     srv.retryForDataConn = 0;
     srv.retryForAutoSensorConn = 0;
-    return commonAcceptSteps(reply);
+    return commonAcceptSteps(app, reply);
   }
   if (starts_with(reply, "zx_ctrl_msg_rep:result=Ok;status=RUNNING")) {
     srv.retryForDataConn = 1;
-    return commonAcceptSteps(reply);
+    return commonAcceptSteps(app, reply);
   }
-  if (starts_with(reply, "zx_ctrl_msg_rep:result=Ok;")) return commonAcceptSteps(reply);
+  if (starts_with(reply, "zx_ctrl_msg_rep:result=Ok;")) return commonAcceptSteps(app, reply);
   if (starts_with(reply, "zx_ctrl_msg_rep:result=")) {
     ZX_CTRL_LOG(0, "Error",
                 "controlBreak Going to close control connection with server %s:%d due to invalid "
@@ -385,8 +373,7 @@ int handle_zxc_con_res_msg(char *reply) {
   return ZX_REPLY_REJECTED;
 }
 
-void setConnectionChannel(int protocol) {
-  ZXProxyInstance_t *app = self();
+void setConnectionChannel(ZXAppControl *app, int protocol) {
   switch (protocol) {
     case ZX_PROTO_TCP:
       app->lws_active = 0;
@@ -402,8 +389,7 @@ void setConnectionChannel(int protocol) {
   app->ActiveAgentProtocolIndex = protocol;
 }
 
-int setProtocolFromResponseMessage(const char *reply) {
-  ZXProxyInstance_t *app = self();
+int setProtocolFromResponseMessage(ZXAppControl *app, const char *reply) {
   ZXSupportedProtocols &offer = app->supportedProtocolsZXC;
   std::string text(reply);
   char *fields[kMaxReplyFields] = {};
@@ -451,7 +437,7 @@ int setProtocolFromResponseMessage(const char *reply) {
     ZX_CTRL_LOG(0, "Info", "ZXC protocol - %d and  ActiveAgentProtocolIndex - %d are not same",
                 match, app->ActiveAgentProtocolIndex);
     ZX_CTRL_LOG(0, "Info", "Hence Switching Protocol");
-    setConnectionChannel(match);
+    setConnectionChannel(app, match);
     return 1;
   }
   if (matchPort != app->control.dstPort) {
@@ -464,15 +450,14 @@ int setProtocolFromResponseMessage(const char *reply) {
   return 0;
 }
 
-void processControlConnectionMessage(controlSocketBuffer_t *buf) {
-  while (char *line = take_line(buf)) handleReceivedClientMessageFromZXCollector(line);
+void processControlConnectionMessage(ZXAppControl *app, controlSocketBuffer_t *buf) {
+  while (char *line = take_line(buf)) handleReceivedClientMessageFromZXCollector(app, line);
   compact(buf);
 }
 
-int read_msg_from_zxc(controlSocketBuffer_t *buf) {
-  ZXProxyInstance_t *app = self();
+int read_msg_from_zxc(ZXAppControl *app, controlSocketBuffer_t *buf) {
   if (read_into(app, buf) < 0) return 1;
-  processControlConnectionMessage(buf);
+  processControlConnectionMessage(app, buf);
   if (app->ZXSys.closeCtrlConFlag) {
     ZX_CTRL_LOG(0, "Info", "Close ctrl conn flag is enabled. Closing connection.");
     app->ZXSys.retryFlag = 1;
@@ -481,8 +466,7 @@ int read_msg_from_zxc(controlSocketBuffer_t *buf) {
   return 0;
 }
 
-void make_control_conn_heartbeat_msg() {
-  ZXProxyInstance_t *app = self();
+void make_control_conn_heartbeat_msg(ZXAppControl *app) {
   ZXBCISetting_t &bci = app->ZXBCISetting;
   int n = snprintf(bci.control_conn_heartbeat_msg, sizeof bci.control_conn_heartbeat_msg,
                    "zx_control_req:action=reconnect;heartBeat %d;\n", app->heartbeat_count);
@@ -490,9 +474,8 @@ void make_control_conn_heartbeat_msg() {
   ++app->heartbeat_count;
 }
 
-int send_control_conn_heartbeat_to_zxc() {
-  ZXProxyInstance_t *app = self();
-  make_control_conn_heartbeat_msg();
+int send_control_conn_heartbeat_to_zxc(ZXAppControl *app) {
+  make_control_conn_heartbeat_msg(app);
   ZXBCISetting_t &bci = app->ZXBCISetting;
   ZX_CTRL_LOG(0, "Info", "ZXBCISetting.control_conn_heartbeat_msg = %s",
               bci.control_conn_heartbeat_msg);
@@ -505,30 +488,28 @@ int send_control_conn_heartbeat_to_zxc() {
     ZX_CTRL_LOG(0, "Error",
                 "controlBreak Unable to send heartbeat message to control connection. Going to "
                 "close connection");
-    control_connection_cleanup();
+    control_connection_cleanup(app);
     return 1;
   }
   return 0;
 }
 
-int checkZXCAlive() {
-  ZXProxyInstance_t *app = self();
+int checkZXCAlive(ZXAppControl *app) {
   long long silent = my_gettimeofday() - app->Server.lastHeartBeatRcvTime;
   if (silent < app->ZXSys.zxcHeartBeatThreshold) return 0;
   ZX_CTRL_LOG(0, "Error",
               "Last Received heartbeat msg time is greater than zxcHeartBeatThreshold.Hence going "
               "to closing all connection. HeartBeatDuration = %lld, zxcHeartBeatThreshold = %lld",
               silent, app->ZXSys.zxcHeartBeatThreshold.load());
-  control_connection_cleanup();
+  control_connection_cleanup(app);
   return 1;
 }
 
-int handle_msg_from_zxc(controlSocketBuffer_t *buf) {
-  ZXProxyInstance_t *app = self();
+int handle_msg_from_zxc(ZXAppControl *app, controlSocketBuffer_t *buf) {
   if (!app->zxcCtrlSocket) return 1;
   ZXSys_t &sys = app->ZXSys;
   // Lines that came with the reply are handled before the first poll.
-  processControlConnectionMessage(buf);
+  processControlConnectionMessage(app, buf);
   int idlePolls = 0;
   int pollErrors = 0;
   char err[kErrSize] = {};
@@ -553,7 +534,7 @@ int handle_msg_from_zxc(controlSocketBuffer_t *buf) {
     }
     pollErrors = 0;
     if (w == ZXConnection::Wait::Timeout) {
-      if (!app->ZXBCISetting.flagForHandlingProxy && checkZXCAlive()) {
+      if (!app->ZXBCISetting.flagForHandlingProxy && checkZXCAlive(app)) {
         ZX_CTRL_LOG(0, "Info", "Close ctrl conn flag is enabled. Closing connection.");
         return 1;
       }
@@ -564,7 +545,7 @@ int handle_msg_from_zxc(controlSocketBuffer_t *buf) {
       checkAndClearHashMapNode(app, 0);
       if (app->zx_dr_state && app->retry_policy.heartbeat_reply_timeout_check > 0 &&
           idlePolls % app->retry_policy.heartbeat_reply_timeout_check == 0 &&
-          send_control_conn_heartbeat_to_zxc() != 0)
+          send_control_conn_heartbeat_to_zxc(app) != 0)
         return 1;
       continue;
     }
@@ -572,6 +553,6 @@ int handle_msg_from_zxc(controlSocketBuffer_t *buf) {
     ZX_CTRL_LOG(0, "Info", "Last updated heartbeat from ZXC is :%lld",
                 app->Server.lastHeartBeatRcvTime);
     ZX_CTRL_LOG(1, "Info", "got Epollin event from ZXC");
-    if (read_msg_from_zxc(buf) == 1) return 1;
+    if (read_msg_from_zxc(app, buf) == 1) return 1;
   }
 }

@@ -6,18 +6,15 @@
 #include <exception>
 #include <string>
 
+#include "ZXAppControl.h"
 #include "ZXDataThread.h"
-#include "ZXProxyInstance.h"
-#include "control_connection.h"
 #include "ZXProxyServerRecord.h"
-#include "zx_agent_internal.h"
+#include "ZXSettingsFile.h"
+#include "control_connection.h"
 #include "zxlb_mt_log.h"
 #include "zxlb_utiles.h"
 
-bool control_thread_configure(ZXProxyInstance_t *app) {
-  // Written only when it differs: in an agent it already holds `app`, and the
-  // host's threads read it concurrently.
-  if (tlzxApplication != app) tlzxApplication = app;
+bool control_thread_configure(ZXAppControl *app) {
   ZXSys_t &sys = app->ZXSys;
   ZXBCISetting_t &bci = app->ZXBCISetting;
   bool proxy_server = ZXProxy.proxyServerFlag != 0;
@@ -33,15 +30,15 @@ bool control_thread_configure(ZXProxyInstance_t *app) {
   } else {
     app->ActiveAgentProtocolIndex = ZX_PROTO_TCP;
   }
-  init_zxc_server_config();
+  init_zxc_server_config(*app);
 
   // Until a collector is known the environment and the file are read again;
   // a pause between passes keeps a missing file from spinning a core.
   while (!app->stopRequested) {
     app->isMasterZxc = 0;
-    if (!sys.proxyMode && !app->Server.isClusterMode) clear_zxc_server_setting();
-    if (read_env_var() == 0) break;
-    if (read_conf_file() == 0) break;
+    if (!sys.proxyMode && !app->Server.isClusterMode) clear_zxc_server_setting(*app);
+    if (read_env_var(*app) == 0) break;
+    if (read_conf_file(*app) == 0) break;
     app->controlSleep(app->retry_policy.time_interval);
   }
   if (app->stopRequested) return false;
@@ -57,10 +54,10 @@ constexpr int kErrSize = 1024;
 // a collector that rejects every request must not make this thread spin.
 constexpr int kImmediateAttempts = 3;
 
-void failoverCheck(ZXProxyInstance_t *app) {
+void failoverCheck(ZXAppControl *app) {
   if (app->zx_dr_state && !app->Server.isClusterMode) {
     ZX_CTRL_LOG(0, "Info", "[ZX DR Feature]; Going to search for backup ZXC info");
-    connection_retry_failed();
+    connection_retry_failed(*app);
   }
 }
 
@@ -70,7 +67,7 @@ struct Endpoint {
   bool proxy = false;
 };
 
-Endpoint chooseEndpoint(ZXProxyInstance_t *app) {
+Endpoint chooseEndpoint(ZXAppControl *app) {
   ZXSys_t &sys = app->ZXSys;
   Endpoint e;
   if (sys.proxyMode && !ZXProxy.proxyServerFlag) {
@@ -89,7 +86,7 @@ Endpoint chooseEndpoint(ZXProxyInstance_t *app) {
       entry = &app->zxc_server_arr.at_growing(1);
     }
   } else {
-    entry = &get_active_zxc();
+    entry = &get_active_zxc(*app);
   }
   e.host = entry->zxc_host.c_str();
   e.port = static_cast<int>(entry->zxc_port);
@@ -97,16 +94,16 @@ Endpoint chooseEndpoint(ZXProxyInstance_t *app) {
 }
 
 // One trace line per change of the link's state, at every trace level.
-void reportLinkDown(ZXProxyInstance_t *app, const Endpoint &ep, const char *why) {
-  if (app->ctrlLinkReported == ZXProxyInstance_t::LinkReport::Down) return;
-  app->ctrlLinkReported = ZXProxyInstance_t::LinkReport::Down;
+void reportLinkDown(ZXAppControl *app, const Endpoint &ep, const char *why) {
+  if (app->ctrlLinkReported == ZXAppControl::LinkReport::Down) return;
+  app->ctrlLinkReported = ZXAppControl::LinkReport::Down;
   ZX_STATE_LOG("Warning", "Collector %s:%d not available (%s); retrying", ep.host.c_str(), ep.port,
                why);
 }
 
-void reportLinkUp(ZXProxyInstance_t *app, const Endpoint &ep) {
-  if (app->ctrlLinkReported == ZXProxyInstance_t::LinkReport::Up) return;
-  app->ctrlLinkReported = ZXProxyInstance_t::LinkReport::Up;
+void reportLinkUp(ZXAppControl *app, const Endpoint &ep) {
+  if (app->ctrlLinkReported == ZXAppControl::LinkReport::Up) return;
+  app->ctrlLinkReported = ZXAppControl::LinkReport::Up;
   ZX_STATE_LOG("Info", "Collector %s:%d connected", ep.host.c_str(), ep.port);
 }
 
@@ -118,7 +115,7 @@ enum class PassEnd {
 
 // One attempt: connect, request, judge the reply, and live on the connection
 // until it drops.
-PassEnd connectionPass(ZXProxyInstance_t *app, int &rejections) {
+PassEnd connectionPass(ZXAppControl *app, int &rejections) {
   ZXSys_t &sys = app->ZXSys;
   Server_t &srv = app->Server;
   Endpoint ep = chooseEndpoint(app);
@@ -165,12 +162,12 @@ PassEnd connectionPass(ZXProxyInstance_t *app, int &rejections) {
     return PassEnd::Failover;
   };
 
-  if (send_control_con_req_msg_to_zxc()) {
+  if (send_control_con_req_msg_to_zxc(app)) {
     ZX_CTRL_LOG(0, "Error",
                 "controlBreak Going to close control connection with server if "
                 "send_control_con_req_msg_to_zxc ==FAIL [Destination | Port] = ['%s' | '%d']",
                 c.dstIp, c.dstPort);
-    control_connection_cleanup();
+    control_connection_cleanup(app);
     if (app->isMasterZxc) app->askMasterZxc = true;
     ZX_CTRL_LOG(0, "Info", "Control connection was closed");
     return rejected();
@@ -178,19 +175,19 @@ PassEnd connectionPass(ZXProxyInstance_t *app, int &rejections) {
   snprintf(srv.connDestination, sizeof srv.connDestination, "%s:%d", ep.host.c_str(), ep.port);
   srv.lastConnectionTime = my_gettimeofday();
   if (!reset_control_buffer(&app->ctrlBufInfo)) {
-    control_connection_cleanup();
+    control_connection_cleanup(app);
     return rejected();
   }
-  int result = rec_control_con_rep_msg_from_zxc(&app->ctrlBufInfo);
+  int result = rec_control_con_rep_msg_from_zxc(app, &app->ctrlBufInfo);
   if (result == ZX_REPLY_REJECTED) {
     ZX_CTRL_LOG(0, "Error", "Unexpected response received | Response = %s",
                 app->ctrlBufInfo.lastReply.c_str());
-    control_connection_cleanup();
+    control_connection_cleanup(app);
     return rejected();
   }
   if (result == ZX_REPLY_SWITCH) {
     ZX_CTRL_LOG(0, "Info", "Changing protocol");
-    control_connection_cleanup();
+    control_connection_cleanup(app);
     pauseIfRepeated();
     return PassEnd::NextPass;
   }
@@ -203,13 +200,13 @@ PassEnd connectionPass(ZXProxyInstance_t *app, int &rejections) {
   // A run that was active before the drop keeps sending on a new data
   // connection.
   if (srv.testRunRunning && srv.retryForDataConn) check_data_thread(app);
-  handle_msg_from_zxc(&app->ctrlBufInfo);
+  handle_msg_from_zxc(app, &app->ctrlBufInfo);
   ZX_CTRL_LOG(0, "Info",
               "[ZX DR Feature]; Exit from select call and going to close the control connection "
               "from ZX Collector %s:%d and the source %s:%d",
               c.dstIp, c.dstPort, c.sourceIp, c.srcPort);
   sys.closeCtrlConFlag = 1;
-  control_connection_cleanup();
+  control_connection_cleanup(app);
   if (!app->stopRequested) reportLinkDown(app, ep, "connection lost");
   ZX_CTRL_LOG(0, "Info",
               "controlBreak Control Socket was cleaned with %s:%d server due to  "
@@ -221,7 +218,7 @@ PassEnd connectionPass(ZXProxyInstance_t *app, int &rejections) {
 
 // After a failed socket: give up on this collector after num_retry attempts
 // or when the settings file changed; otherwise wait and try again.
-bool retryTestSaysFailover(ZXProxyInstance_t *app) {
+bool retryTestSaysFailover(ZXAppControl *app) {
   retryPolicy_t &p = app->retry_policy;
   if (p.count >= p.num_retry) {
     ZX_CTRL_LOG(0, "Info", "[ZX DR Feature]; Max number of retry attempt reached");
@@ -229,14 +226,14 @@ bool retryTestSaysFailover(ZXProxyInstance_t *app) {
     app->Server.requestType = 3;
     return true;
   }
-  if (p.count >= 2 && check_file_size_of_zxsetting_files(1)) return true;
+  if (p.count >= 2 && check_file_size_of_zxsetting_files(*app, 1)) return true;
   app->controlSleep(p.time_interval);
   return false;
 }
 
 }  // namespace
 
-void control_connection_loop(ZXProxyInstance_t *app) {
+void control_connection_loop(ZXAppControl *app) {
   bool freshLoop = true;
   int rejections = 0;
   while (!app->stopRequested) {
@@ -255,21 +252,26 @@ void control_connection_loop(ZXProxyInstance_t *app) {
 }
 
 void *APR_THREAD_FUNC control_thread_entry_fun(apr_thread_t *thread, void *arg) {
-  auto *app = static_cast<ZXProxyInstance_t *>(arg);
-  try {
-    if (control_thread_configure(app)) control_connection_loop(app);
-  } catch (const std::exception &e) {
-    // Nothing may escape into the host; the agent goes inert instead.
-    ZX_CTRL_LOG(0, "Error", "Control thread stopped: %s", e.what());
+  auto *app = static_cast<ZXAppControl *>(arg);
+  {
+    // Ends before the thread reports its end: the application may go away
+    // as soon as it has.
+    zx::ThreadAppScope scope(app);
+    try {
+      if (control_thread_configure(app)) control_connection_loop(app);
+    } catch (const std::exception &e) {
+      // Nothing may escape into the host; the agent goes inert instead.
+      ZX_CTRL_LOG(0, "Error", "Control thread stopped: %s", e.what());
+    }
+    control_connection_cleanup(app);
+    app->controlThreadState = ZX_CTRL_STOPPED;
   }
-  control_connection_cleanup();
-  app->controlThreadState = ZX_CTRL_STOPPED;
   app->controlThreadDone.arrive();
   apr_thread_exit(thread, APR_SUCCESS);
   return nullptr;
 }
 
-bool start_control_thread(ZXProxyInstance_t *app, char *err, int err_len) {
+bool start_control_thread(ZXAppControl *app, char *err, int err_len) {
   apr_threadattr_t *attr = nullptr;
   app->controlThreadDone.reset();
   apr_status_t rv = apr_threadattr_create(&attr, app->control_pool.get());
@@ -285,7 +287,7 @@ bool start_control_thread(ZXProxyInstance_t *app, char *err, int err_len) {
   return true;
 }
 
-void request_control_stop(ZXProxyInstance_t *app) {
+void request_control_stop(ZXAppControl *app) {
   {
     std::lock_guard lk(app->wakeMutex);
     app->stopRequested = true;
@@ -295,6 +297,6 @@ void request_control_stop(ZXProxyInstance_t *app) {
   if (app->zxcCtrlSocket) app->zxcCtrlSocket->wakeup();
 }
 
-bool join_control_thread(ZXProxyInstance_t *app, apr_time_t deadline) {
+bool join_control_thread(ZXAppControl *app, apr_time_t deadline) {
   return zx::joinBy(app->control_thread, app->controlThreadDone, deadline);
 }

@@ -1,12 +1,14 @@
-// The control thread: owns the control connection to the collector. It is
-// started once by agent_init and runs until the agent is shut down. Its
-// waits are interruptible so that a shutdown never waits out an interval.
+// The control thread: owns the control connection to the collector of one
+// application, which it publishes as its own for its whole life. It is
+// started once by agent_init and runs until the application stops it (its
+// destructor, or the agent's coordinated stop). Its waits are interruptible
+// so that a shutdown never waits out an interval.
 #pragma once
 
 #include <apr_thread_proc.h>
 #include <apr_time.h>
 
-struct ZXProxyInstance_t;
+struct ZXAppControl;
 
 enum ZXControlThreadState : int {
   ZX_CTRL_NOT_STARTED = 0,
@@ -18,18 +20,18 @@ enum ZXControlThreadState : int {
 void *APR_THREAD_FUNC control_thread_entry_fun(apr_thread_t *thread, void *app);
 
 // Creates the thread; false (with APR's error text in `err`) on failure.
-bool start_control_thread(ZXProxyInstance_t *app, char *err, int err_len);
+bool start_control_thread(ZXAppControl *app, char *err, int err_len);
 // Asks the thread to stop and wakes it from any wait; does not join.
-void request_control_stop(ZXProxyInstance_t *app);
+void request_control_stop(ZXAppControl *app);
 // Joins the thread once it has ended by `deadline` (APR time, 0 = no limit);
 // one still busy then (a name lookup that nothing interrupts) is left behind.
 // True when it ended. Call request_control_stop first.
-bool join_control_thread(ZXProxyInstance_t *app, apr_time_t deadline);
+bool join_control_thread(ZXAppControl *app, apr_time_t deadline);
 
 // The connection loop: connect, live on the connection, reconnect or fail
 // over; returns only when the thread is asked to stop.
-void control_connection_loop(ZXProxyInstance_t *app);
+void control_connection_loop(ZXAppControl *app);
 
 // Thread start up to the connection loop: transport choice, retry policy and
 // the configuration loop. False when stopped before a collector was known.
-bool control_thread_configure(ZXProxyInstance_t *app);
+bool control_thread_configure(ZXAppControl *app);
