@@ -215,7 +215,7 @@ extern "C" ZX_EXPORT void agent_init(char *pool, int connect_zxc, char *process_
     ZX_CTRL_LOG(0, "Info", "Proxy is running ...");
     return;
   }
-  ZXBTConfigModelInit();
+  ZXBTConfigModelInit(*app);
   ZX_CTRL_LOG(0, "Info", "Going to start control thread ...");
   char err[1024] = {};
   zx_agent_fork_remember(pool, process_name, agentType);

@@ -112,8 +112,8 @@ void handleStartInstrumentationCase(ZXAppControl *app, char *message) {
   startMonitorTimer(app);
   // A profile saved by an earlier run becomes the method table; without one
   // the first flowpath makes an empty table.
-  readingFileInstrProfile();
-  readingEntryPointfile();
+  readingFileInstrProfile(app);
+  readingEntryPointfile(app);
 }
 
 void handleStartInstrumentation(ZXAppControl *app, char *message) {
@@ -128,7 +128,7 @@ void handleStartInstrumentation(ZXAppControl *app, char *message) {
   ZX_CTRL_LOG(0, "Info", "Receive msg '%s'", message);
 
   zxlb_init_all_keywords(*app);
-  ZXBTConfigModelInit();
+  ZXBTConfigModelInit(*app);
   ZX_CTRL_LOG(0, "Info", "Calling transfer_data_callback to pass agentTraceLevel");
 
   srv.captrueIndependentQuery = 0;
