@@ -21,18 +21,17 @@ std::unique_ptr<std::vector<BTObject>> objects;
 
 void setup(const benchmark::State &) {
   app = std::make_unique<ZXProxyInstance_t>();
-  tlzxApplication = app.get();
-  app->controlThreadTmpLock.create(app->control_pool.get());
-  ZXBTMonitorInit(app->btMonitor);
+  publishApplication(app.get());
+  ZXBTMonitorInit(app->btMonitor, *app);
   objects = std::make_unique<std::vector<BTObject>>(64);
   for (int i = 0; i < 64; ++i) {
     (*objects)[i].bt_id = i + 2;
-    checkAndIncrementAggrBTDataArray(&(*objects)[i]);
+    checkAndIncrementAggrBTDataArray(*tlzxApplication, &(*objects)[i]);
   }
 }
 
 void teardown(const benchmark::State &) {
-  tlzxApplication = nullptr;
+  publishApplication(nullptr);
   app.reset();
   objects.reset();
 }
@@ -50,17 +49,17 @@ ZXBTTransaction_t transaction(int i) {
 }
 
 void BM_UpdateExistingBlock(benchmark::State &state) {
-  for (int i = 0; i < 64; ++i) updateCounterAndDurationForBT(transaction(i));
+  for (int i = 0; i < 64; ++i) updateCounterAndDurationForBT(*tlzxApplication, transaction(i));
   int i = 0;
   for (auto _ : state) {
-    benchmark::DoNotOptimize(updateCounterAndDurationForBT(transaction(i)));
+    benchmark::DoNotOptimize(updateCounterAndDurationForBT(*tlzxApplication, transaction(i)));
     ++i;
   }
 }
 BENCHMARK(BM_UpdateExistingBlock)->Setup(setup)->Teardown(teardown)->Threads(1)->Threads(2);
 
 void BM_UpdateWhileReporting(benchmark::State &state) {
-  for (int i = 0; i < 64; ++i) updateCounterAndDurationForBT(transaction(i));
+  for (int i = 0; i < 64; ++i) updateCounterAndDurationForBT(*tlzxApplication, transaction(i));
   std::atomic<bool> stop{false};
   std::thread reporter;
   if (state.thread_index() == 0)
@@ -74,7 +73,7 @@ void BM_UpdateWhileReporting(benchmark::State &state) {
     });
   int i = 0;
   for (auto _ : state) {
-    benchmark::DoNotOptimize(updateCounterAndDurationForBT(transaction(i)));
+    benchmark::DoNotOptimize(updateCounterAndDurationForBT(*tlzxApplication, transaction(i)));
     ++i;
   }
   stop = true;

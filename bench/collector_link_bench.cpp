@@ -33,9 +33,7 @@ void BM_DataThreadToCollector(benchmark::State &state) {
     return;
   }
   auto app = std::make_unique<ZXProxyInstance_t>();
-  ZXSysInit(app->ZXSys);
-  ZXBCISettingInit(app->ZXBCISetting);
-  tlzxApplication = ZXProxyInstance = app.get();
+  publishApplication(app.get());
   app->linkTimings.dataTick = apr_time_from_msec(100);
   snprintf(app->control.dstIp, sizeof app->control.dstIp, "127.0.0.1");
   app->control.dstPort = collector.port();
@@ -54,7 +52,7 @@ void BM_DataThreadToCollector(benchmark::State &state) {
     for (int p = 0; p < kProducers; ++p)
       producers.emplace_back([] {
         for (int i = 0; i < kRecordsPerProducer; ++i)
-          dumpData(kRecord.data(), static_cast<int>(kRecord.size()));
+          dumpData(tlzxApplication, kRecord.data(), static_cast<int>(kRecord.size()));
       });
     for (auto &t : producers) t.join();
     const long long drops = app->ZXSys.discardCount.load() - dropsBefore;
@@ -74,7 +72,7 @@ void BM_DataThreadToCollector(benchmark::State &state) {
   state.SetBytesProcessed(static_cast<long long>(expected - base));
   state.counters["dropped"] = static_cast<double>(dropped);
   stop_data_thread(app.get());
-  tlzxApplication = ZXProxyInstance = nullptr;
+  publishApplication(nullptr);
 }
 BENCHMARK(BM_DataThreadToCollector)->UseManualTime()->Unit(benchmark::kMillisecond)->Iterations(10);
 

@@ -15,10 +15,9 @@ const std::string kRecord = std::string(199, 'r') + "\n";
 
 std::unique_ptr<ZXProxyInstance_t> makeApp(int size, int count) {
   auto app = std::make_unique<ZXProxyInstance_t>();
-  ZXSysInit(app->ZXSys);
   app->ZXSys.bciDataBufferMaxSize = size;
   app->ZXSys.dataBuffMaxCount = count;
-  tlzxApplication = ZXProxyInstance = app.get();
+  publishApplication(app.get());
   if (buff_list_init(app.get()) != 0) return nullptr;
   return app;
 }
@@ -34,7 +33,7 @@ void BM_DumpFreeBuffer(benchmark::State &state) {
   auto app = makeApp(102400, 1000);
   ZXSendBufferPool &pool = app->sendBuffers;
   for (auto _ : state) {
-    if (dumpData(kRecord.data(), static_cast<int>(kRecord.size())) != 0)
+    if (dumpData(tlzxApplication, kRecord.data(), static_cast<int>(kRecord.size())) != 0)
       state.SkipWithError("drop");
     if (pool.readList) drain(pool);  // racy peek is fine: one thread
   }
@@ -45,10 +44,10 @@ BENCHMARK(BM_DumpFreeBuffer);
 // Every buffer is queued and nothing drains: each record is a counted drop.
 void BM_DumpPoolFull(benchmark::State &state) {
   auto app = makeApp(102400, 4);
-  while (dumpData(kRecord.data(), static_cast<int>(kRecord.size())) == 0) {
+  while (dumpData(tlzxApplication, kRecord.data(), static_cast<int>(kRecord.size())) == 0) {
   }
   for (auto _ : state)
-    benchmark::DoNotOptimize(dumpData(kRecord.data(), static_cast<int>(kRecord.size())));
+    benchmark::DoNotOptimize(dumpData(tlzxApplication, kRecord.data(), static_cast<int>(kRecord.size())));
 }
 BENCHMARK(BM_DumpPoolFull);
 
@@ -68,12 +67,12 @@ void stopShared(const benchmark::State &) {
   gStop = true;
   gSender.join();
   gApp.reset();
-  tlzxApplication = ZXProxyInstance = nullptr;
+  publishApplication(nullptr);
 }
 
 void BM_DumpTwoProducers(benchmark::State &state) {
   long long dropped = 0;
-  for (auto _ : state) dropped += dumpData(kRecord.data(), static_cast<int>(kRecord.size())) != 0;
+  for (auto _ : state) dropped += dumpData(tlzxApplication, kRecord.data(), static_cast<int>(kRecord.size())) != 0;
   state.counters["dropped"] =
       benchmark::Counter(static_cast<double>(dropped), benchmark::Counter::kAvgThreads);
 }

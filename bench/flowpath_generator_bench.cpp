@@ -18,16 +18,14 @@ namespace {
 
 struct BenchApp {
   BenchApp() {
-    tlzxApplication = ZXProxyInstance = &app;
-    ZXSysInit(app.ZXSys);
+    publishApplication(&app);
     app.ZXSys.dataBuffMaxCount = 4;
     buff_list_init(&app);
-    app.methodEntryLock.create(app.control_pool.get());
     app.methodIDGlobal = 1;
     initPerThreadSlots(&app);
     setMethodHashMapNode(&app, "com.shop.Cart.add|0\n");
   }
-  ~BenchApp() { tlzxApplication = ZXProxyInstance = nullptr; }
+  ~BenchApp() { publishApplication(nullptr); }
   ZXProxyInstance_t app;
 };
 
@@ -52,7 +50,7 @@ void BM_MethodEntryExit(benchmark::State &state) {
   r->flowpathInstance = 1001;
   r->tlFlowPathTimeStampInMS = my_gettimeofday();
   node_t *node = acquireMethodHashMapNode(&b.app);
-  methodPropProperties *m = getMethodPropFromMethodName("com.shop.Cart.add", node);
+  methodPropProperties *m = getMethodPropFromMethodName(tlzxApplication, "com.shop.Cart.add", node);
   const int id = m->methodId;
   b.app.ZXSys.bciMaxNonServiceMethodsPerFP = 1LL << 62;
   for (auto _ : state) {
@@ -72,7 +70,7 @@ void BM_FlowpathStartEnd(benchmark::State &state) {
   b.app.maxStates = 128;
   b.app.allSlow = 3000;
   b.app.allVerySlow = 5000;
-  ZXBTConfigModelInit();
+  ZXBTConfigModelInit(*tlzxApplication);
   b.app.Server.testRunRunning = 1;
   for (auto _ : state) {
     ZXPerThreadData_t *r =

@@ -40,20 +40,17 @@ struct BenchAgent {
     collector = std::make_unique<zxref::ReferenceCollector>(std::move(config));
     if (!collector->start()) return;
     app = std::make_unique<ZXProxyInstance_t>();
-    ZXSysInit(app->ZXSys);
-    ZXBCISettingInit(app->ZXBCISetting);
-    tlzxApplication = ZXProxyInstance = app.get();
+    publishApplication(app.get());
     app->linkTimings.dataTick = apr_time_from_msec(10);
     snprintf(app->control.dstIp, sizeof app->control.dstIp, "127.0.0.1");
     app->control.dstPort = collector->port();
-    app->methodEntryLock.create(app->control_pool.get());
     app->methodIDGlobal = 1;
     app->maxStates = 128;
     app->allSlow = 3000;
     app->allVerySlow = 5000;
     app->ZXSys.bciMaxNonServiceMethodsPerFP = 1LL << 62;
     initPerThreadSlots(app.get());
-    ZXBTConfigModelInit();
+    ZXBTConfigModelInit(*tlzxApplication);
     check_data_thread(app.get());
     if (!collector->wait_for_connections(zxref::ConnKind::Data, 1, 10s)) return;
     std::this_thread::sleep_for(100ms);  // the data thread finishes its greeting

@@ -13,13 +13,11 @@ namespace {
 
 struct BenchApp {
   BenchApp() {
-    tlzxApplication = ZXProxyInstance = &app;
-    ZXSysInit(app.ZXSys);
-    app.methodEntryLock.create(app.control_pool.get());
+    publishApplication(&app);
     app.methodIDGlobal = 1;
     initPerThreadSlots(&app);
   }
-  ~BenchApp() { tlzxApplication = ZXProxyInstance = nullptr; }
+  ~BenchApp() { publishApplication(nullptr); }
   ZXProxyInstance_t app;
 };
 
@@ -62,7 +60,7 @@ void BM_MethodByName(benchmark::State &state) {
     names.push_back("com.shop.Service" + std::to_string(i) + ".handle");
   size_t i = 0;
   for (auto _ : state) {
-    benchmark::DoNotOptimize(getMethodPropFromMethodName(names[i].c_str(), node));
+    benchmark::DoNotOptimize(getMethodPropFromMethodName(tlzxApplication, names[i].c_str(), node));
     i = i + 1 == names.size() ? 0 : i + 1;
   }
   releaseMethodHashMapNode(node);

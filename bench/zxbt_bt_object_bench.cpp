@@ -20,12 +20,12 @@ std::unique_ptr<ZXProxyInstance_t> app;
 // benchmark's threads start.
 void setup(const std::string &rules) {
   app = std::make_unique<ZXProxyInstance_t>();
-  tlzxApplication = app.get();
+  publishApplication(app.get());
   app->allSlow = 3000;
   app->allVerySlow = 5000;
   app->maxStates = 128;
-  ZXBTMonitorInit(app->btMonitor);
-  zxbt_read_rule_file_ex(rules.c_str(), false);
+  ZXBTMonitorInit(app->btMonitor, *app);
+  zxbt_read_rule_file_ex(*tlzxApplication, rules.c_str(), false);
 }
 
 void setup_pattern(const benchmark::State &) {
@@ -50,7 +50,7 @@ void setup_global(const benchmark::State &) {
 }
 
 void teardown(const benchmark::State &) {
-  tlzxApplication = nullptr;
+  publishApplication(nullptr);
   app.reset();
 }
 
@@ -58,11 +58,11 @@ void BM_get_obj_existing_bt(benchmark::State &state) {
   const std::string path = kUrl.substr(0, kUrl.find('?'));
   const std::string params = kUrl.substr(kUrl.find('?') + 1);
   char header[] = "CustomeHeader=h&x=1";
-  if (!get_obj_from_bt_name(path.c_str(), params.c_str(), header, nullptr, "GET"))
+  if (!get_obj_from_bt_name(*tlzxApplication, path.c_str(), params.c_str(), header, nullptr, "GET"))
     state.SkipWithError("the URL names no BT");
   for (auto _ : state) {
     benchmark::DoNotOptimize(
-        get_obj_from_bt_name(path.c_str(), params.c_str(), header, nullptr, "GET"));
+        get_obj_from_bt_name(*tlzxApplication, path.c_str(), params.c_str(), header, nullptr, "GET"));
   }
 }
 BENCHMARK(BM_get_obj_existing_bt)

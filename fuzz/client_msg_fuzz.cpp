@@ -10,11 +10,9 @@
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
   static std::unique_ptr<ZXProxyInstance_t> app = [] {
     auto a = std::make_unique<ZXProxyInstance_t>();
-    ZXSysInit(a->ZXSys);
-    ZXBCISettingInit(a->ZXBCISetting);
     return a;
   }();
-  tlzxApplication = app.get();
+  publishApplication(app.get());
   std::string body(reinterpret_cast<const char *>(data), size);
   for (const char *prefix :
        {"zx_control_req:action=start_instrumentation;", "zx_control_req:action=modify;"}) {

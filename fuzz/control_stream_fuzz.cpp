@@ -20,8 +20,6 @@ namespace {
 ZXProxyInstance_t *makeApp() {
   static std::unique_ptr<ZXProxyInstance_t> app = [] {
     auto a = std::make_unique<ZXProxyInstance_t>();
-    ZXSysInit(a->ZXSys);
-    ZXBCISettingInit(a->ZXBCISetting);
     std::string home = "/tmp/zx_control_stream_fuzz_" + std::to_string(getpid());
     std::filesystem::create_directories(home + "/config");
     a->ZXSys.zxHomePath.assign(home.c_str());
@@ -38,7 +36,7 @@ ZXProxyInstance_t *makeApp() {
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
   ZXProxyInstance_t *app = makeApp();
-  tlzxApplication = app;
+  publishApplication(app);
   controlSocketBuffer_t &buf = app->ctrlBufInfo;
   if (!reset_control_buffer(&buf)) return 0;
   // The first byte picks the read size, so splits vary with the input.

@@ -16,9 +16,7 @@ namespace {
 ZXProxyInstance_t &app() {
   static ZXProxyInstance_t *a = [] {
     static ZXProxyInstance_t instance;
-    tlzxApplication = ZXProxyInstance = &instance;
-    ZXSysInit(instance.ZXSys);
-    instance.methodEntryLock.create(instance.control_pool.get());
+    publishApplication(&instance);
     instance.methodIDGlobal = 1;
     return &instance;
   }();

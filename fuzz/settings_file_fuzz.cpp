@@ -32,12 +32,10 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     fclose(f);
   }
   auto app = std::make_unique<ZXProxyInstance_t>();
-  tlzxApplication = app.get();
-  ZXSysInit(app->ZXSys);
-  ZXBCISettingInit(app->ZXBCISetting);
+  publishApplication(app.get());
   app->ZXSys.zxHomePath.assign(home().c_str());
   app->pool_name.assign("pool");
   read_conf_file();
-  tlzxApplication = nullptr;
+  publishApplication(nullptr);
   return 0;
 }

@@ -38,7 +38,7 @@ std::vector<std::string> urls_of(const std::string &text) {
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
   if (size > 64 * 1024) return 0;
   auto app = std::make_unique<ZXProxyInstance_t>();
-  tlzxApplication = app.get();
+  publishApplication(app.get());
   app->allSlow = 3000;
   app->allVerySlow = 5000;
   app->maxStates = 128;
@@ -62,6 +62,6 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     }
   }
   check(app->btManager.config.total_bt_count.load() <= ZXBT_MAX_BT_COUNT + 4096);
-  tlzxApplication = nullptr;
+  publishApplication(nullptr);
   return 0;
 }

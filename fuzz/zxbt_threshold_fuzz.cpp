@@ -20,7 +20,7 @@ void check(bool ok) {
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
   if (size > 64 * 1024) return 0;
   auto app = std::make_unique<ZXProxyInstance_t>();
-  tlzxApplication = app.get();
+  publishApplication(app.get());
   app->allSlow = 3000;
   app->allVerySlow = 5000;
   ZXBTMonitorInit(app->btMonitor);
@@ -44,6 +44,6 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     check(c == ZXBT_CATEGORY_SLOW || c == ZXBT_CATEGORY_ERROR);
     check(c == ZXBT_CATEGORY_SLOW || (code >= 0 && code < ZXBT_ERROR_TABLE_SIZE));
   }
-  tlzxApplication = nullptr;
+  publishApplication(nullptr);
   return 0;
 }

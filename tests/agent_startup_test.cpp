@@ -53,8 +53,8 @@ class ConfPassTest : public StartupTest {
  protected:
   ConfPassTest() : app_(home_.str()) {}
   int run() {
-    if (read_env_var() == 0) return 0;
-    return read_conf_file();
+    if (read_env_var(*tlzxApplication) == 0) return 0;
+    return read_conf_file(*tlzxApplication);
   }
   const zxc_servers_t &entry(int i) { return app_->zxc_server_arr.at_growing(i); }
   ScopedApp app_;
@@ -136,8 +136,8 @@ TEST_F(ConfPassTest, EnvironmentHostAndPortReplaceTheFile) {
   env("MOR_APP_AGENT_TIERTAG", "tag");
   env("MOR_APP_AGENT_ZXSAASURL", "saas:9443");
   env("MOR_APP_AGENT_ZXPROJECTKEY", "key");
-  EXPECT_EQ(read_env_var(), 0);
-  EXPECT_EQ(read_conf_file(), 0);
+  EXPECT_EQ(read_env_var(*tlzxApplication), 0);
+  EXPECT_EQ(read_conf_file(*tlzxApplication), 0);
   auto &bci = app_->ZXBCISetting;
   EXPECT_EQ(bci.isEnableEnvVar, 1);
   EXPECT_STREQ(bci.zxcHost.get(), "env-host");
@@ -153,8 +153,8 @@ TEST_F(ConfPassTest, EnvironmentHostAloneKeepsTheFile) {
   env("MOR_APP_AGENT_ZXCHOST", "env-host");
   env("MOR_APP_AGENT_TIERTAG", "ignored");
   env("MOR_APP_AGENT_INSTANCE", "");  // empty counts as unset
-  EXPECT_EQ(read_env_var(), 1);
-  EXPECT_EQ(read_conf_file(), 0);
+  EXPECT_EQ(read_env_var(*tlzxApplication), 1);
+  EXPECT_EQ(read_conf_file(*tlzxApplication), 0);
   EXPECT_FALSE(app_->ZXBCISetting.tierTag.is_set());
   EXPECT_STREQ(entry(0).zxc_host.get(), "env-host");
   EXPECT_EQ(entry(0).zxc_port, 7200u);
@@ -165,7 +165,7 @@ TEST_F(ConfPassTest, HugeEnvironmentValues) {
   env("MOR_APP_AGENT_ZXCHOST", big.c_str());
   env("MOR_APP_AGENT_ZXCPORT", "99999999999999999999");
   env("MOR_APP_AGENT_ZXSAASURL", big.c_str());
-  EXPECT_EQ(read_env_var(), 0);
+  EXPECT_EQ(read_env_var(*tlzxApplication), 0);
   EXPECT_EQ(std::string(app_->ZXBCISetting.zxcHost.c_str()).size(), big.size());
   EXPECT_STREQ(app_->ZXBCISetting.saasHost.get(), "127.0.0.1") << "no ':' means the default";
 }
@@ -201,20 +201,20 @@ TEST_F(ConfPassTest, SaasEndpointFromTheFile) {
 TEST_F(ConfPassTest, FileChangeIsNoticed) {
   conf("zxcHost=h\n");
   EXPECT_EQ(run(), 0);
-  EXPECT_EQ(check_file_size_of_zxsetting_files(1), 0);
+  EXPECT_EQ(check_file_size_of_zxsetting_files(*tlzxApplication, 1), 0);
   conf("zxcHost=hh\n");
-  EXPECT_EQ(check_file_size_of_zxsetting_files(1), 1);
+  EXPECT_EQ(check_file_size_of_zxsetting_files(*tlzxApplication, 1), 1);
 }
 
 TEST_F(ConfPassTest, ProcessFilter) {
   home_.write("config/processes.conf", "# skip\nphp-fpm.conf|1\nworker|2\nnobar\n");
   snprintf(gPool, sizeof gPool, "%s", "php");
-  ASSERT_EQ(readProcessConfFile(), 0);
+  ASSERT_EQ(readProcessConfFile(*tlzxApplication), 0);
   EXPECT_EQ(app_->total_process_entries, 3);
-  EXPECT_EQ(checkProcessNameInfo("PHP-whatever"), 1) << "compared over the pool name's length";
-  EXPECT_EQ(checkProcessNameInfo("wor"), 2);
-  EXPECT_EQ(checkProcessNameInfo("zzz"), 0);
-  EXPECT_EQ(checkProcessNameInfo(nullptr), 0);
+  EXPECT_EQ(checkProcessNameInfo(*tlzxApplication, "PHP-whatever"), 1) << "compared over the pool name's length";
+  EXPECT_EQ(checkProcessNameInfo(*tlzxApplication, "wor"), 2);
+  EXPECT_EQ(checkProcessNameInfo(*tlzxApplication, "zzz"), 0);
+  EXPECT_EQ(checkProcessNameInfo(*tlzxApplication, nullptr), 0);
 }
 
 // agent_init publishes one application object per process; ctest runs each

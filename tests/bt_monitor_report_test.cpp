@@ -63,7 +63,7 @@ TEST_F(MonitorReportTest, RunShipsRecords74And96) {
   // One transaction per thread, so each thread's interval sum (the digest's
   // point) is that transaction's duration whichever tick takes it.
   char name[ZXBT_NAME_SIZE] = "Login";
-  BTObject *login = updateBTObject(name);
+  BTObject *login = updateBTObject(*tlzxApplication, name);
   ASSERT_NE(login, nullptr);
   td_histogram_t *expected = nullptr;
   ASSERT_EQ(pwlb_t_digest_init(&expected, 0.01, 100), 0);
@@ -75,7 +75,7 @@ TEST_F(MonitorReportTest, RunShipsRecords74And96) {
       tx.btObj = login;
       tx.duration = duration;
       tx.category = i % 5 ? ZXBT_CATEGORY_NORMAL : ZXBT_CATEGORY_SLOW;
-      EXPECT_TRUE(updateCounterAndDurationForBT(tx));
+      EXPECT_TRUE(updateCounterAndDurationForBT(*tlzxApplication, tx));
     }).join();
   }
 

@@ -24,7 +24,7 @@ TEST(BTMonitorSlots, ResetValuesAndGrowthRule) {
   ZXBTMonitor_t m;
   std::deque<BTObject> arena;
   EXPECT_EQ(btMonitorSlot(m, 0), nullptr);
-  ASSERT_EQ(ZXBTMonitorInit(m), 0);
+  ASSERT_EQ(ZXBTMonitorInit(m, *tlzxApplication), 0);
   EXPECT_EQ(m.aggDataArraySize.load(), 128);
   const ZXBTMonitorDataCounters &s = *btMonitorSlot(m, 127);
   EXPECT_EQ(s.minDuration, INT_MAX);
@@ -65,7 +65,7 @@ TEST(BTMonitorSlots, VectorPrefixFromIdentity) {
   app->ZXBCISetting.tierID = 3;
   app->ZXBCISetting.appID = 9;
   app->ZXSettings.zxVectorSeperator = '>';
-  ASSERT_EQ(ZXBTMonitorInit(), 0);
+  ASSERT_EQ(ZXBTMonitorInit(*tlzxApplication), 0);
   EXPECT_STREQ(app->btMonitor.vectorPrefix, "T>S>A>");
   EXPECT_STREQ(app->btMonitor.vectorPrefixID, "3|9|");
 }
@@ -76,7 +76,7 @@ TEST(BTMonitorSlots, ReadersDuringGrowth) {
   ZXBTMonitor_t m;
   std::deque<BTObject> arena;
   for (int id = 1; id < 4000; ++id) with_id(arena, id);
-  ASSERT_EQ(ZXBTMonitorInit(m), 0);
+  ASSERT_EQ(ZXBTMonitorInit(m, *tlzxApplication), 0);
   std::atomic<bool> stop{false};
   std::atomic<int> bad{0};
   auto reader = [&] {

@@ -24,21 +24,20 @@ using zxtest::ScopedApp;
 class BTMonitorTest : public ::testing::Test {
  protected:
   BTMonitorTest() {
-    app_->controlThreadTmpLock.create(app_->control_pool.get());
     app_->ZXBCISetting.tierName.assign("T");
     app_->ZXBCISetting.appServerName.assign("S");
     app_->ZXBCISetting.appName.assign("A");
     app_->ZXBCISetting.tierID = 3;
     app_->ZXBCISetting.appID = 9;
     app_->ZXSettings.zxVectorSeperator = '>';
-    EXPECT_EQ(ZXBTMonitorInit(), 0);
+    EXPECT_EQ(ZXBTMonitorInit(*tlzxApplication), 0);
   }
 
   BTObject *bt(int id, const char *name) {
     BTObject &o = arena_.emplace_back();
     o.bt_id = id;
     strncpy(o.bt_name, name, sizeof o.bt_name - 1);
-    EXPECT_EQ(checkAndIncrementAggrBTDataArray(&o), 0);
+    EXPECT_EQ(checkAndIncrementAggrBTDataArray(*tlzxApplication, &o), 0);
     return &o;
   }
 
@@ -52,7 +51,7 @@ class BTMonitorTest : public ::testing::Test {
     tx.waitTime = wait;
     tx.syncTime = sync;
     tx.queueTime = queue;
-    return updateCounterAndDurationForBT(tx);
+    return updateCounterAndDurationForBT(*tlzxApplication, tx);
   }
 
   // The report's text, or "" when it made none.
@@ -66,7 +65,7 @@ class BTMonitorTest : public ::testing::Test {
 
   static void modify(const std::string &pairs) {
     std::string msg = "zx_control_req:action=modify;" + pairs;
-    findStatusFromClientMsg(msg.data());
+    findStatusFromClientMsg(*tlzxApplication, msg.data());
   }
 
   ScopedApp app_;
@@ -150,7 +149,7 @@ TEST_F(BTMonitorTest, CountsWhileReporting) {
     for (int id = 600; running > 0 && id < 20000; id += 97) {
       BTObject &o = more.emplace_back();
       o.bt_id = id;
-      checkAndIncrementAggrBTDataArray(&o);
+      checkAndIncrementAggrBTDataArray(*tlzxApplication, &o);
     }
     while (running > 0) std::this_thread::yield();
   });

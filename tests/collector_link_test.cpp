@@ -117,7 +117,7 @@ TEST(ControlRequest, SaasFormAndOverlongIdentityStillEndsTheLine) {
   app->agentName.assign("agent");
   app->processID = 7;
   snprintf(app->ZXSys.supportedProtocolsString, sizeof app->ZXSys.supportedProtocolsString, "WSS");
-  setControlConnectionReqMessage();
+  setControlConnectionReqMessage(tlzxApplication);
   std::string req(app->ZXBCISetting.controlConnectionReqMessage,
                   static_cast<size_t>(app->ZXBCISetting.controlConnectionReqMessage_len));
   std::regex expected(
@@ -134,7 +134,7 @@ TEST(ControlRequest, SaasFormAndOverlongIdentityStillEndsTheLine) {
 
   e0.saasServer = 0;
   app->ZXBCISetting.appName.assign(std::string(5000, 'n').c_str());
-  setControlConnectionReqMessage();
+  setControlConnectionReqMessage(tlzxApplication);
   const ZXBCISetting_t &bci = app->ZXBCISetting;
   EXPECT_EQ(bci.controlConnectionReqMessage_len, ZX_CONTROL_MSG_SIZE - 1);
   EXPECT_EQ(bci.controlConnectionReqMessage[bci.controlConnectionReqMessage_len - 1], '\n');
@@ -167,7 +167,7 @@ TEST_F(LinkTest, ReplyRules) {
 TEST(ReplyJudgement, EveryRuleInItsOrder) {
   TempDir home;
   ScopedApp app(home.str());
-  auto judge = [](std::string reply) { return handle_zxc_con_res_msg(reply.data()); };
+  auto judge = [](std::string reply) { return handle_zxc_con_res_msg(tlzxApplication, reply.data()); };
   EXPECT_EQ(judge("zx_ctrl_msg_rep:result=Ok;"), ZX_REPLY_ACCEPTED);
   app->Server.retryForDataConn = 0;
   EXPECT_EQ(judge("zx_ctrl_msg_rep:result=Ok;status=RUNNING"), ZX_REPLY_ACCEPTED);
@@ -250,19 +250,19 @@ TEST_F(LinkTest, ProtocolNegotiation) {
 TEST(ProtocolNegotiation, SwitchesToTheCollectorsFirstSharedProtocol) {
   TempDir home;
   ScopedApp app(home.str());
-  upDateAgentSupportedProtocolData("TCP:7892,WS:8080");
+  upDateAgentSupportedProtocolData(*tlzxApplication, "TCP:7892,WS:8080");
   app->ActiveAgentProtocolIndex = ZX_PROTO_TCP;
   app->control.dstPort = 7892;
-  EXPECT_EQ(setProtocolFromResponseMessage("zx_ctrl_msg_rep:result=Ok;supportedProtocols=WSS:443,"
+  EXPECT_EQ(setProtocolFromResponseMessage(tlzxApplication, "zx_ctrl_msg_rep:result=Ok;supportedProtocols=WSS:443,"
                                            "WS:8080,TCP:7892"),
             1);
   EXPECT_EQ(app->ActiveAgentProtocolIndex, ZX_PROTO_WS);
   EXPECT_EQ(app->lws_active, 1);
-  EXPECT_EQ(setProtocolFromResponseMessage("zx_ctrl_msg_rep:result=Ok;"), 0);
+  EXPECT_EQ(setProtocolFromResponseMessage(tlzxApplication, "zx_ctrl_msg_rep:result=Ok;"), 0);
 
   char reply[] = "zx_ctrl_msg_rep:result=Ok;supportedProtocols=TCP:7892";
   app->ActiveAgentProtocolIndex = ZX_PROTO_TCP;
-  EXPECT_EQ(handle_zxc_con_res_msg(reply), ZX_REPLY_ACCEPTED);
+  EXPECT_EQ(handle_zxc_con_res_msg(tlzxApplication, reply), ZX_REPLY_ACCEPTED);
 }
 
 TEST_F(LinkTest, FailoverWalksTheListThroughTheEmptyEntry) {
@@ -435,7 +435,7 @@ TEST_F(LinkTest, RecordsFlowAfterStartAndStopEndsTheRun) {
   EXPECT_EQ(records[0].number, 99) << "record 99 comes first";
   EXPECT_EQ(records[0].fields.back(), "FPGVersion:1.0");
 
-  EXPECT_EQ(dumpData("7,login,2\n", 10), 0);
+  EXPECT_EQ(dumpData(tlzxApplication, "7,login,2\n", 10), 0);
   auto r7 = c->wait_for_record(7, kWait);
   ASSERT_TRUE(r7);
   EXPECT_EQ(r7->fields[1], "login");
@@ -477,7 +477,7 @@ TEST_F(LinkTest, DataConnectionComesBackAfterTheCollectorRestarts) {
   ASSERT_TRUE(back->wait_for_record(99, kWait))
       << "the run goes on without a new start; collector errors: "
       << (back->snapshot().errors.empty() ? "" : back->snapshot().errors[0]);
-  EXPECT_EQ(dumpData("7,back,1\n", 9), 0);
+  EXPECT_EQ(dumpData(tlzxApplication, "7,back,1\n", 9), 0);
   EXPECT_TRUE(back->wait_for_record(7, kWait));
   EXPECT_EQ(a.Server.testRunRunning, 1);
 }
@@ -490,12 +490,12 @@ TEST_F(LinkTest, CollectorThatStopsReadingCostsDropsNotWaits) {
   c->update_behaviour([](Behaviour &b) { b.read_data = false; });
   const std::string rec = "7," + std::string(200, 'r') + "\n";
   // More than the pool and every socket buffer on the way can hold.
-  for (int i = 0; i < 100000; ++i) dumpData(rec.data(), static_cast<int>(rec.size()));
+  for (int i = 0; i < 100000; ++i) dumpData(tlzxApplication, rec.data(), static_cast<int>(rec.size()));
   EXPECT_GT(a.ZXSys.discardCount.load(), 0);
 
   // Once it reads again the data thread catches up and sends new records.
   c->update_behaviour([](Behaviour &b) { b.read_data = true; });
-  ASSERT_TRUE(zxtest::wait_until([&] { return dumpData("7,after,1\n", 10) == 0; }, kWait));
+  ASSERT_TRUE(zxtest::wait_until([&] { return dumpData(tlzxApplication, "7,after,1\n", 10) == 0; }, kWait));
   EXPECT_TRUE(c->wait_until(
       [](const zxref::History &h) {
         for (const auto &r : h.records)
@@ -547,7 +547,7 @@ TEST_F(LinkTest, APoolThatKeepsUpTouchesOnlyAFewBuffers) {
   for (int round = 0; round < 60; ++round) {
     for (int i = 0; i < 400; ++i, ++n) {
       const std::string rec = numbered(n, pad);
-      ASSERT_EQ(dumpData(rec.data(), static_cast<int>(rec.size())), 0);
+      ASSERT_EQ(dumpData(tlzxApplication, rec.data(), static_cast<int>(rec.size())), 0);
     }
     ASSERT_TRUE(zxtest::wait_until([&] { return readSendCounts(pool).queued == 0; }, kWait));
   }
@@ -576,7 +576,7 @@ TEST_F(LinkTest, BrokenDataConnectionLosesAtMostTheCutLine) {
   unsigned long long dropped = 0;
   for (int i = 0; i < 100000; ++i) {
     const std::string rec = numbered(i, pad);
-    dropped += dumpData(rec.data(), static_cast<int>(rec.size())) != 0;
+    dropped += dumpData(tlzxApplication, rec.data(), static_cast<int>(rec.size())) != 0;
   }
   ASSERT_GT(dropped, 0u);
   c->close_connections(ConnKind::Data);
@@ -634,7 +634,7 @@ TEST_F(LinkTest, ExitDrainKeepsItsDeadlineWhenTheCollectorStalls) {
   const std::string pad(200, 'p');
   for (int i = 0;; ++i) {
     const std::string rec = numbered(i, pad);
-    if (dumpData(rec.data(), static_cast<int>(rec.size())) != 0) break;
+    if (dumpData(tlzxApplication, rec.data(), static_cast<int>(rec.size())) != 0) break;
     ASSERT_LT(i, 1000000);
   }
   const auto budget = 400ms;
@@ -675,7 +675,7 @@ TEST_F(LinkTest, HandshakeFaultsAndUnreachableCollectors) {
   auto t0 = std::chrono::steady_clock::now();
   stop_agent();
   EXPECT_LT(std::chrono::steady_clock::now() - t0, 5s);
-  EXPECT_EQ(dumpData("7,x\n", 4), -99) << "no buffers before a run: dropped, never waited";
+  EXPECT_EQ(dumpData(tlzxApplication, "7,x\n", 4), -99) << "no buffers before a run: dropped, never waited";
 }
 
 TEST_F(LinkTest, StopDoesNotWaitOutAPendingConnect) {
@@ -716,7 +716,7 @@ TEST(StartInstrumentation, TimeBase) {
   srv.diffTimeFromZXC = 99;
   srv.morEpochDiffTime = 5;
   char start[] = "zx_control_req:action=start_instrumentation;note=morEpochDiff;";
-  handleReceivedClientMessageFromZXCollector(start);
+  handleReceivedClientMessageFromZXCollector(tlzxApplication, start);
   EXPECT_EQ(srv.diffTimeFromZXC, 0);
   EXPECT_EQ(srv.morEpochDiffTime, 0);
   EXPECT_EQ(srv.originalMorEpochDiffTime, ZX_ORIGINAL_EPOCH_DIFF_MS);
@@ -728,7 +728,7 @@ TEST(StartInstrumentation, TimeBase) {
   app->ZXSys.closeCtrlConFlag = 0;
   char withDiff[] =
       "zx_control_req:action=start_instrumentation;morEpochDiff=1000;TimeStampDiff=250;";
-  handleReceivedClientMessageFromZXCollector(withDiff);
+  handleReceivedClientMessageFromZXCollector(tlzxApplication, withDiff);
   EXPECT_EQ(srv.diffTimeFromZXC, 250);
   EXPECT_EQ(srv.morEpochDiffTime, 1000000 - 250);
   EXPECT_EQ(srv.originalMorEpochDiffTime, 1000000 - 250);

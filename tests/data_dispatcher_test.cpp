@@ -31,7 +31,7 @@ class SendBuffers : public ::testing::Test {
     app_->ZXSys.dataBuffMaxCount = count;
     ASSERT_EQ(buff_list_init(&*app_), 0);
   }
-  int dump(const std::string &s) { return dumpData(s.data(), static_cast<int>(s.size())); }
+  int dump(const std::string &s) { return dumpData(tlzxApplication, s.data(), static_cast<int>(s.size())); }
   long long drops() { return app_->ZXSys.discardCount.load(); }
   std::pair<int, int> sizes() {
     std::lock_guard lk(pool().bufferMoveLock);
@@ -74,8 +74,8 @@ TEST_F(SendBuffers, NoPoolBadSettingsAndReinit) {
 
 TEST_F(SendBuffers, ExactFillSplitAndOversizedRecords) {
   init(16, 3);
-  EXPECT_EQ(dumpData(nullptr, 4), 0);
-  EXPECT_EQ(dumpData("abc", 0), 0);
+  EXPECT_EQ(dumpData(tlzxApplication, nullptr, 4), 0);
+  EXPECT_EQ(dumpData(tlzxApplication, "abc", 0), 0);
   EXPECT_EQ(sizes(), std::make_pair(3, 0)) << "null and empty records are no-ops";
 
   EXPECT_EQ(dump("0123456789ABCDE\n"), 0);

@@ -100,7 +100,7 @@ TEST_F(FlowpathTest, InstanceIdsStepTheCounterTwiceUnderTheMasks) {
   EXPECT_EQ((id - 1000) & 0xFFFF, 2);
 
   char modify[] = "zx_control_req:action=modify;zxFlowpathMasks=0%20F%204%20F";
-  findStatusFromClientMsg(modify);
+  findStatusFromClientMsg(*tlzxApplication, modify);
   EXPECT_EQ(s.timeStampMask, 0xF) << "the keyword applies the masks";
   EXPECT_EQ(s.seqNoDigits, 4);
   EXPECT_EQ(parse_flowpath_mask(&app(), "0%201%202"), -1);
@@ -282,12 +282,11 @@ class FlowpathRunTest : public FlowpathTest {
  protected:
   FlowpathRunTest() {
     initPerThreadSlots(&app());
-    app().methodEntryLock.create(app().control_pool.get());
     app().methodIDGlobal = 1;
     app().allSlow = 3000;
     app().allVerySlow = 5000;
     app().maxStates = 128;
-    EXPECT_EQ(ZXBTConfigModelInit(), 0);
+    EXPECT_EQ(ZXBTConfigModelInit(*tlzxApplication), 0);
     app().Server.testRunRunning = 1;
   }
   // The data thread's stop step: every busy flowpath written as incomplete.
@@ -427,7 +426,7 @@ TEST_F(FlowpathRunTest, TransactionOutlivesAProfileSwapAndTheClearAge) {
   // now in the retired table alone.
   ASSERT_EQ(setMethodHashMapNode(&app(), "app.Pay.run|1|0|pay\n"), 0);
   char clearNow[] = "zx_control_req:action=modify;hashMapClearTime=0";
-  findStatusFromClientMsg(clearNow);
+  findStatusFromClientMsg(*tlzxApplication, clearNow);
   ASSERT_EQ(app().ZXSys.hashMapClearTime, 0);
   checkAndClearHashMapNode(&app(), 0);
   checkAndDeleteNode(&app());
@@ -449,7 +448,7 @@ TEST_F(FlowpathRunTest, TransactionOutlivesAProfileSwapAndTheClearAge) {
 
 TEST_F(FlowpathRunTest, SessionCookieDecidesCapture) {
   char keyword[] = "zx_control_req:action=modify;enableZXSession=1%200%200";
-  findStatusFromClientMsg(keyword);
+  findStatusFromClientMsg(*tlzxApplication, keyword);
   app().ZXSys.bciInstrSessionPct = 0;  // no session is instrumented
   records();
   const std::string now = std::to_string(my_gettimeofday());
@@ -463,7 +462,7 @@ TEST_F(FlowpathRunTest, SessionCookieDecidesCapture) {
   endFP(&app(), r, 200, 0, 0);
   reset(&app(), r);
   EXPECT_EQ(records().find("\n4,"), std::string::npos);
-  zx_set_session_settings(ZXSessionSettings_t{});
+  zx_set_session_settings(*tlzxApplication, ZXSessionSettings_t{});
 }
 
 // A transaction of the application runs across the collector's stop and the

@@ -19,7 +19,7 @@ std::string start_msg(const std::string &pairs) {
 }
 
 void apply(std::string msg) {
-  findStatusFromClientMsg(msg.data());
+  findStatusFromClientMsg(*tlzxApplication, msg.data());
 }
 
 TEST(KeywordTable, ShapeOfTheTable) {
@@ -159,21 +159,21 @@ TEST(ClientMessage, ParserRows) {
   EXPECT_STREQ(app->ZXBCISetting.appServerName.get(), "h1");
   EXPECT_EQ(app->ZXSys.sendLogsToProxy, 2);
   EXPECT_EQ(app->Server.TestRunIDValue, 12);
-  EXPECT_STREQ(featureKeywordValue("maxBTCount"), "300");
+  EXPECT_STREQ(featureKeywordValue(*tlzxApplication, "maxBTCount"), "300");
 
   apply(start_msg("morEpochDiff=0"));
   EXPECT_EQ(app->Server.changeOriginalTime, 0);
 
-  zxlb_init_all_keywords();
+  zxlb_init_all_keywords(*tlzxApplication);
   EXPECT_EQ(app->Server.originalMorEpochDiffTime, ZX_ORIGINAL_EPOCH_DIFF_MS);
   EXPECT_EQ(app->Server.morEpochDiffTime, 0);
   EXPECT_STREQ(app->Server.fpgVID, "1.0");
   EXPECT_EQ(app->ZXSettings.zxVectorSeperator, '>');
-  EXPECT_EQ(featureKeywordValue("maxBTCount"), nullptr);
+  EXPECT_EQ(featureKeywordValue(*tlzxApplication, "maxBTCount"), nullptr);
 }
 
 std::string g_seen;
-void record_file_keyword(char *value, char *keyword, int index) {
+void record_file_keyword(ZXAppSettings &, char *value, char *keyword, int index) {
   g_seen += std::string(keyword) + "#" + std::to_string(index) + "=" + value + ";";
 }
 
@@ -185,7 +185,7 @@ TEST(ClientMessage, FileKeywordsReachTheirReaders) {
   registerFileKeywordReader("BTRuleConfig", nullptr);
   registerFileKeywordReader("BTTConfig", nullptr);
   EXPECT_EQ(g_seen, "BTRuleConfig#0=rules.txt;BTTConfig#1=thr.txt;");
-  setFileBasedKeywd(nullptr, nullptr, 0);  // logged, not applied
+  setFileBasedKeywd(*tlzxApplication, nullptr, nullptr, 0);  // logged, not applied
 }
 
 TEST(ClientMessage, HostileMessages) {
@@ -203,7 +203,7 @@ TEST(ClientMessage, HostileMessages) {
   EXPECT_EQ(std::string(app->Server.statusValue, ZX_STATUS_VALUE_SIZE), std::string(64, 's'));
   EXPECT_EQ(std::string(app->Server.fpgVID, 10), std::string("1\0\0\0\0\0\0\0\0\0", 10));
   apply("zx_control_req:action=modify;=");
-  findStatusFromClientMsg(nullptr);
+  findStatusFromClientMsg(*tlzxApplication, nullptr);
 }
 
 }  // namespace

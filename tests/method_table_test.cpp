@@ -25,13 +25,12 @@ using zxtest::TempDir;
 class MethodTableTest : public ::testing::Test {
  protected:
   MethodTableTest() : app_(home_.str()) {
-    app_->methodEntryLock.create(app_->control_pool.get());
     app_->methodIDGlobal = 1;
   }
   ZXProxyInstance_t &app() { return *app_; }
   node_t *inForce() { return app().methodHashMapNode.get(); }
   methodPropProperties *byName(const char *name) {
-    return getMethodPropFromMethodName(name, inForce());
+    return getMethodPropFromMethodName(tlzxApplication, name, inForce());
   }
 
   TempDir home_;
@@ -44,10 +43,10 @@ TEST_F(MethodTableTest, NewNamesGetConsecutiveIdsFromOne) {
   methodPropProperties *begin = byName(ZX_BEGIN_REQUEST_METHOD);
   ASSERT_NE(begin, nullptr) << "every table knows the flowpath's opening method";
   EXPECT_EQ(begin->methodId, 1);
-  getMethodHashMapLock();
-  methodPropProperties *a = updateMethodHashMap("shop.Cart.add", 1, 0, node);
-  methodPropProperties *b = updateMethodHashMap("db.orders", 0, 2, node);
-  releaseMethodHashMapLock();
+  getMethodHashMapLock(tlzxApplication);
+  methodPropProperties *a = updateMethodHashMap(tlzxApplication, "shop.Cart.add", 1, 0, node);
+  methodPropProperties *b = updateMethodHashMap(tlzxApplication, "db.orders", 0, 2, node);
+  releaseMethodHashMapLock(tlzxApplication);
   ASSERT_TRUE(a && b);
   EXPECT_EQ(a->methodId, 2);
   EXPECT_EQ(b->methodId, 3);
@@ -109,9 +108,9 @@ TEST_F(MethodTableTest, SwapLeavesTheFlowpathInFlightOnItsNode) {
   ASSERT_NE(inForce(), before);
   EXPECT_EQ(retiredNodeCount(&app()), 1);
   // The flowpath still resolves through the node it started with.
-  EXPECT_EQ(getMethodPropFromMethodName("app.B", before), bOld);
+  EXPECT_EQ(getMethodPropFromMethodName(tlzxApplication, "app.B", before), bOld);
   EXPECT_EQ(bOld->isEntryPoint, 0);
-  EXPECT_EQ(getMethodPropFromMethodName("app.C", before), nullptr);
+  EXPECT_EQ(getMethodPropFromMethodName(tlzxApplication, "app.C", before), nullptr);
   EXPECT_EQ(getMethodPropFromMethodId(bId, before), bOld);
   // The new node has the profile's view, under the same id.
   methodPropProperties *bNew = byName("app.B");
@@ -123,7 +122,7 @@ TEST_F(MethodTableTest, SwapLeavesTheFlowpathInFlightOnItsNode) {
 
   checkAndDeleteNode(&app());
   EXPECT_EQ(retiredNodeCount(&app()), 1) << "held by the flowpath in flight";
-  EXPECT_EQ(getMethodPropFromMethodName("app.A", before)->methodId, byName("app.A")->methodId);
+  EXPECT_EQ(getMethodPropFromMethodName(tlzxApplication, "app.A", before)->methodId, byName("app.A")->methodId);
   releaseMethodHashMapNode(before);  // the flowpath ends
   checkAndDeleteNode(&app());
   EXPECT_EQ(retiredNodeCount(&app()), 0);
@@ -145,7 +144,7 @@ TEST_F(MethodTableTest, AgeBasedClearNeverFreesAReferencedNode) {
   checkAndClearHashMapNode(&app(), 1);
   ASSERT_EQ(retiredNodeCount(&app()), 1) << "old enough but referenced: kept, even forced";
   EXPECT_EQ(app().methodNodeRetirement.head, held);
-  EXPECT_EQ(getMethodPropFromMethodName("x", held)->methodId, 1);
+  EXPECT_EQ(getMethodPropFromMethodName(tlzxApplication, "x", held)->methodId, 1);
 
   releaseMethodHashMapNode(held);
   checkAndClearHashMapNode(&app(), 1);
@@ -155,8 +154,8 @@ TEST_F(MethodTableTest, AgeBasedClearNeverFreesAReferencedNode) {
 }
 
 TEST_F(MethodTableTest, ProfileAndEntryPointFiles) {
-  EXPECT_EQ(readingFileInstrProfile(), 1) << "absent";
-  EXPECT_EQ(readingEntryPointfile(), 1);
+  EXPECT_EQ(readingFileInstrProfile(tlzxApplication), 1) << "absent";
+  EXPECT_EQ(readingEntryPointfile(tlzxApplication), 1);
   // A file beyond the read limit loses the line that the limit cuts.
   std::string text = "first.method|1\n";
   while (text.size() < ZX_INSTR_FILE_READ_MAX - 10)
@@ -164,22 +163,22 @@ TEST_F(MethodTableTest, ProfileAndEntryPointFiles) {
   const std::string cut = "cut.by.the.limit.somewhere.in.this.name|0\n";
   text += cut;
   home_.write("instrProfile.txt", text);
-  ASSERT_EQ(readingFileInstrProfile(), 0);
+  ASSERT_EQ(readingFileInstrProfile(tlzxApplication), 0);
   EXPECT_NE(byName("first.method"), nullptr);
   for (size_t len = 1; len < cut.size() - 3; ++len)
     EXPECT_EQ(byName(cut.substr(0, len).c_str()), nullptr) << len;
 
   home_.write("entryPointFile.txt", "first.method|8\nnew.entry\n");
-  ASSERT_EQ(readingEntryPointfile(), 0);
+  ASSERT_EQ(readingEntryPointfile(tlzxApplication), 0);
   EXPECT_EQ(byName("first.method")->isEntryPoint, 9) << "entry-point bits are added";
   ASSERT_NE(byName("new.entry"), nullptr);
   EXPECT_EQ(byName("new.entry")->isEntryPoint, 1);
 }
 
 TEST_F(MethodTableTest, ProfileKeywordsAndSavedFile) {
-  setInstProfile(const_cast<char *>("orders.prof"), const_cast<char *>("instrProfile"), 56);
-  setInstProfile(const_cast<char *>("1700000000"), const_cast<char *>("lmd"), 57);
-  setInstProfile(const_cast<char *>("10"), const_cast<char *>("size"), 58);
+  parseInstrProfile(*tlzxApplication, const_cast<char *>("orders.prof"), const_cast<char *>("instrProfile"), 56);
+  parseInstrProfile(*tlzxApplication, const_cast<char *>("1700000000"), const_cast<char *>("lmd"), 57);
+  parseInstrProfile(*tlzxApplication, const_cast<char *>("10"), const_cast<char *>("size"), 58);
   EXPECT_STREQ(app().instrProfileInfo.name.c_str(), "orders.prof");
   EXPECT_STREQ(app().instrProfileInfo.lmd.c_str(), "1700000000");
   EXPECT_EQ(app().instrProfileInfo.size, 10);
@@ -205,10 +204,10 @@ TEST_F(MethodTableTest, LookupsAndSwapsFromManyThreads) {
         node_t *node = acquireMethodHashMapNode(&app());
         ASSERT_NE(node, nullptr);
         std::string name = "t" + std::to_string(t) + "." + std::to_string(i++ % 50);
-        getMethodHashMapLock();
+        getMethodHashMapLock(tlzxApplication);
         methodPropProperties *r = search_hashmap(name.c_str(), node->dynamic_ptr);
-        if (!r) r = updateMethodHashMap(name.c_str(), 0, 0, node);
-        releaseMethodHashMapLock();
+        if (!r) r = updateMethodHashMap(tlzxApplication, name.c_str(), 0, 0, node);
+        releaseMethodHashMapLock(tlzxApplication);
         ASSERT_NE(r, nullptr);
         EXPECT_EQ(getMethodPropFromMethodId(r->methodId, node), r);
         releaseMethodHashMapNode(node);
@@ -235,24 +234,24 @@ TEST_F(MetaRecordTest, RecordFiveOnlyWhileTheDataThreadRuns) {
   run_loop();
 
   node_t *node = acquireMethodHashMapNode(&a);  // before the run: ids 1, 2 unannounced
-  getMethodHashMapLock();
-  ASSERT_NE(updateMethodHashMap("before.run", 0, 0, node), nullptr);
-  releaseMethodHashMapLock();
+  getMethodHashMapLock(tlzxApplication);
+  ASSERT_NE(updateMethodHashMap(tlzxApplication, "before.run", 0, 0, node), nullptr);
+  releaseMethodHashMapLock(tlzxApplication);
 
   ASSERT_TRUE(c.wait_for_connections(ConnKind::Control, 1, 10s));
   ASSERT_TRUE(c.send_start("status=running"));
   ASSERT_TRUE(c.wait_for_record(99, 10s));
 
-  getMethodHashMapLock();
-  methodPropProperties *r = updateMethodHashMap("shop.Cart.add", 1, 0, node);
-  releaseMethodHashMapLock();
+  getMethodHashMapLock(tlzxApplication);
+  methodPropProperties *r = updateMethodHashMap(tlzxApplication, "shop.Cart.add", 1, 0, node);
+  releaseMethodHashMapLock(tlzxApplication);
   ASSERT_NE(r, nullptr);
   r->methodRetType.assign("int");
   r->methodArgList = std::make_unique<methodArgList_t[]>(2);
   r->methodArgList[0].argName.assign("qty");
   r->methodArgList[1].argName.assign("sku");
   r->methodArgsListCount = 2;
-  dumpMetadataForSig(r);
+  dumpMetadataForSig(tlzxApplication, r);
   ASSERT_EQ(setMethodHashMapNode(&a, "prof.m(String s)bool|1\n"), 0);
   releaseMethodHashMapNode(node);
 

@@ -35,13 +35,11 @@ class SdkTest : public ::testing::Test {
     app().ZXSys.dataBuffMaxCount = 8;
     EXPECT_EQ(buff_list_init(&app()), 0);
     initPerThreadSlots(&app());
-    app().methodEntryLock.create(app().control_pool.get());
-    app().controlThreadTmpLock.create(app().control_pool.get());
     app().methodIDGlobal = 1;
     app().maxStates = 128;
     app().allSlow = 3000;
     app().allVerySlow = 5000;
-    EXPECT_EQ(ZXBTConfigModelInit(), 0);
+    EXPECT_EQ(ZXBTConfigModelInit(*tlzxApplication), 0);
     app().dataThreadRunning = true;
     app().Server.testRunRunning = 1;
     zx_set_init_pause_ms(0);

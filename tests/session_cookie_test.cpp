@@ -122,10 +122,10 @@ TEST(SessionIds, UniquePositiveAndSampledNearThePercentage) {
 TEST(SessionSettings, KeywordValueIsAppliedWholeOrNotAtAll) {
   zxtest::ScopedApp app;
   char keyword[] = "enableZXSession", good[] = "1%2010%2030", bad[] = "1%20ten";
-  parseEnableZXSession(good, keyword, NameToIndex(keyword));
-  parseEnableZXSession(bad, keyword, NameToIndex(keyword));
-  EXPECT_STREQ(featureKeywordValue(keyword), "1%20ten");
-  const ZXSessionSettings_t s = zx_session_settings();
+  parseEnableZXSession(*tlzxApplication, good, keyword, NameToIndex(keyword));
+  parseEnableZXSession(*tlzxApplication, bad, keyword, NameToIndex(keyword));
+  EXPECT_STREQ(featureKeywordValue(*tlzxApplication, keyword), "1%20ten");
+  const ZXSessionSettings_t s = zx_session_settings(*tlzxApplication);
   EXPECT_EQ(s.enabled, 1);
   EXPECT_EQ(s.maxFPCountInSession, 10);
   EXPECT_EQ(s.zxSessionIdleTimeOutSecs, 30);

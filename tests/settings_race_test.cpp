@@ -192,7 +192,7 @@ TEST(PublishedNames, ReplacedWhileTraceLinesReadThem) {
     const std::string n = std::to_string(i);
     std::string msg = "zx_control_req:action=modify;appName=app" + n + ";tierName=tier" + n +
                       ";zxAppServerHost=host" + n;
-    findStatusFromClientMsg(msg.data());
+    findStatusFromClientMsg(*tlzxApplication, msg.data());
     const long seen = lines.load();
     ASSERT_TRUE(zxtest::wait_until([&] { return lines.load() > seen; }));
   }

@@ -10,7 +10,7 @@ namespace {
 
 TEST(AgentProtocols, ThreeSlotsMapReplacedAndNamesJoined) {
   ScopedApp app;
-  upDateAgentSupportedProtocolData("TCP:7000,WS:8080,WSS:443,TCP:9");
+  upDateAgentSupportedProtocolData(*tlzxApplication, "TCP:7000,WS:8080,WSS:443,TCP:9");
   auto &list = app->supportedProtocols;
   EXPECT_EQ(list.array[0], ZX_PROTO_TCP);
   EXPECT_EQ(list.array[1], ZX_PROTO_WS);
@@ -23,7 +23,7 @@ TEST(AgentProtocols, ThreeSlotsMapReplacedAndNamesJoined) {
   EXPECT_STREQ(app->ZXSys.supportedProtocolsString, "TCP,WS,WSS,TCP");
 
   // A rebuild starts from scratch; unknown and lower-case names are ignored.
-  upDateAgentSupportedProtocolData("tcp:1,HTTP:80,WSS:8443");
+  upDateAgentSupportedProtocolData(*tlzxApplication, "tcp:1,HTTP:80,WSS:8443");
   EXPECT_EQ(list.array[0], ZX_PROTO_WSS);
   EXPECT_EQ(list.array[1], ZX_PROTO_NONE);
   EXPECT_EQ(list.portOf(ZX_PROTO_TCP), -1);
@@ -32,15 +32,15 @@ TEST(AgentProtocols, ThreeSlotsMapReplacedAndNamesJoined) {
 
 TEST(AgentProtocols, OneProtocolDefaults) {
   ScopedApp app;
-  updateANYAgentSupportedProtocolData(ZX_PROTO_TCP);
+  updateANYAgentSupportedProtocolData(*tlzxApplication, ZX_PROTO_TCP);
   EXPECT_EQ(app->supportedProtocols.portOf(ZX_PROTO_TCP), 7892);
   app->ZXBCISetting.zxcPort = 9000;
-  updateANYAgentSupportedProtocolData(ZX_PROTO_TCP);
+  updateANYAgentSupportedProtocolData(*tlzxApplication, ZX_PROTO_TCP);
   EXPECT_EQ(app->supportedProtocols.portOf(ZX_PROTO_TCP), 9000);
-  updateANYAgentSupportedProtocolData(ZX_PROTO_WSS);
+  updateANYAgentSupportedProtocolData(*tlzxApplication, ZX_PROTO_WSS);
   EXPECT_EQ(app->supportedProtocols.portOf(ZX_PROTO_WSS), 443);
   EXPECT_STREQ(app->ZXSys.supportedProtocolsString, "WSS");
-  updateANYAgentSupportedProtocolData(ZX_PROTO_WS);
+  updateANYAgentSupportedProtocolData(*tlzxApplication, ZX_PROTO_WS);
   EXPECT_STREQ(app->ZXSys.supportedProtocolsString, "");
 }
 
@@ -48,13 +48,13 @@ TEST(AgentProtocols, HostileLists) {
   ScopedApp app;
   std::string many;
   for (int i = 0; i < 200; ++i) many += "WSS:" + std::to_string(i) + ",";
-  upDateAgentSupportedProtocolData(many.c_str());
+  upDateAgentSupportedProtocolData(*tlzxApplication, many.c_str());
   EXPECT_LT(strlen(app->ZXSys.supportedProtocolsString),
             static_cast<size_t>(ZX_SUPPORTED_PROTOCOLS_STRING_SIZE));
   EXPECT_EQ(app->supportedProtocols.portOf(ZX_PROTO_WSS), 9) << "at most 10 tokens are read";
-  upDateAgentSupportedProtocolData(",,,:,TCP,:9");
+  upDateAgentSupportedProtocolData(*tlzxApplication, ",,,:,TCP,:9");
   EXPECT_EQ(app->supportedProtocols.portOf(ZX_PROTO_TCP), 0);
-  upDateAgentSupportedProtocolData(nullptr);
+  upDateAgentSupportedProtocolData(*tlzxApplication, nullptr);
   EXPECT_STREQ(app->ZXSys.supportedProtocolsString, "");
 }
 

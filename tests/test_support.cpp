@@ -68,18 +68,13 @@ ScopedEnv::~ScopedEnv() {
 
 ScopedApp::ScopedApp(const std::string &home)
     : app_(std::make_unique<ZXProxyInstance_t>()),
-      prev_(tlzxApplication),
-      prev_instance_(ZXProxyInstance) {
-  tlzxApplication = app_.get();
-  ZXProxyInstance = app_.get();
-  ZXSysInit(app_->ZXSys);
-  ZXBCISettingInit(app_->ZXBCISetting);
+      prev_(tlzxApplication) {
+  publishApplication(app_.get());
   if (!home.empty()) app_->ZXSys.zxHomePath.assign(home.c_str());
 }
 
 ScopedApp::~ScopedApp() {
-  tlzxApplication = prev_;
-  ZXProxyInstance = prev_instance_;
+  publishApplication(prev_);
 }
 
 std::string drain_records(ZXProxyInstance_t &app) {
@@ -160,10 +155,6 @@ ZXProxyInstance_t &LinkedAgent::configure(std::uint16_t port, const std::string 
   t.dataTick = apr_time_from_msec(5);
   a.ZXSys.bciDataBufferMaxSize = 4096;
   a.ZXSys.dataBuffMaxCount = 16;
-  // What start-up makes before the control thread runs.
-  a.controlThreadTmpLock.create(a.control_pool.get());
-  a.methodEntryLock.create(a.control_pool.get());
-  a.methodIDGlobal = 1;
   initPerThreadSlots(&a);
   EXPECT_TRUE(control_thread_configure(&a));
   return a;

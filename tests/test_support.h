@@ -68,7 +68,6 @@ class ScopedApp {
  private:
   std::unique_ptr<ZXProxyInstance_t> app_;
   ZXProxyInstance_t *prev_;
-  ZXProxyInstance_t *prev_instance_;
 };
 
 // The records waiting in the application's send buffers, taken out of them

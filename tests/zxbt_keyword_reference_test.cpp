@@ -167,12 +167,12 @@ TEST(KeywordReference, ThreeHundredKeywordRulesFromARuleFile) {
             "&input2=" + k.text + "]|-\n";
     read.push_back(k);
   }
-  ASSERT_EQ(zxbt_read_rule_file_ex(text.c_str(), false), 0);
+  ASSERT_EQ(zxbt_read_rule_file_ex(*tlzxApplication, text.c_str(), false), 0);
   ASSERT_GT(read.size(), 250u);
   char name[ZXBT_NAME_SIZE];
   for (int q = 0; q < 3000; ++q) {
     const std::string url = g.url(read, 40);
-    ASSERT_TRUE(zxbt_execute_custom_rule(url.c_str(), nullptr, nullptr, name, sizeof name));
+    ASSERT_TRUE(zxbt_execute_custom_rule(*tlzxApplication, url.c_str(), nullptr, nullptr, name, sizeof name));
     const int want = reference(read, url);
     ASSERT_EQ(std::string(name), want < 0 ? "others" : "BT" + std::to_string(want)) << url;
   }

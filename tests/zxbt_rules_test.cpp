@@ -33,14 +33,14 @@ class BTRules : public ::testing::Test {
     app_->ZXSys.bciDataBufferMaxSize = 1 << 16;
     app_->ZXSys.dataBuffMaxCount = 4;
     ASSERT_EQ(buff_list_init(&*app_), 0);
-    ASSERT_EQ(ZXBTConfigModelInit(), 0);
+    ASSERT_EQ(ZXBTConfigModelInit(*tlzxApplication), 0);
   }
   // Every record sent so far.
   std::string records() { return sent_ += zxtest::drain_records(*app_); }
   BTObject *bt(const char *url, const char *params = "", const char *header = nullptr,
                const char *method = "GET") {
     std::string h = header ? header : "";
-    return get_obj_from_bt_name(url, params, header ? h.data() : nullptr, nullptr, method);
+    return get_obj_from_bt_name(*tlzxApplication, url, params, header ? h.data() : nullptr, nullptr, method);
   }
   std::string name_of(const char *url, const char *params = "", const char *header = nullptr,
                       const char *method = "GET") {
@@ -49,7 +49,7 @@ class BTRules : public ::testing::Test {
   }
   const ZXBTRuleSet &rules() { return *app_->btRules.current.current_for_writer(); }
   void push(int index, const char *keyword, std::string text) {
-    ZXFileBasedKeywords(text.data(), const_cast<char *>(keyword), index);
+    ZXFileBasedKeywords(*tlzxApplication, text.data(), const_cast<char *>(keyword), index);
   }
 
   TempDir home_;
@@ -101,8 +101,8 @@ TEST_F(BTRules, PatternFamilyFromRuleTextToObjectsAndSlots) {
   // Id 300 grew the slot array to the first multiple of 257 above it.
   EXPECT_EQ(app_->btMonitor.aggDataArraySize.load(), 514);
   EXPECT_EQ(name_of("/cart/9/add"), "Cart#300");
-  EXPECT_EQ(find_bt_obj_in_manager_map("Login"), bt("/app/login"));
-  EXPECT_EQ(find_bt_obj_in_manager_map("Static"), nullptr) << "exclusions make no BT";
+  EXPECT_EQ(find_bt_obj_in_manager_map(*tlzxApplication, "Login"), bt("/app/login"));
+  EXPECT_EQ(find_bt_obj_in_manager_map(*tlzxApplication, "Static"), nullptr) << "exclusions make no BT";
   // Others, Login, Admin, Cart and Mode1 were made; ids from 2 up count.
   EXPECT_EQ(app_->btManager.config.total_bt_count.load(), 5);
   EXPECT_EQ(records(), "") << "no test run: records wait for run-time naming";
@@ -114,7 +114,7 @@ TEST_F(BTRules, GlobalRuleNamingSources) {
   auto run = [&](const char *line, const char *uri, const char *params = nullptr,
                  const char *method = nullptr, const char *header = nullptr) {
     EXPECT_EQ(parse_global_rule(set, line), 0);
-    const char *r = zxbt_execute_global_rule(set, uri, params, method, header, name, sizeof name);
+    const char *r = zxbt_execute_global_rule(*tlzxApplication, set, uri, params, method, header, name, sizeof name);
     return std::string(r ? r : "(null)");
   };
   EXPECT_EQ(run("1|2|n|d|FromFirst|2|Request-Method|-|-", "/shop/cart/add", nullptr, "POST"),
@@ -178,7 +178,7 @@ TEST_F(BTRules, ThresholdsAndCategories) {
         "ALL|0|10\n"
         "ALL|1|2|3\n"
         "Login|10|20\n");  // read before the rule that gives Login its id
-  BTObject *others = find_bt_obj_in_manager_map("Others");
+  BTObject *others = find_bt_obj_in_manager_map(*tlzxApplication, "Others");
   BTObject *login = bt("/login");
   ASSERT_TRUE(others && login);
   EXPECT_EQ(app_->allSlow, 100);
@@ -193,29 +193,29 @@ TEST_F(BTRules, ThresholdsAndCategories) {
   EXPECT_EQ(app_->allSlow, 300);
 
   const Threshold &t = login->bt_threshold;
-  EXPECT_EQ(findCategoryOfBT(t, 9, 200, nullptr), ZXBT_CATEGORY_NORMAL);
-  EXPECT_EQ(findCategoryOfBT(t, 10, 200, nullptr), ZXBT_CATEGORY_SLOW);
-  EXPECT_EQ(findCategoryOfBT(t, 19, 200, nullptr), ZXBT_CATEGORY_SLOW);
-  EXPECT_EQ(findCategoryOfBT(t, 20, 200, nullptr), ZXBT_CATEGORY_VERY_SLOW);
-  EXPECT_EQ(findCategoryOfBT(t, 1, 500, nullptr), ZXBT_CATEGORY_NORMAL) << "no error table yet";
+  EXPECT_EQ(findCategoryOfBT(*tlzxApplication, t, 9, 200, nullptr), ZXBT_CATEGORY_NORMAL);
+  EXPECT_EQ(findCategoryOfBT(*tlzxApplication, t, 10, 200, nullptr), ZXBT_CATEGORY_SLOW);
+  EXPECT_EQ(findCategoryOfBT(*tlzxApplication, t, 19, 200, nullptr), ZXBT_CATEGORY_SLOW);
+  EXPECT_EQ(findCategoryOfBT(*tlzxApplication, t, 20, 200, nullptr), ZXBT_CATEGORY_VERY_SLOW);
+  EXPECT_EQ(findCategoryOfBT(*tlzxApplication, t, 1, 500, nullptr), ZXBT_CATEGORY_NORMAL) << "no error table yet";
 
   push(2, "BTErrorRules", "# failing codes\n500|F\n502-504|F\n503|-\nbad\n700|F\n");
-  EXPECT_EQ(findCategoryOfBT(t, 1, 500, nullptr), ZXBT_CATEGORY_ERROR);
-  EXPECT_EQ(findCategoryOfBT(t, 1, 502, nullptr), ZXBT_CATEGORY_ERROR);
-  EXPECT_EQ(findCategoryOfBT(t, 1, 503, nullptr), ZXBT_CATEGORY_NORMAL) << "later line wins";
-  EXPECT_EQ(findCategoryOfBT(t, 99, 504, nullptr), ZXBT_CATEGORY_ERROR);
-  EXPECT_EQ(findCategoryOfBT(t, 1, 700, nullptr), ZXBT_CATEGORY_NORMAL);
-  EXPECT_EQ(findCategoryOfBT(t, 1, -1, nullptr), ZXBT_CATEGORY_NORMAL);
+  EXPECT_EQ(findCategoryOfBT(*tlzxApplication, t, 1, 500, nullptr), ZXBT_CATEGORY_ERROR);
+  EXPECT_EQ(findCategoryOfBT(*tlzxApplication, t, 1, 502, nullptr), ZXBT_CATEGORY_ERROR);
+  EXPECT_EQ(findCategoryOfBT(*tlzxApplication, t, 1, 503, nullptr), ZXBT_CATEGORY_NORMAL) << "later line wins";
+  EXPECT_EQ(findCategoryOfBT(*tlzxApplication, t, 99, 504, nullptr), ZXBT_CATEGORY_ERROR);
+  EXPECT_EQ(findCategoryOfBT(*tlzxApplication, t, 1, 700, nullptr), ZXBT_CATEGORY_NORMAL);
+  EXPECT_EQ(findCategoryOfBT(*tlzxApplication, t, 1, -1, nullptr), ZXBT_CATEGORY_NORMAL);
   push(2, "BTErrorRules", "404|F\n");
-  EXPECT_EQ(findCategoryOfBT(t, 1, 500, nullptr), ZXBT_CATEGORY_NORMAL) << "a read replaces";
+  EXPECT_EQ(findCategoryOfBT(*tlzxApplication, t, 1, 500, nullptr), ZXBT_CATEGORY_NORMAL) << "a read replaces";
 
   app_->ZXSys.captureMethodForAllFP = 1;
   app_->ZXSys.bciInstrSessionPct = 0;
   char captured = 1;
-  EXPECT_EQ(findCategoryOfBT(t, 1, 200, &captured), ZXBT_CATEGORY_NONE);
+  EXPECT_EQ(findCategoryOfBT(*tlzxApplication, t, 1, 200, &captured), ZXBT_CATEGORY_NONE);
   EXPECT_EQ(captured, 0);
   captured = 1;
-  EXPECT_EQ(findCategoryOfBT(t, 15, 200, &captured), ZXBT_CATEGORY_SLOW);
+  EXPECT_EQ(findCategoryOfBT(*tlzxApplication, t, 15, 200, &captured), ZXBT_CATEGORY_SLOW);
   EXPECT_EQ(captured, 1);
 }
 
@@ -229,7 +229,7 @@ TEST_F(BTRules, TwoHundredFiftySixIdsThenOthers) {
     ASSERT_EQ(o->bt_id.load(), i);
   }
   char name[ZXBT_NAME_SIZE] = "/u257";
-  BTObject *o = updateBTObject(name);
+  BTObject *o = updateBTObject(*tlzxApplication, name);
   ASSERT_TRUE(o);
   EXPECT_EQ(o->bt_id.load(), 1);
   EXPECT_STREQ(name, "Others");
@@ -294,7 +294,7 @@ TEST_F(BTRules, HostileRuleFilesCostBoundedWork) {
   EXPECT_EQ(name_of(long_url.c_str()), "Others#1");
   EXPECT_EQ(name_of("/p\xc3\xa9"), "Others#1");
   EXPECT_EQ(name_of(""), "Others#1");
-  EXPECT_EQ(bt(nullptr, nullptr), find_bt_obj_in_manager_map("Others"));
+  EXPECT_EQ(bt(nullptr, nullptr), find_bt_obj_in_manager_map(*tlzxApplication, "Others"));
 }
 
 TEST(BTRuleText, LinesAreCutNeverOverrun) {

@@ -11,7 +11,7 @@
 #include <thread>
 #include <vector>
 
-#include "ZXProxyServer.h"
+#include "ZXProxyServerRecord.h"
 #include "test_support.h"
 #include "zx_agent_internal.h"
 
