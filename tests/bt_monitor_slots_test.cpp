@@ -21,10 +21,11 @@ BTObject *with_id(std::deque<BTObject> &arena, int id) {
 }
 
 TEST(BTMonitorSlots, ResetValuesAndGrowthRule) {
+  ScopedApp app;
   ZXBTMonitor_t m;
   std::deque<BTObject> arena;
   EXPECT_EQ(btMonitorSlot(m, 0), nullptr);
-  ASSERT_EQ(ZXBTMonitorInit(m, *tlzxApplication), 0);
+  ASSERT_EQ(ZXBTMonitorInit(m, *app), 0);
   EXPECT_EQ(m.aggDataArraySize.load(), 128);
   const ZXBTMonitorDataCounters &s = *btMonitorSlot(m, 127);
   EXPECT_EQ(s.minDuration, INT_MAX);
@@ -65,7 +66,7 @@ TEST(BTMonitorSlots, VectorPrefixFromIdentity) {
   app->ZXBCISetting.tierID = 3;
   app->ZXBCISetting.appID = 9;
   app->ZXSettings.zxVectorSeperator = '>';
-  ASSERT_EQ(ZXBTMonitorInit(*tlzxApplication), 0);
+  ASSERT_EQ(ZXBTMonitorInit(*app), 0);
   EXPECT_STREQ(app->btMonitor.vectorPrefix, "T>S>A>");
   EXPECT_STREQ(app->btMonitor.vectorPrefixID, "3|9|");
 }
@@ -73,10 +74,11 @@ TEST(BTMonitorSlots, VectorPrefixFromIdentity) {
 // Readers find every slot below the size they see while the array grows,
 // and slots never move under them.
 TEST(BTMonitorSlots, ReadersDuringGrowth) {
+  ScopedApp app;
   ZXBTMonitor_t m;
   std::deque<BTObject> arena;
   for (int id = 1; id < 4000; ++id) with_id(arena, id);
-  ASSERT_EQ(ZXBTMonitorInit(m, *tlzxApplication), 0);
+  ASSERT_EQ(ZXBTMonitorInit(m, *app), 0);
   std::atomic<bool> stop{false};
   std::atomic<int> bad{0};
   auto reader = [&] {

@@ -290,10 +290,14 @@ class FlowpathRunTest : public FlowpathTest {
     app().Server.testRunRunning = 1;
   }
   // The data thread's stop step: every busy flowpath written as incomplete.
+  // What a run's stop writes: every flowpath still running, as incomplete.
   void stopWalk() {
-    app().stopDataThread = 1;
-    EXPECT_TRUE(checkAndStopThread(&app()));
-    app().stopDataThread = 0;
+    dumpFpFromBusyList(
+        &app(),
+        [](ZXPerThreadData_t *r, void *user) {
+          dumpIncompleteFPAtTestStop(static_cast<ZXAppTracing *>(user), r);
+        },
+        static_cast<ZXAppTracing *>(&app()));
   }
   // Transactions counted by the BT monitor since the last call.
   long long counted() {

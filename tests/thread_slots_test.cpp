@@ -147,6 +147,7 @@ TEST(ThreadIdRecords, SevenDigitKeysAndChildPriming) {
   EXPECT_EQ(getThreadIdToThreadLocal(&*app, 123456799), a) << "same first seven digits";
 
   ZXPerThreadData_t parent;
+  parent.owner = &*app;
   parent.flowpathInstance = 42;
   ZXPerThreadData_t *child = updateChildThreadPrevFPI(&parent, 555);
   ASSERT_NE(child, nullptr);
