@@ -11,8 +11,8 @@
 
 #include <benchmark/benchmark.h>
 
-#include "ZXProxyInstance.h"
 #include "ZXBTMonitor.h"
+#include "ZXProxyInstance.h"
 
 namespace {
 

@@ -47,7 +47,8 @@ void BM_DumpPoolFull(benchmark::State &state) {
   while (dumpData(tlzxApplication, kRecord.data(), static_cast<int>(kRecord.size())) == 0) {
   }
   for (auto _ : state)
-    benchmark::DoNotOptimize(dumpData(tlzxApplication, kRecord.data(), static_cast<int>(kRecord.size())));
+    benchmark::DoNotOptimize(
+        dumpData(tlzxApplication, kRecord.data(), static_cast<int>(kRecord.size())));
 }
 BENCHMARK(BM_DumpPoolFull);
 
@@ -72,7 +73,8 @@ void stopShared(const benchmark::State &) {
 
 void BM_DumpTwoProducers(benchmark::State &state) {
   long long dropped = 0;
-  for (auto _ : state) dropped += dumpData(tlzxApplication, kRecord.data(), static_cast<int>(kRecord.size())) != 0;
+  for (auto _ : state)
+    dropped += dumpData(tlzxApplication, kRecord.data(), static_cast<int>(kRecord.size())) != 0;
   state.counters["dropped"] =
       benchmark::Counter(static_cast<double>(dropped), benchmark::Counter::kAvgThreads);
 }

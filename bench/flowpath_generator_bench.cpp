@@ -7,11 +7,11 @@
 #include <benchmark/benchmark.h>
 
 #include "ZXDataDispatcher.h"
+#include "ZXFlowpathGenerator.h"
 #include "ZXMethodManager.h"
 #include "ZXProxyInstance.h"
-#include "ZXFlowpathGenerator.h"
-#include "zxlb_mem_pool.h"
 #include "zxbt_bt_object.h"
+#include "zxlb_mem_pool.h"
 #include "zxlb_utiles.h"
 
 namespace {

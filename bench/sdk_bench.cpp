@@ -22,10 +22,10 @@
 #include "ZXDataDispatcher.h"
 #include "ZXDataThread.h"
 #include "ZXProxyInstance.h"
-#include "zxlb_mem_pool.h"
 #include "reference_collector.h"
 #include "zx_sdk.h"
 #include "zxbt_bt_object.h"
+#include "zxlb_mem_pool.h"
 
 namespace {
 

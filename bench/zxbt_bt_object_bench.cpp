@@ -61,8 +61,8 @@ void BM_get_obj_existing_bt(benchmark::State &state) {
   if (!get_obj_from_bt_name(*tlzxApplication, path.c_str(), params.c_str(), header, nullptr, "GET"))
     state.SkipWithError("the URL names no BT");
   for (auto _ : state) {
-    benchmark::DoNotOptimize(
-        get_obj_from_bt_name(*tlzxApplication, path.c_str(), params.c_str(), header, nullptr, "GET"));
+    benchmark::DoNotOptimize(get_obj_from_bt_name(*tlzxApplication, path.c_str(), params.c_str(),
+                                                  header, nullptr, "GET"));
   }
 }
 BENCHMARK(BM_get_obj_existing_bt)

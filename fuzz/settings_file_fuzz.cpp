@@ -15,8 +15,8 @@ namespace {
 
 const std::string &home() {
   static const std::string dir = [] {
-    std::string d = std::filesystem::temp_directory_path() /
-                    ("zx-settings-fuzz-" + std::to_string(getpid()));
+    std::string d =
+        std::filesystem::temp_directory_path() / ("zx-settings-fuzz-" + std::to_string(getpid()));
     std::filesystem::create_directories(d + "/config");
     return d;
   }();

@@ -211,7 +211,8 @@ TEST_F(ConfPassTest, ProcessFilter) {
   snprintf(gPool, sizeof gPool, "%s", "php");
   ASSERT_EQ(readProcessConfFile(*tlzxApplication), 0);
   EXPECT_EQ(app_->total_process_entries, 3);
-  EXPECT_EQ(checkProcessNameInfo(*tlzxApplication, "PHP-whatever"), 1) << "compared over the pool name's length";
+  EXPECT_EQ(checkProcessNameInfo(*tlzxApplication, "PHP-whatever"), 1)
+      << "compared over the pool name's length";
   EXPECT_EQ(checkProcessNameInfo(*tlzxApplication, "wor"), 2);
   EXPECT_EQ(checkProcessNameInfo(*tlzxApplication, "zzz"), 0);
   EXPECT_EQ(checkProcessNameInfo(*tlzxApplication, nullptr), 0);

@@ -12,8 +12,8 @@
 #include <vector>
 
 #include "Server.h"
-#include "ZXTDigest.h"
 #include "ZXBTMonitor.h"
+#include "ZXTDigest.h"
 #include "test_support.h"
 #include "zxbt_bt_object.h"
 

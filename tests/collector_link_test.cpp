@@ -167,7 +167,9 @@ TEST_F(LinkTest, ReplyRules) {
 TEST(ReplyJudgement, EveryRuleInItsOrder) {
   TempDir home;
   ScopedApp app(home.str());
-  auto judge = [](std::string reply) { return handle_zxc_con_res_msg(tlzxApplication, reply.data()); };
+  auto judge = [](std::string reply) {
+    return handle_zxc_con_res_msg(tlzxApplication, reply.data());
+  };
   EXPECT_EQ(judge("zx_ctrl_msg_rep:result=Ok;"), ZX_REPLY_ACCEPTED);
   app->Server.retryForDataConn = 0;
   EXPECT_EQ(judge("zx_ctrl_msg_rep:result=Ok;status=RUNNING"), ZX_REPLY_ACCEPTED);
@@ -253,7 +255,8 @@ TEST(ProtocolNegotiation, SwitchesToTheCollectorsFirstSharedProtocol) {
   upDateAgentSupportedProtocolData(*tlzxApplication, "TCP:7892,WS:8080");
   app->ActiveAgentProtocolIndex = ZX_PROTO_TCP;
   app->control.dstPort = 7892;
-  EXPECT_EQ(setProtocolFromResponseMessage(tlzxApplication, "zx_ctrl_msg_rep:result=Ok;supportedProtocols=WSS:443,"
+  EXPECT_EQ(setProtocolFromResponseMessage(tlzxApplication,
+                                           "zx_ctrl_msg_rep:result=Ok;supportedProtocols=WSS:443,"
                                            "WS:8080,TCP:7892"),
             1);
   EXPECT_EQ(app->ActiveAgentProtocolIndex, ZX_PROTO_WS);
@@ -490,12 +493,14 @@ TEST_F(LinkTest, CollectorThatStopsReadingCostsDropsNotWaits) {
   c->update_behaviour([](Behaviour &b) { b.read_data = false; });
   const std::string rec = "7," + std::string(200, 'r') + "\n";
   // More than the pool and every socket buffer on the way can hold.
-  for (int i = 0; i < 100000; ++i) dumpData(tlzxApplication, rec.data(), static_cast<int>(rec.size()));
+  for (int i = 0; i < 100000; ++i)
+    dumpData(tlzxApplication, rec.data(), static_cast<int>(rec.size()));
   EXPECT_GT(a.ZXSys.discardCount.load(), 0);
 
   // Once it reads again the data thread catches up and sends new records.
   c->update_behaviour([](Behaviour &b) { b.read_data = true; });
-  ASSERT_TRUE(zxtest::wait_until([&] { return dumpData(tlzxApplication, "7,after,1\n", 10) == 0; }, kWait));
+  ASSERT_TRUE(
+      zxtest::wait_until([&] { return dumpData(tlzxApplication, "7,after,1\n", 10) == 0; }, kWait));
   EXPECT_TRUE(c->wait_until(
       [](const zxref::History &h) {
         for (const auto &r : h.records)
@@ -675,7 +680,8 @@ TEST_F(LinkTest, HandshakeFaultsAndUnreachableCollectors) {
   auto t0 = std::chrono::steady_clock::now();
   stop_agent();
   EXPECT_LT(std::chrono::steady_clock::now() - t0, 5s);
-  EXPECT_EQ(dumpData(tlzxApplication, "7,x\n", 4), -99) << "no buffers before a run: dropped, never waited";
+  EXPECT_EQ(dumpData(tlzxApplication, "7,x\n", 4), -99)
+      << "no buffers before a run: dropped, never waited";
 }
 
 TEST_F(LinkTest, StopDoesNotWaitOutAPendingConnect) {

@@ -31,7 +31,9 @@ class SendBuffers : public ::testing::Test {
     app_->ZXSys.dataBuffMaxCount = count;
     ASSERT_EQ(buff_list_init(&*app_), 0);
   }
-  int dump(const std::string &s) { return dumpData(tlzxApplication, s.data(), static_cast<int>(s.size())); }
+  int dump(const std::string &s) {
+    return dumpData(tlzxApplication, s.data(), static_cast<int>(s.size()));
+  }
   long long drops() { return app_->ZXSys.discardCount.load(); }
   std::pair<int, int> sizes() {
     std::lock_guard lk(pool().bufferMoveLock);

@@ -17,19 +17,19 @@
 #include <vector>
 
 #include "Server.h"
+#include "ZXBTMonitor.h"
 #include "ZXDataDispatcher.h"
 #include "ZXDataThread.h"
+#include "ZXFlowpathGenerator.h"
 #include "ZXMethodManager.h"
 #include "ZXProxyInstance.h"
 #include "ZXRunTimeChangeHandle.h"
-#include "ZXBTMonitor.h"
-#include "ZXFlowpathGenerator.h"
 #include "ZXSessionCookie.h"
-#include "zxlb_mem_pool.h"
 #include "reference_collector.h"
 #include "test_support.h"
 #include "zx_sdk.h"
 #include "zxbt_bt_object.h"
+#include "zxlb_mem_pool.h"
 #include "zxlb_utiles.h"
 
 namespace {

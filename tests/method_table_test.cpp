@@ -24,9 +24,7 @@ using zxtest::TempDir;
 
 class MethodTableTest : public ::testing::Test {
  protected:
-  MethodTableTest() : app_(home_.str()) {
-    app_->methodIDGlobal = 1;
-  }
+  MethodTableTest() : app_(home_.str()) { app_->methodIDGlobal = 1; }
   ZXProxyInstance_t &app() { return *app_; }
   node_t *inForce() { return app().methodHashMapNode.get(); }
   methodPropProperties *byName(const char *name) {
@@ -122,7 +120,8 @@ TEST_F(MethodTableTest, SwapLeavesTheFlowpathInFlightOnItsNode) {
 
   checkAndDeleteNode(&app());
   EXPECT_EQ(retiredNodeCount(&app()), 1) << "held by the flowpath in flight";
-  EXPECT_EQ(getMethodPropFromMethodName(tlzxApplication, "app.A", before)->methodId, byName("app.A")->methodId);
+  EXPECT_EQ(getMethodPropFromMethodName(tlzxApplication, "app.A", before)->methodId,
+            byName("app.A")->methodId);
   releaseMethodHashMapNode(before);  // the flowpath ends
   checkAndDeleteNode(&app());
   EXPECT_EQ(retiredNodeCount(&app()), 0);
@@ -176,8 +175,10 @@ TEST_F(MethodTableTest, ProfileAndEntryPointFiles) {
 }
 
 TEST_F(MethodTableTest, ProfileKeywordsAndSavedFile) {
-  parseInstrProfile(*tlzxApplication, const_cast<char *>("orders.prof"), const_cast<char *>("instrProfile"), 56);
-  parseInstrProfile(*tlzxApplication, const_cast<char *>("1700000000"), const_cast<char *>("lmd"), 57);
+  parseInstrProfile(*tlzxApplication, const_cast<char *>("orders.prof"),
+                    const_cast<char *>("instrProfile"), 56);
+  parseInstrProfile(*tlzxApplication, const_cast<char *>("1700000000"), const_cast<char *>("lmd"),
+                    57);
   parseInstrProfile(*tlzxApplication, const_cast<char *>("10"), const_cast<char *>("size"), 58);
   EXPECT_STREQ(app().instrProfileInfo.name.c_str(), "orders.prof");
   EXPECT_STREQ(app().instrProfileInfo.lmd.c_str(), "1700000000");

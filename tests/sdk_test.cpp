@@ -13,13 +13,13 @@
 #include <vector>
 
 #include "ZXProxyInstance.h"
-#include "zxlb_mem_pool.h"
 #include "flowpath_decode.h"
 #include "reference_collector.h"
 #include "test_support.h"
 #include "zx_sdk.h"
 #include "zx_sdk_log.h"
 #include "zxbt_bt_object.h"
+#include "zxlb_mem_pool.h"
 
 namespace {
 

@@ -15,10 +15,10 @@
 #include "ZXMonitorTimer.h"
 #include "control_connection.h"
 #include "control_thread.h"
-#include "zxlb_mem_pool.h"
 #include "reference_collector.h"
 #include "zx_agent_stop.h"
 #include "zx_sdk.h"
+#include "zxlb_mem_pool.h"
 
 namespace zxtest {
 
@@ -67,8 +67,7 @@ ScopedEnv::~ScopedEnv() {
 }
 
 ScopedApp::ScopedApp(const std::string &home)
-    : app_(std::make_unique<ZXProxyInstance_t>()),
-      prev_(tlzxApplication) {
+    : app_(std::make_unique<ZXProxyInstance_t>()), prev_(tlzxApplication) {
   publishApplication(app_.get());
   if (!home.empty()) app_->ZXSys.zxHomePath.assign(home.c_str());
 }

@@ -8,9 +8,9 @@
 #include <vector>
 
 #include "ZXManageTIdToTLocal.h"
-#include "zxlb_mem_pool.h"
 #include "test_support.h"
 #include "zx_tier_callout.h"
+#include "zxlb_mem_pool.h"
 
 namespace {
 

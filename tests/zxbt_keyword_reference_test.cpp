@@ -172,7 +172,8 @@ TEST(KeywordReference, ThreeHundredKeywordRulesFromARuleFile) {
   char name[ZXBT_NAME_SIZE];
   for (int q = 0; q < 3000; ++q) {
     const std::string url = g.url(read, 40);
-    ASSERT_TRUE(zxbt_execute_custom_rule(*tlzxApplication, url.c_str(), nullptr, nullptr, name, sizeof name));
+    ASSERT_TRUE(zxbt_execute_custom_rule(*tlzxApplication, url.c_str(), nullptr, nullptr, name,
+                                         sizeof name));
     const int want = reference(read, url);
     ASSERT_EQ(std::string(name), want < 0 ? "others" : "BT" + std::to_string(want)) << url;
   }

@@ -40,7 +40,8 @@ class BTRules : public ::testing::Test {
   BTObject *bt(const char *url, const char *params = "", const char *header = nullptr,
                const char *method = "GET") {
     std::string h = header ? header : "";
-    return get_obj_from_bt_name(*tlzxApplication, url, params, header ? h.data() : nullptr, nullptr, method);
+    return get_obj_from_bt_name(*tlzxApplication, url, params, header ? h.data() : nullptr, nullptr,
+                                method);
   }
   std::string name_of(const char *url, const char *params = "", const char *header = nullptr,
                       const char *method = "GET") {
@@ -102,7 +103,8 @@ TEST_F(BTRules, PatternFamilyFromRuleTextToObjectsAndSlots) {
   EXPECT_EQ(app_->btMonitor.aggDataArraySize.load(), 514);
   EXPECT_EQ(name_of("/cart/9/add"), "Cart#300");
   EXPECT_EQ(find_bt_obj_in_manager_map(*tlzxApplication, "Login"), bt("/app/login"));
-  EXPECT_EQ(find_bt_obj_in_manager_map(*tlzxApplication, "Static"), nullptr) << "exclusions make no BT";
+  EXPECT_EQ(find_bt_obj_in_manager_map(*tlzxApplication, "Static"), nullptr)
+      << "exclusions make no BT";
   // Others, Login, Admin, Cart and Mode1 were made; ids from 2 up count.
   EXPECT_EQ(app_->btManager.config.total_bt_count.load(), 5);
   EXPECT_EQ(records(), "") << "no test run: records wait for run-time naming";
@@ -114,7 +116,8 @@ TEST_F(BTRules, GlobalRuleNamingSources) {
   auto run = [&](const char *line, const char *uri, const char *params = nullptr,
                  const char *method = nullptr, const char *header = nullptr) {
     EXPECT_EQ(parse_global_rule(set, line), 0);
-    const char *r = zxbt_execute_global_rule(*tlzxApplication, set, uri, params, method, header, name, sizeof name);
+    const char *r = zxbt_execute_global_rule(*tlzxApplication, set, uri, params, method, header,
+                                             name, sizeof name);
     return std::string(r ? r : "(null)");
   };
   EXPECT_EQ(run("1|2|n|d|FromFirst|2|Request-Method|-|-", "/shop/cart/add", nullptr, "POST"),
@@ -197,17 +200,20 @@ TEST_F(BTRules, ThresholdsAndCategories) {
   EXPECT_EQ(findCategoryOfBT(*tlzxApplication, t, 10, 200, nullptr), ZXBT_CATEGORY_SLOW);
   EXPECT_EQ(findCategoryOfBT(*tlzxApplication, t, 19, 200, nullptr), ZXBT_CATEGORY_SLOW);
   EXPECT_EQ(findCategoryOfBT(*tlzxApplication, t, 20, 200, nullptr), ZXBT_CATEGORY_VERY_SLOW);
-  EXPECT_EQ(findCategoryOfBT(*tlzxApplication, t, 1, 500, nullptr), ZXBT_CATEGORY_NORMAL) << "no error table yet";
+  EXPECT_EQ(findCategoryOfBT(*tlzxApplication, t, 1, 500, nullptr), ZXBT_CATEGORY_NORMAL)
+      << "no error table yet";
 
   push(2, "BTErrorRules", "# failing codes\n500|F\n502-504|F\n503|-\nbad\n700|F\n");
   EXPECT_EQ(findCategoryOfBT(*tlzxApplication, t, 1, 500, nullptr), ZXBT_CATEGORY_ERROR);
   EXPECT_EQ(findCategoryOfBT(*tlzxApplication, t, 1, 502, nullptr), ZXBT_CATEGORY_ERROR);
-  EXPECT_EQ(findCategoryOfBT(*tlzxApplication, t, 1, 503, nullptr), ZXBT_CATEGORY_NORMAL) << "later line wins";
+  EXPECT_EQ(findCategoryOfBT(*tlzxApplication, t, 1, 503, nullptr), ZXBT_CATEGORY_NORMAL)
+      << "later line wins";
   EXPECT_EQ(findCategoryOfBT(*tlzxApplication, t, 99, 504, nullptr), ZXBT_CATEGORY_ERROR);
   EXPECT_EQ(findCategoryOfBT(*tlzxApplication, t, 1, 700, nullptr), ZXBT_CATEGORY_NORMAL);
   EXPECT_EQ(findCategoryOfBT(*tlzxApplication, t, 1, -1, nullptr), ZXBT_CATEGORY_NORMAL);
   push(2, "BTErrorRules", "404|F\n");
-  EXPECT_EQ(findCategoryOfBT(*tlzxApplication, t, 1, 500, nullptr), ZXBT_CATEGORY_NORMAL) << "a read replaces";
+  EXPECT_EQ(findCategoryOfBT(*tlzxApplication, t, 1, 500, nullptr), ZXBT_CATEGORY_NORMAL)
+      << "a read replaces";
 
   app_->ZXSys.captureMethodForAllFP = 1;
   app_->ZXSys.bciInstrSessionPct = 0;

@@ -101,14 +101,14 @@ inline int logLevel(LogContext::Area area) noexcept {
 }  // namespace zx
 
 // Control-path lines: written when the control trace level is above `above`.
-#define ZX_CTRL_LOG(above, severity, ...)                                                  \
+#define ZX_CTRL_LOG(above, severity, ...)                                                      \
   ZX_LOG_IF(zx::logLevel(zx::LogContext::Area::Control) > (above), "CONTROL_THREAD", severity, \
             __VA_ARGS__)
 
-#define ZX_METHOD_CALLED()                                                                    \
+#define ZX_METHOD_CALLED()                                                              \
   ZX_LOG_IF(zx::logLevel(zx::LogContext::Area::Control) == 4, "CONTROL_THREAD", "Info", \
             "Method called")
-#define ZX_METHOD_EXIT()                                                                      \
+#define ZX_METHOD_EXIT()                                                                \
   ZX_LOG_IF(zx::logLevel(zx::LogContext::Area::Control) == 4, "CONTROL_THREAD", "Info", \
             "Method exit")
 

@@ -18,8 +18,8 @@
 #include <type_traits>
 #include <vector>
 
-#include "ZXFeatureKeywords.h"
 #include "ZXAppSettings.h"
+#include "ZXFeatureKeywords.h"
 #include "ZXFileBasedKeywords.h"
 #include "zxlb_mt_log.h"
 #include "zxlb_utiles.h"

@@ -31,14 +31,22 @@ bool ZXAppSettings::applyLayerKeyword(char *, char *, int) {
 
 int ZXAppSettings::traceLevel(Area area) const noexcept {
   switch (area) {
-    case Area::Control: return ZXSys.controlTraceLevel;
-    case Area::Agent: return ZXSys.agentTraceLevel;
-    case Area::Hotspot: return ZXSys.agentHSTraceLevel;
-    case Area::Diagnostics: return ZXSys.agentADTraceLevel;
-    case Area::PC: return ZXSys.agentPCTraceLevel;
-    case Area::Exception: return ZXSys.agentEXTraceLevel;
-    case Area::AutoInstr: return zxAutoInstrumentation.autoInstrTraceLevel;
-    case Area::DynamicDiag: return ZXDynamicSettings.ddTraceLevel;
+    case Area::Control:
+      return ZXSys.controlTraceLevel;
+    case Area::Agent:
+      return ZXSys.agentTraceLevel;
+    case Area::Hotspot:
+      return ZXSys.agentHSTraceLevel;
+    case Area::Diagnostics:
+      return ZXSys.agentADTraceLevel;
+    case Area::PC:
+      return ZXSys.agentPCTraceLevel;
+    case Area::Exception:
+      return ZXSys.agentEXTraceLevel;
+    case Area::AutoInstr:
+      return zxAutoInstrumentation.autoInstrTraceLevel;
+    case Area::DynamicDiag:
+      return ZXDynamicSettings.ddTraceLevel;
   }
   return 0;
 }
@@ -83,12 +91,13 @@ bool ZXAppSettings::keepAgentLogLine(const char *threadName, long long threadId,
   const char *fn = fname ? fname : "";
   const char *sv = severity ? severity : "";
   const int tr = Server.TestRunIDValue;
-  int n = tr == 0 ? snprintf(buf + old, room, "\n%s|******|%s|%lld|AGENT-LOG<%s_%s_%s>|%s|%d|%s|%s|",
-                             date, tn, threadId, tierText.c_str(), serverText.c_str(),
-                             appText.c_str(), fl, line, fn, sv)
-                  : snprintf(buf + old, room, "\n%s|TR%d|%s|%lld|AGENT-LOG<%s_%s_%s>|%s|%d|%s|%s|",
-                             date, tr, tn, threadId, tierText.c_str(), serverText.c_str(),
-                             appText.c_str(), fl, line, fn, sv);
+  int n = tr == 0
+              ? snprintf(buf + old, room, "\n%s|******|%s|%lld|AGENT-LOG<%s_%s_%s>|%s|%d|%s|%s|",
+                         date, tn, threadId, tierText.c_str(), serverText.c_str(), appText.c_str(),
+                         fl, line, fn, sv)
+              : snprintf(buf + old, room, "\n%s|TR%d|%s|%lld|AGENT-LOG<%s_%s_%s>|%s|%d|%s|%s|",
+                         date, tr, tn, threadId, tierText.c_str(), serverText.c_str(),
+                         appText.c_str(), fl, line, fn, sv);
   if (n < 0 || n >= room) {
     buf[old] = '\0';  // a line whose header does not fit is left out
     return true;

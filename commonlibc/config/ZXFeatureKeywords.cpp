@@ -3,8 +3,8 @@
 #include <cstdlib>
 
 #include "Server.h"
-#include "ZXFileBasedKeywords.h"
 #include "ZXAppSettings.h"
+#include "ZXFileBasedKeywords.h"
 #include "zxlb_mt_log.h"
 
 void setFileBasedKeywd(ZXAppSettings &app, char *value, char *keyword, int index) {
