@@ -251,21 +251,24 @@ void control_connection_loop(ZXAppControl *app) {
   }
 }
 
+// The thread's whole work, in a frame of its own: it returns before the
+// thread reports its end (the application may go away as soon as it has), and
+// apr_thread_exit's forced unwind then finds no object to destroy.
+[[gnu::noinline]] void runControlThread(ZXAppControl *app) {
+  zx::ThreadAppScope scope(app);
+  try {
+    if (control_thread_configure(app)) control_connection_loop(app);
+  } catch (const std::exception &e) {
+    // Nothing may escape into the host; the agent goes inert instead.
+    ZX_CTRL_LOG(0, "Error", "Control thread stopped: %s", e.what());
+  }
+  control_connection_cleanup(app);
+  app->controlThreadState = ZX_CTRL_STOPPED;
+}
+
 void *APR_THREAD_FUNC control_thread_entry_fun(apr_thread_t *thread, void *arg) {
   auto *app = static_cast<ZXAppControl *>(arg);
-  {
-    // Ends before the thread reports its end: the application may go away
-    // as soon as it has.
-    zx::ThreadAppScope scope(app);
-    try {
-      if (control_thread_configure(app)) control_connection_loop(app);
-    } catch (const std::exception &e) {
-      // Nothing may escape into the host; the agent goes inert instead.
-      ZX_CTRL_LOG(0, "Error", "Control thread stopped: %s", e.what());
-    }
-    control_connection_cleanup(app);
-    app->controlThreadState = ZX_CTRL_STOPPED;
-  }
+  runControlThread(app);
   app->controlThreadDone.arrive();
   apr_thread_exit(thread, APR_SUCCESS);
   return nullptr;
