@@ -156,11 +156,9 @@ extern "C" ZX_EXPORT void agent_init(char *pool, int connect_zxc, char *process_
   copy_name(gPool, pool ? pool : "DefaultPool");
   copy_name(gProcessName, process_name ? process_name : "DefaultProcess");
 
-  ZXSysInit(app->ZXSys);
   ZXTraceInit(*app, gProcessName, gPool);
   if (const char *home = std::getenv("ZXHOME"))
     ZX_LOG_IF(true, "CONTROL_THREAD", "Info", "path2 %s", home);
-  ZXBCISettingInit(app->ZXBCISetting);
 
   if (startedWithExc) {
     initializeProxyStruct();
