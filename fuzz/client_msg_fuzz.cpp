@@ -17,7 +17,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
   for (const char *prefix :
        {"zx_control_req:action=start_instrumentation;", "zx_control_req:action=modify;"}) {
     std::string msg = prefix + body;
-    findStatusFromClientMsg(msg.data());
+    findStatusFromClientMsg(*app, msg.data());
   }
   app->ZXSys.closeCtrlConFlag = 0;
   return 0;

@@ -47,7 +47,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     size_t n = std::min({step, size - off, static_cast<size_t>(cap)});
     memcpy(space, data + off, n);
     control_buffer_commit(&buf, static_cast<int>(n));
-    processControlConnectionMessage(&buf);
+    processControlConnectionMessage(app, &buf);
     off += n;
   }
   stop_data_thread(app);

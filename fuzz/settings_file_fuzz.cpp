@@ -35,7 +35,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
   publishApplication(app.get());
   app->ZXSys.zxHomePath.assign(home().c_str());
   app->pool_name.assign("pool");
-  read_conf_file();
+  read_conf_file(*app);
   publishApplication(nullptr);
   return 0;
 }

@@ -43,22 +43,22 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
   app->allVerySlow = 5000;
   app->maxStates = 128;
   app->isRunTime = data && size && data[0] & 1;
-  ZXBTMonitorInit(app->btMonitor);
+  ZXBTMonitorInit(*app);
   const std::string text(reinterpret_cast<const char *>(data),
                          strnlen(reinterpret_cast<const char *>(data), size));
 
   for (int round = 0; round < 2; ++round) {
-    check(zxbt_read_rule_file_ex(text.c_str(), false) == 0);
-    if (round == 0) zxbt_apply_default_global_rule();
+    check(zxbt_read_rule_file_ex(*app, text.c_str(), false) == 0);
+    if (round == 0) zxbt_apply_default_global_rule(*app);
     const ZXBTRuleSet *rules = app->btRules.current.current_for_writer();
     check(rules && (rules->bt_rule == 0 || rules->bt_rule == 1 || rules->bt_rule == 7));
     check(rules->custom_rule.keyword_count <= rules->custom_rule.dictionary.size());
     for (const std::string &url : urls_of(text)) {
       char header[] = "CustomeHeader=h&x=1";
-      BTObject *o = get_obj_from_bt_name(url.c_str(), "id=7&p=1", header, nullptr, "GET");
+      BTObject *o = get_obj_from_bt_name(*app, url.c_str(), "id=7&p=1", header, nullptr, "GET");
       if (!o) continue;
       check(strnlen(o->bt_name, sizeof o->bt_name) < sizeof o->bt_name);
-      check(find_bt_obj_in_manager_map(o->bt_name) == o || rules->bt_rule == 7);
+      check(find_bt_obj_in_manager_map(*app, o->bt_name) == o || rules->bt_rule == 7);
     }
   }
   check(app->btManager.config.total_bt_count.load() <= ZXBT_MAX_BT_COUNT + 4096);

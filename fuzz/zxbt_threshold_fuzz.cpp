@@ -23,24 +23,24 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
   publishApplication(app.get());
   app->allSlow = 3000;
   app->allVerySlow = 5000;
-  ZXBTMonitorInit(app->btMonitor);
+  ZXBTMonitorInit(*app);
   const std::string text(reinterpret_cast<const char *>(data),
                          strnlen(reinterpret_cast<const char *>(data), size));
   // A pattern BT first, so that per-name lines have an object to update.
-  zxbt_read_rule_file_ex("7|Login|2|0|/login|0\n", false);
+  zxbt_read_rule_file_ex(*app, "7|Login|2|0|/login|0\n", false);
 
-  const int rc = zxbt_read_threshold_file_ex(text.c_str(), false);
+  const int rc = zxbt_read_threshold_file_ex(*app, text.c_str(), false);
   check(rc == (text.empty() ? -1 : 0));
   check(app->allSlow >= 1 && app->allSlow < app->allVerySlow);
-  BTObject *login = find_bt_obj_in_manager_map("Login");
+  BTObject *login = find_bt_obj_in_manager_map(*app, "Login");
   check(login != nullptr);
   const int slow = login->bt_threshold.slow.load();
   const int very_slow = login->bt_threshold.very_slow.load();
   check(slow >= 1 && slow < very_slow);
 
-  check(zxbt_read_error_rules(text.c_str()) == 0);
+  check(zxbt_read_error_rules(*app, text.c_str()) == 0);
   for (int code = -1; code <= ZXBT_ERROR_TABLE_SIZE; ++code) {
-    const char c = findCategoryOfBT(login->bt_threshold, slow, code, nullptr);
+    const char c = findCategoryOfBT(*app, login->bt_threshold, slow, code, nullptr);
     check(c == ZXBT_CATEGORY_SLOW || c == ZXBT_CATEGORY_ERROR);
     check(c == ZXBT_CATEGORY_SLOW || (code >= 0 && code < ZXBT_ERROR_TABLE_SIZE));
   }
