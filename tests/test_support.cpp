@@ -66,14 +66,14 @@ ScopedEnv::~ScopedEnv() {
     unsetenv(name_.c_str());
 }
 
-ScopedApp::ScopedApp(const std::string &home)
-    : app_(std::make_unique<ZXProxyInstance_t>()), prev_(tlzxApplication) {
-  publishApplication(app_.get());
+ScopedApp::ScopedApp(const std::string &home, bool publish)
+    : app_(std::make_unique<ZXProxyInstance_t>()), published_(publish), prev_(tlzxApplication) {
+  if (published_) publishApplication(app_.get());
   if (!home.empty()) app_->ZXSys.zxHomePath.assign(home.c_str());
 }
 
 ScopedApp::~ScopedApp() {
-  publishApplication(prev_);
+  if (published_) publishApplication(prev_);
 }
 
 std::string drain_records(ZXProxyInstance_t &app) {
@@ -121,7 +121,8 @@ const char *const kAgentEnv[] = {
 
 }  // namespace
 
-LinkedAgent::LinkedAgent() : zxhome_("ZXHOME", home_.str().c_str()) {
+LinkedAgent::LinkedAgent(Role role) : role_(role) {
+  if (role_ == Role::ProcessAgent) zxhome_.emplace("ZXHOME", home_.str().c_str());
   for (const char *name : kAgentEnv) env_.push_back(std::make_unique<ScopedEnv>(name, nullptr));
 }
 
@@ -142,10 +143,12 @@ ZXProxyInstance_t &LinkedAgent::configure(std::uint16_t port, const std::string 
   home_.write("config/zxsettings.conf",
               "zxcHost=" + host + "\nzxcPort=" + std::to_string(port) + "\n" + extra);
   trace_.reset();  // its lock lives in the pool of the application it replaces
-  app_.emplace(home_.str());
+  app_.emplace(home_.str(), role_ == Role::ProcessAgent);
   ZXProxyInstance_t &a = **app_;
-  trace_.emplace(
-      zxlb_init_mt_trace_log_ex(home_.str().c_str(), "trace.log", 1, 100, a.control_pool.get()));
+  if (role_ == Role::ProcessAgent)
+    trace_.emplace(
+        zxlb_init_mt_trace_log_ex(home_.str().c_str(), "trace.log", 1, 100, a.control_pool.get()));
+  zx::ThreadAppScope scope(&a);
   a.ZXSys.controlTraceLevel = 1;
   ZXLinkTimings_t &t = a.linkTimings;
   t.retryInterval = t.ctrlPollTimeout = apr_time_from_msec(20);
@@ -160,7 +163,10 @@ ZXProxyInstance_t &LinkedAgent::configure(std::uint16_t port, const std::string 
 }
 
 void LinkedAgent::run_loop() {
-  loop_ = std::thread([this] { control_connection_loop(&app()); });
+  loop_ = std::thread([this] {
+    zx::ThreadAppScope scope(&app());
+    control_connection_loop(&app());
+  });
 }
 
 void LinkedAgent::restart_loop() {
@@ -176,6 +182,7 @@ void LinkedAgent::stop_agent() {
   }
   // Every thread the run started, before the trace key and the application
   // they use go away.
+  zx::ThreadAppScope scope(&app());
   agent_stop_by(&app(), 0);
 }
 

@@ -54,11 +54,12 @@ class ScopedEnv {
 };
 
 // A fresh application object with its settings defaults, published through
-// tlzxApplication/ZXProxyInstance for the scope. With a home directory, that
-// becomes ZXSys.zxHomePath.
+// tlzxApplication/ZXProxyInstance for the scope unless `publish` is false (a
+// second application in the process). With a home directory, that becomes
+// ZXSys.zxHomePath.
 class ScopedApp {
  public:
-  explicit ScopedApp(const std::string &home = "");
+  explicit ScopedApp(const std::string &home = "", bool publish = true);
   ~ScopedApp();
   ScopedApp(const ScopedApp &) = delete;
   ScopedApp &operator=(const ScopedApp &) = delete;
@@ -67,6 +68,7 @@ class ScopedApp {
 
  private:
   std::unique_ptr<ZXProxyInstance_t> app_;
+  bool published_;
   ZXProxyInstance_t *prev_;
 };
 
@@ -95,9 +97,14 @@ class ScopedTraceKey {
 // The environment's MOR_APP_AGENT_* settings are cleared for its lifetime.
 // On destruction it stops the loop, the data thread and the monitor timer and,
 // when the test failed, prints the agent's trace log.
+//
+// As the process's agent it publishes its application, points ZXHOME at its
+// home and owns the process's trace log; otherwise its application is one
+// more in the process, reached only through its own threads and calls.
 class LinkedAgent {
  public:
-  LinkedAgent();
+  enum class Role { ProcessAgent, AnotherApplication };
+  explicit LinkedAgent(Role role = Role::ProcessAgent);
   ~LinkedAgent();
   LinkedAgent(const LinkedAgent &) = delete;
   LinkedAgent &operator=(const LinkedAgent &) = delete;
@@ -119,8 +126,9 @@ class LinkedAgent {
   ZXProxyInstance_t &start_sdk_run(zxref::ReferenceCollector &c);
 
  private:
+  Role role_;
   TempDir home_;
-  ScopedEnv zxhome_;
+  std::optional<ScopedEnv> zxhome_;
   std::vector<std::unique_ptr<ScopedEnv>> env_;
   std::optional<ScopedApp> app_;
   std::optional<ScopedTraceKey> trace_;

@@ -165,7 +165,7 @@ TEST(Keywords, ConstraintsDecideWhereAKeywordCounts) {
 
 TEST(Keywords, TwentyFirstKeywordJumpsTheCountAndEmptyEntriesMatchNothing) {
   EXPECT_EQ(lone("abc", ZXLB_MATCH_ENDS_WITH, "/xyz"), "<none>");
-  EXPECT_EQ(DictionaryHeadPointer, nullptr) << "forgotten with its rule set";
+  EXPECT_EQ(DictionaryHeadPointer.load(), nullptr) << "forgotten with its rule set";
   KeywordSet k;
   const unsigned len_before = all_keyword_len;
   for (int i = 0; i < 20; ++i) {
@@ -184,7 +184,8 @@ TEST(Keywords, TwentyFirstKeywordJumpsTheCountAndEmptyEntriesMatchNothing) {
   k.add("", 7, "EMPTY", ZXLB_MATCH_CONTAINS);
   k.add("", 7, "EMPTY", ZXLB_MATCH_ENDS_WITH);
   EXPECT_EQ(k.rule.keyword_count, 244u);
-  EXPECT_EQ(DictionaryHeadPointer, k.rule.dictionary.data()) << "follows the lexicon's growth";
+  EXPECT_EQ(DictionaryHeadPointer.load(), k.rule.dictionary.data())
+      << "follows the lexicon's growth";
 
   // Index 41 and "abc" (9) once shared an output bit, and the empty entries
   // put theirs on the root: neither may report a keyword that is not there.
@@ -200,7 +201,7 @@ TEST(Keywords, TwentyFirstKeywordJumpsTheCountAndEmptyEntriesMatchNothing) {
   EXPECT_EQ(k.search("/xyz/"), "X");
   dealloc_match_machine(&k.trie, &k.rule);
   EXPECT_EQ(k.trie.total_states + k.rule.keyword_count, 0u);
-  EXPECT_EQ(DictionaryHeadPointer, nullptr);
+  EXPECT_EQ(DictionaryHeadPointer.load(), nullptr);
   EXPECT_EQ(search_match_machine("/xyz", &k.trie, &k.rule), nullptr);
   EXPECT_EQ(all_keyword_len - len_before, 48 + 3 + 11 + 3 + 200 + 255) << "never reduced";
 }

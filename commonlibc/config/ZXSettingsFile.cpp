@@ -19,7 +19,7 @@
 #include "zxlb_mt_log.h"
 #include "zxlb_utiles.h"
 
-char conf_file[ZX_CONF_PATH_SIZE] = {};
+thread_local char conf_file[ZX_CONF_PATH_SIZE] = {};
 
 namespace {
 

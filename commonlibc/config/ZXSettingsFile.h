@@ -14,8 +14,9 @@
 inline constexpr int ZX_CONF_PATH_SIZE = 1024;
 inline constexpr int ZX_CONF_LINE_MAX = 1023;
 
-// Path of the settings file last opened (reused for the process filter).
-extern char conf_file[ZX_CONF_PATH_SIZE];
+// Path of the settings file last opened (reused for the process filter), per
+// thread: each application's control thread reads its own home's files.
+extern thread_local char conf_file[ZX_CONF_PATH_SIZE];
 
 // 1 when the collector host/port pair did not come from the environment
 // (the later variables are then not read), 0 otherwise.

@@ -7,8 +7,8 @@
 #include "zx_bt_custom_rule.h"
 #include "zxlb_mt_log.h"
 
-unsigned int all_keyword_len = 0;
-ZXLBKeywordLexicon *DictionaryHeadPointer = nullptr;
+std::atomic<unsigned int> all_keyword_len{0};
+std::atomic<ZXLBKeywordLexicon *> DictionaryHeadPointer{nullptr};
 
 namespace {
 
@@ -33,6 +33,14 @@ std::size_t copy_cut(char *dst, std::size_t size, const char *src) {
   if (n) std::memcpy(dst, src, n);
   dst[n] = '\0';
   return n;
+}
+
+// Clears DictionaryHeadPointer when it names these entries, and only then:
+// another application's reader may have moved it on meanwhile.
+void forget(const std::vector<ZXLBKeywordLexicon> &entries) {
+  if (entries.empty()) return;
+  ZXLBKeywordLexicon *expected = const_cast<ZXLBKeywordLexicon *>(entries.data());
+  DictionaryHeadPointer.compare_exchange_strong(expected, nullptr);
 }
 
 }  // namespace
@@ -76,18 +84,17 @@ int add_to_lexicon(ZXBTCustomRule *rule, const char *keyword, unsigned int prior
   e.priority = priority;
   e.match_constraint = match_constraint;
   rule->keyword_count = count_after;
-  all_keyword_len += static_cast<unsigned int>(len);
+  all_keyword_len.fetch_add(static_cast<unsigned int>(len), std::memory_order_relaxed);
   return 0;
 }
 
 void dealloc_lexicon(ZXBTCustomRule *rule) {
   if (!rule) return;
-  if (DictionaryHeadPointer == rule->dictionary.data()) DictionaryHeadPointer = nullptr;
+  forget(rule->dictionary);
   std::vector<ZXLBKeywordLexicon>().swap(rule->dictionary);
   rule->keyword_count = 0;
 }
 
 ZXBTCustomRule::~ZXBTCustomRule() {
-  if (!dictionary.empty() && DictionaryHeadPointer == dictionary.data())
-    DictionaryHeadPointer = nullptr;
+  forget(dictionary);
 }

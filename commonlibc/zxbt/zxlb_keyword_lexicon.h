@@ -10,6 +10,8 @@
 // aside without touching the one in use.
 #pragma once
 
+#include <atomic>
+
 struct ZXBTCustomRule;
 
 inline constexpr int ZXLB_KEYWORD_SIZE = 256;
@@ -38,12 +40,13 @@ struct ZXLBKeywordLexicon {
 };
 
 // Sum of the lengths of every keyword ever added, in any lexicon; never
-// reduced. Sizes the keyword automaton. Written by the rule reader only.
-extern unsigned int all_keyword_len;
+// reduced. Sizes the keyword automaton. Process-wide, so the rule readers of
+// several applications update it at once.
+extern std::atomic<unsigned int> all_keyword_len;
 // The entries of the lexicon built or grown last; null before the first and
 // once that lexicon is freed. Informational: lookups go through their rule
 // set, never through it.
-extern ZXLBKeywordLexicon *DictionaryHeadPointer;
+extern std::atomic<ZXLBKeywordLexicon *> DictionaryHeadPointer;
 
 // A fresh lexicon of 20 empty entries with keyword_count 0. 0, or -1 when
 // memory is short (the rule set is then left as it was).
