@@ -199,8 +199,7 @@ TEST_F(SendBuffers, ExitDrainWithoutADataThread) {
 
 TEST_F(SendBuffers, FullPoolDropsWholeRecordsAndLogsOncePerThousand) {
   zxtest::TempDir dir;
-  zxtest::ScopedTraceKey key(
-      zxlb_init_mt_trace_log_ex(dir.str().c_str(), "t.log", 1, 0, app_->control_pool.get()));
+  zxtest::ScopedTraceKey key(zxlb_init_mt_trace_log_ex(dir.str().c_str(), "t.log", 1, 0));
   app_->ZXSys.controlTraceLevel = 1;
   init(16, 2);
   EXPECT_EQ(dump("0123456789ABCDEF"), 0);

@@ -43,7 +43,6 @@ class FlowpathTest : public ::testing::Test {
     app_->ZXSys.bciDataBufferMaxSize = 1 << 17;
     app_->ZXSys.dataBuffMaxCount = 8;
     EXPECT_EQ(buff_list_init(&*app_), 0);
-    rec_->sequenceBlobLock.create(app_->control_pool.get());
     rec_->tlThreadId = 7;
     rec_->flowpathInstance = 5001;
     rec_->tlIsFPCaptured = 1;

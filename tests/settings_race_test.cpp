@@ -174,8 +174,7 @@ TEST_F(SettingsRace, ModifyWhileTwoThreadsTrace) {
 TEST(PublishedNames, ReplacedWhileTraceLinesReadThem) {
   zxtest::TempDir home;
   zxtest::ScopedApp app(home.str());
-  zxtest::ScopedTraceKey key(
-      zxlb_init_mt_trace_log_ex(home.str().c_str(), "trace.log", 1, 100, app->control_pool.get()));
+  zxtest::ScopedTraceKey key(zxlb_init_mt_trace_log_ex(home.str().c_str(), "trace.log", 1, 100));
   ASSERT_NE(app->agentLogBuffer, nullptr);
   app->ZXSys.sendLogsToProxy = 2;
   app->Server.InstrumentationBusy = 1;

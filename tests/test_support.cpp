@@ -146,8 +146,7 @@ ZXProxyInstance_t &LinkedAgent::configure(std::uint16_t port, const std::string 
   app_.emplace(home_.str(), role_ == Role::ProcessAgent);
   ZXProxyInstance_t &a = **app_;
   if (role_ == Role::ProcessAgent)
-    trace_.emplace(
-        zxlb_init_mt_trace_log_ex(home_.str().c_str(), "trace.log", 1, 100, a.control_pool.get()));
+    trace_.emplace(zxlb_init_mt_trace_log_ex(home_.str().c_str(), "trace.log", 1, 100));
   zx::ThreadAppScope scope(&a);
   a.ZXSys.controlTraceLevel = 1;
   ZXLinkTimings_t &t = a.linkTimings;

@@ -268,8 +268,7 @@ TEST(Keywords, BuildArgumentsAndTraces) {
   // With detail traces on, every line formats cleanly and the answer holds.
   zxtest::ScopedApp app;
   zxtest::TempDir dir;
-  zxtest::ScopedTraceKey key(
-      zxlb_init_mt_trace_log_ex(dir.str().c_str(), "t.log", 1, 0, app->control_pool.get()));
+  zxtest::ScopedTraceKey key(zxlb_init_mt_trace_log_ex(dir.str().c_str(), "t.log", 1, 0));
   app->ZXSys.btMonitorTraceLevel = 4;
   k.add("pay", 1, "P", ZXLB_MATCH_CONTAINS);
   EXPECT_EQ(k.search("/pay\x80"), "P");

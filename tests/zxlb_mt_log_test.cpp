@@ -30,8 +30,7 @@ class TraceLogTest : public ::testing::Test {
  protected:
   TraceLogTest()
       : app_(home_.str()),
-        key_(zxlb_init_mt_trace_log_ex(home_.str().c_str(), "trace.log", 1, 100,
-                                       app_->control_pool.get())) {
+        key_(zxlb_init_mt_trace_log_ex(home_.str().c_str(), "trace.log", 1, 100)) {
     app_->ZXSys.zxBuild.assign("build-42");
   }
   std::string file(int i) const {
@@ -172,8 +171,7 @@ TEST_F(TraceLogTest, GatedVariantsFollowTheirOwnLevels) {
 TEST_F(TraceLogTest, MissingDirectoryIsRetriedOnTheNextLine) {
   TempDir other;
   auto dir = other.path() / "later";
-  ScopedTraceKey key(
-      zxlb_init_mt_trace_log_ex(dir.c_str(), "t.log", 1, 100, app_->control_pool.get()));
+  ScopedTraceKey key(zxlb_init_mt_trace_log_ex(dir.c_str(), "t.log", 1, 100));
   log("lost");
   std::filesystem::create_directories(dir);
   log("kept");
@@ -200,7 +198,7 @@ TEST_F(TraceLogTest, WebSocketLibraryLinesAreGatedByControlLevel) {
 
 TEST(TraceLogNoKey, NullKeyAndNullNameAreHarmless) {
   ScopedApp app;
-  EXPECT_EQ(zxlb_init_mt_trace_log_ex("/tmp", nullptr, 1, 100, app->control_pool.get()), nullptr);
+  EXPECT_EQ(zxlb_init_mt_trace_log_ex("/tmp", nullptr, 1, 100), nullptr);
   zxlb_mt_trace_log(nullptr, nullptr, 0, "M", "Info", "f", 1, "fn", "nothing");
   ZX_CTRL_LOG(0, "Info", "no key: %d", 1);
 }

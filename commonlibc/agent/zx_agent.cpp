@@ -66,8 +66,7 @@ void ZXTraceInit(ZXAppSettings &app, const char *processName, const char *pool) 
     snprintf(name, sizeof name, "zx_trace_%.64s_%s_%d.log", proc, stamp, pid);
   // The log lives until the process ends: lines may be written from any
   // thread up to the last moment.
-  trace_log_key =
-      zxlb_init_mt_trace_log_ex(dir.c_str(), name, 1, 100, app.control_pool.get()).release();
+  trace_log_key = zxlb_init_mt_trace_log_ex(dir.c_str(), name, 1, 100).release();
 }
 
 int checkProcessNameInfo(const ZXAppSettings &app, const char *name) {

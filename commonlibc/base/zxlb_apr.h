@@ -1,12 +1,11 @@
-// RAII wrappers over the few APR objects the agent core keeps: pools and
-// nested thread mutexes. APR is reference-counted on initialise, so a host
+// RAII wrappers over the APR pools the agent core keeps, and its recursive
+// mutex. APR is reference-counted on initialise, so a host
 // that already uses APR is unaffected.
 #pragma once
 
 #include <apr_pools.h>
-#include <apr_thread_mutex.h>
-
 #include <memory>
+#include <mutex>
 
 namespace zx {
 
@@ -28,31 +27,24 @@ using PoolPtr = std::unique_ptr<apr_pool_t, PoolDeleter>;
 // Returns null on failure; `parent` may be null for a root pool.
 PoolPtr make_pool(apr_pool_t *parent = nullptr);
 
-// A nested (recursive) APR mutex; BasicLockable so std::lock_guard works.
-// A default-constructed or failed mutex locks nothing: the agent must keep
-// running even when APR cannot give it a lock.
+// A recursive mutex, usable from construction on: its owner's constructor
+// makes it with the rest of the owner, so there is no step that could be
+// forgotten and leave a lock that locks nothing. Held across calls that
+// re-enter their own locks (the flowpath and trace-log code). It needs no
+// pool, so records made on a host's thread (a new block of slots) never
+// allocate from a pool another thread uses. BasicLockable, for std::lock_guard.
 class NestedMutex {
  public:
   NestedMutex() = default;
-  explicit NestedMutex(apr_pool_t *pool);
   NestedMutex(const NestedMutex &) = delete;
   NestedMutex &operator=(const NestedMutex &) = delete;
-  NestedMutex(NestedMutex &&o) noexcept;
-  NestedMutex &operator=(NestedMutex &&o) noexcept;
-  ~NestedMutex();
 
-  // Creates the mutex once; later calls keep the existing one.
-  bool create(apr_pool_t *pool);
-  bool valid() const { return m_ != nullptr; }
-  void lock() {
-    if (m_) apr_thread_mutex_lock(m_);
-  }
-  void unlock() {
-    if (m_) apr_thread_mutex_unlock(m_);
-  }
+  void lock() { m_.lock(); }
+  void unlock() { m_.unlock(); }
+  bool try_lock() { return m_.try_lock(); }
 
  private:
-  apr_thread_mutex_t *m_ = nullptr;
+  std::recursive_mutex m_;
 };
 
 }  // namespace zx

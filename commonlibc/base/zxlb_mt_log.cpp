@@ -159,7 +159,7 @@ MTTraceLogKey::~MTTraceLogKey() {
 }
 
 std::unique_ptr<MTTraceLogKey> zxlb_init_mt_trace_log_ex(const char *base_dir, const char *log_file,
-                                                         int, int, apr_pool_t *pool) {
+                                                         int, int) {
   if (!log_file) return nullptr;
   std::unique_ptr<MTTraceLogKey> key;
   try {
@@ -172,8 +172,6 @@ std::unique_ptr<MTTraceLogKey> zxlb_init_mt_trace_log_ex(const char *base_dir, c
   snprintf(key->log_file[1], ZX_TRACE_PATH_MAX, "%s/%s_1", dir, log_file);
   key->cur_index = 0;
   key->print_header = 1;
-  key->lock.create(pool);
-  key->mem_lock.create(pool);
   return key;
 }
 

@@ -44,11 +44,9 @@ struct MTTraceLogKey {
 extern MTTraceLogKey *trace_log_key;
 
 // Paths are "<base_dir>/<log_file>_0" and "_1"; no file is opened yet.
-// Null when log_file is null or memory is short. Mutexes come from `pool`
-// (the control pool), which must outlive the key.
+// Null when log_file is null or memory is short.
 std::unique_ptr<MTTraceLogKey> zxlb_init_mt_trace_log_ex(const char *base_dir, const char *log_file,
-                                                         int log_level, int max_log_file_size,
-                                                         apr_pool_t *pool);
+                                                         int log_level, int max_log_file_size);
 
 void zx_open_log_file(MTTraceLogKey *key, int take_lock);
 void roll_over_file(MTTraceLogKey *key);  // called with key->lock held

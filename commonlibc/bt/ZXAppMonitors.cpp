@@ -2,10 +2,7 @@
 
 #include <cstring>
 
-ZXAppMonitors::ZXAppMonitors()
-    : btManager(control_pool.get()),
-      controlThreadTmpLock(control_pool.get()),
-      zxTDHashMapLock(control_pool.get()) {}
+ZXAppMonitors::ZXAppMonitors() = default;
 
 ZXAppMonitors::~ZXAppMonitors() {
   stopMonitorTimer(this);

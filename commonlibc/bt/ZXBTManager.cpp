@@ -92,8 +92,6 @@ void BTObjectMap::clear() {
   count_.store(0, std::memory_order_relaxed);
 }
 
-ZXBTManager::ZXBTManager(apr_pool_t *pool) : bt_obj_map_lock(pool) {}
-
 void insert_in_hasmap(const char *name, BTObject *object, BTObjectMap &map) {
   if (!name || !object) return;
   map.put(name, object);

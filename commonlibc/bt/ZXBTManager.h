@@ -128,8 +128,7 @@ struct ZXBTConfigModel {
 };
 
 struct ZXBTManager {
-  // The manager lock is made in `pool` (the owner's), which outlives it.
-  explicit ZXBTManager(apr_pool_t *pool);
+  ZXBTManager() = default;
   ZXBTManager(const ZXBTManager &) = delete;
   ZXBTManager &operator=(const ZXBTManager &) = delete;
 

@@ -10,9 +10,6 @@
 #include "zxlb_mt_log.h"
 
 ZXAppSettings::ZXAppSettings() : control_pool(zx::make_pool()), proxy_pool(zx::make_pool()) {
-  agentLogLock.create(control_pool.get());
-  supportedProtocols.lock.create(control_pool.get());
-  supportedProtocolsZXC.lock.create(control_pool.get());
   agentLogBuffer.reset(new (std::nothrow) char[ZX_AGENT_LOG_BUFFER_SIZE]);
   if (agentLogBuffer) agentLogBuffer[0] = '\0';  // without it mode 2 falls back to the files
   ZXSysInit(ZXSys);

@@ -4,10 +4,7 @@
 
 #include "ZXFeatureKeywords.h"
 
-ZXAppTracing::ZXAppTracing()
-    : tlsMutex(control_pool.get()),
-      threadLocalMutex(control_pool.get()),
-      methodEntryLock(control_pool.get()) {}
+ZXAppTracing::ZXAppTracing() = default;
 
 ZXAppTracing::~ZXAppTracing() = default;
 

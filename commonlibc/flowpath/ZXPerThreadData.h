@@ -47,10 +47,6 @@ enum ZXFpPhase : unsigned char {
 
 struct ZXPerThreadData_t {
   ZXPerThreadData_t() = default;
-  // A record whose own locks come from `lockPool`; a null pool makes none,
-  // for records that no other thread touches.
-  explicit ZXPerThreadData_t(apr_pool_t *lockPool) noexcept
-      : sequenceBlobLock(lockPool), updateBTLock(lockPool) {}
   ZXPerThreadData_t(const ZXPerThreadData_t &) = delete;
   ZXPerThreadData_t &operator=(const ZXPerThreadData_t &) = delete;
 

@@ -43,11 +43,7 @@ ZXPerThreadData_t *create_tls_pool(ZXAppTracing *app, int loc_BusyTLSCnt) {
   if (hotspotCaptureOn(app) && !app->tlsdatastruct)
     growTlsDataStruct(app, "Create tls data structure for hotspot");
 
-  // In an application process of proxy mode the engine runs in the proxy,
-  // so records there need neither locks nor monitor models.
-  const bool engineHere = app->ZXSys.proxyMode != 1;
-  std::unique_ptr<ZXTlsBlock> made(new (std::nothrow)
-                                       ZXTlsBlock(engineHere ? app->control_pool.get() : nullptr));
+  std::unique_ptr<ZXTlsBlock> made(new (std::nothrow) ZXTlsBlock());
   if (!made) {
     ZX_LOG_OOM(sizeof(ZXPerThreadData_t) * ZX_TLS_BLOCK_SIZE,
                "Create TLS pool of ZXPerThreadData_t", -1);

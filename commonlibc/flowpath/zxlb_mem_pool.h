@@ -13,8 +13,6 @@
 #pragma once
 
 #include <array>
-#include <cstddef>
-#include <utility>
 
 #include "ZXPerThreadData.h"
 
@@ -22,24 +20,14 @@ inline constexpr int ZX_TLS_BLOCK_SIZE = 64;
 
 struct ZXAppTracing;
 
-// One block of the pool: its records are made together, each with its own
-// locks from the pool given (see ZXPerThreadData_t), and never move.
+// One block of the pool: its records are made together and never move.
 struct ZXTlsBlock {
-  explicit ZXTlsBlock(apr_pool_t *lockPool)
-      : ZXTlsBlock(lockPool, std::make_index_sequence<ZX_TLS_BLOCK_SIZE>{}) {}
-
   std::array<ZXPerThreadData_t, ZX_TLS_BLOCK_SIZE> records;
-
- private:
-  template <std::size_t... I>
-  ZXTlsBlock(apr_pool_t *lockPool, std::index_sequence<I...>)
-      : records{{((void)I, ZXPerThreadData_t(lockPool))...}} {}
 };
 
 // A new block of 64 records linked as a free list, with slot numbers from
 // g_tlsidx and thread numbers loc_BusyTLSCnt + 1 .. + 64; null when memory is
-// short. Its records get their own locks unless the engine runs in the proxy
-// (proxyMode 1). gFreeTLSTail moves to its last record; the caller makes the
+// short. gFreeTLSTail moves to its last record; the caller makes the
 // first one gFreeTLSHead. Caller holds tlsMutex.
 ZXPerThreadData_t *create_tls_pool(ZXAppTracing *app, int loc_BusyTLSCnt);
 

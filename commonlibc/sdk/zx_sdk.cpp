@@ -73,8 +73,7 @@ bool ownHandle(zxBTHandle h) {
 SdkState *makeSdkState() {
   auto state = std::make_unique<SdkState>();
   state->sdk_pool = zx::make_pool();
-  if (!state->sdk_pool || !state->bt_lock.create(state->sdk_pool.get()) ||
-      !(state->g_bt_hash = apr_hash_make(state->sdk_pool.get())))
+  if (!state->sdk_pool || !(state->g_bt_hash = apr_hash_make(state->sdk_pool.get())))
     return nullptr;
   return state.release();
 }
@@ -209,12 +208,11 @@ ZX_EXPORT void zx_free(void) {
     if (!initializeSDK.exchange(0, std::memory_order_acq_rel)) return;
     std::unique_ptr<SdkState> state(std::exchange(sdk, nullptr));
     {
-      // bt_lock dies with the state: hash and pool go first, under it.
+      // The hash goes under its lock; the pool behind it goes with the state.
       std::lock_guard lk(state->bt_lock);
       state->g_bt_hash = nullptr;
     }
-    state->bt_lock = zx::NestedMutex();
-    state->sdk_pool.reset();
+    state.reset();
     zx_sdk_log_free();
   });
 }

@@ -2,7 +2,7 @@
 
 #include "ZXDataThread.h"
 
-ZXAppLink::ZXAppLink() : sendBuffers(control_pool.get()) {}
+ZXAppLink::ZXAppLink() = default;
 
 ZXAppLink::~ZXAppLink() {
   // Normally the agent's stop has run already and these find nothing to do.

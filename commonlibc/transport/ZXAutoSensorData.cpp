@@ -154,7 +154,7 @@ void senderBody(ZXAppLink *app) {
 
 }  // namespace
 
-ZXASDataLink::ZXASDataLink() : pool(zx::make_pool()), buffers(pool.get()) {}
+ZXASDataLink::ZXASDataLink() = default;
 
 ZXASDataLink::~ZXASDataLink() {
   {

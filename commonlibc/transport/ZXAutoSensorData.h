@@ -32,7 +32,6 @@ struct ZXASDataLink {
   ZXASDataLink(const ZXASDataLink &) = delete;
   ZXASDataLink &operator=(const ZXASDataLink &) = delete;
 
-  zx::PoolPtr pool;  // the pool's two mutexes come from here
   // The pool documents its two locks; its buffers are made once, then
   // `ready` is raised.
   ZXSendBufferPool buffers;

@@ -95,16 +95,14 @@ struct ZXSendStorageUnmap {
 // Lock order: sendLock, then bufferWriteLock, then bufferMoveLock; never the
 // reverse.
 struct ZXSendBufferPool {
-  // Both locks are made from `lockPool`, which must outlive the pool.
-  explicit ZXSendBufferPool(apr_pool_t *lockPool)
-      : bufferWriteLock(lockPool), bufferMoveLock(lockPool) {}
+  ZXSendBufferPool() = default;
+  ZXSendBufferPool(const ZXSendBufferPool &) = delete;
+  ZXSendBufferPool &operator=(const ZXSendBufferPool &) = delete;
 
   // bufferWriteLock guards the filling buffer (the write list's head and its
   // use_len), the decision to drop and the producer-side counters. It is
-  // taken for every record; an APR nested mutex costs about 25 ns per
-  // 200-byte record against 18 ns for a std::mutex, well inside the budget,
-  // so it stays an APR lock like every other lock of the agent. Logging
-  // happens after unlock, so nothing under it re-enters dumpData.
+  // taken for every record. Logging happens after unlock, so nothing under
+  // it re-enters dumpData.
   zx::NestedMutex bufferWriteLock;
 
   // bufferMoveLock guards the list links and sizes below: every move between
