@@ -71,7 +71,7 @@ void BM_DataThreadToCollector(benchmark::State &state) {
   }
   state.SetBytesProcessed(static_cast<long long>(expected - base));
   state.counters["dropped"] = static_cast<double>(dropped);
-  stop_data_thread(app.get());
+  (void)stop_data_thread(app.get());
   publishApplication(nullptr);
 }
 BENCHMARK(BM_DataThreadToCollector)->UseManualTime()->Unit(benchmark::kMillisecond)->Iterations(10);

@@ -25,7 +25,7 @@ void setup(const std::string &rules) {
   app->allVerySlow = 5000;
   app->maxStates = 128;
   ZXBTMonitorInit(app->btMonitor, *app);
-  zxbt_read_rule_file_ex(*tlzxApplication, rules.c_str(), false);
+  (void)zxbt_read_rule_file_ex(*tlzxApplication, rules.c_str(), false);
 }
 
 void setup_pattern(const benchmark::State &) {

@@ -38,7 +38,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
   ZXProxyInstance_t *app = makeApp();
   publishApplication(app);
   controlSocketBuffer_t &buf = app->ctrlBufInfo;
-  if (!reset_control_buffer(&buf)) return 0;
+  if (!reset_control_buffer(&buf).ok()) return 0;
   // The first byte picks the read size, so splits vary with the input.
   size_t step = size > 0 ? 1 + data[0] % 64 : 1;
   for (size_t off = size > 0 ? 1 : 0; off < size;) {
@@ -50,7 +50,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     processControlConnectionMessage(app, &buf);
     off += n;
   }
-  stop_data_thread(app);
+  (void)stop_data_thread(app);
   app->ZXSys.closeCtrlConFlag = 0;
   return 0;
 }

@@ -55,7 +55,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     check(r->morSID == 0 && r->ZXPageID == 0 && r->last_fptimestamp_from_cookie == 0);
 
   ZXSessionSettings_t parsed;
-  if (zx_parse_session_settings(text.c_str(), &parsed) == 0)
+  if (zx_parse_session_settings(text.c_str(), &parsed).ok())
     check(parsed.maxFPCountInSession >= 0 && parsed.zxSessionIdleTimeOutSecs >= 0);
 
   ZXSessionSettings_t s;

@@ -48,7 +48,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
                          strnlen(reinterpret_cast<const char *>(data), size));
 
   for (int round = 0; round < 2; ++round) {
-    check(zxbt_read_rule_file_ex(*app, text.c_str(), false) == 0);
+    check(zxbt_read_rule_file_ex(*app, text.c_str(), false).ok());
     if (round == 0) zxbt_apply_default_global_rule(*app);
     const ZXBTRuleSet *rules = app->btRules.current.current_for_writer();
     check(rules && (rules->bt_rule == 0 || rules->bt_rule == 1 || rules->bt_rule == 7));

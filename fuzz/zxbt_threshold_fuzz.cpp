@@ -27,10 +27,10 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
   const std::string text(reinterpret_cast<const char *>(data),
                          strnlen(reinterpret_cast<const char *>(data), size));
   // A pattern BT first, so that per-name lines have an object to update.
-  zxbt_read_rule_file_ex(*app, "7|Login|2|0|/login|0\n", false);
+  (void)zxbt_read_rule_file_ex(*app, "7|Login|2|0|/login|0\n", false);
 
-  const int rc = zxbt_read_threshold_file_ex(*app, text.c_str(), false);
-  check(rc == (text.empty() ? -1 : 0));
+  const zx::Status read = zxbt_read_threshold_file_ex(*app, text.c_str(), false);
+  check(read.ok() == !text.empty());
   check(app->allSlow >= 1 && app->allSlow < app->allVerySlow);
   BTObject *login = find_bt_obj_in_manager_map(*app, "Login");
   check(login != nullptr);
@@ -38,7 +38,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
   const int very_slow = login->bt_threshold.very_slow.load();
   check(slow >= 1 && slow < very_slow);
 
-  check(zxbt_read_error_rules(*app, text.c_str()) == 0);
+  check(zxbt_read_error_rules(*app, text.c_str()).ok());
   for (int code = -1; code <= ZXBT_ERROR_TABLE_SIZE; ++code) {
     const char c = findCategoryOfBT(*app, login->bt_threshold, slow, code, nullptr);
     check(c == ZXBT_CATEGORY_SLOW || c == ZXBT_CATEGORY_ERROR);

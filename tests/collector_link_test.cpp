@@ -644,7 +644,8 @@ TEST_F(LinkTest, ExitDrainKeepsItsDeadlineWhenTheCollectorStalls) {
   }
   const auto budget = 400ms;
   const auto t0 = std::chrono::steady_clock::now();
-  EXPECT_EQ(drainSendBuffersForExit(&a, apr_time_now() + apr_time_from_msec(budget.count())), 1);
+  EXPECT_EQ(drainSendBuffersForExit(&a, apr_time_now() + apr_time_from_msec(budget.count())),
+            zx::Errc::timed_out);
   EXPECT_LT(std::chrono::steady_clock::now() - t0, budget + 150ms);
   ASSERT_TRUE(zxtest::wait_until([&] { return readSendCounts(a.sendBuffers).queued == 0; }, kWait));
   const ZXSendCounts counts = zxtest::scanned_send_counts(a);
@@ -738,7 +739,7 @@ TEST(StartInstrumentation, TimeBase) {
   EXPECT_EQ(srv.diffTimeFromZXC, 250);
   EXPECT_EQ(srv.morEpochDiffTime, 1000000 - 250);
   EXPECT_EQ(srv.originalMorEpochDiffTime, 1000000 - 250);
-  stop_data_thread(&*app);
+  EXPECT_TRUE(stop_data_thread(&*app).ok());
 }
 
 }  // namespace

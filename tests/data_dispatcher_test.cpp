@@ -184,12 +184,13 @@ TEST_F(SendBuffers, EveryLineIsCountedWhereItEnds) {
 // counts everything queued as lost at exit.
 TEST_F(SendBuffers, ExitDrainWithoutADataThread) {
   init(16, 4);
-  EXPECT_EQ(drainSendBuffersForExit(nullptr, apr_time_now()), -1);
-  EXPECT_EQ(drainSendBuffersForExit(&*app_, apr_time_now() + apr_time_from_sec(30)), 0);
+  EXPECT_EQ(drainSendBuffersForExit(nullptr, apr_time_now()), zx::Errc::bad_input);
+  EXPECT_EQ(drainSendBuffersForExit(&*app_, apr_time_now() + apr_time_from_sec(30)), zx::Ok);
   EXPECT_EQ(dump("0123456789ABCDE\n"), 0);
   EXPECT_EQ(dump("x\ny\n"), 0);
   const auto t0 = std::chrono::steady_clock::now();
-  EXPECT_EQ(drainSendBuffersForExit(&*app_, apr_time_now() + apr_time_from_sec(30)), 1);
+  EXPECT_EQ(drainSendBuffersForExit(&*app_, apr_time_now() + apr_time_from_sec(30)),
+            zx::Errc::timed_out);
   EXPECT_LT(std::chrono::steady_clock::now() - t0, std::chrono::seconds(5));
   ZXSendCounts c = zxtest::scanned_send_counts(*app_);
   EXPECT_EQ(c.lostAtExit, 3u);

@@ -131,10 +131,10 @@ TEST(SessionSettings, KeywordValueIsAppliedWholeOrNotAtAll) {
   EXPECT_EQ(s.zxSessionIdleTimeOutSecs, 30);
 
   ZXSessionSettings_t t;
-  ASSERT_EQ(zx_parse_session_settings("2 5%20%20", &t), 0);
+  ASSERT_TRUE(zx_parse_session_settings("2 5%20%20", &t).ok());
   EXPECT_EQ(t.enabled + t.maxFPCountInSession + t.zxSessionIdleTimeOutSecs, 6);
   for (const char *v : {"", "%20", "1%20-5", "1%2010x", "1%2099999999999", "1%21"})
-    EXPECT_EQ(zx_parse_session_settings(v, &t), -1) << v;
+    EXPECT_EQ(zx_parse_session_settings(v, &t), zx::Errc::bad_input) << v;
 }
 
 std::string unescape(const char *in, std::size_t size = 2048) {

@@ -157,7 +157,7 @@ ZXProxyInstance_t &LinkedAgent::configure(std::uint16_t port, const std::string 
   a.ZXSys.bciDataBufferMaxSize = 4096;
   a.ZXSys.dataBuffMaxCount = 16;
   initPerThreadSlots(&a);
-  EXPECT_TRUE(control_thread_configure(&a));
+  EXPECT_TRUE(control_thread_configure(&a).ok());
   return a;
 }
 
@@ -182,7 +182,7 @@ void LinkedAgent::stop_agent() {
   // Every thread the run started, before the trace key and the application
   // they use go away.
   zx::ThreadAppScope scope(&app());
-  agent_stop_by(&app(), 0);
+  (void)agent_stop_by(&app(), 0);
 }
 
 void LinkedAgent::start_run(zxref::ReferenceCollector &c, const std::string &pairs) {

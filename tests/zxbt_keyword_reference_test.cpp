@@ -167,7 +167,7 @@ TEST(KeywordReference, ThreeHundredKeywordRulesFromARuleFile) {
             "&input2=" + k.text + "]|-\n";
     read.push_back(k);
   }
-  ASSERT_EQ(zxbt_read_rule_file_ex(*tlzxApplication, text.c_str(), false), 0);
+  ASSERT_TRUE(zxbt_read_rule_file_ex(*tlzxApplication, text.c_str(), false).ok());
   ASSERT_GT(read.size(), 250u);
   char name[ZXBT_NAME_SIZE];
   for (int q = 0; q < 3000; ++q) {

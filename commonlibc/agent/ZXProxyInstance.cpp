@@ -9,7 +9,7 @@ ZX_EXPORT ZXProxyInstance_t *ZXProxyInstance = nullptr;
 }
 
 ZXProxyInstance_t::~ZXProxyInstance_t() {
-  agent_stop_by(this, 0);
+  (void)agent_stop_by(this, 0);
   if (tlzxApplication == this) publishApplication(nullptr);
 }
 

@@ -116,14 +116,14 @@ void terminate_apr_at_exit() {
 void stop_at_exit() {
   ZXProxyInstance_t *app = ZXProxyInstance;
   if (!app) return;
-  if (!agent_stop_by(app, apr_time_now() + app->linkTimings.exitDeadline))
+  if (!agent_stop_by(app, apr_time_now() + app->linkTimings.exitDeadline).ok())
     threadsLeftBehind.store(true);
 }
 
 }  // namespace
 
 void agent_shutdown() {
-  if (ZXProxyInstance) agent_stop_by(ZXProxyInstance, 0);
+  if (ZXProxyInstance) (void)agent_stop_by(ZXProxyInstance, 0);
 }
 
 extern "C" ZX_EXPORT void agent_init(char *pool, int connect_zxc, char *process_name,
@@ -214,14 +214,16 @@ extern "C" ZX_EXPORT void agent_init(char *pool, int connect_zxc, char *process_
   }
   ZXBTConfigModelInit(*app);
   ZX_CTRL_LOG(0, "Info", "Going to start control thread ...");
-  char err[1024] = {};
   zx_agent_fork_remember(pool, process_name, agentType);
-  if (start_control_thread(app, err, sizeof err)) {
+  const zx::Status started = start_control_thread(app);
+  if (started.ok()) {
     static std::once_flag exitOnce;
     std::call_once(exitOnce, [] { atexit(stop_at_exit); });
     ZX_CTRL_LOG(0, "Info", "Control thread created successfully... '%lld'",
                 static_cast<long long>(app->processID));
   } else {
+    char err[256] = {};
+    apr_strerror(started.sysError(), err, sizeof err);
     ZX_CTRL_LOG(0, "Error", "Error in creating control thread... '%s'", err);
   }
 } catch (...) {

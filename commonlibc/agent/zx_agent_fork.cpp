@@ -81,14 +81,15 @@ void zx_agent_fork_remember(const char *pool, const char *process_name, const ch
   std::call_once(once, [] { pthread_atfork(beforeFork, afterForkInParent, afterForkInChild); });
 }
 
-bool zx_agent_restart_after_fork() {
+zx::Status zx_agent_restart_after_fork() {
   int idle = 0;
-  if (!restarting.compare_exchange_strong(idle, 1, std::memory_order_acquire)) return false;
+  if (!restarting.compare_exchange_strong(idle, 1, std::memory_order_acquire))
+    return zx::Errc::busy;
   if (zxAgentRestartPending.load(std::memory_order_relaxed)) {
     agent_init(argOrNull(savedArgs.pool), 1, argOrNull(savedArgs.process),
                argOrNull(savedArgs.type));
     zxAgentRestartPending.store(false, std::memory_order_release);
   }
   restarting.store(0, std::memory_order_release);
-  return true;
+  return zx::Ok;
 }

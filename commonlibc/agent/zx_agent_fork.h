@@ -22,6 +22,8 @@
 
 #include <atomic>
 
+#include "zxlb_status.h"
+
 // Keeps agent_init's arguments for a child's restart and installs the fork
 // handlers (once). Called by agent_init for a running agent.
 void zx_agent_fork_remember(const char *pool, const char *process_name, const char *agentType);
@@ -30,13 +32,5 @@ void zx_agent_fork_remember(const char *pool, const char *process_name, const ch
 extern std::atomic<bool> zxAgentRestartPending;
 
 // Starts the child's own agent. One caller does it; the others, and calls
-// while it runs, return false (neutral results). True once it has run.
-bool zx_agent_restart_after_fork();
-
-// The cheap test for the hot paths: false unless this is a forked child that
-// has not restarted yet; then the restart runs.
-inline bool zx_agent_restart_if_forked() {
-  if (!zxAgentRestartPending.load(std::memory_order_relaxed)) [[likely]]
-    return false;
-  return zx_agent_restart_after_fork();
-}
+// while it runs, get busy (and give neutral results). Ok once it has run.
+zx::Status zx_agent_restart_after_fork();

@@ -8,8 +8,8 @@
 #include "control_thread.h"
 #include "zxlb_mt_log.h"
 
-bool agent_stop_by(ZXProxyInstance_t *app, apr_time_t deadline) {
-  if (!app) return true;
+zx::Status agent_stop_by(ZXProxyInstance_t *app, apr_time_t deadline) {
+  if (!app) return zx::Ok;
   // Producers on the agent's side stop first; the data thread goes last so
   // that what they queued can still be sent.
   request_control_stop(app);
@@ -17,16 +17,16 @@ bool agent_stop_by(ZXProxyInstance_t *app, apr_time_t deadline) {
   request_as_data_thread_stop(app);
   // At exit the data thread first sends what is queued, until just before
   // the deadline; the rest is counted lost at exit.
-  if (deadline) drainSendBuffersForExit(app, deadline - (deadline - apr_time_now()) / 8);
-  bool joined = join_control_thread(app, deadline);
-  joined &= stopMonitorTimer(app, deadline);
-  joined &= stop_as_data_thread(app, deadline);
+  if (deadline) (void)drainSendBuffersForExit(app, deadline - (deadline - apr_time_now()) / 8);
+  bool joined = join_control_thread(app, deadline).ok();
+  joined &= stopMonitorTimer(app, deadline).ok();
+  joined &= stop_as_data_thread(app, deadline).ok();
   // The run's end as a collector stop writes it: the flowpaths still running
   // go out as incomplete with the data thread's last flush.
   writeIncompleteFlowpathsAtStop(app);
-  joined &= stop_data_thread(app, deadline);
-  if (!joined)
-    ZX_LOG_IF(true, "CONTROL_THREAD", "Warning",
-              "Agent stop deadline passed: a thread was left behind");
-  return joined;
+  joined &= stop_data_thread(app, deadline).ok();
+  if (joined) return zx::Ok;
+  ZX_LOG_IF(true, "CONTROL_THREAD", "Warning",
+            "Agent stop deadline passed: a thread was left behind");
+  return zx::Errc::timed_out;
 }

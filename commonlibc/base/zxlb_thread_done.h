@@ -15,6 +15,8 @@
 #include <mutex>
 #include <thread>
 
+#include "zxlb_status.h"
+
 namespace zx {
 
 class ThreadDone {
@@ -50,21 +52,21 @@ class ThreadDone {
   bool done_ = true;
 };
 
-// Joins `t` once `done` says it ended by `deadline`; otherwise detaches it.
-// True when joined (or nothing ran).
-inline bool joinBy(std::thread &t, ThreadDone &done, apr_time_t deadline) {
-  if (!t.joinable()) return true;
+// Joins `t` once `done` says it ended by `deadline`; otherwise detaches it
+// (timed_out). Ok when joined or nothing ran.
+inline Status joinBy(std::thread &t, ThreadDone &done, apr_time_t deadline) {
+  if (!t.joinable()) return Ok;
   if (!done.waitUntil(deadline)) {
     t.detach();
-    return false;
+    return Errc::timed_out;
   }
   t.join();
-  return true;
+  return Ok;
 }
 
 // The same for an APR thread; `t` is nulled either way.
-inline bool joinBy(apr_thread_t *&t, ThreadDone &done, apr_time_t deadline) {
-  if (!t) return true;
+inline Status joinBy(apr_thread_t *&t, ThreadDone &done, apr_time_t deadline) {
+  if (!t) return Ok;
   const bool ended = done.waitUntil(deadline);
   if (ended) {
     apr_status_t rv = APR_SUCCESS;
@@ -73,7 +75,7 @@ inline bool joinBy(apr_thread_t *&t, ThreadDone &done, apr_time_t deadline) {
     apr_thread_detach(t);
   }
   t = nullptr;
-  return ended;
+  return ended ? Ok : Status(Errc::timed_out);
 }
 
 }  // namespace zx

@@ -5,7 +5,7 @@
 ZXAppMonitors::ZXAppMonitors() = default;
 
 ZXAppMonitors::~ZXAppMonitors() {
-  stopMonitorTimer(this);
+  (void)stopMonitorTimer(this);
 }
 
 bool ZXAppMonitors::applyLayerKeyword(char *value, char *keyword, int index) {

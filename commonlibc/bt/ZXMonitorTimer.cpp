@@ -93,7 +93,7 @@ void requestMonitorTimerStop(ZXAppMonitors *app) {
   t.wakeCond.notify_all();
 }
 
-bool stopMonitorTimer(ZXAppMonitors *app, apr_time_t deadline) {
+zx::Status stopMonitorTimer(ZXAppMonitors *app, apr_time_t deadline) {
   requestMonitorTimerStop(app);
   ZXMonitorTimer &t = app->monitorTimer;
   std::lock_guard lk(t.threadLock);

@@ -41,8 +41,7 @@ void startMonitorTimer(ZXAppMonitors *app);
 // Asks the timer to stop; does not wait.
 void requestMonitorTimerStop(ZXAppMonitors *app);
 // Stops the timer and waits for it until `deadline` (APR time, 0 = no
-// limit); a timer still busy then is left behind. True when it ended.
-// Idempotent.
-bool stopMonitorTimer(ZXAppMonitors *app, apr_time_t deadline = 0);
+// limit); a timer still busy then is left behind (timed_out). Idempotent.
+zx::Status stopMonitorTimer(ZXAppMonitors *app, apr_time_t deadline = 0);
 // One tick: the interval's report and, when due, the period's record 96.
 void runMonitorTick(ZXAppMonitors *app);

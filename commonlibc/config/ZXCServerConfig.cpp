@@ -71,7 +71,7 @@ void connection_retry_failed(ZXAppSettings &app) {
   lookup_for_next_zxc(app);
 }
 
-bool parse_zxc_host_port(const char *message, std::string &host, int &port) {
+zx::Status parse_zxc_host_port(const char *message, std::string &host, int &port) {
   std::string text(message ? message : "");
   char *fields[ZX_MAX_MESSAGE_TOKENS] = {};
   int n = zxlb_get_tokens_with_multi_delimiter(text.data(), fields, ZX_MAX_MESSAGE_TOKENS, ";");
@@ -84,7 +84,7 @@ bool parse_zxc_host_port(const char *message, std::string &host, int &port) {
     if (strcmp(key, "zxcHost") == 0) host = value;
     if (strcmp(key, "zxcPort") == 0) port = atoi(value);
   }
-  return !host.empty() && port > 0 && port <= 65535;
+  return !host.empty() && port > 0 && port <= 65535 ? zx::Ok : zx::Status(zx::Errc::bad_input);
 }
 
 void set_primary_zxc(ZXAppSettings &app, const char *host, int port) {

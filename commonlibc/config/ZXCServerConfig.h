@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "zxlb_owned_string.h"
+#include "zxlb_status.h"
 
 struct ZXAppSettings;
 
@@ -44,7 +45,8 @@ void lookup_for_next_zxc(ZXAppSettings &app);
 void connection_retry_failed(ZXAppSettings &app);
 
 // The "zxcHost=<host>;zxcPort=<port>" fields of a collector message (a
-// re-route, a SaaS reply). False unless both are present and the port valid.
-bool parse_zxc_host_port(const char *message, std::string &host, int &port);
+// re-route, a SaaS reply). bad_input unless both are present and the port
+// valid.
+zx::Status parse_zxc_host_port(const char *message, std::string &host, int &port);
 // Makes host:port entry 0 and the collector in use.
 void set_primary_zxc(ZXAppSettings &app, const char *host, int port);

@@ -178,8 +178,8 @@ void handleStoppingCaseAtStopInstrumentCase(ZXAppControl *app, char *message) {
 
   writeIncompleteFlowpathsAtStop(app);
   request_data_thread_stop(app);
-  stopMonitorTimer(app);
-  stop_as_data_thread(app);
+  (void)stopMonitorTimer(app);
+  (void)stop_as_data_thread(app);
   srv.testRunRunning = 0;
   srv.retryForDataConn = 0;
   srv.retryForAutoSensorConn = 0;
@@ -229,14 +229,14 @@ void handleHeartbeatEcho(ZXAppControl *app, char *message) {
   ZX_CTRL_LOG(0, "Info", "Heartbeat set is :%lld, Process count = %d Time Elapsed- '%s'",
               app->Server.lastHeartBeatRcvTime, app->processCount, elapsedText);
   forwardToProcesses(app, message);
-  applyHeartbeatEchoStates(app, message);
+  (void)applyHeartbeatEchoStates(app, message);
   app->heartbeat_count = 0;
 }
 
 bool parseReRouteMessageAndUpdateClientInfo(ZXAppControl *app, const char *message) {
   std::string host;
   int port = 0;
-  if (!parse_zxc_host_port(message, host, port)) {
+  if (!parse_zxc_host_port(message, host, port).ok()) {
     ZX_CTRL_LOG(0, "Error", "Re-route message without a collector: '%s'", message);
     return false;
   }
@@ -302,7 +302,7 @@ void handleRerouteMessage(ZXAppControl *app, char *message) {
   if (srv.InstrumentationBusy) handleStoppingCaseAtStopInstrumentCase(app, message);
   if (srv.numberOfTestRunsTillNow > 0) {
     writeIncompleteFlowpathsAtStop(app);
-    stop_data_thread(app);
+    (void)stop_data_thread(app);
   }
   setAllFlagAndCountVars(app);
   app->ZXSys.closeCtrlConFlag = 1;

@@ -7,7 +7,7 @@
 
 ZXAppControl::~ZXAppControl() {
   request_control_stop(this);
-  join_control_thread(this, 0);
+  (void)join_control_thread(this, 0);
   // A run still active ends as a collector stop ends it: its unfinished
   // flowpaths go out with the data thread's last flush (~ZXAppLink).
   writeIncompleteFlowpathsAtStop(this);

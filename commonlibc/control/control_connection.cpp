@@ -149,19 +149,19 @@ bool send_control_con_req_msg_to_zxc(ZXAppControl *app) {
   return false;
 }
 
-bool reset_control_buffer(controlSocketBuffer_t *buf) {
+zx::Status reset_control_buffer(controlSocketBuffer_t *buf) {
   if (!buf->read_socket_buf) {
     buf->read_socket_buf.reset(new (std::nothrow) char[ZX_CTRL_READ_BUFFER_SIZE + 1]);
     if (!buf->read_socket_buf) {
       ZX_LOG_OOM(ZX_CTRL_READ_BUFFER_SIZE, "control read buffer", 0);
-      return false;
+      return zx::Errc::no_memory;
     }
     buf->read_len = ZX_CTRL_READ_BUFFER_SIZE;
   }
   buf->readOffset = buf->writeOffset = buf->readBytes = 0;
   buf->discardingLine = false;
   buf->read_socket_buf[0] = '\0';
-  return true;
+  return zx::Ok;
 }
 
 char *control_buffer_space(controlSocketBuffer_t *buf, int *cap) {
@@ -273,11 +273,11 @@ int rec_control_con_rep_msg_from_zxc(ZXAppControl *app, controlSocketBuffer_t *b
   return ZX_REPLY_REJECTED;
 }
 
-bool applyHeartbeatEchoStates(ZXAppControl *app, const char *message) {
+zx::Status applyHeartbeatEchoStates(ZXAppControl *app, const char *message) {
   std::string text(message);
   char *fields[kMaxReplyFields] = {};
   int n = zxlb_get_tokens_with_multi_delimiter(text.data(), fields, kMaxReplyFields, ";");
-  if (n < 3) return false;
+  if (n < 3) return zx::Errc::bad_input;
   ZXSys_t &sys = app->ZXSys;
   for (int i = 0; i < n; ++i) {
     char key[64];
@@ -299,7 +299,7 @@ bool applyHeartbeatEchoStates(ZXAppControl *app, const char *message) {
   }
   ZX_CTRL_LOG(0, "Info", "Value of dataConnState = %d, autosensorConnState = %d.",
               sys.dataConnState.load(), sys.autosensorConnState.load());
-  return true;
+  return zx::Ok;
 }
 
 namespace {
@@ -307,12 +307,12 @@ namespace {
 // The collector named by the SaaS endpoint becomes entry 0, so that the next
 // pass connects to it with the ordinary request. Its fields are
 // "zxcHost=<host>;zxcPort=<port>".
-bool parseSaasReply(ZXAppControl *app, const char *rest) {
+zx::Status parseSaasReply(ZXAppControl *app, const char *rest) {
   std::string host;
   int port = 0;
-  if (!parse_zxc_host_port(rest, host, port)) return false;
-  set_primary_zxc(*app, host.c_str(), port);
-  return true;
+  const zx::Status parsed = parse_zxc_host_port(rest, host, port);
+  if (parsed.ok()) set_primary_zxc(*app, host.c_str(), port);
+  return parsed;
 }
 
 int commonAcceptSteps(ZXAppControl *app, char *reply) {
@@ -330,7 +330,7 @@ int handle_zxc_con_res_msg(ZXAppControl *app, char *reply) {
   Server_t &srv = app->Server;
   if (strstr(reply, "zx_control_req:action=reconnect;heartBeat")) {
     ZX_CTRL_LOG(0, "Info", "Receive Message from ZXC - '%s'", reply);
-    if (!applyHeartbeatEchoStates(app, reply)) {
+    if (!applyHeartbeatEchoStates(app, reply).ok()) {
       ZX_CTRL_LOG(0, "Error",
                   "controlBreak connection is closed from ZXC due to 'num_fields' "
                   "less than 3.");
@@ -340,7 +340,7 @@ int handle_zxc_con_res_msg(ZXAppControl *app, char *reply) {
     return ZX_REPLY_ACCEPTED;
   }
   if (starts_with(reply, "mor_saas_auth_agent_msg_rep:status=OK")) {
-    if (parseSaasReply(app, reply + strlen("mor_saas_auth_agent_msg_rep:status=OK")))
+    if (parseSaasReply(app, reply + strlen("mor_saas_auth_agent_msg_rep:status=OK")).ok())
       ZX_CTRL_LOG(0, "Info",
                   "Closing Control Connection with SAAS and going to make connection with ZXC");
     else

@@ -6,6 +6,8 @@
 
 #include <cstddef>
 
+#include "zxlb_status.h"
+
 struct controlSocketBuffer_t;
 struct ZXAppControl;
 
@@ -43,8 +45,8 @@ void processControlConnectionMessage(ZXAppControl *app, controlSocketBuffer_t *b
 char *control_buffer_space(controlSocketBuffer_t *buf, int *cap);
 // Accounts `n` bytes just written at control_buffer_space.
 void control_buffer_commit(controlSocketBuffer_t *buf, int n);
-// Empties the buffer (allocating it on first use). False without memory.
-bool reset_control_buffer(controlSocketBuffer_t *buf);
+// Empties the buffer (allocating it on first use).
+zx::Status reset_control_buffer(controlSocketBuffer_t *buf);
 
 void make_control_conn_heartbeat_msg(ZXAppControl *app);
 // 0 sent; 1 failed (the connection is then cleaned up).
@@ -58,5 +60,5 @@ int checkZXCAlive(ZXAppControl *app);
 int controlConnectionSendBuffer(ZXAppControl *app, const char *text, std::size_t len);
 
 // The "dataConnState" / "AutosensorConnState" fields of a heartbeat echo.
-// False when it has fewer than three fields.
-bool applyHeartbeatEchoStates(ZXAppControl *app, const char *message);
+// bad_input when it has fewer than three fields.
+zx::Status applyHeartbeatEchoStates(ZXAppControl *app, const char *message);

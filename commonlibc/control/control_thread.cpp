@@ -14,7 +14,7 @@
 #include "zxlb_mt_log.h"
 #include "zxlb_utiles.h"
 
-bool control_thread_configure(ZXAppControl *app) {
+zx::Status control_thread_configure(ZXAppControl *app) {
   ZXSys_t &sys = app->ZXSys;
   ZXBCISetting_t &bci = app->ZXBCISetting;
   bool proxy_server = ZXProxy.proxyServerFlag != 0;
@@ -41,10 +41,10 @@ bool control_thread_configure(ZXAppControl *app) {
     if (read_conf_file(*app) == 0) break;
     app->controlSleep(app->retry_policy.time_interval);
   }
-  if (app->stopRequested) return false;
+  if (app->stopRequested) return zx::Errc::stopped;
   app->retry_policy.count = 0;
   app->controlThreadState = ZX_CTRL_CONFIGURED;
-  return true;
+  return zx::Ok;
 }
 
 namespace {
@@ -174,7 +174,7 @@ PassEnd connectionPass(ZXAppControl *app, int &rejections) {
   }
   snprintf(srv.connDestination, sizeof srv.connDestination, "%s:%d", ep.host.c_str(), ep.port);
   srv.lastConnectionTime = my_gettimeofday();
-  if (!reset_control_buffer(&app->ctrlBufInfo)) {
+  if (!reset_control_buffer(&app->ctrlBufInfo).ok()) {
     control_connection_cleanup(app);
     return rejected();
   }
@@ -257,7 +257,7 @@ void control_connection_loop(ZXAppControl *app) {
 [[gnu::noinline]] void runControlThread(ZXAppControl *app) {
   zx::ThreadAppScope scope(app);
   try {
-    if (control_thread_configure(app)) control_connection_loop(app);
+    if (control_thread_configure(app).ok()) control_connection_loop(app);
   } catch (const std::exception &e) {
     // Nothing may escape into the host; the agent goes inert instead.
     ZX_CTRL_LOG(0, "Error", "Control thread stopped: %s", e.what());
@@ -274,7 +274,7 @@ void *APR_THREAD_FUNC control_thread_entry_fun(apr_thread_t *thread, void *arg) 
   return nullptr;
 }
 
-bool start_control_thread(ZXAppControl *app, char *err, int err_len) {
+zx::Status start_control_thread(ZXAppControl *app) {
   apr_threadattr_t *attr = nullptr;
   app->controlThreadDone.reset();
   apr_status_t rv = apr_threadattr_create(&attr, app->control_pool.get());
@@ -284,10 +284,9 @@ bool start_control_thread(ZXAppControl *app, char *err, int err_len) {
   if (rv != APR_SUCCESS) {
     app->controlThreadDone.arrive();
     app->control_thread = nullptr;
-    if (err && err_len > 0) apr_strerror(rv, err, static_cast<apr_size_t>(err_len));
-    return false;
+    return {zx::Errc::io, rv};
   }
-  return true;
+  return zx::Ok;
 }
 
 void request_control_stop(ZXAppControl *app) {
@@ -300,6 +299,6 @@ void request_control_stop(ZXAppControl *app) {
   if (app->zxcCtrlSocket) app->zxcCtrlSocket->wakeup();
 }
 
-bool join_control_thread(ZXAppControl *app, apr_time_t deadline) {
+zx::Status join_control_thread(ZXAppControl *app, apr_time_t deadline) {
   return zx::joinBy(app->control_thread, app->controlThreadDone, deadline);
 }

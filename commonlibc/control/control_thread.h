@@ -8,6 +8,8 @@
 #include <apr_thread_proc.h>
 #include <apr_time.h>
 
+#include "zxlb_status.h"
+
 struct ZXAppControl;
 
 enum ZXControlThreadState : int {
@@ -19,19 +21,20 @@ enum ZXControlThreadState : int {
 
 void *APR_THREAD_FUNC control_thread_entry_fun(apr_thread_t *thread, void *app);
 
-// Creates the thread; false (with APR's error text in `err`) on failure.
-bool start_control_thread(ZXAppControl *app, char *err, int err_len);
+// Creates the thread; io with APR's status on failure.
+zx::Status start_control_thread(ZXAppControl *app);
 // Asks the thread to stop and wakes it from any wait; does not join.
 void request_control_stop(ZXAppControl *app);
 // Joins the thread once it has ended by `deadline` (APR time, 0 = no limit);
 // one still busy then (a name lookup that nothing interrupts) is left behind.
-// True when it ended. Call request_control_stop first.
-bool join_control_thread(ZXAppControl *app, apr_time_t deadline);
+// Ok when it ended. Call request_control_stop first.
+zx::Status join_control_thread(ZXAppControl *app, apr_time_t deadline);
 
 // The connection loop: connect, live on the connection, reconnect or fail
 // over; returns only when the thread is asked to stop.
 void control_connection_loop(ZXAppControl *app);
 
 // Thread start up to the connection loop: transport choice, retry policy and
-// the configuration loop. False when stopped before a collector was known.
-bool control_thread_configure(ZXAppControl *app);
+// the configuration loop. stopped when asked to stop before a collector was
+// known.
+zx::Status control_thread_configure(ZXAppControl *app);

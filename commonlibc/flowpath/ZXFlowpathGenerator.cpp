@@ -341,7 +341,7 @@ ZXPerThreadData_t *startFP(ZXAppTracing *app, const char *flowpathinstance, cons
   if (flowpathinstance && *flowpathinstance) {
     if (std::strpbrk(flowpathinstance, "Ff")) r->tlIsForceDump = 1;
     if (std::strchr(flowpathinstance, '_')) {
-      parseTierCallOut(r, flowpathinstance);
+      (void)parseTierCallOut(r, flowpathinstance);
       r->flowpathInstance = generate_flowpath_instance(app, idTime);
     } else {
       r->flowpathInstance = std::atoll(flowpathinstance);

@@ -48,19 +48,19 @@ const char *buildTierCallOut(ZXPerThreadData_t *r) {
   return r->tierCallOutHeader.get();
 }
 
-int parseTierCallOut(ZXPerThreadData_t *r, const char *header) {
-  if (!r || !header) return -1;
+zx::Status parseTierCallOut(ZXPerThreadData_t *r, const char *header) {
+  if (!r || !header) return zx::Errc::bad_input;
   std::string_view text(header);
   const size_t first = text.find('_');
-  if (first == std::string_view::npos) return -1;
+  if (first == std::string_view::npos) return zx::Errc::bad_input;
   const size_t second = text.find('_', first + 1);
-  if (second == std::string_view::npos) return -1;
+  if (second == std::string_view::npos) return zx::Errc::bad_input;
   std::string_view rest = text.substr(second + 1);
   rest = rest.substr(0, rest.find('_'));
   r->firstFlowpathInstance = leadingNumber(text.substr(0, first));
   r->prevFlowpathInstance = leadingNumber(text.substr(first + 1, second - first - 1));
   r->prevTierSeq.assign(rest);
-  return 0;
+  return zx::Ok;
 }
 
 extern "C" ZX_EXPORT const char *getTierCallOut(ZXPerThreadData_t *record) {
@@ -68,5 +68,6 @@ extern "C" ZX_EXPORT const char *getTierCallOut(ZXPerThreadData_t *record) {
 }
 
 extern "C" ZX_EXPORT int setTierCallOut(ZXPerThreadData_t *record, const char *header) {
-  return zx_c_guard(-1, [record, header] { return parseTierCallOut(record, header); });
+  return zx_c_guard(
+      -1, [record, header] { return zx::asZeroOrMinusOne(parseTierCallOut(record, header)); });
 }

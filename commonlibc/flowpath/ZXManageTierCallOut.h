@@ -9,6 +9,7 @@
 #pragma once
 
 #include "ZXPerThreadData.h"
+#include "zxlb_status.h"
 
 // Builds the header for an outgoing call into the record's
 // tierCallOutHeader (grown as needed; no length limit) and returns it; null
@@ -16,5 +17,6 @@
 const char *buildTierCallOut(ZXPerThreadData_t *record);
 
 // Parses an incoming header: first, previous and the path up to any further
-// "_". 0, or -1 without two "_" (the record is then unchanged) or null input.
-int parseTierCallOut(ZXPerThreadData_t *record, const char *header);
+// "_". bad_input without two "_" (the record is then unchanged) or for null
+// input.
+zx::Status parseTierCallOut(ZXPerThreadData_t *record, const char *header);

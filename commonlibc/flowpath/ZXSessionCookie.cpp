@@ -107,29 +107,29 @@ void zx_set_session_settings(ZXAppTracing &app, const ZXSessionSettings_t &s) {
   r.zxSessionIdleTimeOutSecs = s.zxSessionIdleTimeOutSecs;
 }
 
-int zx_parse_session_settings(const char *text, ZXSessionSettings_t *out) {
-  if (!text || !out) return -1;
+zx::Status zx_parse_session_settings(const char *text, ZXSessionSettings_t *out) {
+  if (!text || !out) return zx::Errc::bad_input;
   long long v[3] = {};
   const char *p = text;
   int n = 0;
   skipSeparators(p);
   while (*p && n < 3) {
-    if (!readNumber(p, 0, INT_MAX, v[n++])) return -1;
+    if (!readNumber(p, 0, INT_MAX, v[n++])) return zx::Errc::bad_input;
     const char *after = p;
     skipSeparators(p);
-    if (*p && p == after) return -1;  // digits must be followed by a separator
+    if (*p && p == after) return zx::Errc::bad_input;  // digits need a separator after them
   }
-  if (n == 0) return -1;
+  if (n == 0) return zx::Errc::bad_input;
   out->enabled = v[0] != 0;
   out->maxFPCountInSession = static_cast<int>(v[1]);
   out->zxSessionIdleTimeOutSecs = static_cast<int>(v[2]);
-  return 0;
+  return zx::Ok;
 }
 
 void parseEnableZXSession(ZXAppTracing &app, char *value, char *keyword, int index) {
   storeFeatureKeyword(app, value, keyword, index);
   ZXSessionSettings_t s;
-  if (zx_parse_session_settings(value, &s) == 0)
+  if (zx_parse_session_settings(value, &s).ok())
     zx_set_session_settings(app, s);
   else
     ZX_CTRL_LOG(0, "Warning", "Invalid enableZXSession value [%s]", value ? value : "");

@@ -27,6 +27,7 @@
 #include <cstddef>
 
 #include "zxlb_relaxed.h"
+#include "zxlb_status.h"
 
 struct ZXPerThreadData_t;
 struct ZXAppTracing;
@@ -50,8 +51,8 @@ struct ZXSessionSettingsRecord_t {
 ZXSessionSettings_t zx_session_settings(const ZXAppTracing &app);
 void zx_set_session_settings(ZXAppTracing &app, const ZXSessionSettings_t &settings);
 
-// 0 and *out filled on success, -1 with *out untouched otherwise.
-int zx_parse_session_settings(const char *text, ZXSessionSettings_t *out);
+// Ok with *out filled, else bad_input with *out untouched.
+zx::Status zx_parse_session_settings(const char *text, ZXSessionSettings_t *out);
 // Keyword row "enableZXSession": keeps the raw value and applies it.
 void parseEnableZXSession(ZXAppTracing &app, char *value, char *keyword, int index);
 

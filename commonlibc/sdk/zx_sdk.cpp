@@ -96,7 +96,7 @@ void forgetSdkInChild() {
 // The child's own agent (started by the one caller that gets there first)
 // and then its SDK state, without zx_init's pause.
 void restartInChild() {
-  if (!zx_agent_restart_after_fork()) return;
+  if (!zx_agent_restart_after_fork().ok()) return;
   if (!sdkRestartInChild.exchange(false)) return;
   zx_sdk_log_init();
   if (SdkState *state = tlzxApplication ? makeSdkState() : nullptr) {

@@ -21,7 +21,7 @@ constexpr char kASRequest[] = "auto_sensor_thread_hotspot_data_req:";
 
 // Caller holds both pool locks. The pool never grows: the count is the
 // maximum ("ASDataBufferMaxCount") from the start.
-int asBuffListInit(ZXASDataLink &link, int size, int count) {
+zx::Status asBuffListInit(ZXASDataLink &link, int size, int count) {
   return allocSendBuffers(link.buffers, size, count, "Auto-sensor buffers");
 }
 
@@ -199,7 +199,7 @@ void check_as_data_thread(ZXAppLink *app) {
   if (!link.ready.load(std::memory_order_acquire)) {
     std::lock_guard write(link.buffers.bufferWriteLock);
     std::lock_guard move(link.buffers.bufferMoveLock);
-    if (asBuffListInit(link, app->ZXSys.bciASDataBufferMaxSize, app->ZXSys.ASDataBuffMaxCount) == 0)
+    if (asBuffListInit(link, app->ZXSys.bciASDataBufferMaxSize, app->ZXSys.ASDataBuffMaxCount).ok())
       link.ready.store(true, std::memory_order_release);
   }
   std::lock_guard lk(link.threadLock);
@@ -245,7 +245,7 @@ void request_as_data_thread_stop(ZXAppLink *app) {
   if (link.conn) link.conn->wakeup();
 }
 
-bool stop_as_data_thread(ZXAppLink *app, apr_time_t deadline) {
+zx::Status stop_as_data_thread(ZXAppLink *app, apr_time_t deadline) {
   request_as_data_thread_stop(app);
   ZXASDataLink &link = app->asData;
   std::lock_guard lk(link.threadLock);

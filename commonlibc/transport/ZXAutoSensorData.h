@@ -67,9 +67,8 @@ void check_as_data_thread(ZXAppLink *app);
 // Asks the sender to stop after a last flush; does not wait.
 void request_as_data_thread_stop(ZXAppLink *app);
 // Stops the sender and waits for it until `deadline` (APR time, 0 = no
-// limit); one still busy then is left behind. True when it ended.
-// Idempotent.
-bool stop_as_data_thread(ZXAppLink *app, apr_time_t deadline = 0);
+// limit); one still busy then is left behind (timed_out). Idempotent.
+zx::Status stop_as_data_thread(ZXAppLink *app, apr_time_t deadline = 0);
 
 // Copies one record into the auto-sensor buffers. 0 stored, -1 no room
 // (dropped and counted), -99 no buffers yet.

@@ -143,11 +143,11 @@ ZXSendCounts readSendCounts(const ZXSendBufferPool &pool) {
   return r;
 }
 
-int allocSendBuffers(ZXSendBufferPool &pool, int size, int count, const char *what) {
-  if (pool.nodes) return 0;
+zx::Status allocSendBuffers(ZXSendBufferPool &pool, int size, int count, const char *what) {
+  if (pool.nodes) return zx::Ok;
   if (size <= 0 || count <= 0) {
     ZX_CTRL_LOG(0, "Error", "%s not created: size %d, count %d\n", what, size, count);
-    return -1;
+    return zx::Errc::bad_input;
   }
   const size_t total = static_cast<size_t>(size) * static_cast<size_t>(count);
   std::unique_ptr<nioSettings_t[]> nodes(new (std::nothrow) nioSettings_t[count]);
@@ -158,7 +158,7 @@ int allocSendBuffers(ZXSendBufferPool &pool, int size, int count, const char *wh
       mem == MAP_FAILED ? nullptr : static_cast<char *>(mem), ZXSendStorageUnmap{total});
   if (!nodes || !storage) {
     ZX_LOG_OOM(total, what, count);
-    return -1;
+    return zx::Errc::no_memory;
   }
   for (int i = 0; i < count; ++i) {
     nioSettings_t &b = nodes[i];
@@ -173,7 +173,7 @@ int allocSendBuffers(ZXSendBufferPool &pool, int size, int count, const char *wh
   pool.nodes = std::move(nodes);
   pool.storage = std::move(storage);
   ZX_CTRL_LOG(1, "Info", "%s created: %d of %d bytes\n", what, count, size);
-  return 0;
+  return zx::Ok;
 }
 
 int buff_list_init(ZXAppLink *app) {
@@ -181,8 +181,8 @@ int buff_list_init(ZXAppLink *app) {
   ZXSendBufferPool &pool = app->sendBuffers;
   std::lock_guard write(pool.bufferWriteLock);
   std::lock_guard move(pool.bufferMoveLock);
-  return allocSendBuffers(pool, app->ZXSys.bciDataBufferMaxSize, app->ZXSys.dataBuffMaxCount,
-                          "Send buffers");
+  return zx::asZeroOrMinusOne(allocSendBuffers(pool, app->ZXSys.bciDataBufferMaxSize,
+                                               app->ZXSys.dataBuffMaxCount, "Send buffers"));
 }
 
 int addDataInSendBuffer(ZXAppLink *app, const char *data, int len) {

@@ -37,6 +37,7 @@
 #include <apr_time.h>
 
 #include "zxlb_apr.h"
+#include "zxlb_status.h"
 
 struct ZXAppLink;
 
@@ -155,8 +156,8 @@ int buff_list_init(ZXAppLink *app);
 // Allocates `count` buffers of `size` bytes into the pool's write list unless
 // it has buffers already; `what` names the pool in log lines. The storage is
 // mapped, not written: none of it is resident until records land in it.
-// Caller holds both pool locks. 0 on success, -1 on bad sizes or no memory.
-int allocSendBuffers(ZXSendBufferPool &pool, int size, int count, const char *what);
+// Caller holds both pool locks. bad_input for sizes not above 0.
+zx::Status allocSendBuffers(ZXSendBufferPool &pool, int size, int count, const char *what);
 
 // The single entry for producers; a no-op (0) for null data or len <= 0, -99
 // without an application. Otherwise the result of addDataInSendBuffer.

@@ -335,14 +335,14 @@ void *APR_THREAD_FUNC data_thread_entry(apr_thread_t *thread, void *arg) {
 // Joins a thread that has ended or was told to, waiting until `deadline`
 // (0 = no limit). A thread left behind keeps its pool. Caller holds
 // dataThreadLock.
-bool joinDataThread(ZXAppLink *app, apr_time_t deadline = 0) {
-  if (!app->data_thread_id) return true;
-  if (!zx::joinBy(app->data_thread_id, app->dataThreadDone, deadline)) {
+zx::Status joinDataThread(ZXAppLink *app, apr_time_t deadline = 0) {
+  if (!app->data_thread_id) return zx::Ok;
+  const zx::Status joined = zx::joinBy(app->data_thread_id, app->dataThreadDone, deadline);
+  if (joined.ok())
+    app->data_pool.reset();
+  else
     (void)app->data_pool.release();
-    return false;
-  }
-  app->data_pool.reset();
-  return true;
+  return joined;
 }
 
 }  // namespace
@@ -388,7 +388,7 @@ void check_data_thread(ZXAppLink *app) {
     wakeDataThread(app);
     return;
   }
-  joinDataThread(app);
+  (void)joinDataThread(app);
   app->stopDataThread = 0;
   app->data_pool = zx::make_pool();
   if (!app->data_pool) return;
@@ -426,11 +426,11 @@ void request_data_thread_stop(ZXAppLink *app) {
   wakeDataThread(app);
 }
 
-bool stop_data_thread(ZXAppLink *app, apr_time_t deadline) {
+zx::Status stop_data_thread(ZXAppLink *app, apr_time_t deadline) {
   std::lock_guard lk(app->dataThreadLock);
-  if (!app->data_thread_id) return true;
+  if (!app->data_thread_id) return zx::Ok;
   request_data_thread_stop(app);
-  const bool ended = joinDataThread(app, deadline);
+  const zx::Status ended = joinDataThread(app, deadline);
   app->ZXBCISetting.data_thread_running = 0;
   return ended;
 }
@@ -467,8 +467,8 @@ void flushCommonData(ZXAppLink *app) {
   }
 }
 
-int drainSendBuffersForExit(ZXAppLink *app, apr_time_t deadline) {
-  if (!app) return -1;
+zx::Status drainSendBuffersForExit(ZXAppLink *app, apr_time_t deadline) {
+  if (!app) return zx::Errc::bad_input;
   ZXSendBufferPool &pool = app->sendBuffers;
   const unsigned long long lostBefore = pool.counters.lostAtExit.load();
   if (app->dataThreadRunning.load() && !pool.closedForExit.load()) {
@@ -502,7 +502,7 @@ int drainSendBuffersForExit(ZXAppLink *app, apr_time_t deadline) {
               "Exit: %llu records still queued at the deadline are dropped; in all %llu of %llu "
               "records lost, %llu sent",
               lost, c.lost() + (senderBusy ? c.queued : 0), c.records, c.sent);
-  return lost > 0 || senderBusy ? 1 : 0;
+  return lost > 0 || senderBusy ? zx::Status(zx::Errc::timed_out) : zx::Ok;
 }
 
 void handleHeartBeat(ZXAppLink *app, int &ticksLeft, int &written) {

@@ -10,6 +10,8 @@
 
 #include <cstddef>
 
+#include "zxlb_status.h"
+
 struct ZXAppLink;
 
 // Starts the data thread unless one runs; wakes a running one so that it
@@ -20,9 +22,8 @@ void setToStopThread(ZXAppLink *app, int stop);
 // Asks the data thread to stop (it flushes what it can first); does not wait.
 void request_data_thread_stop(ZXAppLink *app);
 // Stops the data thread and waits for it until `deadline` (APR time, 0 = no
-// limit); one still busy then is left behind. True when it ended.
-// Idempotent.
-bool stop_data_thread(ZXAppLink *app, apr_time_t deadline = 0);
+// limit); one still busy then is left behind (timed_out). Idempotent.
+zx::Status stop_data_thread(ZXAppLink *app, apr_time_t deadline = 0);
 // The collector closed the data connection (heartbeat echo dataConnState=0).
 void closeDataConnectionByCollector(ZXAppLink *app);
 // At process exit: has the data thread (when it runs; one still connecting
@@ -30,9 +31,9 @@ void closeDataConnectionByCollector(ZXAppLink *app);
 // what is queued until `deadline`, waiting for it at most that long; then
 // counts whatever is still queued as lost at exit and discards it. From then
 // on nothing more is sent. Never blocks past the deadline; safe when the data
-// thread never started. Call before stop_data_thread. 0 when nothing queued
-// was lost, 1 when some was, -1 without an application.
-int drainSendBuffersForExit(ZXAppLink *app, apr_time_t deadline);
+// thread never started. Call before stop_data_thread. Ok when nothing queued
+// was lost, timed_out when some was, bad_input without an application.
+zx::Status drainSendBuffersForExit(ZXAppLink *app, apr_time_t deadline);
 
 // Data-thread side; exposed for tests of the send path.
 // -1 without a connection or when it broke, 0 when the collector took nothing

@@ -519,7 +519,7 @@ int parseHttpBodyBtName(const char *line) {
 // ---------------------------------------------------------------------------
 // Readers.
 
-int zxbt_read_rule_file_ex(ZXAppRules &app, const char *filedata, bool is_path) {
+zx::Status zxbt_read_rule_file_ex(ZXAppRules &app, const char *filedata, bool is_path) {
   const std::string text = text_of(filedata, is_path);
   std::lock_guard reload(app.btRules.reloadLock);
   std::unique_ptr<ZXBTRuleSet> next;
@@ -527,7 +527,7 @@ int zxbt_read_rule_file_ex(ZXAppRules &app, const char *filedata, bool is_path) 
     next = clone_for_build(app.btRules.current.current_for_writer());
   } catch (const std::bad_alloc &) {
     ZX_LOG_OOM(sizeof(ZXBTRuleSet), "BT rule set", 0);
-    return 0;
+    return zx::Errc::no_memory;
   }
   ParseState st{app, *next, nullptr};
   bool rule_1_found = false, rule_2_found = false, rule_7_found = false;
@@ -608,15 +608,17 @@ int zxbt_read_rule_file_ex(ZXAppRules &app, const char *filedata, bool is_path) 
       rule_7_applied ? ZXBT_RULE_PATTERN : (rule_1_applied ? ZXBT_RULE_GLOBAL : ZXBT_RULE_NONE);
   ZXBT_APP_LOG(app, 0, "Info", "BT rule file read, bt_rule = %d", next->bt_rule);
   app.btRules.current.publish(std::move(next));
-  return 0;
+  return zx::Ok;
 }
 
 int zxbt_read_rule_file(ZXAppRules &app, const char *filedata) {
-  return zxbt_read_rule_file_ex(app, filedata, app.ZXBCISetting.fileBasedKeywordMode != 0);
+  // The protocol's reader answers 0 whatever became of the text.
+  (void)zxbt_read_rule_file_ex(app, filedata, app.ZXBCISetting.fileBasedKeywordMode != 0);
+  return 0;
 }
 
-int zxbt_read_threshold_file_ex(ZXAppRules &app, const char *filedata, bool is_path) {
-  if (!filedata || !*filedata) return -1;
+zx::Status zxbt_read_threshold_file_ex(ZXAppRules &app, const char *filedata, bool is_path) {
+  if (!filedata || !*filedata) return zx::Errc::bad_input;
   const std::string text = text_of(filedata, is_path);
   for_each_line(text, [&app](const char *line) {
     if (line[0] == '#') return true;
@@ -647,15 +649,16 @@ int zxbt_read_threshold_file_ex(ZXAppRules &app, const char *filedata, bool is_p
     obj->bt_threshold.very_slow.store(verySlow, std::memory_order_relaxed);
     return true;
   });
-  return 0;
+  return zx::Ok;
 }
 
 int zxbt_read_threshold_file(ZXAppRules &app, const char *filedata) {
-  return zxbt_read_threshold_file_ex(app, filedata, app.ZXBCISetting.fileBasedKeywordMode != 0);
+  return zx::asZeroOrMinusOne(
+      zxbt_read_threshold_file_ex(app, filedata, app.ZXBCISetting.fileBasedKeywordMode != 0));
 }
 
-int zxbt_read_error_rules(ZXAppRules &app, const char *filedata) {
-  if (!filedata) return -1;
+zx::Status zxbt_read_error_rules(ZXAppRules &app, const char *filedata) {
+  if (!filedata) return zx::Errc::bad_input;
   const std::string text = text_of(filedata, app.ZXBCISetting.fileBasedKeywordMode != 0);
   char table[ZXBT_ERROR_TABLE_SIZE] = {};
   for_each_line(text, [&app, &table](const char *line) {
@@ -674,7 +677,7 @@ int zxbt_read_error_rules(ZXAppRules &app, const char *filedata) {
   });
   for (int c = 0; c < ZXBT_ERROR_TABLE_SIZE; ++c)
     app.btRules.btErrorArray[c].store(table[c], std::memory_order_relaxed);
-  return 0;
+  return zx::Ok;
 }
 
 void zxbtFileKeywordReader(ZXAppSettings &settings, char *value, char *, int index) {
@@ -689,7 +692,7 @@ void zxbtFileKeywordReader(ZXAppSettings &settings, char *value, char *, int ind
       zxbt_read_threshold_file(app, value);
       break;
     case 2:
-      zxbt_read_error_rules(app, value);
+      (void)zxbt_read_error_rules(app, value);
       break;
     default:
       break;
@@ -729,8 +732,8 @@ int ZXBTConfigModelInit(ZXAppRules &app) {
   const std::string home = app.ZXSys.zxHomePath.c_str();
   const std::string thresholds = home + "/BTThresholdFile.txt";
   const std::string rules = home + "/BTRuleFile.txt";
-  zxbt_read_threshold_file_ex(app, thresholds.c_str(), true);
-  zxbt_read_rule_file_ex(app, rules.c_str(), true);
+  (void)zxbt_read_threshold_file_ex(app, thresholds.c_str(), true);
+  (void)zxbt_read_rule_file_ex(app, rules.c_str(), true);
   zxbt_apply_default_global_rule(app);
   ZXBT_APP_LOG(app, 0, "Info", "max_bt_count = %d, total_bt_count = %d, BTRuleFile = %s",
                mgr.config.max_bt_count, mgr.config.total_bt_count.load(), rules.c_str());

@@ -20,6 +20,7 @@
 #include "zx_bt_custom_rule.h"
 #include "zxbt_published.h"
 #include "zxlb_state_machine.h"
+#include "zxlb_status.h"
 
 struct ZXAppSettings;
 struct ZXAppRules;
@@ -108,13 +109,16 @@ struct ZXBTRules {
 // threshold reader returns -1 for null or empty filedata.
 int zxbt_read_rule_file(ZXAppRules &app, const char *filedata);
 int zxbt_read_threshold_file(ZXAppRules &app, const char *filedata);
-// The same with the choice made by the caller (start-up reads paths).
-int zxbt_read_rule_file_ex(ZXAppRules &app, const char *filedata, bool is_path);
-int zxbt_read_threshold_file_ex(ZXAppRules &app, const char *filedata, bool is_path);
+// The same with the choice made by the caller (start-up reads paths): the
+// rule reader fails only without memory (no_memory, the rules in force
+// stay), the threshold reader for null or empty filedata (bad_input).
+zx::Status zxbt_read_rule_file_ex(ZXAppRules &app, const char *filedata, bool is_path);
+zx::Status zxbt_read_threshold_file_ex(ZXAppRules &app, const char *filedata, bool is_path);
 
 // "BTErrorRules": lines "<code>|<flag>" or "<from>-<to>|<flag>", "#"
-// comments; flag "F" marks the codes as errors. A read replaces the table.
-int zxbt_read_error_rules(ZXAppRules &app, const char *filedata);
+// comments; flag "F" marks the codes as errors. A read replaces the table;
+// null filedata is bad_input.
+zx::Status zxbt_read_error_rules(ZXAppRules &app, const char *filedata);
 
 // The file-based keyword reader of rows 0 (rule file), 1 (threshold file)
 // and 2 (error rules); registered by ZXBTConfigModelInit. `app` must be a
