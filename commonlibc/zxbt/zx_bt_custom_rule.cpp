@@ -11,6 +11,13 @@
 namespace {
 
 constexpr std::uint32_t kNoChild = ~0u;
+// Table entries are byte offsets of rows: a state's number shifted by the
+// row's width and by this.
+constexpr unsigned int kEntryShift = 2;
+static_assert(sizeof(std::uint32_t) == 1u << kEntryShift);
+// The widest row, 95 symbols and class 0 padded to 128, still leaves every
+// offset within 32 bits.
+static_assert((std::uint64_t{ZXLB_TRIE_MAX_STATES} << (7 + kEntryShift)) <= UINT32_MAX);
 // Bytes an extra walk must take over before it pays for its lead-in.
 constexpr int kWalkStretch = 8;
 // Longest lead-in of an extra walk. A longer keyword makes the hand-over
@@ -202,7 +209,7 @@ struct Builder {
     std::vector<std::uint32_t> renumber(t.total_states);
     std::uint32_t next = 0;
     for (int pass = 0; pass < 2; ++pass) {
-      if (pass == 1) t.contains_from = next << (t.row_shift + 2);
+      if (pass == 1) t.contains_from = next << (t.row_shift + kEntryShift);
       for (std::uint32_t s = 0; s < t.total_states; ++s)
         if ((out[s].contains_all != 0) == (pass == 1)) renumber[s] = next++;
     }
@@ -240,7 +247,7 @@ struct Builder {
         from = to;
       }
     }
-    for (std::uint32_t &e : t.childrens) e = renumber[e] << (t.row_shift + 2);
+    for (std::uint32_t &e : t.childrens) e = renumber[e] << (t.row_shift + kEntryShift);
   }
 };
 
@@ -263,7 +270,7 @@ struct Best {
 
 // A state's number from its entry in the table.
 inline std::uint32_t state_of(const zxlbTrie &t, std::uint32_t entry) {
-  return entry >> (t.row_shift + 2);
+  return entry >> (t.row_shift + kEntryShift);
 }
 
 // The entry after reading a byte of class `c` in the state whose entry is
@@ -271,7 +278,7 @@ inline std::uint32_t state_of(const zxlbTrie &t, std::uint32_t entry) {
 // on `s`; the dependent chain from one byte to the next is then a single
 // load.
 inline std::uint32_t step(const char *table, std::uint32_t s, unsigned c) {
-  const char *column = table + std::size_t{c} * sizeof(std::uint32_t);
+  const char *column = table + (std::size_t{c} << kEntryShift);
   return *reinterpret_cast<const std::uint32_t *>(column + s);
 }
 
