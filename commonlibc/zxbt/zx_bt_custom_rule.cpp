@@ -20,10 +20,11 @@ static_assert(sizeof(std::uint32_t) == 1u << kEntryShift);
 static_assert((std::uint64_t{ZXLB_TRIE_MAX_STATES} << (7 + kEntryShift)) <= UINT32_MAX);
 // Bytes an extra walk must take over before it pays for its lead-in.
 constexpr int kWalkStretch = 8;
-// Longest lead-in of an extra walk. A longer keyword makes the hand-over
-// read on only when such a path straddles a stretch's start, so one long
-// keyword does not cost every search the lead-in.
-constexpr int kLeadIn = 16;
+// Longest lead-in of an extra walk. Only a longer matched path straddling a
+// stretch's start, rare in a URL, costs a hand-over; a lead-in as long as
+// the longest keyword would cost every search, and one 255-byte keyword would
+// leave a single walk.
+constexpr int kLeadIn = 8;
 
 inline bool in_alphabet(char c) {
   const int s = static_cast<unsigned char>(c) - ZXLB_ALPHABET_FIRST;
