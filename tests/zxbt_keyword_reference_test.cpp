@@ -141,6 +141,17 @@ TEST(KeywordReference, SmallRuleSetsOverATinyAlphabet) {
   }
 }
 
+// Long URLs are searched in stretches, each walked from a little before its
+// start; keywords longer than that lead-in, over two letters, often straddle
+// a stretch's start and must still be found whole.
+TEST(KeywordReference, LongKeywordsAcrossTheStretchesOfLongUrls) {
+  Generator g(31, "ab");
+  for (int round = 0; round < 60; ++round) {
+    const auto keywords = g.keywords(1 + g.below(30), 6, round % 2 ? 24 : 70, 2);
+    check_lexicon(g, keywords, 40, 400);
+  }
+}
+
 TEST(KeywordReference, ThreeHundredKeywordsOnThousandsOfUrls) {
   Generator g(2024, "abcdefghijklmnopqrstuvwxyzABCXYZ0123456789/._-?=&%~ ");
   for (unsigned priorities : {1u, 5u, 1000u}) {

@@ -11,8 +11,20 @@
 namespace {
 
 constexpr std::uint32_t kNoChild = ~0u;
-// Bytes a second walk must save before it pays for its start.
-constexpr int kSecondWalkFrom = 8;
+// Table entries are byte offsets of rows: a state's number shifted by the
+// row's width and by this.
+constexpr unsigned int kEntryShift = 2;
+static_assert(sizeof(std::uint32_t) == 1u << kEntryShift);
+// The widest row, 95 symbols and class 0 padded to 128, still leaves every
+// offset within 32 bits.
+static_assert((std::uint64_t{ZXLB_TRIE_MAX_STATES} << (7 + kEntryShift)) <= UINT32_MAX);
+// Bytes an extra walk must take over before it pays for its lead-in.
+constexpr int kWalkStretch = 8;
+// Longest lead-in of an extra walk. Only a longer matched path straddling a
+// stretch's start, rare in a URL, costs a hand-over; a lead-in as long as
+// the longest keyword would cost every search, and one 255-byte keyword would
+// leave a single walk.
+constexpr int kLeadIn = 8;
 
 inline bool in_alphabet(char c) {
   const int s = static_cast<unsigned char>(c) - ZXLB_ALPHABET_FIRST;
@@ -198,7 +210,7 @@ struct Builder {
     std::vector<std::uint32_t> renumber(t.total_states);
     std::uint32_t next = 0;
     for (int pass = 0; pass < 2; ++pass) {
-      if (pass == 1) t.contains_from = next << t.row_shift;
+      if (pass == 1) t.contains_from = next << (t.row_shift + kEntryShift);
       for (std::uint32_t s = 0; s < t.total_states; ++s)
         if ((out[s].contains_all != 0) == (pass == 1)) renumber[s] = next++;
     }
@@ -236,7 +248,7 @@ struct Builder {
         from = to;
       }
     }
-    for (std::uint32_t &e : t.childrens) e = renumber[e] << t.row_shift;
+    for (std::uint32_t &e : t.childrens) e = renumber[e] << (t.row_shift + kEntryShift);
   }
 };
 
@@ -257,54 +269,116 @@ struct Best {
   }
 };
 
+// A state's number from its entry in the table.
+inline std::uint32_t state_of(const zxlbTrie &t, std::uint32_t entry) {
+  return entry >> (t.row_shift + kEntryShift);
+}
+
+// The entry after reading a byte of class `c` in the state whose entry is
+// `s`. The class's column is added to the table's base, which does not wait
+// on `s`; the dependent chain from one byte to the next is then a single
+// load.
+inline std::uint32_t step(const char *table, std::uint32_t s, unsigned c) {
+  const char *column = table + (std::size_t{c} << kEntryShift);
+  return *reinterpret_cast<const std::uint32_t *>(column + s);
+}
+
+// The "contains" keywords of the state with entry `s`, ending at `at`; out
+// of line, so that the walks keep their registers.
+[[gnu::noinline, gnu::cold]] void offer_contains(const zxlbTrie &t, Best &best, std::uint32_t s,
+                                                 int at) {
+  best.offer(t, t.out_func[state_of(t, s)].contains_all, at);
+}
+
+// Searches in[from, len) in K walks, after the text up to `from` has left
+// state `s`, known not to be the prefix any longer; returns the last entry.
+// The walks' loads do not wait on each other: K of them take about the time
+// of one over 1/K of the text plus the lead-ins.
+//
+//   from          b1            b2               len
+//    |-- walk 0 --|             |                 |
+//            |lead|-- walk 1 ---|                 |
+//                         |lead|--- walk 2 -------|  (the last reads the rest)
+//
+// Walk 0 continues from s; walk k > 0 starts at the root `lead` bytes before
+// its stretch. It reaches the true state by b_k unless the true state there
+// has a longer path; then the true walk from b_k goes on until its path fits
+// inside walk k's text, where the two agree, and hands over. Every keyword a
+// walk reports does occur there, past the start of the text.
+template <int K>
+std::uint32_t walk(const unsigned char *in, int from, int len, int lead, std::uint32_t s,
+                   const zxlbTrie &t, Best &best) {
+  const char *const table = reinterpret_cast<const char *>(t.childrens.data());
+  const std::uint8_t *const cls = t.symbol_class.data();
+  const std::uint32_t contains_from = t.contains_from;
+  const int steps = (len - from + (K - 1) * lead) / K;
+  const std::ptrdiff_t stride = steps - lead;
+  std::array<std::uint32_t, K> st{};
+  st[0] = s;
+  const unsigned char *p = in + from;
+  for (const unsigned char *const stop = p + steps; p != stop; ++p) {
+    for (int k = 0; k < K; ++k) st[k] = step(table, st[k], cls[p[k * stride]]);
+    for (int k = 0; k < K; ++k)
+      if (st[k] >= contains_from) [[unlikely]]
+        offer_contains(t, best, st[k], static_cast<int>(p + k * stride - in));
+  }
+  for (p += (K - 1) * stride; p < in + len; ++p) {
+    st[K - 1] = step(table, st[K - 1], cls[*p]);
+    if (st[K - 1] >= contains_from) [[unlikely]]
+      offer_contains(t, best, st[K - 1], static_cast<int>(p - in));
+  }
+  // A copy, so that the loops above keep st in registers.
+  const std::array<std::uint32_t, K> ends = st;
+  std::uint32_t cur = ends[0];  // the true state before b_k
+  for (int k = 1; k < K; ++k) {
+    const unsigned char *const start = in + from + k * stride;
+    const unsigned char *const stretch_end = k + 1 < K ? start + steps : in + len;
+    for (const unsigned char *x = start + lead;; ++x) {
+      if (t.out_func[state_of(t, cur)].depth <= x - start) [[likely]] {
+        cur = ends[k];
+        break;
+      }
+      if (x == stretch_end) break;
+      cur = step(table, cur, cls[*x]);
+      if (cur >= contains_from) offer_contains(t, best, cur, static_cast<int>(x - in));
+    }
+  }
+  return cur;
+}
+
 int search_fast(const unsigned char *in, int len, const zxlbTrie &t) {
-  const std::uint32_t *delta = t.childrens.data();
+  const char *table = reinterpret_cast<const char *>(t.childrens.data());
   const std::uint8_t *cls = t.symbol_class.data();
-  const unsigned int shift = t.row_shift;
   Best best;
   std::uint32_t s = 0;
   int i = 0;
   for (; i < len; ++i) {  // while the text read is the state's path
-    s = delta[s + cls[in[i]]];
-    const zxlbStateOutput &o = t.out_func[s >> shift];
+    s = step(table, s, cls[in[i]]);
+    const zxlbStateOutput &o = t.out_func[state_of(t, s)];
     if (o.depth != i + 1) break;
     best.offer(t, o.starts_own, i);
     best.offer(t, o.contains_suffix, i);
   }
   if (i == len) {
     if (len) {
-      const zxlbStateOutput &o = t.out_func[s >> shift];
+      const zxlbStateOutput &o = t.out_func[state_of(t, s)];
       best.offer(t, o.equals_own, len - 1);
       best.offer(t, o.ends_all, len - 1);
     }
     return static_cast<int>(best.rank);
   }
-  const std::uint32_t contains_from = t.contains_from;
-  if (s >= contains_from) best.offer(t, t.out_func[s >> shift].contains_all, i);
+  if (s >= t.contains_from) best.offer(t, t.out_func[state_of(t, s)].contains_all, i);
   ++i;
-  // A state's path is at most max_depth bytes, so a second walk started at
-  // the root that many bytes before `mid` is in the true state from `mid` on.
-  // The two walks' table reads do not wait on each other. `mid` gives both
-  // the same number of bytes; after a long prefix it can lie past the end.
-  const int depth = static_cast<int>(t.max_depth);
-  const int mid = (len + depth + i) / 2;
-  if (mid - depth >= kSecondWalkFrom && mid < len) {
-    std::uint32_t s2 = 0;
-    int j = mid - depth;
-    for (; i < mid; ++i, ++j) {
-      s = delta[s + cls[in[i]]];
-      s2 = delta[s2 + cls[in[j]]];
-      if (s >= contains_from) best.offer(t, t.out_func[s >> shift].contains_all, i);
-      if (s2 >= contains_from && j >= mid) best.offer(t, t.out_func[s2 >> shift].contains_all, j);
-    }
-    i = j;  // at most one byte left
-    s = s2;
-  }
-  for (; i < len; ++i) {
-    s = delta[s + cls[in[i]]];
-    if (s >= contains_from) best.offer(t, t.out_func[s >> shift].contains_all, i);
-  }
-  best.offer(t, t.out_func[s >> shift].ends_all, len - 1);
+  // A walk more pays when its stretch is still kWalkStretch bytes past its
+  // lead-in; past four the loads, not their latency, bound the loop.
+  const int rest = len - i;
+  const int lead = std::min(static_cast<int>(t.max_depth), kLeadIn);
+  auto worth = [&](int k) { return (rest + (k - 1) * lead) / k - lead >= kWalkStretch; };
+  const std::uint32_t last = worth(4)   ? walk<4>(in, i, len, lead, s, t, best)
+                             : worth(3) ? walk<3>(in, i, len, lead, s, t, best)
+                             : worth(2) ? walk<2>(in, i, len, lead, s, t, best)
+                                        : walk<1>(in, i, len, lead, s, t, best);
+  best.offer(t, t.out_func[state_of(t, last)].ends_all, len - 1);
   return static_cast<int>(best.rank);
 }
 
@@ -316,7 +390,7 @@ int search_all(const unsigned char *in, int len, const zxlbTrie &t, const ZXBTCu
   Best best;
   std::uint32_t state = 0;
   for (int i = 0; i < len; ++i) {
-    state = t.childrens[(std::size_t{state} << t.row_shift) + t.symbol_class[in[i]]] >> t.row_shift;
+    state = state_of(t, t.childrens[(std::size_t{state} << t.row_shift) + t.symbol_class[in[i]]]);
     ZXBT_LOG_AT(trace, 2, "Info", "currentState:%d", static_cast<int>(state));
     for (int s = static_cast<int>(state); s > 0; s = t.f_func[static_cast<std::size_t>(s)]) {
       for (std::uint32_t k = t.own_first[s]; k < t.own_first[s + 1]; ++k) {
@@ -398,11 +472,10 @@ int find_next_state(const zxlbTrie *trie_node, int currentState, char nextInput)
   if (!trie_node || currentState < 0 ||
       static_cast<unsigned int>(currentState) >= trie_node->total_states)
     return 0;
-  const unsigned int shift = trie_node->row_shift;
+  const zxlbTrie &t = *trie_node;
   const int state = static_cast<int>(
-      trie_node->childrens[(static_cast<std::size_t>(currentState) << shift) +
-                           trie_node->symbol_class[static_cast<unsigned char>(nextInput)]] >>
-      shift);
+      state_of(t, t.childrens[(static_cast<std::size_t>(currentState) << t.row_shift) +
+                              t.symbol_class[static_cast<unsigned char>(nextInput)]]));
   ZXBT_LOG_AT(zxbt_trace_level(), 2, "Info", "answer(state) = %d, ascii of character = %d", state,
               static_cast<unsigned char>(nextInput));
   return state;

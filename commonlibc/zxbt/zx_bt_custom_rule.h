@@ -25,7 +25,8 @@
 // never match (empty, constraint other than 1 to 4, a byte outside the
 // alphabet) has no path and no rank.
 //
-// The search takes one table read per byte:
+// The search takes one table read per byte, and splits longer URLs among up
+// to four walks whose reads overlap:
 //   - while the text so far is a path from the root (depth = bytes read),
 //     "starts with" keywords of the state itself hold, and so do "contains"
 //     keywords of its suffixes; at the last byte "equals" and "ends with";
@@ -111,15 +112,17 @@ struct zxlbTrie {
   // A row has 1 << row_shift entries, one per symbol class (padded).
   unsigned int row_shift = 0;
   unsigned int max_depth = 0;  // the longest keyword's length
-  // Row offset of the first state with a "contains" output; all later
-  // states have one too.
+  // Entry (see childrens) of the first state with a "contains" output; all
+  // later states have one too.
   std::uint32_t contains_from = 0;
   // Byte to symbol class; class 0 (bytes of no keyword, and all outside the
   // alphabet) leads every state back to the root.
   std::array<std::uint8_t, 256> symbol_class{};
   // childrens[(s << row_shift) + class]: the state after s on that class, as
-  // its row offset. Complete: missing goto edges hold where the failure
-  // function leads, so a search reads one entry per byte.
+  // the byte offset of its row, s << (row_shift + 2); the next read is then
+  // one load from an address that the byte alone decides plus the entry.
+  // Complete: missing goto edges hold where the failure function leads, so a
+  // search reads one entry per byte.
   std::vector<std::uint32_t> childrens;
   std::vector<zxlbStateOutput> out_func;  // per state
   std::vector<int> f_func;                // failure function, per state; the root's is -1
