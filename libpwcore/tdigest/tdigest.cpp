@@ -524,17 +524,37 @@ const double *centres_of(const td_histogram_t *h) {
   return std::launder(reinterpret_cast<const double *>(h->nodes() + h->merged_nodes));
 }
 
-// The walk's total is truncated after every node; while the counts are whole
-// and their sum stays below 2^52 (so that adding one more below 2^52 is
-// exact), that truncation changes nothing and the sum can be carried as an
-// integer, off the floating-point dependency chain.
-constexpr std::uint64_t kExactSum = std::uint64_t{1} << 52;
+// Whole counts below 2^52 have their bit patterns below this one.
+constexpr std::uint64_t kBelowTwo52 = 0x4330000000000000;  // 2^52
 
-bool whole_count(double c, std::uint64_t *whole) {
-  const bool in_range = c >= 0 && c < static_cast<double>(kExactSum);
-  const auto truncated = static_cast<std::int64_t>(in_range ? c : 0);
-  *whole = static_cast<std::uint64_t>(truncated);
-  return in_range && static_cast<double>(truncated) == c;
+// Negative, huge and NaN counts fail the first test.
+bool whole_count(double c) {
+  const bool in_range = std::bit_cast<std::uint64_t>(c) < kBelowTwo52;
+  return in_range & (static_cast<double>(static_cast<std::int64_t>(in_range ? c : 0)) == c);
+}
+
+// Centres as if every count were whole and every sum exact: then the walk's
+// truncations change nothing, the sums need no particular order, and two
+// counts are added at a time to halve the dependency chain. False when that
+// did not hold. Branch-free, so that a fraction anywhere costs only the check.
+bool whole_centres(const td_node_t *nodes, int n, double *centres) {
+  bool whole = true;
+  double total = 0;
+  int i = 0;
+  for (; i + 2 <= n; i += 2) {
+    const double a = nodes[i].count, b = nodes[i + 1].count;
+    centres[i] = (a - 1) / 2 + total;
+    centres[i + 1] = (b - 1) / 2 + (total + a);
+    whole &= whole_count(a) & whole_count(b);
+    total += a + b;
+  }
+  if (i < n) {
+    centres[i] = (nodes[i].count - 1) / 2 + total;
+    whole &= whole_count(nodes[i].count);
+    total += nodes[i].count;
+  }
+  // Sums of whole counts only grow: the last below 2^52 keeps all exact.
+  return whole & (total < 4503599627370496.0);
 }
 
 CentresState build_centres(td_histogram_t *h) {
@@ -544,17 +564,10 @@ CentresState build_centres(td_histogram_t *h) {
   const td_node_t *nodes = h->nodes();
   double *centres = ::new (static_cast<void *>(h->nodes() + n)) double[static_cast<std::size_t>(n)];
   h->touched_nodes = std::max(h->touched_nodes, n + span);
-  int i = 0;
-  std::uint64_t sum = 0;
-  for (std::uint64_t whole = 0; i < n && sum < kExactSum && whole_count(nodes[i].count, &whole);
-       ++i) {
-    centres[i] = (nodes[i].count - 1) / 2 + static_cast<double>(sum);
-    sum += whole;
-  }
-  // Centres from whole counts ascend by construction; the rest are checked.
-  double total = static_cast<double>(sum);
+  if (whole_centres(nodes, n, centres)) return kCentresReady;  // ascending by construction
+  double total = 0;
   bool ascending = true;
-  for (; i < n; ++i) {
+  for (int i = 0; i < n; ++i) {
     centres[i] = (nodes[i].count - 1) / 2 + total;
     if (i > 0) ascending &= centres[i] >= centres[i - 1];  // false for NaN too
     total = std::trunc(total + nodes[i].count);
