@@ -545,7 +545,8 @@ bool whole_centres(const td_node_t *nodes, int n, double *centres) {
     const double a = nodes[i].count, b = nodes[i + 1].count;
     centres[i] = (a - 1) / 2 + total;
     centres[i + 1] = (b - 1) / 2 + (total + a);
-    whole &= whole_count(a) & whole_count(b);
+    whole &= whole_count(a);
+    whole &= whole_count(b);
     total += a + b;
   }
   if (i < n) {
