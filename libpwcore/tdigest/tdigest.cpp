@@ -524,12 +524,13 @@ const double *centres_of(const td_histogram_t *h) {
   return std::launder(reinterpret_cast<const double *>(h->nodes() + h->merged_nodes));
 }
 
-// Whole counts below 2^52 have their bit patterns below this one.
-constexpr std::uint64_t kBelowTwo52 = 0x4330000000000000;  // 2^52
+constexpr double kTwo52 = 4503599627370496.0;
+// Non-negative doubles order as their bit patterns do; the rest sort above.
+constexpr std::uint64_t kTwo52Bits = std::bit_cast<std::uint64_t>(kTwo52);
 
 // Negative, huge and NaN counts fail the first test.
 bool whole_count(double c) {
-  const bool in_range = std::bit_cast<std::uint64_t>(c) < kBelowTwo52;
+  const bool in_range = std::bit_cast<std::uint64_t>(c) < kTwo52Bits;
   return in_range & (static_cast<double>(static_cast<std::int64_t>(in_range ? c : 0)) == c);
 }
 
@@ -555,7 +556,7 @@ bool whole_centres(const td_node_t *nodes, int n, double *centres) {
     total += nodes[i].count;
   }
   // Sums of whole counts only grow: the last below 2^52 keeps all exact.
-  return whole & (total < 4503599627370496.0);
+  return whole & (total < kTwo52);
 }
 
 CentresState build_centres(td_histogram_t *h) {
