@@ -176,6 +176,41 @@ TEST(TDigestReference, SameNodesAndValuesAsThePlainRules) {
       "crowded");
 }
 
+// td_value_at answers from an index of node centres when it can; each case
+// here drives it down another of its paths.
+TEST(TDigestReference, QuantileIndexAnswersAsTheWalk) {
+  std::mt19937_64 rng(13);
+  std::lognormal_distribution<double> lognormal(5, 1);
+  std::uniform_real_distribution<double> uniform(-2000, 2000);
+  run(
+      1, 100, 100000,
+      [&](long) {
+        return td_node_t{lognormal(rng), 1};
+      },
+      "compression 100");
+  // A real mean equal to the walk's "no previous node" marker.
+  run(
+      0, 200, 20000,
+      [&](long i) {
+        return td_node_t{i % 13 == 0 ? -999.0 : uniform(rng), 1};
+      },
+      "marker means");
+  // Half and zero counts: the index follows the walk's truncated sums.
+  run(
+      0, 300, 20000,
+      [&](long i) {
+        return td_node_t{uniform(rng), i % 3 == 0 ? 0.5 : (i % 3 == 1 ? 0 : 1)};
+      },
+      "fractional counts");
+  // Whole counts, too heavy to fold, whose sums pass 2^53 and round.
+  run(
+      0.01, 100, 30,
+      [&](long i) {
+        return td_node_t{uniform(rng), i % 2 ? 1e15 + 1 : 3};
+      },
+      "huge sums");
+}
+
 TEST(TDigestReference, MergeMatchesAddingTheCentroids) {
   std::mt19937_64 rng(9);
   std::exponential_distribution<double> exp_dist(0.01);

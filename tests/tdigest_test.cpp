@@ -68,6 +68,28 @@ TEST(TDigestValueAt, SmallDigestsFollowTheFixedRules) {
   EXPECT_DOUBLE_EQ(td_value_at(digest_of({{1, 1}, {2, 1}, {3, 1}}).get(), 0), 1);
   // The walk sums whole counts: 1.5 counts as 1 (18 if it did not truncate).
   EXPECT_DOUBLE_EQ(td_value_at(digest_of({{10, 1.5}, {20, 1}, {30, 1}}).get(), 0.5), 22.5);
+  // A zero count after a half one: the second centre (-0.5) lies below the
+  // first (-0.25), and the walk still stops at the first that reaches index.
+  EXPECT_DOUBLE_EQ(td_value_at(digest_of({{1, 0.5}, {2, 0}, {3, 1}, {4, 1}}).get(), -0.2), 0.8);
+}
+
+// A buffer with no room behind its nodes for td_value_at's index still
+// answers, and answers as a roomy digest with the same nodes does.
+TEST(TDigestValueAt, FullBufferAnswersAsARoomyOne) {
+  alignas(8) unsigned char block[56 + 16 * 4];
+  td_histogram_t *full = td_init(0.5, 1, sizeof block, block);
+  td_histogram_t roomy_block[8];  // header-aligned room for 4 nodes and more
+  td_histogram_t *roomy = td_init(0.5, 1, sizeof roomy_block, roomy_block);
+  for (double mean : {40.0, 10.0, 30.0, 20.0}) {
+    ASSERT_EQ(td_add(full, mean, 1), 0);
+    ASSERT_EQ(td_add(roomy, mean, 1), 0);
+  }
+  // Three centroids would need two nodes' room for their index; one is left.
+  ASSERT_EQ(td_centroid_count(full), 3);
+  ASSERT_EQ(td_centroid_count(roomy), 3);
+  for (int i = 0; i <= 100; ++i) {
+    EXPECT_EQ(td_value_at(full, i / 100.0), td_value_at(roomy, i / 100.0)) << i;
+  }
 }
 
 TEST(TDigestQuantileOf, HalfWeightsAtEqualAndNeighbouringMeans) {

@@ -22,6 +22,8 @@ namespace {
 // Marks "no previous node yet" in td_value_at's walk. A real mean of exactly
 // this value is read the same way; the walk never relies on it for bounds.
 constexpr double kNoPreviousMean = -999.0;
+// td_histogram_t::centres; a zeroed header reads stale.
+enum CentresState : std::uint8_t { kCentresStale = 0, kCentresReady = 1, kCentresNone = 2 };
 constexpr int kDefaultK = 100;
 constexpr double kDefaultDelta = 0.01;
 constexpr double kNoDeltaInverse = 100.0;
@@ -446,6 +448,7 @@ int compress(td_node_t *nodes, int n, FoldRule &rule) {
 // them, since the adds that follow fill them again at once.
 void merge(td_histogram_t *h, bool give_back = true) {
   if (h->unmerged_nodes == 0) return;
+  h->centres = kCentresStale;
   td_node_t *nodes = h->nodes();
   const int n = h->merged_nodes + h->unmerged_nodes;
   sort_nodes(nodes, static_cast<std::size_t>(h->merged_nodes), static_cast<std::size_t>(n));
@@ -458,36 +461,133 @@ void merge(td_histogram_t *h, bool give_back = true) {
   h->unmerged_count = 0;
 }
 
-constexpr int kSkipBlock = 8;
-// A total below this plus a block of counts below 2^32 stays below 2^52,
-// where halves are still exact.
-constexpr double kExactBelow = 2251799813685248.0;  // 2^51
-
-// Every count a whole number in [0, 2^32): then (count - 1) / 2 and the sums
-// of counts are exact, and the centres of successive nodes never decrease.
-bool whole_counts(const td_node_t *block) {
-  bool whole = true;
-  for (int j = 0; j < kSkipBlock; ++j) {
-    const double c = block[j].count;
-    const bool in_range = c >= 0 && c < 4294967296.0;
-    whole &= in_range && static_cast<double>(static_cast<std::uint32_t>(in_range ? c : 0)) == c;
-  }
-  return whole;
-}
-
-// Pairwise, so the additions do not wait on each other; exact for whole
-// counts, so the grouping does not change the result.
-double sum_of_first_seven(const td_node_t *block) {
-  const double a = block[0].count + block[1].count;
-  const double b = block[2].count + block[3].count;
-  const double c = block[4].count + block[5].count;
-  return (a + b) + (c + block[6].count);
-}
-
 double my_quantile(double index, double previous_index, double next_index, double previous_mean,
                    double next_mean) {
   const double span = next_index - previous_index;
   return next_mean * (index - previous_index) / span + previous_mean * (next_index - index) / span;
+}
+
+// td_value_at's answer once its walk stops at node i, the first whose centre
+// (its_index) reaches index, given what the walk carried there.
+double stop_at(const td_node_t *nodes, int n, int i, double index, double its_index, double total,
+               double previous_mean, double previous_index) {
+  const td_node_t &c = nodes[i];
+  if (previous_mean != kNoPreviousMean) {
+    return my_quantile(index, previous_index, its_index, previous_mean, c.mean);
+  }
+  if (its_index == previous_index) return c.mean;
+  if (i + 1 >= n) return c.mean;  // only reachable when a real mean is -999
+  const td_node_t &next = nodes[i + 1];
+  const double next_index = (next.count - 1) / 2 + c.count + total;
+  const double extrapolated =
+      (c.mean * next_index - next.mean * its_index) / (next_index - its_index);
+  return my_quantile(index, previous_index, its_index, extrapolated, c.mean);
+}
+
+// Beyond the centre of the last node c: a next mean is extrapolated.
+double past_last(const td_node_t &c, double its_index, double previous_mean, double previous_index,
+                 double last_index, double index) {
+  const double next_mean =
+      ((last_index - previous_index) * c.mean - (last_index - its_index) * previous_mean) /
+      (its_index - previous_index);
+  return my_quantile(index, its_index, last_index, c.mean, next_mean);
+}
+
+double walk_nodes(const td_node_t *nodes, int n, double last_index, double index) {
+  double total = 0;  // whole counts only, as the walk has always truncated them
+  double previous_mean = kNoPreviousMean;
+  double previous_index = 0;
+  for (int i = 0; i < n; ++i) {
+    const td_node_t &c = nodes[i];
+    const double its_index = (c.count - 1) / 2 + total;
+    if (its_index >= index) {
+      return stop_at(nodes, n, i, index, its_index, total, previous_mean, previous_index);
+    }
+    if (i == n - 1) {
+      return past_last(c, its_index, previous_mean, previous_index, last_index, index);
+    }
+    total = std::trunc(total + c.count);
+    previous_mean = c.mean;
+    previous_index = its_index;
+  }
+  return 0;  // not reached: the last node always returns
+}
+
+// The centres of the merged nodes, computed exactly as the walk computes them,
+// make its stopping node a binary search away. They are kept as doubles in the
+// free node space right behind the merged nodes: no allocation, nothing for
+// td_add to do (its first node overwrites them, and the merge that follows
+// marks them stale), and 8 bytes per merged node resident once a digest is
+// read. Built by the first read after a merge; a digest whose centres do not
+// ascend (fractional counts) or that leaves no room keeps walking.
+const double *centres_of(const td_histogram_t *h) {
+  return std::launder(reinterpret_cast<const double *>(h->nodes() + h->merged_nodes));
+}
+
+constexpr double kTwo52 = 4503599627370496.0;
+// Non-negative doubles order as their bit patterns do; the rest sort above.
+constexpr std::uint64_t kTwo52Bits = std::bit_cast<std::uint64_t>(kTwo52);
+
+// Negative, huge and NaN counts fail the first test.
+bool whole_count(double c) {
+  const bool in_range = std::bit_cast<std::uint64_t>(c) < kTwo52Bits;
+  return in_range & (static_cast<double>(static_cast<std::int64_t>(in_range ? c : 0)) == c);
+}
+
+// Centres as if every count were whole and every sum exact: then the walk's
+// truncations change nothing, the sums need no particular order, and two
+// counts are added at a time to halve the dependency chain. False when that
+// did not hold. Branch-free, so that a fraction anywhere costs only the check.
+bool whole_centres(const td_node_t *nodes, int n, double *centres) {
+  bool whole = true;
+  double total = 0;
+  int i = 0;
+  for (; i + 2 <= n; i += 2) {
+    const double a = nodes[i].count, b = nodes[i + 1].count;
+    centres[i] = (a - 1) / 2 + total;
+    centres[i + 1] = (b - 1) / 2 + (total + a);
+    whole &= whole_count(a);
+    whole &= whole_count(b);
+    total += a + b;
+  }
+  if (i < n) {
+    centres[i] = (nodes[i].count - 1) / 2 + total;
+    whole &= whole_count(nodes[i].count);
+    total += nodes[i].count;
+  }
+  // Sums of whole counts only grow: the last below 2^52 keeps all exact.
+  return whole & (total < kTwo52);
+}
+
+CentresState build_centres(td_histogram_t *h) {
+  const int n = h->merged_nodes;
+  const int span = (n + 1) / 2;  // nodes' worth of room for n doubles
+  if (span > h->cap - n) return kCentresNone;
+  const td_node_t *nodes = h->nodes();
+  double *centres = ::new (static_cast<void *>(h->nodes() + n)) double[static_cast<std::size_t>(n)];
+  h->touched_nodes = std::max(h->touched_nodes, n + span);
+  if (whole_centres(nodes, n, centres)) return kCentresReady;  // ascending by construction
+  double total = 0;
+  bool ascending = true;
+  for (int i = 0; i < n; ++i) {
+    centres[i] = (nodes[i].count - 1) / 2 + total;
+    if (i > 0) ascending &= centres[i] >= centres[i - 1];  // false for NaN too
+    total = std::trunc(total + nodes[i].count);
+  }
+  return ascending ? kCentresReady : kCentresNone;
+}
+
+// First i whose centre reaches index, n if none does (NaN reaches none, as in
+// the walk). Branch-free: which half holds it is as good as random.
+int first_reaching(const double *centres, int n, double index) {
+  const double *base = centres;
+  int len = n;
+  while (len > 1) {
+    const int half = len / 2;
+    base = !(base[half - 1] >= index) ? base + half : base;
+    len -= half;
+  }
+  return static_cast<int>(base - centres) + (!(*base >= index) ? 1 : 0);
 }
 
 // Truncation toward zero, saturated, so odd weights never hit an undefined
@@ -709,51 +809,22 @@ double td_value_at(td_histogram_t *h, double q) {
 
   const double last_index = h->merged_count - 1;
   const double index = last_index * q;
-  double total = 0;  // whole counts only, as the walk has always truncated them
-  double previous_mean = kNoPreviousMean;
-  double previous_index = 0;
-  int i = 0;
-  // Whole counts keep every sum exact and every centre in order, so a block of
-  // nodes whose last centre lies below index can be passed in one step, with
-  // the same total, previous mean and previous index as the node-by-node walk.
-  // The last node is never in a block: it ends the walk.
-  while (i + kSkipBlock < n && total < kExactBelow) {
-    const td_node_t *block = nodes + i;
-    if (!whole_counts(block)) break;
-    const double before_last = total + sum_of_first_seven(block);
-    const double last_centre = (block[kSkipBlock - 1].count - 1) / 2 + before_last;
-    if (!(last_centre < index)) break;
-    total = before_last + block[kSkipBlock - 1].count;
-    previous_mean = block[kSkipBlock - 1].mean;
-    previous_index = last_centre;
-    i += kSkipBlock;
-  }
-  for (; i < n; ++i) {
-    const td_node_t &c = nodes[i];
-    const double its_index = (c.count - 1) / 2 + total;
-    if (its_index >= index) {
-      if (previous_mean != kNoPreviousMean) {
-        return my_quantile(index, previous_index, its_index, previous_mean, c.mean);
-      }
-      if (its_index == previous_index) return c.mean;
-      if (i + 1 >= n) return c.mean;  // only reachable when a real mean is -999
-      const td_node_t &next = nodes[i + 1];
-      const double next_index = (next.count - 1) / 2 + c.count + total;
-      const double extrapolated =
-          (c.mean * next_index - next.mean * its_index) / (next_index - its_index);
-      return my_quantile(index, previous_index, its_index, extrapolated, c.mean);
+  if (h->centres == kCentresStale) h->centres = build_centres(h);
+  if (h->centres == kCentresReady) {
+    const double *centres = centres_of(h);
+    const int i = first_reaching(centres, n, index);
+    if (i == n) {
+      return past_last(nodes[n - 1], centres[n - 1], nodes[n - 2].mean, centres[n - 2], last_index,
+                       index);
     }
-    if (i == n - 1) {
-      const double next_mean =
-          ((last_index - previous_index) * c.mean - (last_index - its_index) * previous_mean) /
-          (its_index - previous_index);
-      return my_quantile(index, its_index, last_index, c.mean, next_mean);
+    if (i == 0) return stop_at(nodes, n, 0, index, centres[0], 0, kNoPreviousMean, 0);
+    // A real mean of -999 reads as no previous node, which needs the running
+    // total; only the walk has it.
+    if (nodes[i - 1].mean != kNoPreviousMean) {
+      return my_quantile(index, centres[i - 1], centres[i], nodes[i - 1].mean, nodes[i].mean);
     }
-    total = std::trunc(total + c.count);
-    previous_mean = c.mean;
-    previous_index = its_index;
   }
-  return 0;  // not reached: the last node always returns
+  return walk_nodes(nodes, n, last_index, index);
 }
 
 double td_quantile_of(td_histogram_t *h, double val) {

@@ -6,9 +6,10 @@
 // td_new/td_deserialize and released with td_free. The default block has room
 // for 60,010 nodes (about 960 KB) while a digest usually holds a few thousand,
 // so the block is never cleared: only pages that nodes were written to become
-// resident. Nothing here logs, locks or throws; callers serialise access.
-// Serialised input may come from outside, so td_deserialize never reads past
-// the length it is given.
+// resident; a quantile read also writes an index of the merged nodes, 8 bytes
+// a node, into the free space behind them. Nothing here logs, locks or throws;
+// callers serialise access. Serialised input may come from outside, so
+// td_deserialize never reads past the length it is given.
 
 #ifndef PWCORE_TDIGEST_TDIGEST_H
 #define PWCORE_TDIGEST_TDIGEST_H
@@ -28,7 +29,9 @@ struct td_node_t {
 struct td_histogram_t {
   double delta;
   int K;
-  int mapped;  // set by td_new: the block is whole pages of its own (fills padding)
+  // These two fill padding.
+  std::uint8_t mapped;   // set by td_new: the block is whole pages of its own
+  std::uint8_t centres;  // state of td_value_at's index behind the merged nodes
   double compression;
   int cap;
   int merged_nodes;
@@ -95,6 +98,8 @@ void td_reset(td_histogram_t *h);
 double td_total_count(const td_histogram_t *h);
 // Merges pending nodes and returns the number of centroids.
 int td_centroid_count(td_histogram_t *h);
+// The first call after an add indexes the nodes in one pass; later calls
+// binary-search that index.
 double td_value_at(td_histogram_t *h, double q);
 double td_quantile_of(td_histogram_t *h, double val);
 
