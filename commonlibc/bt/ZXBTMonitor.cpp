@@ -424,8 +424,11 @@ void flipModel(ZXAppMonitors &app, ZXMonitorDataModel &model, int size) {
 void mergeModel(ZXAppMonitors &app, ZXMonitorDataModel &model, int size, bool feedDigests) {
   ZXBTMonitor_t &m = app.btMonitor;
   const TDigestPercentile_t &td = app.tDigest.TDigestPercentileBT;
+  // An update takes nanoseconds; only a thread descheduled inside one makes
+  // the reporter give up its processor.
   if (const unsigned seq = model.seq.load(std::memory_order_acquire); seq & 1)
-    while (model.seq.load(std::memory_order_acquire) == seq) std::this_thread::yield();
+    for (int spins = 0; model.seq.load(std::memory_order_acquire) == seq; ++spins)
+      if (spins >= 1000) std::this_thread::yield();
   std::lock_guard guard(model.lockForBT);
   // Blocks made since the flip (the only ones at or above size) have nothing
   // in the old half.
