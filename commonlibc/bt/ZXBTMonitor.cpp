@@ -178,18 +178,21 @@ void decideProcessBarrier() {
   });
 }
 
-// The writer's half of the store-then-load handshake (see the header). With
-// the process barrier the reporter's syscall fences this thread for it, so
-// only the compiler must keep the order.
-inline void writerFence() noexcept {
-  if (gProcessBarrier)
+// The writer's half of the store-then-load handshake (see the header): marks
+// the owner inside an update before it reads `active`.
+inline void enterUpdate(ZXMonitorDataModel &model, unsigned seq) noexcept {
+  if (gProcessBarrier) {
+    model.seq.store(seq, std::memory_order_relaxed);
+    // The reporter's process barrier fences this thread; only the compiler
+    // must keep the store before the load.
     std::atomic_signal_fence(std::memory_order_seq_cst);
-  else
-    std::atomic_thread_fence(std::memory_order_seq_cst);
+  } else {
+    model.seq.exchange(seq, std::memory_order_seq_cst);
+  }
 }
 
+// The reporter's half, between flipping `active` (seq_cst) and reading seq.
 void reporterFence() noexcept {
-  std::atomic_thread_fence(std::memory_order_seq_cst);
   // Cannot fail once registered.
   if (gProcessBarrier) syscall(SYS_membarrier, MEMBARRIER_CMD_PRIVATE_EXPEDITED, 0, 0);
 }
@@ -265,18 +268,22 @@ inline ZXMonitorDataModel *threadModel(ZXAppMonitors &app) {
   return model.btmDataArray[id].get();
 }
 
-// Branch-free but for the category check: the durations and categories of
-// real traffic are too irregular for the predictor.
+// Stores, not compares, bound this function: extremes are stored only when
+// they change, which is rare after an interval's first transactions. The
+// category picks its counters by index, as traffic mixes categories.
 void updatePropertiesOfBT(ZXBTIntervalCounters &h, const ZXBTTransaction_t &tx) {
   using I = ZXBTIntervalCounters;
   // Category - 10 for the counted ones: 10..13 and 15 (general only).
   constexpr unsigned kCounted = 0b101111;
   const unsigned k = static_cast<unsigned char>(tx.category) - 10u;
   if (k > 5 || !((kCounted >> k) & 1)) return;
-  auto general = [&h](int f, long long v) {
+  auto extremes = [](long long v, long long &lo, long long &hi) {
+    if (v < lo) lo = v;
+    if (v > hi) hi = v;
+  };
+  auto general = [&h, &extremes](int f, long long v) {
     h.sum[f] += v;
-    h.min[f] = std::min(h.min[f], v);
-    h.max[f] = std::max(h.max[f], v);
+    extremes(v, h.min[f], h.max[f]);
   };
   const long long d = tx.duration, q = tx.queueTime;
   ++h.count;
@@ -284,16 +291,15 @@ void updatePropertiesOfBT(ZXBTIntervalCounters &h, const ZXBTTransaction_t &tx) 
   general(I::kCpu, tx.cpuTime);
   general(I::kWait, tx.waitTime);
   general(I::kSync, tx.syncTime);
-  // Only queue times above 0 enter the sum and the minimum.
-  const long long queued = -static_cast<long long>(q > 0);
-  h.sum[I::kQueue] += q & queued;
-  h.min[I::kQueue] = std::min(h.min[I::kQueue], (q & queued) | (LLONG_MAX & ~queued));
-  h.max[I::kQueue] = std::max(h.max[I::kQueue], q);
+  if (q > 0) {
+    h.sum[I::kQueue] += q;
+    if (q < h.min[I::kQueue]) h.min[I::kQueue] = q;
+  }
+  if (q > h.max[I::kQueue]) h.max[I::kQueue] = q;
   I::Category &c = h.category[std::min(k, 4u)];
   ++c.count;
   c.sum += d;
-  c.min = std::min(c.min, d);
-  c.max = std::max(c.max, d);
+  extremes(d, c.min, c.max);
 }
 
 // Adds src into dst and resets src.
@@ -379,9 +385,8 @@ bool updateCounterAndDurationForBT(ZXAppMonitors &app, const ZXBTTransaction_t &
   if (!c && !(c = newBlock(*model, id))) return false;
   model->lastUpdateTimeStamp.store(tx.endTime, std::memory_order_relaxed);
   const unsigned seq = model->seq.load(std::memory_order_relaxed);
-  model->seq.store(seq + 1, std::memory_order_relaxed);
-  writerFence();
-  updatePropertiesOfBT(c->half[model->active.load(std::memory_order_acquire) & 1], tx);
+  enterUpdate(*model, seq + 1);
+  updatePropertiesOfBT(c->half[model->active.load(std::memory_order_seq_cst) & 1], tx);
   model->seq.store(seq + 2, std::memory_order_release);
   return true;
 }
@@ -415,7 +420,7 @@ void flipModel(ZXAppMonitors &app, ZXMonitorDataModel &model, int size) {
     return;
   }
   const unsigned half = model.active.load(std::memory_order_relaxed);
-  model.active.store(half ^ 1, std::memory_order_release);
+  model.active.store(half ^ 1, std::memory_order_seq_cst);
   model.reportHalf = static_cast<int>(half);
 }
 
@@ -426,7 +431,7 @@ void mergeModel(ZXAppMonitors &app, ZXMonitorDataModel &model, int size, bool fe
   const TDigestPercentile_t &td = app.tDigest.TDigestPercentileBT;
   // An update takes nanoseconds; only a thread descheduled inside one makes
   // the reporter give up its processor.
-  if (const unsigned seq = model.seq.load(std::memory_order_acquire); seq & 1)
+  if (const unsigned seq = model.seq.load(std::memory_order_seq_cst); seq & 1)
     for (int spins = 0; model.seq.load(std::memory_order_acquire) == seq; ++spins)
       if (spins >= 1000) std::this_thread::yield();
   std::lock_guard guard(model.lockForBT);

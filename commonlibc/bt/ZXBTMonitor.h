@@ -35,9 +35,10 @@
 // The writer stores seq odd, then reads `active`; the reporter stores
 // `active`, then reads seq. That store-then-load pair needs a full fence on
 // both sides. The writer's side is free where the kernel offers a process-wide
-// barrier, which the reporter issues once per report; elsewhere the writer
-// pays one fence. A transaction is therefore in exactly one half when the
-// reporter takes it, and each half is read only after its last update.
+// barrier, which the reporter issues once per report; elsewhere the writer's
+// odd store is an atomic exchange. A transaction is therefore in exactly one
+// half when the reporter takes it, and each half is read only after its last
+// update.
 #pragma once
 
 #include <array>
@@ -117,9 +118,8 @@ class ZXBTSlotArray {
 
 // One thread's counts for one BT over an interval: what a slot holds, kept
 // compactly (the wait, synchronisation and queue counts always equal
-// `count`), with the four categories indexed so that the update needs no
-// branch. Reset values are the slots' (minima 2147483647, the CPU minimum the
-// 64-bit maximum).
+// `count`), with the categories indexed rather than switched on. Reset values are the slots'
+// (minima 2147483647, the CPU minimum the 64-bit maximum).
 struct alignas(64) ZXBTIntervalCounters {
   enum Field { kDuration, kCpu, kWait, kSync, kQueue, kFields };
   // Normal, slow, very slow, error, and a sink for the general-only category.
