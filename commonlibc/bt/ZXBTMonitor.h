@@ -19,14 +19,13 @@
 // them.
 //
 // Counting: an application thread counts a finished transaction only in its
-// own model (one counter block per BT id), taking no lock and making no
-// atomic read-modify-write: each block has two halves, the model's `active`
-// index says which one its thread writes, and `seq` is odd while an update is
-// in progress. Once per interval the reporter, holding slotLock (so that no
-// slot is rebound or grown under it), flips every model's index, makes sure
-// no update still writes the old halves (below), merges each old half into its
-// slot and resets it, then prints record 74 per BT with data plus the overall
-// record:
+// own model (one counter block per BT id), taking no lock: each block has
+// two halves, the model's `active` index says which one its thread writes,
+// and `seq` is odd while an update is in progress. Once per interval the
+// reporter, holding slotLock (so that no slot is rebound or grown under it),
+// flips every model's index, makes sure no update still writes the old halves
+// (below), merges each old half into its slot and resets it, then prints
+// record 74 per BT with data plus the overall record:
 //
 //   thread A: [b1][b5]--+   (old halves)
 //   thread B: [b1]------+--> slots [0][1]..[5].. --> 74 per slot, slot -> [0]
@@ -236,8 +235,8 @@ int checkAndIncrementAggrBTDataArray(ZXBTMonitor_t &m, BTObject *obj);
 
 // Counts one finished transaction in the calling thread's model. false when
 // the monitor is off, the BT id is not positive or memory is short. After the
-// thread's first transaction on a BT: no allocation, no lock, no atomic
-// read-modify-write, and the thread waits for nobody.
+// thread's first transaction on a BT: no allocation, no lock, at most one
+// atomic exchange (none with the process barrier), and it waits for nobody.
 bool updateCounterAndDurationForBT(ZXAppMonitors &app, const ZXBTTransaction_t &tx);
 
 // The interval's report: merges every thread's blocks into the slots (and
