@@ -1,11 +1,18 @@
 // Counting a finished transaction whose thread already has a block for its
-// BT: the per-transaction cost of the BT monitor (one uncontended lock, no
-// allocation). Threads count into their own models, so two threads should
-// each run as fast as one; a reporter thread merging every millisecond shows
-// what its lock hold costs the counters.
+// BT: the per-transaction cost of the BT monitor, beside a call that builds
+// the same transaction and does nothing. Threads count different BTs in
+// their own models, so two threads should each run as fast as one; a
+// reporter merging every millisecond shows what taking the counts costs the
+// counters. Each benchmark checks that every update was counted.
+#include <sys/syscall.h>
+#include <unistd.h>
+
 #include <atomic>
 #include <chrono>
+#include <cstdio>
+#include <cstring>
 #include <memory>
+#include <mutex>
 #include <thread>
 #include <vector>
 
@@ -16,6 +23,9 @@
 
 namespace {
 
+constexpr int kBTsPerThread = 32;
+constexpr int kMaxThreads = 2;
+
 std::unique_ptr<ZXProxyInstance_t> app;
 std::unique_ptr<std::vector<BTObject>> objects;
 
@@ -23,10 +33,10 @@ void setup(const benchmark::State &) {
   app = std::make_unique<ZXProxyInstance_t>();
   publishApplication(app.get());
   ZXBTMonitorInit(app->btMonitor, *app);
-  objects = std::make_unique<std::vector<BTObject>>(64);
-  for (int i = 0; i < 64; ++i) {
+  objects = std::make_unique<std::vector<BTObject>>(kBTsPerThread * kMaxThreads);
+  for (int i = 0; i < kBTsPerThread * kMaxThreads; ++i) {
     (*objects)[i].bt_id = i + 2;
-    checkAndIncrementAggrBTDataArray(*tlzxApplication, &(*objects)[i]);
+    checkAndIncrementAggrBTDataArray(*app, &(*objects)[i]);
   }
 }
 
@@ -36,9 +46,10 @@ void teardown(const benchmark::State &) {
   objects.reset();
 }
 
-ZXBTTransaction_t transaction(int i) {
+// Thread t counts only BTs t * kBTsPerThread ... + kBTsPerThread - 1.
+ZXBTTransaction_t transaction(int thread, int i) {
   ZXBTTransaction_t tx;
-  tx.btObj = &(*objects)[i % 64];
+  tx.btObj = &(*objects)[thread * kBTsPerThread + i % kBTsPerThread];
   tx.duration = 100 + i % 900;
   tx.category = static_cast<char>(ZXBT_CATEGORY_NORMAL + i % 4);
   tx.cpuTime = 1000000 + i;
@@ -48,36 +59,91 @@ ZXBTTransaction_t transaction(int i) {
   return tx;
 }
 
-void BM_UpdateExistingBlock(benchmark::State &state) {
-  for (int i = 0; i < 64; ++i) updateCounterAndDurationForBT(*tlzxApplication, transaction(i));
+void warmUp(int thread) {
+  for (int i = 0; i < kBTsPerThread; ++i)
+    updateCounterAndDurationForBT(*app, transaction(thread, i));
+}
+
+// Transactions the calling thread's model holds; read by the owner.
+long long countedHere() {
+  const long tid = static_cast<long>(syscall(SYS_gettid));
+  std::lock_guard models(app->controlThreadTmpLock);
+  const auto it = app->btMonitor.threadModels.find(tid);
+  if (it == app->btMonitor.threadModels.end()) return -1;
+  ZXMonitorDataModel &model = *it->second;
+  std::lock_guard blocks(model.lockForBT);
+  long long n = 0;
+  for (const auto &block : model.btmDataArray)
+    if (block) n += block->counted();
+  return n;
+}
+
+// The overall count of one report, 0 when it made none.
+long long report(std::vector<char> &buf) {
+  int len = 0;
+  if (!generateAndDumpBTMonitoringRecord(*app, buf.data(), &len, ZXBT_REPORT_BUFFER_SIZE)) return 0;
+  buf[static_cast<std::size_t>(len)] = '\0';
+  const char *all = strstr(buf.data(), "AllTransactions|");
+  long long n = 0;
+  if (!all || sscanf(all + 16, "%*f %*f %*f %*d %lld", &n) != 1) return -1;
+  return n;
+}
+
+__attribute__((noinline)) bool emptyCall(ZXAppMonitors &, const ZXBTTransaction_t &tx) {
+  benchmark::DoNotOptimize(&tx);
+  return true;
+}
+
+void BM_EmptyCallBaseline(benchmark::State &state) {
   int i = 0;
   for (auto _ : state) {
-    benchmark::DoNotOptimize(updateCounterAndDurationForBT(*tlzxApplication, transaction(i)));
+    benchmark::DoNotOptimize(emptyCall(*app, transaction(state.thread_index(), i)));
     ++i;
   }
 }
-BENCHMARK(BM_UpdateExistingBlock)->Setup(setup)->Teardown(teardown)->Threads(1)->Threads(2);
+BENCHMARK(BM_EmptyCallBaseline)->Setup(setup)->Teardown(teardown)->Threads(1)->Threads(2);
 
-void BM_UpdateWhileReporting(benchmark::State &state) {
-  for (int i = 0; i < 64; ++i) updateCounterAndDurationForBT(*tlzxApplication, transaction(i));
-  std::atomic<bool> stop{false};
-  std::thread reporter;
-  if (state.thread_index() == 0)
-    reporter = std::thread([&stop] {
-      std::vector<char> buf(ZXBT_REPORT_BUFFER_SIZE);
-      while (!stop) {
-        int len = 0;
-        generateAndDumpBTMonitoringRecord(*app, buf.data(), &len, ZXBT_REPORT_BUFFER_SIZE);
-        std::this_thread::sleep_for(std::chrono::milliseconds(1));
-      }
-    });
+void BM_UpdateExistingBlock(benchmark::State &state) {
+  const int thread = state.thread_index();
+  warmUp(thread);
+  const long long before = countedHere();
   int i = 0;
   for (auto _ : state) {
-    benchmark::DoNotOptimize(updateCounterAndDurationForBT(*tlzxApplication, transaction(i)));
+    benchmark::DoNotOptimize(updateCounterAndDurationForBT(*app, transaction(thread, i)));
+    ++i;
+  }
+  if (countedHere() - before != static_cast<long long>(state.iterations()))
+    state.SkipWithError("an update was not counted");
+}
+BENCHMARK(BM_UpdateExistingBlock)
+    ->Setup(setup)
+    ->Teardown(teardown)
+    ->Threads(1)
+    ->Threads(kMaxThreads);
+
+void BM_UpdateWhileReporting(benchmark::State &state) {
+  std::vector<char> buf(ZXBT_REPORT_BUFFER_SIZE + 1);
+  warmUp(0);
+  report(buf);
+  std::atomic<bool> stop{false};
+  long long reported = 0;
+  std::thread reporter([&stop, &reported] {
+    std::vector<char> own(ZXBT_REPORT_BUFFER_SIZE + 1);
+    while (!stop.load()) {
+      reported += report(own);
+      std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    }
+  });
+  int i = 0;
+  for (auto _ : state) {
+    benchmark::DoNotOptimize(updateCounterAndDurationForBT(*app, transaction(0, i)));
     ++i;
   }
   stop = true;
-  if (reporter.joinable()) reporter.join();
+  reporter.join();
+  reported += report(buf);
+  if (reported != static_cast<long long>(state.iterations()))
+    state.SkipWithError("the reports did not count every update exactly once");
 }
 BENCHMARK(BM_UpdateWhileReporting)->Setup(setup)->Teardown(teardown);
 

@@ -131,43 +131,85 @@ TEST_F(BTMonitorTest, SkipsWhatItMustNotCount) {
             std::string::npos);
 }
 
+// A block keeps counting across reports: each report holds only its own
+// interval (minima and maxima too), and a BT with a block but nothing new
+// still gets its empty record.
+TEST_F(BTMonitorTest, EachReportHoldsOnlyItsInterval) {
+  BTObject *cart = bt(2, "Cart");
+  const std::string cartEmpty =
+      "74,3|9|2:T>S>A>Cart|0.000000 0.000000 500000.000000 0 0 0.0 0.000000 0.000000 "
+      "500000.000000 0 0 0.000000 500000.000000 0 0 0.000000 500000.000000 0 0 0.000000 "
+      "500000.000000 0 0 0.000000 0.000000 0.500000 0.000000 0 0.000000 2147483647 0 0 "
+      "0.000000 2147483647 0 0 0.000000 2147483647 0 0\n";
+  for (int round = 0; round < 3; ++round) {
+    SCOPED_TRACE(round);
+    ASSERT_TRUE(count(cart, 500, ZXBT_CATEGORY_VERY_SLOW, 9000000, 4, 4, 6));
+    ASSERT_TRUE(count(cart, 100, ZXBT_CATEGORY_ERROR, 1000000, 0, 2, 0));
+    const std::string text = report();
+    EXPECT_EQ(text.substr(0, text.find('\n') + 1),
+              "74,3|9|2:T>S>A>Cart|0.033333 300.000000 100.000000 500 2 0.0 0.016667 0.000000 "
+              "500000.000000 0 0 0.000000 500000.000000 0 0 500.000000 500.000000 500 1 "
+              "100.000000 100.000000 100 1 50.000000 5.000000 1.000000 9.000000 2 3.000000 2 4 "
+              "2 2.000000 0 4 2 3.000000 6 6 2\n");
+    EXPECT_EQ(report().substr(0, cartEmpty.size()), cartEmpty);
+  }
+}
+
 // Request threads count and new BTs grow the slot array while the reporter
-// merges: every transaction is reported exactly once.
+// merges: every transaction is reported exactly once, and no report sees an
+// update half done (every transaction is alike, so any report with counts
+// has exactly their averages).
 TEST_F(BTMonitorTest, CountsWhileReporting) {
   BTObject *a = bt(2, "A");
   BTObject *b = bt(300, "B");  // grows the slot array
-  constexpr int kThreads = 4, kPerThread = 5000;
-  std::atomic<int> running{kThreads};
+  constexpr int kThreads = 4, kReports = 100;
+  std::atomic<bool> stop{false};
+  std::atomic<int> started{0};
+  std::atomic<long long> counted{0};
   std::vector<std::thread> threads;
   for (int t = 0; t < kThreads; ++t)
-    threads.emplace_back([&, t] {
-      for (int i = 0; i < kPerThread; ++i) count(i % 2 ? a : b, 1 + t, ZXBT_CATEGORY_NORMAL);
-      --running;
+    threads.emplace_back([&] {
+      long long n = 0;
+      for (; n < 100 || !stop; ++n) {
+        count(n % 2 ? a : b, 7, ZXBT_CATEGORY_NORMAL, 0, 3);
+        if (n == 100) ++started;
+      }
+      counted += n;
     });
   std::thread grower([&] {
     std::deque<BTObject> more;
-    for (int id = 600; running > 0 && id < 20000; id += 97) {
+    for (int id = 600; !stop && id < 20000; id += 97) {
       BTObject &o = more.emplace_back();
       o.bt_id = id;
       checkAndIncrementAggrBTDataArray(*tlzxApplication, &o);
     }
-    while (running > 0) std::this_thread::yield();
   });
   long long reported = 0;
-  auto overallCount = [](const std::string &text) {
+  int torn = 0;
+  auto overallCount = [&torn](const std::string &text) {
     const auto at = text.find("AllTransactions|");
     if (at == std::string::npos) return 0LL;
     std::istringstream in(text.substr(at + 16));
-    double perSec, avgDuration, minDuration;
-    long long maxDuration, n;
-    in >> perSec >> avgDuration >> minDuration >> maxDuration >> n;
+    double perSec, avgDuration, minDuration, errorsPerSec, avgNormal, minNormal, avgSync, avgWait;
+    long long maxDuration, n, n2, maxNormal, normal, minSync, maxSync, syncs;
+    std::string zero;
+    in >> perSec >> avgDuration >> minDuration >> maxDuration >> n >> zero >> errorsPerSec >>
+        avgNormal >> minNormal >> maxNormal >> normal;
+    for (int skip = 0; skip < 16; ++skip) in >> zero;
+    in >> n2 >> avgSync >> minSync >> maxSync >> syncs >> avgWait;
+    if (n > 0 && (avgDuration != 7 || maxDuration != 7 || normal != n || avgNormal != 7 ||
+                  n2 != n || syncs != n || avgWait != 3))
+      ++torn;
     return n;
   };
-  while (running > 0) reported += overallCount(report());
+  while (started < kThreads) std::this_thread::yield();
+  for (int r = 0; r < kReports; ++r) reported += overallCount(report());
+  stop = true;
   for (auto &t : threads) t.join();
   grower.join();
   reported += overallCount(report());
-  EXPECT_EQ(reported, kThreads * kPerThread);
+  EXPECT_EQ(reported, counted.load());
+  EXPECT_EQ(torn, 0);
 }
 
 TEST_F(BTMonitorTest, Keywords) {

@@ -71,7 +71,7 @@ class SdkTest : public ::testing::Test {
     for (auto &[tid, model] : app().btMonitor.threadModels) {
       std::lock_guard mk(model->lockForBT);
       if (id < static_cast<int>(model->btmDataArray.size()) && model->btmDataArray[id])
-        n += model->btmDataArray[id]->count;
+        n += static_cast<int>(model->btmDataArray[id]->counted());
     }
     return n;
   }

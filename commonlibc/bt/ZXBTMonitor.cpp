@@ -1,5 +1,6 @@
 #include "ZXBTMonitor.h"
 
+#include <linux/membarrier.h>
 #include <sys/syscall.h>
 #include <unistd.h>
 
@@ -9,6 +10,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <new>
+#include <thread>
 
 #include "ZXAppMonitors.h"
 #include "ZXBTTrace.h"
@@ -150,23 +152,77 @@ int checkAndIncrementAggrBTDataArray(ZXAppMonitors &app, BTObject *obj) {
 
 // ---- Counting ----
 
+void ZXBTIntervalCounters::reset() noexcept {
+  count = 0;
+  for (int f = 0; f < kFields; ++f) {
+    sum[f] = max[f] = 0;
+    min[f] = INT_MAX;
+  }
+  min[kCpu] = LLONG_MAX;
+  for (Category &c : category) c = {0, 0, INT_MAX, 0};
+}
+
 namespace {
+
+// Whether the kernel's process-wide barrier is registered. Decided once,
+// before the first model exists, so every thread that counts or reports has
+// seen the answer through the once flag or controlThreadTmpLock.
+bool gProcessBarrier = false;
+std::once_flag gProcessBarrierOnce;
+
+void decideProcessBarrier() {
+  std::call_once(gProcessBarrierOnce, [] {
+    const long cmds = syscall(SYS_membarrier, MEMBARRIER_CMD_QUERY, 0, 0);
+    gProcessBarrier = cmds > 0 && (cmds & MEMBARRIER_CMD_PRIVATE_EXPEDITED) != 0 &&
+                      syscall(SYS_membarrier, MEMBARRIER_CMD_REGISTER_PRIVATE_EXPEDITED, 0, 0) == 0;
+  });
+}
+
+// The writer's half of the store-then-load handshake (see the header): marks
+// the owner inside an update before it reads `active`.
+inline void enterUpdate(ZXMonitorDataModel &model, unsigned seq) noexcept {
+  if (gProcessBarrier) {
+    model.seq.store(seq, std::memory_order_relaxed);
+    // The reporter's process barrier fences this thread; only the compiler
+    // must keep the store before the load.
+    std::atomic_signal_fence(std::memory_order_seq_cst);
+  } else {
+    model.seq.exchange(seq, std::memory_order_seq_cst);
+  }
+}
+
+// The reporter's half, between flipping `active` (seq_cst) and reading seq.
+void reporterFence() noexcept {
+  // Cannot fail once registered.
+  if (gProcessBarrier) syscall(SYS_membarrier, MEMBARRIER_CMD_PRIVATE_EXPEDITED, 0, 0);
+}
 
 // The calling thread's model of one monitor. Flags the model on thread exit
 // so that the reporter can drop it after its last merge.
 struct ThreadModelRef {
   std::uint64_t serial = 0;
   std::shared_ptr<ZXMonitorDataModel> model;
-  ~ThreadModelRef() {
-    if (model) model->threadExited.store(true, std::memory_order_release);
-  }
+  ~ThreadModelRef();
 };
 thread_local ThreadModelRef tlsModel;
 
-ZXMonitorDataModel *threadModel(ZXAppMonitors &app) {
+// What the hot path reads: constant-initialised and trivially destroyed, so
+// reaching it costs no initialisation guard. Serials start at 1.
+struct ThreadModelCache {
+  std::uint64_t serial;
+  ZXMonitorDataModel *model;
+};
+constinit thread_local ThreadModelCache tlsModelCache{0, nullptr};
+
+ThreadModelRef::~ThreadModelRef() {
+  tlsModelCache = {0, nullptr};
+  if (model) model->threadExited.store(true, std::memory_order_release);
+}
+
+[[gnu::noinline]] ZXMonitorDataModel *attachThreadModel(ZXAppMonitors &app) {
   ZXBTMonitor_t &m = app.btMonitor;
-  if (tlsModel.model && tlsModel.serial == m.serial) return tlsModel.model.get();
   const long tid = static_cast<long>(syscall(SYS_gettid));
+  decideProcessBarrier();
   try {
     std::lock_guard guard(app.controlThreadTmpLock);
     std::shared_ptr<ZXMonitorDataModel> &model = m.threadModels[tid];
@@ -175,83 +231,75 @@ ZXMonitorDataModel *threadModel(ZXAppMonitors &app) {
       model->threadId = tid;
       m.numberOfThreads.fetch_add(1, std::memory_order_relaxed);
     }
-    // A recycled thread id takes over the model of the thread that had it.
-    model->threadExited.store(false, std::memory_order_relaxed);
+    // A recycled thread id takes over the model of the thread that had it;
+    // acquiring the exit flag orders the old owner's updates before ours.
+    model->threadExited.exchange(false, std::memory_order_acq_rel);
     tlsModel.serial = m.serial;
     tlsModel.model = model;
   } catch (const std::bad_alloc &) {
     ZX_LOG_OOM(sizeof(ZXMonitorDataModel), "BT monitor thread model", tid);
     return nullptr;
   }
-  return tlsModel.model.get();
+  tlsModelCache = {m.serial, tlsModel.model.get()};
+  return tlsModelCache.model;
 }
 
-// Caller holds the model's lockForBT.
-ZXBTMonitorDataCounters *newBlock(ZXMonitorDataModel &model, int id) {
+inline ZXMonitorDataModel *threadModel(ZXAppMonitors &app) {
+  if (tlsModelCache.serial == app.btMonitor.serial) [[likely]]
+    return tlsModelCache.model;
+  return attachThreadModel(app);
+}
+
+// Owner only, outside an update.
+[[gnu::noinline]] ZXBTThreadCounters *newBlock(ZXMonitorDataModel &model, int id) {
+  std::lock_guard guard(model.lockForBT);
   try {
     if (model.currentSizeOfBTArray <= id) {
       model.btmDataArray.resize(static_cast<std::size_t>(id) + 1);
       model.currentSizeOfBTArray = id + 1;
     }
-    auto block = std::make_unique<ZXBTMonitorDataCounters>();
-    initZXBTMonitorDataCounters(block.get());
+    auto block = std::make_unique<ZXBTThreadCounters>();
+    for (ZXBTIntervalCounters &h : block->half) h.reset();
     model.btmDataArray[id] = std::move(block);
   } catch (const std::bad_alloc &) {
-    ZX_LOG_OOM(sizeof(ZXBTMonitorDataCounters), "BT monitor counters", id);
+    ZX_LOG_OOM(sizeof(ZXBTThreadCounters), "BT monitor counters", id);
     return nullptr;
   }
   return model.btmDataArray[id].get();
 }
 
-void minMax(long long v, long long &lo, long long &hi) {
-  if (v < lo) lo = v;
-  if (v > hi) hi = v;
-}
-
-void updatePropertiesOfBT(ZXBTMonitorDataCounters &c, const ZXBTTransaction_t &tx) {
-  const char cat = tx.category;
-  if (cat != ZXBT_CATEGORY_NORMAL && cat != ZXBT_CATEGORY_SLOW && cat != ZXBT_CATEGORY_VERY_SLOW &&
-      cat != ZXBT_CATEGORY_ERROR && cat != ZXBT_CATEGORY_GENERAL_ONLY)
-    return;
-  minMax(tx.duration, c.minDuration, c.maxDuration);
-  minMax(tx.cpuTime, c.minCpuTime, c.maxCpuTime);
-  if (tx.queueTime > c.maxQueueTime) c.maxQueueTime = tx.queueTime;
-  if (tx.queueTime > 0) {
-    if (tx.queueTime < c.minQueueTime) c.minQueueTime = tx.queueTime;
-    c.cumQueueTime += tx.queueTime;
-  }
-  minMax(tx.waitTime, c.minWaitTime, c.maxWaitTime);
-  minMax(tx.syncTime, c.minSyncTime, c.maxSyncTime);
-  ++c.count;
-  c.duration += tx.duration;
-  c.cpuTime += tx.cpuTime;
-  c.cumWaitTime += tx.waitTime;
-  c.cumSyncTime += tx.syncTime;
-  ++c.waitCount;
-  ++c.syncCount;
-  ++c.queueCount;
-
-  auto category = [&tx](int &n, long long &sum, long long &lo, long long &hi) {
-    ++n;
-    sum += tx.duration;
-    minMax(tx.duration, lo, hi);
+// Stores, not compares, bound this function: extremes are stored only when
+// they change, which is rare after an interval's first transactions. The
+// category picks its counters by index, as traffic mixes categories.
+void updatePropertiesOfBT(ZXBTIntervalCounters &h, const ZXBTTransaction_t &tx) {
+  using I = ZXBTIntervalCounters;
+  // Category - 10 for the counted ones: 10..13 and 15 (general only).
+  constexpr unsigned kCounted = 0b101111;
+  const unsigned k = static_cast<unsigned char>(tx.category) - 10u;
+  if (k > 5 || !((kCounted >> k) & 1)) return;
+  auto extremes = [](long long v, long long &lo, long long &hi) {
+    if (v < lo) lo = v;
+    if (v > hi) hi = v;
   };
-  switch (cat) {
-    case ZXBT_CATEGORY_NORMAL:
-      category(c.normalCount, c.normalDuration, c.minNormalDuration, c.maxNormalDuration);
-      break;
-    case ZXBT_CATEGORY_SLOW:
-      category(c.slowCount, c.slowDuration, c.minSlowDuration, c.maxSlowDuration);
-      break;
-    case ZXBT_CATEGORY_VERY_SLOW:
-      category(c.verySlowCount, c.verySlowDuration, c.minVerySlowDuration, c.maxVerySlowDuration);
-      break;
-    case ZXBT_CATEGORY_ERROR:
-      category(c.errorCount, c.errorDuration, c.minErrorDuration, c.maxErrorDuration);
-      break;
-    default:  // 15: general items only
-      break;
+  auto general = [&h, &extremes](int f, long long v) {
+    h.sum[f] += v;
+    extremes(v, h.min[f], h.max[f]);
+  };
+  const long long d = tx.duration, q = tx.queueTime;
+  ++h.count;
+  general(I::kDuration, d);
+  general(I::kCpu, tx.cpuTime);
+  general(I::kWait, tx.waitTime);
+  general(I::kSync, tx.syncTime);
+  if (q > 0) {
+    h.sum[I::kQueue] += q;
+    if (q < h.min[I::kQueue]) h.min[I::kQueue] = q;
   }
+  if (q > h.max[I::kQueue]) h.max[I::kQueue] = q;
+  I::Category &c = h.category[std::min(k, 4u)];
+  ++c.count;
+  c.sum += d;
+  extremes(d, c.min, c.max);
 }
 
 // Adds src into dst and resets src.
@@ -296,6 +344,32 @@ void mergeCounters(ZXBTMonitorDataCounters &dst, ZXBTMonitorDataCounters &src) {
   initZXBTMonitorDataCounters(&src);
 }
 
+// A thread's half in the slots' layout, for mergeCounters.
+void toCounters(const ZXBTIntervalCounters &h, ZXBTMonitorDataCounters &c) {
+  using I = ZXBTIntervalCounters;
+  c.count = c.waitCount = c.syncCount = c.queueCount = static_cast<int>(h.count);
+  auto general = [&h](int f, long long &sum, long long &lo, long long &hi) {
+    sum = h.sum[f];
+    lo = h.min[f];
+    hi = h.max[f];
+  };
+  general(I::kDuration, c.duration, c.minDuration, c.maxDuration);
+  general(I::kCpu, c.cpuTime, c.minCpuTime, c.maxCpuTime);
+  general(I::kWait, c.cumWaitTime, c.minWaitTime, c.maxWaitTime);
+  general(I::kSync, c.cumSyncTime, c.minSyncTime, c.maxSyncTime);
+  general(I::kQueue, c.cumQueueTime, c.minQueueTime, c.maxQueueTime);
+  auto category = [&h](int k, int &n, long long &sum, long long &lo, long long &hi) {
+    n = static_cast<int>(h.category[k].count);
+    sum = h.category[k].sum;
+    lo = h.category[k].min;
+    hi = h.category[k].max;
+  };
+  category(0, c.normalCount, c.normalDuration, c.minNormalDuration, c.maxNormalDuration);
+  category(1, c.slowCount, c.slowDuration, c.minSlowDuration, c.maxSlowDuration);
+  category(2, c.verySlowCount, c.verySlowDuration, c.minVerySlowDuration, c.maxVerySlowDuration);
+  category(3, c.errorCount, c.errorDuration, c.minErrorDuration, c.maxErrorDuration);
+}
+
 }  // namespace
 
 bool updateCounterAndDurationForBT(ZXAppMonitors &app, const ZXBTTransaction_t &tx) {
@@ -305,12 +379,15 @@ bool updateCounterAndDurationForBT(ZXAppMonitors &app, const ZXBTTransaction_t &
   if (id <= 0 || id >= ZXBT_MAX_SLOTS) return false;
   ZXMonitorDataModel *model = threadModel(app);
   if (!model) return false;
-  model->lastUpdateTimeStamp.store(tx.endTime, std::memory_order_relaxed);
-  std::lock_guard guard(model->lockForBT);
-  ZXBTMonitorDataCounters *c =
+  // The owner is the only writer of the array, so it reads it without the lock.
+  ZXBTThreadCounters *c =
       id < model->currentSizeOfBTArray ? model->btmDataArray[id].get() : nullptr;
   if (!c && !(c = newBlock(*model, id))) return false;
-  updatePropertiesOfBT(*c, tx);
+  model->lastUpdateTimeStamp.store(tx.endTime, std::memory_order_relaxed);
+  const unsigned seq = model->seq.load(std::memory_order_relaxed);
+  enterUpdate(*model, seq + 1);
+  updatePropertiesOfBT(c->half[model->active.load(std::memory_order_seq_cst) & 1], tx);
+  model->seq.store(seq + 2, std::memory_order_release);
   return true;
 }
 
@@ -328,54 +405,88 @@ double avg(long long x, int n) {
   return n > 0 ? static_cast<double>(x) / n : 0.0;
 }
 
-// Threads -> slots. Caller holds slotLock; size is the slot count.
-void mergeThreadModels(ZXAppMonitors &app, int size) {
+// Points the model's thread at its other half, unless it counts BTs beyond
+// the slots (skipped this interval, as its blocks could not be merged).
+void flipModel(ZXAppMonitors &app, ZXMonitorDataModel &model, int size) {
+  // Read before the flip: an exit flagged later still has its last update
+  // merged next interval.
+  model.exitedBeforeFlip = model.threadExited.load(std::memory_order_acquire);
+  model.reportHalf = -1;
+  std::lock_guard guard(model.lockForBT);
+  if (model.currentSizeOfBTArray > size) {
+    ZXBT_APP_LOG(app, 0, "Warning",
+                 "Current Thread, ID : %ld has %d counters, more than the %d slots; skipped",
+                 model.threadId, model.currentSizeOfBTArray, size);
+    return;
+  }
+  const unsigned half = model.active.load(std::memory_order_relaxed);
+  model.active.store(half ^ 1, std::memory_order_seq_cst);
+  model.reportHalf = static_cast<int>(half);
+}
+
+// Merges and resets the half a flip took away from the model's thread, once
+// the thread has left the update that may still be writing it.
+void mergeModel(ZXAppMonitors &app, ZXMonitorDataModel &model, int size, bool feedDigests) {
   ZXBTMonitor_t &m = app.btMonitor;
   const TDigestPercentile_t &td = app.tDigest.TDigestPercentileBT;
-  const bool feedDigests = td.is_enabled.load(std::memory_order_relaxed) > 0;
-  std::lock_guard models(app.controlThreadTmpLock);
-  for (auto it = m.threadModels.begin(); it != m.threadModels.end();) {
-    ZXMonitorDataModel &model = *it->second;
-    // Read before the merge: an exit flagged later still has its last
-    // update merged next interval.
-    const bool exited = model.threadExited.load(std::memory_order_acquire);
-    {
-      std::lock_guard guard(model.lockForBT);
-      if (model.currentSizeOfBTArray > size) {
-        ZXBT_APP_LOG(app, 0, "Warning",
-                     "Current Thread, ID : %ld has %d counters, more than the %d slots; skipped",
-                     model.threadId, model.currentSizeOfBTArray, size);
-        ++it;
-        continue;
-      }
-      for (int i = 0; i < model.currentSizeOfBTArray; ++i) {
-        ZXBTMonitorDataCounters *block = model.btmDataArray[i].get();
-        if (!block) {
-          ZXBT_APP_LOG(
-              app, 2, "Info",
-              "Current Thread, ID : %d doesnot have any counters for current BT. btID  %d so "
-              "ignoring it",
-              static_cast<int>(model.threadId), i);
-          continue;
-        }
-        ZXBTMonitorDataCounters &slot = m.aggBTDataArr[i];
-        if (feedDigests && block->duration > 0) {
-          td_histogram_t *h = slot.tdigest_key.load(std::memory_order_relaxed);
-          if (!h && pwlb_t_digest_init(&h, td.delta.load(std::memory_order_relaxed),
-                                       td.k.load(std::memory_order_relaxed)) == 0)
-            slot.tdigest_key.store(h, std::memory_order_relaxed);
-          if (h) {
-            pwlb_t_digest_insert(h, static_cast<double>(block->duration), 1);
-            slot.tdigestDataExist.store(1, std::memory_order_relaxed);
-            ZXBT_APP_LOG(app, 1, "Info", "TDigestPercentile inserted for BT:%d , duration:%d", i,
-                         static_cast<int>(block->duration));
-          }
-        }
-        mergeCounters(slot, *block);
-        slot.dataExist = 1;
+  // An update takes nanoseconds; only a thread descheduled inside one makes
+  // the reporter give up its processor.
+  if (const unsigned seq = model.seq.load(std::memory_order_seq_cst); seq & 1)
+    for (int spins = 0; model.seq.load(std::memory_order_acquire) == seq; ++spins)
+      if (spins >= 1000) std::this_thread::yield();
+  std::lock_guard guard(model.lockForBT);
+  // Blocks made since the flip (the only ones at or above size) have nothing
+  // in the old half.
+  const int n = std::min(model.currentSizeOfBTArray, size);
+  for (int i = 0; i < n; ++i) {
+    ZXBTThreadCounters *block = model.btmDataArray[i].get();
+    if (!block) {
+      ZXBT_APP_LOG(app, 2, "Info",
+                   "Current Thread, ID : %d doesnot have any counters for current BT. btID  %d so "
+                   "ignoring it",
+                   static_cast<int>(model.threadId), i);
+      continue;
+    }
+    ZXBTIntervalCounters &half = block->half[model.reportHalf];
+    const long long duration = half.sum[ZXBTIntervalCounters::kDuration];
+    ZXBTMonitorDataCounters &slot = m.aggBTDataArr[i];
+    if (feedDigests && duration > 0) {
+      td_histogram_t *h = slot.tdigest_key.load(std::memory_order_relaxed);
+      if (!h && pwlb_t_digest_init(&h, td.delta.load(std::memory_order_relaxed),
+                                   td.k.load(std::memory_order_relaxed)) == 0)
+        slot.tdigest_key.store(h, std::memory_order_relaxed);
+      if (h) {
+        pwlb_t_digest_insert(h, static_cast<double>(duration), 1);
+        slot.tdigestDataExist.store(1, std::memory_order_relaxed);
+        ZXBT_APP_LOG(app, 1, "Info", "TDigestPercentile inserted for BT:%d , duration:%d", i,
+                     static_cast<int>(duration));
       }
     }
-    if (exited) {
+    ZXBTMonitorDataCounters taken;
+    toCounters(half, taken);
+    mergeCounters(slot, taken);
+    half.reset();
+    slot.dataExist = 1;
+  }
+}
+
+// Threads -> slots. Caller holds slotLock; size is the slot count. All
+// models are flipped first so that one process barrier covers them all.
+void mergeThreadModels(ZXAppMonitors &app, int size) {
+  ZXBTMonitor_t &m = app.btMonitor;
+  const bool feedDigests =
+      app.tDigest.TDigestPercentileBT.is_enabled.load(std::memory_order_relaxed) > 0;
+  std::lock_guard models(app.controlThreadTmpLock);
+  for (auto &entry : m.threadModels) flipModel(app, *entry.second, size);
+  reporterFence();
+  for (auto it = m.threadModels.begin(); it != m.threadModels.end();) {
+    ZXMonitorDataModel &model = *it->second;
+    if (model.reportHalf < 0) {
+      ++it;
+      continue;
+    }
+    mergeModel(app, model, size, feedDigests);
+    if (model.exitedBeforeFlip) {
       it = m.threadModels.erase(it);
       m.numberOfThreads.fetch_sub(1, std::memory_order_relaxed);
     } else {

@@ -19,15 +19,25 @@
 // them.
 //
 // Counting: an application thread counts a finished transaction only in its
-// own model (one counter block per BT id) under the model's own lock. Once
-// per interval the reporter, holding slotLock (so that no slot is rebound or
-// grown under it), takes the models one at a time, merges each block into
-// its slot, prints record 74 per BT with data plus the overall record, and
-// resets what it merged:
+// own model (one counter block per BT id), taking no lock: each block has
+// two halves, the model's `active` index says which one its thread writes,
+// and `seq` is odd while an update is in progress. Once per interval the
+// reporter, holding slotLock (so that no slot is rebound or grown under it),
+// flips every model's index, makes sure no update still writes the old halves
+// (below), merges each old half into its slot and resets it, then prints
+// record 74 per BT with data plus the overall record:
 //
-//   thread A: [b1][b5]--+
+//   thread A: [b1][b5]--+   (old halves)
 //   thread B: [b1]------+--> slots [0][1]..[5].. --> 74 per slot, slot -> [0]
 //   thread C: [b5][b9]--+                            74 for [0], [0] reset
+//
+// The writer stores seq odd, then reads `active`; the reporter stores
+// `active`, then reads seq. That store-then-load pair needs a full fence on
+// both sides. The writer's side is free where the kernel offers a process-wide
+// barrier, which the reporter issues once per report; elsewhere the writer's
+// odd store is an atomic exchange. A transaction is therefore in exactly one
+// half when the reporter takes it, and each half is read only after its last
+// update.
 #pragma once
 
 #include <array>
@@ -105,20 +115,54 @@ class ZXBTSlotArray {
   std::vector<std::unique_ptr<Chunk>> owned_;  // slotLock holders only
 };
 
+// One thread's counts for one BT over an interval: what a slot holds, kept
+// compactly (the wait, synchronisation and queue counts always equal
+// `count`), with the categories indexed rather than switched on. Reset values are the slots'
+// (minima 2147483647, the CPU minimum the 64-bit maximum).
+struct alignas(64) ZXBTIntervalCounters {
+  enum Field { kDuration, kCpu, kWait, kSync, kQueue, kFields };
+  // Normal, slow, very slow, error, and a sink for the general-only category.
+  static constexpr int kCategories = 5;
+  struct Category {
+    long long count, sum, min, max;
+  };
+  long long count;
+  long long sum[kFields], min[kFields], max[kFields];  // queue: sum and min over times above 0
+  Category category[kCategories];
+  void reset() noexcept;
+};
+
+// The block for one BT in one thread's model. Only the owning thread writes
+// half[active]; the reporter reads and resets the other one.
+struct ZXBTThreadCounters {
+  ZXBTIntervalCounters half[2];
+  // Transactions in both halves; for inspection while the owner is idle.
+  long long counted() const noexcept { return half[0].count + half[1].count; }
+};
+
 // One application thread's counters. Shared with the thread's own
 // thread-local reference, so a thread that outlives its application object
-// never writes into freed memory.
-struct ZXMonitorDataModel {
-  long threadId = 0;
+// never writes into freed memory. Aligned so that two threads' models never
+// share a cache line.
+struct alignas(64) ZXMonitorDataModel {
+  std::atomic<unsigned> seq{0};     // odd while the owner is inside an update
+  std::atomic<unsigned> active{0};  // the half the owner writes; flipped by the reporter
   std::atomic<long long> lastUpdateTimeStamp{0};
+  long threadId = 0;
   // Set when the thread exits, after its last update; the reporter then
   // merges the model one last time and drops it.
   std::atomic<bool> threadExited{false};
-  // lockForBT guards btmDataArray, currentSizeOfBTArray and every block. A
-  // std::mutex, not an APR one: the model can outlive the application's pools.
+  // lockForBT guards the shape of btmDataArray and currentSizeOfBTArray: the
+  // owner grows them under it, the reporter walks them under it; the owner
+  // reads them without it. The blocks follow the half rule above. A std::mutex,
+  // not an APR one: the model can outlive the application's pools.
   std::mutex lockForBT;
-  std::vector<std::unique_ptr<ZXBTMonitorDataCounters>> btmDataArray;  // by BT id
+  std::vector<std::unique_ptr<ZXBTThreadCounters>> btmDataArray;  // by BT id
   int currentSizeOfBTArray = 0;
+  // The reporter's, under controlThreadTmpLock: the half it merges in this
+  // report (-1: none) and whether the thread had exited before the flip.
+  int reportHalf = -1;
+  bool exitedBeforeFlip = false;
 };
 
 // A finished transaction as the flowpath hands it over. Units: durations,
@@ -191,7 +235,8 @@ int checkAndIncrementAggrBTDataArray(ZXBTMonitor_t &m, BTObject *obj);
 
 // Counts one finished transaction in the calling thread's model. false when
 // the monitor is off, the BT id is not positive or memory is short. After the
-// thread's first transaction on a BT: no allocation, one uncontended lock.
+// thread's first transaction on a BT: no allocation, no lock, at most one
+// atomic exchange (none with the process barrier), and it waits for nobody.
 bool updateCounterAndDurationForBT(ZXAppMonitors &app, const ZXBTTransaction_t &tx);
 
 // The interval's report: merges every thread's blocks into the slots (and
