@@ -74,6 +74,34 @@ class FlowpathTest : public ::testing::Test {
   std::unique_ptr<ZXPerThreadData_t> rec_ = std::make_unique<ZXPerThreadData_t>();
 };
 
+// Ids that share low bits and runs that wrap, past several growths: every
+// erase (a backward shift) must leave the rest of its run findable.
+TEST(FlowpathIdTable, FindsEveryRunningIdThroughGrowthAndErases) {
+  ZXFpiToTLS table;
+  std::vector<std::unique_ptr<ZXPerThreadData_t>> recs;
+  std::vector<long long> ids;
+  for (int i = 0; i < 700; ++i) {
+    recs.push_back(std::make_unique<ZXPerThreadData_t>());
+    ids.push_back((1700000000000LL << 22) + 2 * i + 1);
+    ASSERT_TRUE(table.put(ids.back(), recs.back().get()));
+  }
+  EXPECT_EQ(table.size(), 700u);
+  for (int i = 0; i < 700; i += 3) table.erase(ids[i], recs[i].get());
+  for (int i = 0; i < 700; ++i) ASSERT_EQ(table.find(ids[i]), i % 3 ? recs[i].get() : nullptr) << i;
+  EXPECT_EQ(table.find(ids[1] + 1), nullptr);
+
+  // A forced id taken over by a second flowpath: the first one's end must not
+  // drop the second one's entry.
+  ZXPerThreadData_t other;
+  ASSERT_TRUE(table.put(ids[1], &other));
+  table.erase(ids[1], recs[1].get());
+  EXPECT_EQ(table.find(ids[1]), &other);
+  table.erase(ids[1], &other);
+  EXPECT_EQ(table.find(ids[1]), nullptr);
+  for (int i = 0; i < 700; ++i) table.erase(ids[i], recs[i].get());
+  EXPECT_EQ(table.size(), 0u);
+}
+
 TEST_F(FlowpathTest, InstanceIdsStepTheCounterTwiceUnderTheMasks) {
   ZXFlowpathIdSettings_t &s = app().ZXFlowpathIds;
   EXPECT_GT(generate_flowpath_instance(&app()), 0) << "the default masks give positive ids";

@@ -4,10 +4,13 @@
 
 #include <algorithm>
 #include <atomic>
+#include <bit>
 #include <charconv>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <new>
+#include <utility>
 
 #include "ZXAppTracing.h"
 #include "ZXBTMonitor.h"
@@ -109,6 +112,72 @@ bool blobClosed(const ZXPerThreadData_t *r) {
 
 }  // namespace
 
+std::size_t ZXFpiToTLS::home(long long id) const {
+  // Ids step by two in their low bits; a multiplicative hash spreads them.
+  return static_cast<std::size_t>((static_cast<unsigned long long>(id) * 0x9E3779B97F4A7C15ULL) >>
+                                  shift_);
+}
+
+bool ZXFpiToTLS::grow() {
+  const std::size_t capacity = slots_ ? 2 * (mask_ + 1) : 128;
+  std::unique_ptr<Entry[]> bigger(new (std::nothrow) Entry[capacity]());
+  if (!bigger) return false;
+  std::unique_ptr<Entry[]> old = std::exchange(slots_, std::move(bigger));
+  const std::size_t oldCapacity = old ? mask_ + 1 : 0;
+  mask_ = capacity - 1;
+  shift_ = 64 - std::countr_zero(capacity);
+  for (std::size_t i = 0; i < oldCapacity; ++i) {
+    if (!old[i].record) continue;
+    std::size_t j = home(old[i].id);
+    while (slots_[j].record) j = (j + 1) & mask_;
+    slots_[j] = old[i];
+  }
+  return true;
+}
+
+bool ZXFpiToTLS::put(long long id, ZXPerThreadData_t *record) {
+  std::lock_guard lk(lock_);
+  // Kept at most half full; a table that cannot grow fills up before it fails.
+  if ((count_ + 1) * 2 > (slots_ ? mask_ + 1 : 0) && !grow() && count_ + 1 > mask_) return false;
+  std::size_t i = home(id);
+  while (slots_[i].record && slots_[i].id != id) i = (i + 1) & mask_;
+  if (!slots_[i].record) ++count_;
+  slots_[i] = Entry{id, record};
+  return true;
+}
+
+void ZXFpiToTLS::erase(long long id, const ZXPerThreadData_t *record) {
+  std::lock_guard lk(lock_);
+  if (!slots_) return;
+  std::size_t i = home(id);
+  while (slots_[i].record && slots_[i].id != id) i = (i + 1) & mask_;
+  if (slots_[i].record != record || !record) return;
+  --count_;
+  // Backward shift: later entries of the run move up unless they already
+  // sit between their home and the gap, so look-ups need no tombstones.
+  for (std::size_t j = (i + 1) & mask_; slots_[j].record; j = (j + 1) & mask_) {
+    const std::size_t k = home(slots_[j].id);
+    const bool stays = i <= j ? (i < k && k <= j) : (i < k || k <= j);
+    if (stays) continue;
+    slots_[i] = slots_[j];
+    i = j;
+  }
+  slots_[i].record = nullptr;
+}
+
+ZXPerThreadData_t *ZXFpiToTLS::find(long long id) {
+  std::lock_guard lk(lock_);
+  if (!slots_) return nullptr;
+  for (std::size_t i = home(id); slots_[i].record; i = (i + 1) & mask_)
+    if (slots_[i].id == id) return slots_[i].record;
+  return nullptr;
+}
+
+std::size_t ZXFpiToTLS::size() {
+  std::lock_guard lk(lock_);
+  return count_;
+}
+
 long long generate_flowpath_instance(ZXAppTracing *app) {
   return generate_flowpath_instance(app, my_gettimeofday() - app->Server.morEpochDiffTime);
 }
@@ -164,15 +233,27 @@ void setMaxCharactersInSeqBlob(int value) {
     gMaxCharactersInSeqBlob.store(value, std::memory_order_relaxed);
 }
 
+namespace {
+
+// updateFPSeqBlob's work. Caller holds sequenceBlobLock, or has not yet made
+// the record reachable by another thread.
+void appendEvent(ZXAppTracing *app, ZXPerThreadData_t *r, int mid, long long startTime, int eventID,
+                 int pageID, long long cpuTime, int isAsyncCall, long long threadID,
+                 const char *urlStr, int captureArgument) {
+  if (!blobClosed(r) && appendBlobEntry(app, r, mid, startTime, eventID, pageID, cpuTime,
+                                        isAsyncCall, threadID, urlStr, captureArgument))
+    checkToDumpFPSeqBlob(app, r);
+}
+
+}  // namespace
+
 void updateFPSeqBlob(ZXAppTracing *app, ZXPerThreadData_t *record, int mid, long long startTime,
                      int eventID, int pageID, long long cpuTime, int isAsyncCall,
                      long long threadID, const char *urlStr, int captureArgument) {
   if (!app || !record) return;
-  record->sequenceBlobLock.lock();
-  if (!blobClosed(record) && appendBlobEntry(app, record, mid, startTime, eventID, pageID, cpuTime,
-                                             isAsyncCall, threadID, urlStr, captureArgument))
-    checkToDumpFPSeqBlob(app, record);
-  record->sequenceBlobLock.unlock();
+  std::lock_guard lk(record->sequenceBlobLock);
+  appendEvent(app, record, mid, startTime, eventID, pageID, cpuTime, isAsyncCall, threadID, urlStr,
+              captureArgument);
 }
 
 void updateFPSeqBlobWithTierCallOutRecord(ZXAppTracing *app, ZXPerThreadData_t *r,
@@ -310,6 +391,30 @@ bool writesMethodEvents(const ZXPerThreadData_t *r, const methodPropProperties *
          (r->tlIsFPCaptured || r->tlIsForceDump || (m->isEntryPoint & 8));
 }
 
+// Counts a method's entry; true when the entry is to be written.
+bool enterMethod(ZXAppTracing *app, ZXPerThreadData_t *r, const methodPropProperties *m) {
+  if (m->isEntryPoint & 1)
+    ++r->tlServiceMethodDepth;
+  else
+    ++r->tlNonServiceMethodCount;
+  if (!writesMethodEvents(r, m, app->ZXSys.bciMaxNonServiceMethodsPerFP)) return false;
+  r->seqNum += 1;
+  return true;
+}
+
+// Counts a method's exit; true when the exit is to be written.
+bool exitMethod(ZXAppTracing *app, ZXPerThreadData_t *r, const methodPropProperties *m) {
+  const long long limit = app->ZXSys.bciMaxNonServiceMethodsPerFP;
+  if (m->isEntryPoint & 1) {
+    --r->tlServiceMethodDepth;
+  } else if (r->tlNonServiceMethodCount > limit) {
+    // Its entry was not written either: only undo the count.
+    --r->tlNonServiceMethodCount;
+    return false;
+  }
+  return writesMethodEvents(r, m, limit);
+}
+
 }  // namespace
 
 ZXPerThreadData_t *startFP(ZXAppTracing *app, const char *flowpathinstance, const char *url,
@@ -332,7 +437,7 @@ ZXPerThreadData_t *startFP(ZXAppTracing *app, const char *flowpathinstance, cons
       reset(app, r);
     }
   } giveBack{app, r};
-  resetAllThreadLocals(r, app);
+  // The pool hands out cleared slots (free_tls_slot clears them).
   const long long now = my_gettimeofday();
   const long long start = startTimeFP > 0 ? startTimeFP : now;
   r->tlFlowPathTimeStampInMS = start - app->Server.morEpochDiffTime;
@@ -371,47 +476,32 @@ ZXPerThreadData_t *startFP(ZXAppTracing *app, const char *flowpathinstance, cons
   r->tlBTObj =
       get_obj_from_bt_name(*app, r->tlURL, r->tlURLParameters, btHeaderValue, &r->updateBTLock, "");
   r->tlIsBTExcluded = !r->tlBTObj || r->tlBTObj->bt_id.load(std::memory_order_relaxed) == -2;
-  {
-    std::lock_guard lk(app->fpiToTLS.lock);
-    app->fpiToTLS.map[r->flowpathInstance] = r;
-  }
   r->hasMapNodePtr = acquireMethodHashMapNode(app);
-  // Kept for the end, which would otherwise look it up again under the lock.
-  r->tlBeginRequestMethod =
-      getMethodPropFromMethodName(app, ZX_BEGIN_REQUEST_METHOD, r->hasMapNodePtr);
+  // Kept for the end; the node holds it.
+  r->tlBeginRequestMethod = r->hasMapNodePtr ? r->hasMapNodePtr->beginRequest : nullptr;
+  // No other thread can reach the record before it is registered and
+  // published, so its first entry needs no lock.
+  if (const methodPropProperties *m = r->tlBeginRequestMethod; m && enterMethod(app, r, m))
+    appendEvent(app, r, m->methodId, 0, ZX_FP_EVENT_ENTRY, -1, -1, m->isAsyncCall, r->tlThreadId,
+                r->tlURL, 0);
+  if (!app->fpiToTLS.put(r->flowpathInstance, r)) return nullptr;
+  r->idListed = 1;
   // Filled: from here a stop walk may write the flowpath out.
   r->fpPhase.store(ZX_FP_RUNNING, std::memory_order_release);
-  if (r->tlBeginRequestMethod)
-    zxMethodEntryEx(app, r, r->tlBeginRequestMethod, r->tlFlowPathTimeStampInMS);
   giveBack.r = nullptr;
   return r;
 }
 
 void zxMethodEntryEx(ZXAppTracing *app, ZXPerThreadData_t *r, const methodPropProperties *m,
                      long long nowMs) {
-  if (!app || !r || !m) return;
-  if (m->isEntryPoint & 1)
-    ++r->tlServiceMethodDepth;
-  else
-    ++r->tlNonServiceMethodCount;
-  if (!writesMethodEvents(r, m, app->ZXSys.bciMaxNonServiceMethodsPerFP)) return;
-  r->seqNum += 1;
+  if (!app || !r || !m || !enterMethod(app, r, m)) return;
   updateFPSeqBlob(app, r, m->methodId, nowMs - r->tlFlowPathTimeStampInMS, ZX_FP_EVENT_ENTRY, -1,
                   -1, m->isAsyncCall, r->tlThreadId, r->tlURL, 0);
 }
 
 void zxMethodExitEx(ZXAppTracing *app, ZXPerThreadData_t *r, const methodPropProperties *m,
                     long long methodWallTime, long long fpCPUTime, int eventID) {
-  if (!app || !r || !m) return;
-  const long long limit = app->ZXSys.bciMaxNonServiceMethodsPerFP;
-  if (m->isEntryPoint & 1) {
-    --r->tlServiceMethodDepth;
-  } else if (r->tlNonServiceMethodCount > limit) {
-    // Its entry was not written either: only undo the count.
-    --r->tlNonServiceMethodCount;
-    return;
-  }
-  if (!writesMethodEvents(r, m, limit)) return;
+  if (!app || !r || !m || !exitMethod(app, r, m)) return;
   updateFPSeqBlob(app, r, m->methodId, methodWallTime, eventID, -1, fpCPUTime, m->isAsyncCall,
                   r->tlThreadId, nullptr, 0);
   if (m->isEntryPoint & 8) {
@@ -490,13 +580,6 @@ void zxMethodExitException(ZXAppTracing *app, methodPropProperties *method, ZXPe
 
 namespace {
 
-// Drops the id entry of the flowpath on `r`, unless another holds the id.
-void forgetInstance(ZXAppTracing *app, long long id, const ZXPerThreadData_t *r) {
-  std::lock_guard lk(app->fpiToTLS.lock);
-  auto it = app->fpiToTLS.map.find(id);
-  if (it != app->fpiToTLS.map.end() && it->second == r) app->fpiToTLS.map.erase(it);
-}
-
 // The owner's flowpath lets go of its method table and its id entry. Only the
 // owner calls it, so the node stays valid for as long as the owner can use it.
 void detachFlowpath(ZXAppTracing *app, ZXPerThreadData_t *r) {
@@ -504,7 +587,11 @@ void detachFlowpath(ZXAppTracing *app, ZXPerThreadData_t *r) {
     releaseMethodHashMapNode(r->hasMapNodePtr);
     r->hasMapNodePtr = nullptr;
   }
-  forgetInstance(app, r->flowpathInstance, r);
+  // The stop walk may have dropped the entry already; erasing again is harmless.
+  if (r->idListed) {
+    app->fpiToTLS.erase(r->flowpathInstance, r);
+    r->idListed = 0;
+  }
 }
 
 }  // namespace
@@ -518,7 +605,14 @@ void endFP(ZXAppTracing *app, ZXPerThreadData_t *r, int statusCode, long long TL
   r->setEndFPFlag = 1;
   r->tlStatusCode = statusCode;
   r->tlDuration = endTime - epochDiff - r->tlFlowPathTimeStampInMS;
-  if (r->tlBeginRequestMethod) zxMethodExitEx(app, r, r->tlBeginRequestMethod, r->tlDuration, -1);
+  // The request's own exit is decided now (the category below may uncapture
+  // the flowpath) and written under the same hold as the last record.
+  const methodPropProperties *request = r->tlBeginRequestMethod;
+  bool requestExit = false;
+  if (request && (request->isEntryPoint & 8))
+    zxMethodExitEx(app, r, request, r->tlDuration, -1);
+  else if (request)
+    requestExit = exitMethod(app, r, request);
 
   BTObject *bt = r->tlBTObj;
   int category = 0;
@@ -532,6 +626,9 @@ void endFP(ZXAppTracing *app, ZXPerThreadData_t *r, int statusCode, long long TL
   // neither written nor counted again.
   bool last = false;
   r->sequenceBlobLock.lock();
+  if (requestExit)
+    appendEvent(app, r, request->methodId, r->tlDuration, ZX_FP_EVENT_EXIT, -1, -1,
+                request->isAsyncCall, r->tlThreadId, nullptr, 0);
   if (r->fpPhase.load(std::memory_order_relaxed) < ZX_FP_ENDED) {
     r->fpPhase.store(ZX_FP_ENDED, std::memory_order_relaxed);
     last = true;
@@ -566,7 +663,6 @@ void reset(ZXAppTracing *app, ZXPerThreadData_t *r) {
   // The table reference is the owner's to drop: the stop leaves it, as the
   // owner may still be resolving names in the node.
   detachFlowpath(app, r);
-  resetAllThreadLocals(r, app);
   free_tls_slot(app, r);
 }
 
@@ -591,7 +687,7 @@ void dumpIncompleteFPAtTestStop(ZXAppTracing *app, ZXPerThreadData_t *r) {
     written = true;
   }
   r->sequenceBlobLock.unlock();
-  if (written) forgetInstance(app, id, r);
+  if (written) app->fpiToTLS.erase(id, r);
 }
 
 ZXPerThreadData_t *findFPFromInstance(ZXAppTracing *app, const char *flowpathInstanceStr) {
@@ -600,7 +696,5 @@ ZXPerThreadData_t *findFPFromInstance(ZXAppTracing *app, const char *flowpathIns
   const char *end = flowpathInstanceStr + std::strlen(flowpathInstanceStr);
   auto [p, ec] = std::from_chars(flowpathInstanceStr, end, id);
   if (ec != std::errc{} || p != end || p == flowpathInstanceStr) return nullptr;
-  std::lock_guard lk(app->fpiToTLS.lock);
-  auto it = app->fpiToTLS.map.find(id);
-  return it == app->fpiToTLS.map.end() ? nullptr : it->second;
+  return app->fpiToTLS.find(id);
 }

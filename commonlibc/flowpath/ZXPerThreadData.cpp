@@ -4,8 +4,7 @@
 
 #include "ZXAppTracing.h"
 
-void resetAllThreadLocals(ZXPerThreadData_t *r, ZXAppTracing *app) {
-  if (!r) return;
+void clearTransactionFields(ZXPerThreadData_t *r) {
   r->flowpathInstance = r->firstFlowpathInstance = r->prevFlowpathInstance = 0;
   r->fpStartTimeforReset = 0;
   r->httpCallOutDepth = 0;
@@ -32,6 +31,11 @@ void resetAllThreadLocals(ZXPerThreadData_t *r, ZXAppTracing *app) {
   // here rather than dropped: a dropped copy would leak once per chained
   // flowpath.
   r->prevTierSeq.reset();
+}
+
+void resetAllThreadLocals(ZXPerThreadData_t *r, ZXAppTracing *app) {
+  if (!r) return;
+  clearTransactionFields(r);
   if (!app) return;
   std::lock_guard lk(app->tlsMutex);
   if (app->tlsdatastruct && r->tlsIdx >= 0 && r->tlsIdx < app->size_array)

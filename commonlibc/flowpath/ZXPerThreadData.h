@@ -94,6 +94,7 @@ struct ZXPerThreadData_t {
   // Changed from Running only under sequenceBlobLock (see the top).
   std::atomic<unsigned char> fpPhase{ZX_FP_IDLE};
   char setEndFPFlag = 0;
+  char idListed = 0;  // the owner's: whether it registered the id in fpiToTLS
   long long zxSessionId = 0;
   long long prev_fp_start_time = 0;
   int instrumented = 0, btCategory = 0, exceptionCount = 0, totalFpcount = 0;
@@ -133,5 +134,8 @@ struct TLSDataStruct {
 };
 
 // Clears the record's transaction fields (not its identity, locks, links or
-// monitor model) and zeroes its tlsdatastruct entry under tlsMutex.
+// monitor model). Only whoever holds the record may call it.
+void clearTransactionFields(ZXPerThreadData_t *record);
+// clearTransactionFields, and zeroes the record's tlsdatastruct entry under
+// tlsMutex.
 void resetAllThreadLocals(ZXPerThreadData_t *record, ZXAppTracing *app);
