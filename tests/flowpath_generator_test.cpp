@@ -477,6 +477,38 @@ TEST_F(FlowpathRunTest, TransactionOutlivesAProfileSwapAndTheClearAge) {
   EXPECT_EQ(retiredNodeCount(&app()), 0) << "freed by the pass after its last user let go";
 }
 
+// Names resolved by one flowpath must not outlive its table: the next one on
+// the same slot, after a profile swap, resolves them in the new table.
+TEST_F(FlowpathRunTest, NamesResolveInTheTableOfTheirOwnFlowpath) {
+  ZXPerThreadData_t *r = startFP(&app(), "601", "/a", nullptr, 0, nullptr, nullptr, nullptr, -1, 0);
+  ASSERT_NE(r, nullptr);
+  methodPropProperties *before = findOrAddMethod(&app(), r, "app.Cart.load", 0, 0);
+  ASSERT_NE(before, nullptr);
+  for (const char *other : {"app.A", "app.B", "app.C", "app.D", "app.E"})
+    ASSERT_NE(findOrAddMethod(&app(), r, other, 0, 0), nullptr);
+  EXPECT_EQ(findOrAddMethod(&app(), r, "app.Cart.load", 0, 0), before)
+      << "pushed out of the recent names, found again in the table";
+  EXPECT_EQ(findOrAddMethod(&app(), r, "app.E", 0, 0)->methodId, before->methodId + 5);
+  endFP(&app(), r, 200, 0, 0);
+  EXPECT_EQ(findOrAddMethod(&app(), r, "app.Cart.load", 0, 0), nullptr)
+      << "an ended flowpath holds no table";
+  reset(&app(), r);
+
+  ASSERT_EQ(setMethodHashMapNode(&app(), "app.Cart.load|1|0|cart\n"), 0);
+  ZXPerThreadData_t *next = nullptr;
+  for (int i = 0; i <= ZX_TLS_BLOCK_SIZE && next != r; ++i) {
+    if (next) reset(&app(), next);  // given back slots are taken again last
+    next = startFP(&app(), "602", "/a", nullptr, 0, nullptr, nullptr, nullptr, -1, 0);
+  }
+  ASSERT_EQ(next, r) << "the same slot again";
+  methodPropProperties *after = findOrAddMethod(&app(), next, "app.Cart.load", 0, 0);
+  ASSERT_NE(after, nullptr);
+  EXPECT_EQ(after->isEntryPoint, 1) << "the new table's record";
+  EXPECT_EQ(after->methodId, before->methodId);
+  endFP(&app(), next, 200, 0, 0);
+  reset(&app(), next);
+}
+
 TEST_F(FlowpathRunTest, SessionCookieDecidesCapture) {
   char keyword[] = "zx_control_req:action=modify;enableZXSession=1%200%200";
   findStatusFromClientMsg(*tlzxApplication, keyword);

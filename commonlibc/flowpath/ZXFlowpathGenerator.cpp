@@ -9,6 +9,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <iterator>
 #include <new>
 #include <utility>
 
@@ -29,47 +30,63 @@ namespace {
 constexpr int ZX_DECODED_URL_SIZE = 2048;
 std::atomic<int> gMaxCharactersInSeqBlob{ZX_MAX_CHARS_IN_SEQ_BLOB};
 
-// Bounded appender for blob entries and record lines: the same bytes as the
-// printf formats, without parsing a format on every method event. Output is
-// cut at `end` rather than overrunning.
-struct LineWriter {
+// Appender for blob entries and record lines: the same bytes as the printf
+// formats, without parsing a format on every method event. A bounded writer
+// cuts its output at `end` rather than overrunning; an unbounded one is for
+// callers that made sure of the room first, and checks nothing.
+template <bool kBounded>
+struct Writer {
   char *p;
   char *end;
   void num(long long v) {
-    auto r = std::to_chars(p, end, v);
-    p = r.ec == std::errc{} ? r.ptr : end;
+    if constexpr (kBounded) {
+      auto r = std::to_chars(p, end, v);
+      p = r.ec == std::errc{} ? r.ptr : end;
+    } else if (v >= 0 && v < 100) {
+      // Ids, thread numbers and most times in a blob are this small.
+      if (v >= 10) *p++ = static_cast<char>('0' + v / 10);
+      *p++ = static_cast<char>('0' + v % 10);
+    } else {
+      p = std::to_chars(p, p + kNumMax, v).ptr;
+    }
   }
   void ch(char c) {
-    if (p < end) *p++ = c;
+    if (!kBounded || p < end) *p++ = c;
   }
-  void str(const char *s) {
-    std::size_t n = std::min<std::size_t>(std::strlen(s), static_cast<std::size_t>(end - p));
-    std::memcpy(p, s, n);
-    p += n;
-  }
-  void mem(const char *s, int len) {
-    std::size_t n = std::min<std::size_t>(static_cast<std::size_t>(len), end - p);
+  void str(const char *s) { mem(s, std::strlen(s)); }
+  void mem(const char *s, std::size_t len) {
+    const std::size_t n = kBounded ? std::min(len, static_cast<std::size_t>(end - p)) : len;
     std::memcpy(p, s, n);
     p += n;
   }
   // "%0<width>lld" for a positive value.
   void zeroPadded(long long v, int width) {
-    char digits[24];
+    char digits[kNumMax];
     auto r = std::to_chars(digits, digits + sizeof digits, v);
     for (long n = r.ptr - digits; n < width; ++n) ch('0');
-    mem(digits, static_cast<int>(r.ptr - digits));
+    mem(digits, static_cast<std::size_t>(r.ptr - digits));
   }
   void instance(long long id, bool forced) {
     num(id);
     if (forced) ch('F');
   }
+  static constexpr int kNumMax = 20;  // "-9223372036854775808"
 };
+using LineWriter = Writer<true>;
 
-int appendBlobEntry(ZXAppTracing *app, ZXPerThreadData_t *r, int mid, long long startTime,
-                    int eventID, int pageID, long long cpuTime, int isAsyncCall, long long threadID,
-                    const char *urlStr, int captureArgument) {
-  char *blob = r->sequenceBlob;
-  LineWriter w{blob + r->sequenceBlobLen, blob + ZX_SEQ_BLOB_SIZE - 1};
+// The longest entry without a URL: an exit with its sequence number and CPU
+// time, five numbers and eight separators.
+constexpr int kPlainEntryMax = 5 * Writer<false>::kNumMax + 8;
+
+// Inlined where it is called, so that a caller's constant arguments prune
+// the shapes it never writes.
+template <class W>
+[[gnu::always_inline]] inline bool writeBlobEntry(W &w, ZXAppTracing *app,
+                                                  const ZXPerThreadData_t *r, int mid,
+                                                  long long startTime, int eventID, int pageID,
+                                                  long long cpuTime, int isAsyncCall,
+                                                  long long threadID, const char *urlStr,
+                                                  int captureArgument) {
   if (eventID == ZX_FP_EVENT_ENTRY) {
     if (pageID >= 0) {
       w.num(mid), w.str("_0_"), w.num(startTime), w.ch('_'), w.num(pageID), w.ch('_');
@@ -92,10 +109,47 @@ int appendBlobEntry(ZXAppTracing *app, ZXPerThreadData_t *r, int mid, long long 
       w.ch('_'), w.num(cpuTime), w.str("___");
     }
   } else {
-    return 0;
+    return false;
   }
-  *w.p = '\0';
-  r->sequenceBlobLen = static_cast<int>(w.p - blob);
+  return true;
+}
+
+// Ends the blob at `written`.
+void closeBlob(ZXPerThreadData_t *r, char *written) {
+  *written = '\0';
+  r->sequenceBlobLen = static_cast<int>(written - r->sequenceBlob);
+}
+
+// An entry with a URL, or one into a blob near its end.
+[[gnu::noinline]] int appendBoundedEntry(ZXAppTracing *app, ZXPerThreadData_t *r, int mid,
+                                         long long startTime, int eventID, int pageID,
+                                         long long cpuTime, int isAsyncCall, long long threadID,
+                                         const char *urlStr, int captureArgument) {
+  LineWriter w{r->sequenceBlob + r->sequenceBlobLen, r->sequenceBlob + ZX_SEQ_BLOB_SIZE - 1};
+  if (!writeBlobEntry(w, app, r, mid, startTime, eventID, pageID, cpuTime, isAsyncCall, threadID,
+                      urlStr, captureArgument))
+    return 0;
+  closeBlob(r, w.p);
+  return 1;
+}
+
+[[gnu::always_inline]] inline int appendBlobEntry(ZXAppTracing *app, ZXPerThreadData_t *r, int mid,
+                                                  long long startTime, int eventID, int pageID,
+                                                  long long cpuTime, int isAsyncCall,
+                                                  long long threadID, const char *urlStr,
+                                                  int captureArgument) {
+  char *at = r->sequenceBlob + r->sequenceBlobLen;
+  char *end = r->sequenceBlob + ZX_SEQ_BLOB_SIZE - 1;
+  // A URL has no bound here; every other entry fits the room checked once.
+  const bool plain = eventID != ZX_FP_EVENT_ENTRY || pageID >= 0 || !isAsyncCall;
+  if (!plain || end - at < kPlainEntryMax)
+    return appendBoundedEntry(app, r, mid, startTime, eventID, pageID, cpuTime, isAsyncCall,
+                              threadID, urlStr, captureArgument);
+  Writer<false> w{at, end};
+  if (!writeBlobEntry(w, app, r, mid, startTime, eventID, pageID, cpuTime, isAsyncCall, threadID,
+                      urlStr, captureArgument))
+    return 0;
+  closeBlob(r, w.p);
   return 1;
 }
 
@@ -237,9 +291,11 @@ namespace {
 
 // updateFPSeqBlob's work. Caller holds sequenceBlobLock, or has not yet made
 // the record reachable by another thread.
-void appendEvent(ZXAppTracing *app, ZXPerThreadData_t *r, int mid, long long startTime, int eventID,
-                 int pageID, long long cpuTime, int isAsyncCall, long long threadID,
-                 const char *urlStr, int captureArgument) {
+[[gnu::always_inline]] inline void appendEvent(ZXAppTracing *app, ZXPerThreadData_t *r, int mid,
+                                               long long startTime, int eventID, int pageID,
+                                               long long cpuTime, int isAsyncCall,
+                                               long long threadID, const char *urlStr,
+                                               int captureArgument) {
   if (!blobClosed(r) && appendBlobEntry(app, r, mid, startTime, eventID, pageID, cpuTime,
                                         isAsyncCall, threadID, urlStr, captureArgument))
     checkToDumpFPSeqBlob(app, r);
@@ -495,15 +551,19 @@ ZXPerThreadData_t *startFP(ZXAppTracing *app, const char *flowpathinstance, cons
 void zxMethodEntryEx(ZXAppTracing *app, ZXPerThreadData_t *r, const methodPropProperties *m,
                      long long nowMs) {
   if (!app || !r || !m || !enterMethod(app, r, m)) return;
-  updateFPSeqBlob(app, r, m->methodId, nowMs - r->tlFlowPathTimeStampInMS, ZX_FP_EVENT_ENTRY, -1,
-                  -1, m->isAsyncCall, r->tlThreadId, r->tlURL, 0);
+  std::lock_guard lk(r->sequenceBlobLock);
+  appendEvent(app, r, m->methodId, nowMs - r->tlFlowPathTimeStampInMS, ZX_FP_EVENT_ENTRY, -1, -1,
+              m->isAsyncCall, r->tlThreadId, r->tlURL, 0);
 }
 
 void zxMethodExitEx(ZXAppTracing *app, ZXPerThreadData_t *r, const methodPropProperties *m,
                     long long methodWallTime, long long fpCPUTime, int eventID) {
   if (!app || !r || !m || !exitMethod(app, r, m)) return;
-  updateFPSeqBlob(app, r, m->methodId, methodWallTime, eventID, -1, fpCPUTime, m->isAsyncCall,
-                  r->tlThreadId, nullptr, 0);
+  {
+    std::lock_guard lk(r->sequenceBlobLock);
+    appendEvent(app, r, m->methodId, methodWallTime, eventID, -1, fpCPUTime, m->isAsyncCall,
+                r->tlThreadId, nullptr, 0);
+  }
   if (m->isEntryPoint & 8) {
     // Only call-outs pay for a clock read: their entry carries the start.
     long long end = my_gettimeofday() - app->Server.morEpochDiffTime - r->tlFlowPathTimeStampInMS;
@@ -518,9 +578,21 @@ long long zxAgentTimeNow(const ZXAppTracing *app) {
 methodPropProperties *findOrAddMethod(ZXAppTracing *app, ZXPerThreadData_t *r, const char *name,
                                       int isEntryPoint, int type) {
   if (!app || !r || !name || !*name || !r->hasMapNodePtr) return nullptr;
-  std::lock_guard lk(app->methodEntryLock);
-  if (methodPropProperties *m = getMethodPropFromMethodName(app, name, r->hasMapNodePtr)) return m;
-  return updateMethodHashMap(app, name, isEntryPoint, type, r->hasMapNodePtr);
+  // A held node maps a name to one record for good: the cache cannot go stale.
+  auto &cache = r->nameCache;
+  for (methodPropProperties *m : cache)
+    if (m && std::strcmp(m->methodName.c_str(), name) == 0) return m;
+  methodPropProperties *m;
+  {
+    std::lock_guard lk(app->methodEntryLock);
+    m = search_hashmap(name, r->hasMapNodePtr->dynamic_ptr);
+    if (!m) m = updateMethodHashMap(app, name, isEntryPoint, type, r->hasMapNodePtr);
+  }
+  if (m) {
+    std::copy_backward(std::begin(cache), std::end(cache) - 1, std::end(cache));
+    cache[0] = m;
+  }
+  return m;
 }
 
 namespace {
@@ -586,6 +658,7 @@ void detachFlowpath(ZXAppTracing *app, ZXPerThreadData_t *r) {
   if (r->hasMapNodePtr) {
     releaseMethodHashMapNode(r->hasMapNodePtr);
     r->hasMapNodePtr = nullptr;
+    std::fill(std::begin(r->nameCache), std::end(r->nameCache), nullptr);
   }
   // The stop walk may have dropped the entry already; erasing again is harmless.
   if (r->idListed) {

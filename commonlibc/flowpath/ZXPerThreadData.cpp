@@ -1,8 +1,18 @@
 #include "ZXPerThreadData.h"
 
+#include <algorithm>
+#include <iterator>
 #include <mutex>
 
 #include "ZXAppTracing.h"
+
+void ZXBlobLock::lockSlow(int seen) noexcept {
+  if (seen != 2) seen = state_.exchange(2, std::memory_order_acquire);
+  while (seen != 0) {
+    state_.wait(2, std::memory_order_relaxed);
+    seen = state_.exchange(2, std::memory_order_acquire);
+  }
+}
 
 void clearTransactionFields(ZXPerThreadData_t *r) {
   r->flowpathInstance = r->firstFlowpathInstance = r->prevFlowpathInstance = 0;
@@ -10,6 +20,7 @@ void clearTransactionFields(ZXPerThreadData_t *r) {
   r->httpCallOutDepth = 0;
   r->tlSQLObj = ZXSQLProperties_t{};
   r->methodStackDepth = 0;
+  std::fill(std::begin(r->nameCache), std::end(r->nameCache), nullptr);
   r->tlTierStartTime = r->tierCallOutSeqNum = 0;
   r->tlBTObj = nullptr;
   r->tlBeginRequestMethod = nullptr;

@@ -38,6 +38,28 @@ inline constexpr int ZX_DEBUG_MODE_BUF_SIZE = 128;
 // deeper calls still pair, with an unknown (0) wall time.
 inline constexpr int ZX_METHOD_STACK_DEPTH = 256;
 
+// A record's blob lock. Its owner takes it for every method event and other
+// threads seldom, so the free case is inline: one compare-exchange to take
+// it, one exchange to give it back. A waiter sleeps on the word. Not
+// recursive.
+class ZXBlobLock {
+ public:
+  void lock() noexcept {
+    int seen = 0;
+    if (state_.compare_exchange_strong(seen, 1, std::memory_order_acquire,
+                                       std::memory_order_relaxed))
+      return;
+    lockSlow(seen);
+  }
+  void unlock() noexcept {
+    if (state_.exchange(0, std::memory_order_release) == 2) state_.notify_one();
+  }
+
+ private:
+  void lockSlow(int seen) noexcept;
+  std::atomic<int> state_{0};  // 0 free, 1 taken, 2 taken with waiters
+};
+
 enum ZXFpPhase : unsigned char {
   ZX_FP_IDLE = 0,           // taken, not (yet) a published flowpath
   ZX_FP_RUNNING = 1,        // published by startFP
@@ -105,7 +127,8 @@ struct ZXPerThreadData_t {
   int debugModeLen = 0;
   char debugModeBuf[ZX_DEBUG_MODE_BUF_SIZE] = {};
   int bitFlags = 0;
-  zx::NestedMutex sequenceBlobLock, updateBTLock;
+  ZXBlobLock sequenceBlobLock;
+  zx::NestedMutex updateBTLock;
   // Exception being recorded (filled by exception capture).
   zx::OwnedString excepMessage;
   char dumpERecordFlag = 0;
@@ -114,6 +137,11 @@ struct ZXPerThreadData_t {
   zx::OwnedString excepClassName, throwingCName, throwingMName, exceptionBackendName,
       exceptionStackTrace;
   long long fpStartTimeforReset = 0;
+  // The methods this flowpath resolved by name last, newest first: records
+  // of hasMapNodePtr, valid while it is held. A name called again (an exit
+  // after its entry) skips the method table's lock.
+  static constexpr int kNameCacheSize = 4;
+  methodPropProperties *nameCache[kNameCacheSize] = {};
   // Agent times (ms) of the open by-name method entries.
   int methodStackDepth = 0;
   long long methodEntryTimes[ZX_METHOD_STACK_DEPTH] = {};
