@@ -70,6 +70,14 @@ struct Writer {
     num(id);
     if (forced) ch('F');
   }
+  // The record's own id, from its text while that spells it.
+  void instance(const ZXPerThreadData_t *r) {
+    if (r->flowpathInstanceStrLen > 0 && r->flowpathInstanceStrOf == r->flowpathInstance)
+      mem(r->flowpathInstanceStr, static_cast<std::size_t>(r->flowpathInstanceStrLen));
+    else
+      num(r->flowpathInstance);
+    if (r->tlIsForceDump) ch('F');
+  }
   static constexpr int kNumMax = 20;  // "-9223372036854775808"
 };
 using LineWriter = Writer<true>;
@@ -353,11 +361,14 @@ void checkToDumpFPSeqBlob(ZXAppTracing *app, ZXPerThreadData_t *record) {
   if (record->sequenceBlobLen >= limit) dumpIncompleteFlowpathSeqBlock(app, record);
 }
 
-int dumpFPHeaderRecord(ZXAppTracing *app, ZXPerThreadData_t *r) {
+namespace {
+
+// Record 2 into line[0, ZX_FP_RECORD_MAX); returns its length. Sets
+// tlIsFPHeaderDumped.
+int formatHeader(ZXAppTracing *app, ZXPerThreadData_t *r, char *line) {
   const bool forced = r->tlIsForceDump != 0;
-  char line[ZX_FP_RECORD_MAX];
-  LineWriter w{line, line + sizeof line - 1};
-  w.str("2,"), w.instance(r->flowpathInstance, forced);
+  LineWriter w{line, line + ZX_FP_RECORD_MAX - 1};
+  w.str("2,"), w.instance(r);
   if (isChained(r)) {
     w.ch(':'), w.instance(r->firstFlowpathInstance, forced);
     w.ch(':'), w.instance(r->prevFlowpathInstance, forced);
@@ -381,15 +392,22 @@ int dumpFPHeaderRecord(ZXAppTracing *app, ZXPerThreadData_t *r) {
   w.num(r->qTimeInMS);
   *w.p++ = '\n';
   r->tlIsFPHeaderDumped = 1;
-  return dumpData(app, line, static_cast<int>(w.p - line));
+  return static_cast<int>(w.p - line);
+}
+
+}  // namespace
+
+int dumpFPHeaderRecord(ZXAppTracing *app, ZXPerThreadData_t *r) {
+  char line[ZX_FP_RECORD_MAX];
+  return dumpData(app, line, formatHeader(app, r, line));
 }
 
 int dumpIncompleteFlowpathSeqBlock(ZXAppTracing *app, ZXPerThreadData_t *r) {
   if (!r->tlIsFPHeaderDumped) dumpFPHeaderRecord(app, r);
   char line[ZX_FP_RECORD_MAX];
   LineWriter w{line, line + sizeof line - 1};
-  w.str("3,"), w.instance(r->flowpathInstance, r->tlIsForceDump), w.ch(',');
-  w.mem(r->sequenceBlob, r->sequenceBlobLen);
+  w.str("3,"), w.instance(r), w.ch(',');
+  w.mem(r->sequenceBlob, static_cast<std::size_t>(r->sequenceBlobLen));
   *w.p++ = '\n';
   r->sequenceBlobLen = 0;
   r->sequenceBlob[0] = '\0';
@@ -406,17 +424,26 @@ int dumpCompleteFlowpathSeqBlock(ZXAppTracing *app, ZXPerThreadData_t *r, int ca
     if (!r->tlIsFPHeaderDumped) return 0;
     status = -99;
   }
-  if (!r->tlIsFPHeaderDumped) dumpFPHeaderRecord(app, r);
-  char line[ZX_FP_RECORD_MAX];
-  LineWriter w{line, line + sizeof line - 1};
-  w.str("4,"), w.instance(r->flowpathInstance, r->tlIsForceDump), w.ch(',');
+  // The header, when not yet out, and the end go under one hold of the send
+  // buffers' lock.
+  char lines[2 * ZX_FP_RECORD_MAX];
+  ZXRecordSpan out[2];
+  int count = 0;
+  char *line = lines;
+  if (!r->tlIsFPHeaderDumped) {
+    out[count++] = ZXRecordSpan{line, formatHeader(app, r, line)};
+    line += out[0].len;
+  }
+  LineWriter w{line, line + ZX_FP_RECORD_MAX - 1};
+  w.str("4,"), w.instance(r), w.ch(',');
   w.num(status), w.ch(','), w.num(category), w.ch(','), w.num(fpCPUTime), w.ch(',');
   w.num(respTime), w.ch(',');
   w.num(r->tlBTObj ? r->tlBTObj->bt_id.load(std::memory_order_relaxed) : 0), w.ch(',');
   w.num(r->tlFlowpathType), w.ch(',');
-  w.mem(r->sequenceBlob, r->sequenceBlobLen);
+  w.mem(r->sequenceBlob, static_cast<std::size_t>(r->sequenceBlobLen));
   *w.p++ = '\n';
-  dumpData(app, line, static_cast<int>(w.p - line));
+  out[count++] = ZXRecordSpan{line, static_cast<int>(w.p - line)};
+  dumpRecords(app, out, count);
   return 1;
 }
 
@@ -510,9 +537,12 @@ ZXPerThreadData_t *startFP(ZXAppTracing *app, const char *flowpathinstance, cons
   } else {
     r->flowpathInstance = generate_flowpath_instance(app, idTime);
   }
-  *std::to_chars(r->flowpathInstanceStr, r->flowpathInstanceStr + ZX_FPI_STR_SIZE - 1,
-                 r->flowpathInstance)
-       .ptr = '\0';
+  char *idEnd = std::to_chars(r->flowpathInstanceStr, r->flowpathInstanceStr + ZX_FPI_STR_SIZE - 1,
+                              r->flowpathInstance)
+                    .ptr;
+  *idEnd = '\0';
+  r->flowpathInstanceStrLen = static_cast<int>(idEnd - r->flowpathInstanceStr);
+  r->flowpathInstanceStrOf = r->flowpathInstance;
   if (app->ZXAgentSetting.enableProxyServer == 1) {
     // Texts relayed from application processes arrive escaped.
     parseRBCookieStr(r, RBCookieStr);

@@ -36,6 +36,8 @@ void clearTransactionFields(ZXPerThreadData_t *r) {
   r->sequenceBlob[0] = '\0';
   r->tlURL[0] = r->tlURLParameters[0] = '\0';
   r->flowpathInstanceStr[0] = '\0';
+  r->flowpathInstanceStrLen = 0;
+  r->flowpathInstanceStrOf = 0;
   r->tlStatusCode = 200;
   r->qTimeInMS = -1;
   // The text is the record's own copy (setTierCallOut made it), so it is freed

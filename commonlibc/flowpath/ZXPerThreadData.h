@@ -90,6 +90,10 @@ struct ZXPerThreadData_t {
   int httpCallOutDepth = 0;
   char flowpathInstanceStr[ZX_FPI_STR_SIZE] = {};
   long long flowpathInstance = 0;
+  // flowpathInstanceStr's length and the id it spells: records copy the text
+  // rather than format the id again while it still spells flowpathInstance.
+  int flowpathInstanceStrLen = 0;
+  long long flowpathInstanceStrOf = 0;
   long long tlsIdx = 0;  // unique slot number in the process (g_tlsidx)
   long long seqNum = 0;
   long long tlTestRunNumber = 0;
