@@ -1,16 +1,28 @@
 #include "ZXPerThreadData.h"
 
 #include <algorithm>
+#include <chrono>
 #include <iterator>
 #include <mutex>
+#include <thread>
 
 #include "ZXAppTracing.h"
 
-void ZXBlobLock::lockSlow(int seen) noexcept {
-  if (seen != 2) seen = state_.exchange(2, std::memory_order_acquire);
-  while (seen != 0) {
-    state_.wait(2, std::memory_order_relaxed);
-    seen = state_.exchange(2, std::memory_order_acquire);
+void ZXBlobLock::lockSlow() noexcept {
+  for (int tries = 0;; ++tries) {
+    if (!taken_.load(std::memory_order_relaxed) &&
+        !taken_.exchange(true, std::memory_order_acquire))
+      return;
+    if (tries < 64) {
+#if defined(__x86_64__) || defined(__i386__)
+      __builtin_ia32_pause();
+#endif
+    } else if (tries < 128) {
+      std::this_thread::yield();
+    } else {
+      // The holder was descheduled: let it run rather than compete with it.
+      std::this_thread::sleep_for(std::chrono::microseconds(50));
+    }
   }
 }
 

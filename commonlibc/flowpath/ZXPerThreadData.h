@@ -39,25 +39,22 @@ inline constexpr int ZX_DEBUG_MODE_BUF_SIZE = 128;
 inline constexpr int ZX_METHOD_STACK_DEPTH = 256;
 
 // A record's blob lock. Its owner takes it for every method event and other
-// threads seldom, so the free case is inline: one compare-exchange to take
-// it, one exchange to give it back. A waiter sleeps on the word. Not
-// recursive.
+// threads (the stop walk, a thread the host handed the flowpath to) seldom,
+// and each holds it for at most one record's formatting. So the free case is
+// inline, and giving it back is a plain store: no locked instruction waiting
+// for the record just written to drain. A waiter spins, then yields, then
+// naps; nobody has to wake it. Not recursive.
 class ZXBlobLock {
  public:
   void lock() noexcept {
-    int seen = 0;
-    if (state_.compare_exchange_strong(seen, 1, std::memory_order_acquire,
-                                       std::memory_order_relaxed))
-      return;
-    lockSlow(seen);
+    if (!taken_.exchange(true, std::memory_order_acquire)) return;
+    lockSlow();
   }
-  void unlock() noexcept {
-    if (state_.exchange(0, std::memory_order_release) == 2) state_.notify_one();
-  }
+  void unlock() noexcept { taken_.store(false, std::memory_order_release); }
 
  private:
-  void lockSlow(int seen) noexcept;
-  std::atomic<int> state_{0};  // 0 free, 1 taken, 2 taken with waiters
+  void lockSlow() noexcept;
+  std::atomic<bool> taken_{false};
 };
 
 enum ZXFpPhase : unsigned char {
