@@ -164,6 +164,15 @@ TEST_F(FlowpathTest, BlobEntriesMatchTheirPrintfFormats) {
     c.append();
     EXPECT_EQ(blob(), c.want);
   }
+  // Every digit count, at its edges.
+  for (long long v = 1; v <= big / 10; v *= 10) {
+    for (long long n : {v - 1, v, 10 * v - 1, v + v / 3, -v, 10 * v, big - v}) {
+      std::snprintf(oracle, sizeof oracle, "5:7_1_%lld____", n);
+      rec_->sequenceBlobLen = 0;
+      exit(5, n);
+      ASSERT_EQ(blob(), oracle);
+    }
+  }
   app().ZXSys.enableProcessNotificationPhase = 1;
   rec_->seqNum = 33;
   rec_->sequenceBlobLen = 0;
