@@ -7,8 +7,9 @@
 // never block on the network (dumpData drops and counts what does not fit).
 // Every blob write and every record 3/4 write happens under the record's
 // sequenceBlobLock, because a call-out thread may append to the same blob and
-// the stop walk may write the flowpath out. A flowpath written out (ended, or
-// ended by the stop) takes no more entries.
+// the stop walk may write the flowpath out; only startFP writes the request's
+// entry without it, before any other thread can reach the record. A flowpath
+// written out (ended, or ended by the stop) takes no more entries.
 #pragma once
 
 #include <cstddef>
