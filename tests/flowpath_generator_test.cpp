@@ -102,6 +102,26 @@ TEST(FlowpathIdTable, FindsEveryRunningIdThroughGrowthAndErases) {
   EXPECT_EQ(table.size(), 0u);
 }
 
+// The blob lock under real contention: every waiter path (spin, yield, nap)
+// must still exclude, or the plain counter loses increments (and the thread
+// sanitizer sees the race).
+TEST(BlobLock, ExcludesUnderContention) {
+  ZXBlobLock lock;
+  long long counter = 0;
+  constexpr int kThreads = 4, kRounds = 20000;
+  std::vector<std::thread> threads;
+  for (int t = 0; t < kThreads; ++t)
+    threads.emplace_back([&] {
+      for (int i = 0; i < kRounds; ++i) {
+        std::lock_guard lk(lock);
+        ++counter;
+        if (i % 1000 == 0) std::this_thread::yield();  // a holder descheduled
+      }
+    });
+  for (auto &t : threads) t.join();
+  EXPECT_EQ(counter, static_cast<long long>(kThreads) * kRounds);
+}
+
 TEST_F(FlowpathTest, InstanceIdsStepTheCounterTwiceUnderTheMasks) {
   ZXFlowpathIdSettings_t &s = app().ZXFlowpathIds;
   EXPECT_GT(generate_flowpath_instance(&app()), 0) << "the default masks give positive ids";
