@@ -74,14 +74,24 @@ template <bool kBounded>
 struct Writer {
   char *p;
   char *end;
-  void num(long long v) {
+  [[gnu::always_inline]] void num(long long v) {
     if (kBounded && end - p < kNumMax) {
       auto r = std::to_chars(p, end, v);
       p = r.ec == std::errc{} ? r.ptr : end;
-    } else if (v >= 0 && v < 100) {
-      // Ids, thread numbers and most times in a blob are this small.
-      if (v >= 10) *p++ = static_cast<char>('0' + v / 10);
-      *p++ = static_cast<char>('0' + v % 10);
+    } else if (v >= 0 && v < 10000) {
+      // Method ids, thread numbers and the times in a blob mostly are this
+      // small: two pairs at most.
+      const auto n = static_cast<unsigned>(v);
+      if (n >= 100) {
+        const unsigned hi = n / 100;
+        if (hi >= 10) *p++ = kDigitPairs[2 * hi];
+        *p++ = kDigitPairs[2 * hi + 1];
+        std::memcpy(p, &kDigitPairs[2 * (n % 100)], 2);
+        p += 2;
+      } else {
+        if (n >= 10) *p++ = kDigitPairs[2 * n];
+        *p++ = kDigitPairs[2 * n + 1];
+      }
     } else if (v >= 0) {
       p = putDecimal(p, static_cast<unsigned long long>(v));
     } else {
