@@ -59,6 +59,8 @@ void BM_MethodEntryExit(benchmark::State &state) {
     zxMethodEntryEx(&b.app, r, p, start);
     zxMethodExitEx(&b.app, r, p, my_gettimeofday() - start, -1);
   }
+  if (r->seqNum != state.iterations() || r->tlNonServiceMethodCount != state.iterations())
+    state.SkipWithError("method events were not written");
   releaseMethodHashMapNode(node);
   free_tls_slot(&b.app, r);
 }
@@ -75,7 +77,15 @@ void BM_FlowpathStartEnd(benchmark::State &state) {
   for (auto _ : state) {
     ZXPerThreadData_t *r =
         startFP(&b.app, nullptr, "/shop/cart", nullptr, 0, nullptr, nullptr, nullptr, -1, 0);
+    if (!r) {
+      state.SkipWithError("no flowpath");
+      break;
+    }
     endFP(&b.app, r, 200, 0, 0);
+    if (!r->tlIsFPHeaderDumped) {
+      state.SkipWithError("records 2 and 4 were not written");
+      break;
+    }
     reset(&b.app, r);
   }
 }

@@ -101,11 +101,18 @@ void BM_BtBeginEnd(benchmark::State &state) {
     return;
   }
   const long long drops = a.app->ZXSys.discardCount.load();
+  const unsigned long long records = readSendCounts(a.app->sendBuffers).records;
+  int failed = 0;
   for (auto _ : state) {
     zxBTHandle bt = zx_bt_begin(kUrl.c_str(), nullptr);
-    zx_bt_end(bt, 200);
-    zx_bt_release(bt);
+    failed |= zx_bt_end(bt, 200);
+    failed |= zx_bt_release(bt);
   }
+  // Records 2 and 4 of every transaction reached the send buffers (sent,
+  // queued or counted as dropped).
+  const unsigned long long handed = readSendCounts(a.app->sendBuffers).records - records;
+  if (failed || handed < 2 * static_cast<unsigned long long>(state.iterations()))
+    state.SkipWithError("a transaction failed or did not write records 2 and 4");
   state.counters["dropped"] = static_cast<double>(a.app->ZXSys.discardCount.load() - drops);
   state.counters["pool_rss_MB"] = poolResidentMB(a.app->sendBuffers);
 }
@@ -122,11 +129,14 @@ void BM_MethodEvents(benchmark::State &state) {
   const long long drops = a.app->ZXSys.discardCount.load();
   zxBTHandle bt = zx_bt_begin("/orders/list", nullptr);
   int pairs = 0;
+  bool wrong = !bt;
   for (auto _ : state) {
     zx_method_entry(bt, "com.shop.OrderService.list");
     zx_method_exit(bt, "com.shop.OrderService.list");
     if (++pairs == 100) {
       pairs = 0;
+      // The request's entry and one entry per pair went into the blob.
+      wrong |= !bt || bt->seqNum != 101 || bt->methodStackDepth != 0;
       zx_bt_end(bt, 200);
       zx_bt_release(bt);
       bt = zx_bt_begin("/orders/list", nullptr);
@@ -134,6 +144,7 @@ void BM_MethodEvents(benchmark::State &state) {
   }
   zx_bt_end(bt, 200);
   zx_bt_release(bt);
+  if (wrong) state.SkipWithError("method events were not written");
   state.SetItemsProcessed(2 * state.iterations());
   if (state.thread_index() == 0)
     state.counters["dropped"] = static_cast<double>(a.app->ZXSys.discardCount.load() - drops);

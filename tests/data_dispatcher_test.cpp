@@ -103,6 +103,28 @@ TEST_F(SendBuffers, ExactFillSplitAndOversizedRecords) {
   EXPECT_EQ(pool().counters.lostOversized.load(), 1u);
 }
 
+// Records handed over together are each kept or dropped as on their own: a
+// header that fits goes out even when the end behind it cannot.
+TEST_F(SendBuffers, RecordsTogetherAreStoredOneByOne) {
+  init(16, 2);
+  const std::string head = "2,head\n", big = std::string(40, 'e') + "\n", end = "4,end\n";
+  ZXRecordSpan spans[] = {{head.data(), static_cast<int>(head.size())},
+                          {big.data(), static_cast<int>(big.size())},
+                          {end.data(), static_cast<int>(end.size())},
+                          {nullptr, 3}};
+  EXPECT_EQ(dumpRecords(tlzxApplication, spans, 4), -3) << "the first failure";
+  EXPECT_EQ(pool().counters.records.load(), 3u) << "the null record counts for nothing";
+  EXPECT_EQ(pool().counters.lostOversized.load(), 1u);
+  EXPECT_EQ(drainAll(), head + end);
+
+  const std::string fill(15, 'f');
+  ASSERT_EQ(dump(fill + "\n"), 0);
+  ASSERT_EQ(dump(fill), 0);
+  EXPECT_EQ(dumpRecords(tlzxApplication, spans, 1), -1) << "no buffer left";
+  EXPECT_EQ(pool().counters.lostPoolFull.load(), 1u);
+  EXPECT_EQ(dumpRecords(nullptr, spans, 1), -99);
+}
+
 // A sent buffer goes back where the next producer takes it, so a pool that
 // keeps up cycles through two buffers, not all of them; the rest of the
 // storage is never touched.

@@ -74,6 +74,54 @@ class FlowpathTest : public ::testing::Test {
   std::unique_ptr<ZXPerThreadData_t> rec_ = std::make_unique<ZXPerThreadData_t>();
 };
 
+// Ids that share low bits and runs that wrap, past several growths: every
+// erase (a backward shift) must leave the rest of its run findable.
+TEST(FlowpathIdTable, FindsEveryRunningIdThroughGrowthAndErases) {
+  ZXFpiToTLS table;
+  std::vector<std::unique_ptr<ZXPerThreadData_t>> recs;
+  std::vector<long long> ids;
+  for (int i = 0; i < 700; ++i) {
+    recs.push_back(std::make_unique<ZXPerThreadData_t>());
+    ids.push_back((1700000000000LL << 22) + 2 * i + 1);
+    ASSERT_TRUE(table.put(ids.back(), recs.back().get()));
+  }
+  EXPECT_EQ(table.size(), 700u);
+  for (int i = 0; i < 700; i += 3) table.erase(ids[i], recs[i].get());
+  for (int i = 0; i < 700; ++i) ASSERT_EQ(table.find(ids[i]), i % 3 ? recs[i].get() : nullptr) << i;
+  EXPECT_EQ(table.find(ids[1] + 1), nullptr);
+
+  // A forced id taken over by a second flowpath: the first one's end must not
+  // drop the second one's entry.
+  ZXPerThreadData_t other;
+  ASSERT_TRUE(table.put(ids[1], &other));
+  table.erase(ids[1], recs[1].get());
+  EXPECT_EQ(table.find(ids[1]), &other);
+  table.erase(ids[1], &other);
+  EXPECT_EQ(table.find(ids[1]), nullptr);
+  for (int i = 0; i < 700; ++i) table.erase(ids[i], recs[i].get());
+  EXPECT_EQ(table.size(), 0u);
+}
+
+// The blob lock under real contention: every waiter path (spin, yield, nap)
+// must still exclude, or the plain counter loses increments (and the thread
+// sanitizer sees the race).
+TEST(BlobLock, ExcludesUnderContention) {
+  ZXBlobLock lock;
+  long long counter = 0;
+  constexpr int kThreads = 4, kRounds = 20000;
+  std::vector<std::thread> threads;
+  for (int t = 0; t < kThreads; ++t)
+    threads.emplace_back([&] {
+      for (int i = 0; i < kRounds; ++i) {
+        std::lock_guard lk(lock);
+        ++counter;
+        if (i % 1000 == 0) std::this_thread::yield();  // a holder descheduled
+      }
+    });
+  for (auto &t : threads) t.join();
+  EXPECT_EQ(counter, static_cast<long long>(kThreads) * kRounds);
+}
+
 TEST_F(FlowpathTest, InstanceIdsStepTheCounterTwiceUnderTheMasks) {
   ZXFlowpathIdSettings_t &s = app().ZXFlowpathIds;
   EXPECT_GT(generate_flowpath_instance(&app()), 0) << "the default masks give positive ids";
@@ -135,6 +183,15 @@ TEST_F(FlowpathTest, BlobEntriesMatchTheirPrintfFormats) {
     rec_->sequenceBlobLen = 0;
     c.append();
     EXPECT_EQ(blob(), c.want);
+  }
+  // Every digit count, at its edges.
+  for (long long v = 1; v <= big / 10; v *= 10) {
+    for (long long n : {v - 1, v, 10 * v - 1, v + v / 3, -v, 10 * v, big - v}) {
+      std::snprintf(oracle, sizeof oracle, "5:7_1_%lld____", n);
+      rec_->sequenceBlobLen = 0;
+      exit(5, n);
+      ASSERT_EQ(blob(), oracle);
+    }
   }
   app().ZXSys.enableProcessNotificationPhase = 1;
   rec_->seqNum = 33;
@@ -447,6 +504,38 @@ TEST_F(FlowpathRunTest, TransactionOutlivesAProfileSwapAndTheClearAge) {
   reset(&app(), r);
   checkAndClearHashMapNode(&app(), 0);
   EXPECT_EQ(retiredNodeCount(&app()), 0) << "freed by the pass after its last user let go";
+}
+
+// Names resolved by one flowpath must not outlive its table: the next one on
+// the same slot, after a profile swap, resolves them in the new table.
+TEST_F(FlowpathRunTest, NamesResolveInTheTableOfTheirOwnFlowpath) {
+  ZXPerThreadData_t *r = startFP(&app(), "601", "/a", nullptr, 0, nullptr, nullptr, nullptr, -1, 0);
+  ASSERT_NE(r, nullptr);
+  methodPropProperties *before = findOrAddMethod(&app(), r, "app.Cart.load", 0, 0);
+  ASSERT_NE(before, nullptr);
+  for (const char *other : {"app.A", "app.B", "app.C", "app.D", "app.E"})
+    ASSERT_NE(findOrAddMethod(&app(), r, other, 0, 0), nullptr);
+  EXPECT_EQ(findOrAddMethod(&app(), r, "app.Cart.load", 0, 0), before)
+      << "pushed out of the recent names, found again in the table";
+  EXPECT_EQ(findOrAddMethod(&app(), r, "app.E", 0, 0)->methodId, before->methodId + 5);
+  endFP(&app(), r, 200, 0, 0);
+  EXPECT_EQ(findOrAddMethod(&app(), r, "app.Cart.load", 0, 0), nullptr)
+      << "an ended flowpath holds no table";
+  reset(&app(), r);
+
+  ASSERT_EQ(setMethodHashMapNode(&app(), "app.Cart.load|1|0|cart\n"), 0);
+  ZXPerThreadData_t *next = nullptr;
+  for (int i = 0; i <= ZX_TLS_BLOCK_SIZE && next != r; ++i) {
+    if (next) reset(&app(), next);  // given back slots are taken again last
+    next = startFP(&app(), "602", "/a", nullptr, 0, nullptr, nullptr, nullptr, -1, 0);
+  }
+  ASSERT_EQ(next, r) << "the same slot again";
+  methodPropProperties *after = findOrAddMethod(&app(), next, "app.Cart.load", 0, 0);
+  ASSERT_NE(after, nullptr);
+  EXPECT_EQ(after->isEntryPoint, 1) << "the new table's record";
+  EXPECT_EQ(after->methodId, before->methodId);
+  endFP(&app(), next, 200, 0, 0);
+  reset(&app(), next);
 }
 
 TEST_F(FlowpathRunTest, SessionCookieDecidesCapture) {

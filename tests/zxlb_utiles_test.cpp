@@ -1,5 +1,6 @@
 #include "zxlb_utiles.h"
 
+#include <apr_time.h>
 #include <gtest/gtest.h>
 
 #include <string>
@@ -63,9 +64,13 @@ TEST(Tokens, SkipsRunsAndStopsAtTheLimit) {
 }
 
 TEST(Time, MillisecondsSinceEpoch) {
+  const long long before = apr_time_as_msec(apr_time_now());
   long long ms = my_gettimeofday();
+  const long long after = apr_time_as_msec(apr_time_now());
   EXPECT_GT(ms, 1700000000000LL);
   EXPECT_LT(ms, 4102444800000LL);
+  EXPECT_LE(before, ms) << "the same wall clock, truncated to the millisecond";
+  EXPECT_LE(ms, after);
 }
 
 }  // namespace

@@ -3,11 +3,16 @@
 #include <apr_atomic.h>
 
 #include <algorithm>
+#include <array>
 #include <atomic>
+#include <bit>
 #include <charconv>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <iterator>
+#include <new>
+#include <utility>
 
 #include "ZXAppTracing.h"
 #include "ZXBTMonitor.h"
@@ -26,47 +31,118 @@ namespace {
 constexpr int ZX_DECODED_URL_SIZE = 2048;
 std::atomic<int> gMaxCharactersInSeqBlob{ZX_MAX_CHARS_IN_SEQ_BLOB};
 
-// Bounded appender for blob entries and record lines: the same bytes as the
-// printf formats, without parsing a format on every method event. Output is
-// cut at `end` rather than overrunning.
-struct LineWriter {
+constexpr auto kDigitPairs = [] {
+  std::array<char, 200> pairs{};
+  for (int i = 0; i < 100; ++i) {
+    pairs[2 * i] = static_cast<char>('0' + i / 10);
+    pairs[2 * i + 1] = static_cast<char>('0' + i % 10);
+  }
+  return pairs;
+}();
+
+// Exactly eight digits of v < 10^8, in two independent halves.
+char *putEightDigits(char *p, unsigned v) {
+  const unsigned hi = v / 10000, lo = v % 10000;
+  std::memcpy(p, &kDigitPairs[2 * (hi / 100)], 2);
+  std::memcpy(p + 2, &kDigitPairs[2 * (hi % 100)], 2);
+  std::memcpy(p + 4, &kDigitPairs[2 * (lo / 100)], 2);
+  std::memcpy(p + 6, &kDigitPairs[2 * (lo % 100)], 2);
+  return p + 8;
+}
+
+// The decimal text of v (at most 20 characters). Ids and times run to 19
+// digits; cut in eight-digit pieces, they cost a few short digit chains of
+// 32-bit arithmetic instead of one long chain of 64-bit divisions.
+char *putDecimal(char *p, unsigned long long v) {
+  constexpr unsigned long long kPiece = 100000000;
+  if (v < kPiece) return std::to_chars(p, p + 8, static_cast<unsigned>(v)).ptr;
+  const unsigned long long high = v / kPiece;
+  if (high < kPiece) {
+    p = std::to_chars(p, p + 8, static_cast<unsigned>(high)).ptr;
+  } else {
+    p = std::to_chars(p, p + 4, static_cast<unsigned>(high / kPiece)).ptr;
+    p = putEightDigits(p, static_cast<unsigned>(high % kPiece));
+  }
+  return putEightDigits(p, static_cast<unsigned>(v % kPiece));
+}
+
+// Appender for blob entries and record lines: the same bytes as the printf
+// formats, without parsing a format on every method event. A bounded writer
+// cuts its output at `end` rather than overrunning; an unbounded one is for
+// callers that made sure of the room first, and checks nothing.
+template <bool kBounded>
+struct Writer {
   char *p;
   char *end;
-  void num(long long v) {
-    auto r = std::to_chars(p, end, v);
-    p = r.ec == std::errc{} ? r.ptr : end;
+  [[gnu::always_inline]] void num(long long v) {
+    if (kBounded && end - p < kNumMax) {
+      auto r = std::to_chars(p, end, v);
+      p = r.ec == std::errc{} ? r.ptr : end;
+    } else if (v >= 0 && v < 10000) {
+      // Method ids, thread numbers and the times in a blob mostly are this
+      // small: two pairs at most.
+      const auto n = static_cast<unsigned>(v);
+      if (n >= 100) {
+        const unsigned hi = n / 100;
+        if (hi >= 10) *p++ = kDigitPairs[2 * hi];
+        *p++ = kDigitPairs[2 * hi + 1];
+        std::memcpy(p, &kDigitPairs[2 * (n % 100)], 2);
+        p += 2;
+      } else {
+        if (n >= 10) *p++ = kDigitPairs[2 * n];
+        *p++ = kDigitPairs[2 * n + 1];
+      }
+    } else if (v >= 0) {
+      p = putDecimal(p, static_cast<unsigned long long>(v));
+    } else {
+      p = std::to_chars(p, p + kNumMax, v).ptr;
+    }
   }
   void ch(char c) {
-    if (p < end) *p++ = c;
+    if (!kBounded || p < end) *p++ = c;
   }
-  void str(const char *s) {
-    std::size_t n = std::min<std::size_t>(std::strlen(s), static_cast<std::size_t>(end - p));
-    std::memcpy(p, s, n);
-    p += n;
-  }
-  void mem(const char *s, int len) {
-    std::size_t n = std::min<std::size_t>(static_cast<std::size_t>(len), end - p);
+  void str(const char *s) { mem(s, std::strlen(s)); }
+  void mem(const char *s, std::size_t len) {
+    const std::size_t n = kBounded ? std::min(len, static_cast<std::size_t>(end - p)) : len;
     std::memcpy(p, s, n);
     p += n;
   }
   // "%0<width>lld" for a positive value.
   void zeroPadded(long long v, int width) {
-    char digits[24];
+    char digits[kNumMax];
     auto r = std::to_chars(digits, digits + sizeof digits, v);
     for (long n = r.ptr - digits; n < width; ++n) ch('0');
-    mem(digits, static_cast<int>(r.ptr - digits));
+    mem(digits, static_cast<std::size_t>(r.ptr - digits));
   }
   void instance(long long id, bool forced) {
     num(id);
     if (forced) ch('F');
   }
+  // The record's own id, from its text while that spells it.
+  void instance(const ZXPerThreadData_t *r) {
+    if (r->flowpathInstanceStrLen > 0 && r->flowpathInstanceStrOf == r->flowpathInstance)
+      mem(r->flowpathInstanceStr, static_cast<std::size_t>(r->flowpathInstanceStrLen));
+    else
+      num(r->flowpathInstance);
+    if (r->tlIsForceDump) ch('F');
+  }
+  static constexpr int kNumMax = 20;  // "-9223372036854775808"
 };
+using LineWriter = Writer<true>;
 
-int appendBlobEntry(ZXAppTracing *app, ZXPerThreadData_t *r, int mid, long long startTime,
-                    int eventID, int pageID, long long cpuTime, int isAsyncCall, long long threadID,
-                    const char *urlStr, int captureArgument) {
-  char *blob = r->sequenceBlob;
-  LineWriter w{blob + r->sequenceBlobLen, blob + ZX_SEQ_BLOB_SIZE - 1};
+// The longest entry without a URL: an exit with its sequence number and CPU
+// time, five numbers and eight separators.
+constexpr int kPlainEntryMax = 5 * Writer<false>::kNumMax + 8;
+
+// Inlined where it is called, so that a caller's constant arguments prune
+// the shapes it never writes.
+template <class W>
+[[gnu::always_inline]] inline bool writeBlobEntry(W &w, ZXAppTracing *app,
+                                                  const ZXPerThreadData_t *r, int mid,
+                                                  long long startTime, int eventID, int pageID,
+                                                  long long cpuTime, int isAsyncCall,
+                                                  long long threadID, const char *urlStr,
+                                                  int captureArgument) {
   if (eventID == ZX_FP_EVENT_ENTRY) {
     if (pageID >= 0) {
       w.num(mid), w.str("_0_"), w.num(startTime), w.ch('_'), w.num(pageID), w.ch('_');
@@ -89,10 +165,47 @@ int appendBlobEntry(ZXAppTracing *app, ZXPerThreadData_t *r, int mid, long long 
       w.ch('_'), w.num(cpuTime), w.str("___");
     }
   } else {
-    return 0;
+    return false;
   }
-  *w.p = '\0';
-  r->sequenceBlobLen = static_cast<int>(w.p - blob);
+  return true;
+}
+
+// Ends the blob at `written`.
+void closeBlob(ZXPerThreadData_t *r, char *written) {
+  *written = '\0';
+  r->sequenceBlobLen = static_cast<int>(written - r->sequenceBlob);
+}
+
+// An entry with a URL, or one into a blob near its end.
+[[gnu::noinline]] int appendBoundedEntry(ZXAppTracing *app, ZXPerThreadData_t *r, int mid,
+                                         long long startTime, int eventID, int pageID,
+                                         long long cpuTime, int isAsyncCall, long long threadID,
+                                         const char *urlStr, int captureArgument) {
+  LineWriter w{r->sequenceBlob + r->sequenceBlobLen, r->sequenceBlob + ZX_SEQ_BLOB_SIZE - 1};
+  if (!writeBlobEntry(w, app, r, mid, startTime, eventID, pageID, cpuTime, isAsyncCall, threadID,
+                      urlStr, captureArgument))
+    return 0;
+  closeBlob(r, w.p);
+  return 1;
+}
+
+[[gnu::always_inline]] inline int appendBlobEntry(ZXAppTracing *app, ZXPerThreadData_t *r, int mid,
+                                                  long long startTime, int eventID, int pageID,
+                                                  long long cpuTime, int isAsyncCall,
+                                                  long long threadID, const char *urlStr,
+                                                  int captureArgument) {
+  char *at = r->sequenceBlob + r->sequenceBlobLen;
+  char *end = r->sequenceBlob + ZX_SEQ_BLOB_SIZE - 1;
+  // A URL has no bound here; every other entry fits the room checked once.
+  const bool plain = eventID != ZX_FP_EVENT_ENTRY || pageID >= 0 || !isAsyncCall;
+  if (!plain || end - at < kPlainEntryMax)
+    return appendBoundedEntry(app, r, mid, startTime, eventID, pageID, cpuTime, isAsyncCall,
+                              threadID, urlStr, captureArgument);
+  Writer<false> w{at, end};
+  if (!writeBlobEntry(w, app, r, mid, startTime, eventID, pageID, cpuTime, isAsyncCall, threadID,
+                      urlStr, captureArgument))
+    return 0;
+  closeBlob(r, w.p);
   return 1;
 }
 
@@ -108,6 +221,72 @@ bool blobClosed(const ZXPerThreadData_t *r) {
 }
 
 }  // namespace
+
+std::size_t ZXFpiToTLS::home(long long id) const {
+  // Ids step by two in their low bits; a multiplicative hash spreads them.
+  return static_cast<std::size_t>((static_cast<unsigned long long>(id) * 0x9E3779B97F4A7C15ULL) >>
+                                  shift_);
+}
+
+bool ZXFpiToTLS::grow() {
+  const std::size_t capacity = slots_ ? 2 * (mask_ + 1) : 128;
+  std::unique_ptr<Entry[]> bigger(new (std::nothrow) Entry[capacity]());
+  if (!bigger) return false;
+  std::unique_ptr<Entry[]> old = std::exchange(slots_, std::move(bigger));
+  const std::size_t oldCapacity = old ? mask_ + 1 : 0;
+  mask_ = capacity - 1;
+  shift_ = 64 - std::countr_zero(capacity);
+  for (std::size_t i = 0; i < oldCapacity; ++i) {
+    if (!old[i].record) continue;
+    std::size_t j = home(old[i].id);
+    while (slots_[j].record) j = (j + 1) & mask_;
+    slots_[j] = old[i];
+  }
+  return true;
+}
+
+bool ZXFpiToTLS::put(long long id, ZXPerThreadData_t *record) {
+  std::lock_guard lk(lock_);
+  // Kept at most half full; a table that cannot grow fills up before it fails.
+  if ((count_ + 1) * 2 > (slots_ ? mask_ + 1 : 0) && !grow() && count_ + 1 > mask_) return false;
+  std::size_t i = home(id);
+  while (slots_[i].record && slots_[i].id != id) i = (i + 1) & mask_;
+  if (!slots_[i].record) ++count_;
+  slots_[i] = Entry{id, record};
+  return true;
+}
+
+void ZXFpiToTLS::erase(long long id, const ZXPerThreadData_t *record) {
+  std::lock_guard lk(lock_);
+  if (!slots_) return;
+  std::size_t i = home(id);
+  while (slots_[i].record && slots_[i].id != id) i = (i + 1) & mask_;
+  if (slots_[i].record != record || !record) return;
+  --count_;
+  // Backward shift: later entries of the run move up unless they already
+  // sit between their home and the gap, so look-ups need no tombstones.
+  for (std::size_t j = (i + 1) & mask_; slots_[j].record; j = (j + 1) & mask_) {
+    const std::size_t k = home(slots_[j].id);
+    const bool stays = i <= j ? (i < k && k <= j) : (i < k || k <= j);
+    if (stays) continue;
+    slots_[i] = slots_[j];
+    i = j;
+  }
+  slots_[i].record = nullptr;
+}
+
+ZXPerThreadData_t *ZXFpiToTLS::find(long long id) {
+  std::lock_guard lk(lock_);
+  if (!slots_) return nullptr;
+  for (std::size_t i = home(id); slots_[i].record; i = (i + 1) & mask_)
+    if (slots_[i].id == id) return slots_[i].record;
+  return nullptr;
+}
+
+std::size_t ZXFpiToTLS::size() {
+  std::lock_guard lk(lock_);
+  return count_;
+}
 
 long long generate_flowpath_instance(ZXAppTracing *app) {
   return generate_flowpath_instance(app, my_gettimeofday() - app->Server.morEpochDiffTime);
@@ -164,15 +343,29 @@ void setMaxCharactersInSeqBlob(int value) {
     gMaxCharactersInSeqBlob.store(value, std::memory_order_relaxed);
 }
 
+namespace {
+
+// updateFPSeqBlob's work. Caller holds sequenceBlobLock, or has not yet made
+// the record reachable by another thread.
+[[gnu::always_inline]] inline void appendEvent(ZXAppTracing *app, ZXPerThreadData_t *r, int mid,
+                                               long long startTime, int eventID, int pageID,
+                                               long long cpuTime, int isAsyncCall,
+                                               long long threadID, const char *urlStr,
+                                               int captureArgument) {
+  if (!blobClosed(r) && appendBlobEntry(app, r, mid, startTime, eventID, pageID, cpuTime,
+                                        isAsyncCall, threadID, urlStr, captureArgument))
+    checkToDumpFPSeqBlob(app, r);
+}
+
+}  // namespace
+
 void updateFPSeqBlob(ZXAppTracing *app, ZXPerThreadData_t *record, int mid, long long startTime,
                      int eventID, int pageID, long long cpuTime, int isAsyncCall,
                      long long threadID, const char *urlStr, int captureArgument) {
   if (!app || !record) return;
-  record->sequenceBlobLock.lock();
-  if (!blobClosed(record) && appendBlobEntry(app, record, mid, startTime, eventID, pageID, cpuTime,
-                                             isAsyncCall, threadID, urlStr, captureArgument))
-    checkToDumpFPSeqBlob(app, record);
-  record->sequenceBlobLock.unlock();
+  std::lock_guard lk(record->sequenceBlobLock);
+  appendEvent(app, record, mid, startTime, eventID, pageID, cpuTime, isAsyncCall, threadID, urlStr,
+              captureArgument);
 }
 
 void updateFPSeqBlobWithTierCallOutRecord(ZXAppTracing *app, ZXPerThreadData_t *r,
@@ -216,11 +409,14 @@ void checkToDumpFPSeqBlob(ZXAppTracing *app, ZXPerThreadData_t *record) {
   if (record->sequenceBlobLen >= limit) dumpIncompleteFlowpathSeqBlock(app, record);
 }
 
-int dumpFPHeaderRecord(ZXAppTracing *app, ZXPerThreadData_t *r) {
+namespace {
+
+// Record 2 into line[0, ZX_FP_RECORD_MAX); returns its length. Sets
+// tlIsFPHeaderDumped.
+int formatHeader(ZXAppTracing *app, ZXPerThreadData_t *r, char *line) {
   const bool forced = r->tlIsForceDump != 0;
-  char line[ZX_FP_RECORD_MAX];
-  LineWriter w{line, line + sizeof line - 1};
-  w.str("2,"), w.instance(r->flowpathInstance, forced);
+  LineWriter w{line, line + ZX_FP_RECORD_MAX - 1};
+  w.str("2,"), w.instance(r);
   if (isChained(r)) {
     w.ch(':'), w.instance(r->firstFlowpathInstance, forced);
     w.ch(':'), w.instance(r->prevFlowpathInstance, forced);
@@ -244,15 +440,22 @@ int dumpFPHeaderRecord(ZXAppTracing *app, ZXPerThreadData_t *r) {
   w.num(r->qTimeInMS);
   *w.p++ = '\n';
   r->tlIsFPHeaderDumped = 1;
-  return dumpData(app, line, static_cast<int>(w.p - line));
+  return static_cast<int>(w.p - line);
+}
+
+}  // namespace
+
+int dumpFPHeaderRecord(ZXAppTracing *app, ZXPerThreadData_t *r) {
+  char line[ZX_FP_RECORD_MAX];
+  return dumpData(app, line, formatHeader(app, r, line));
 }
 
 int dumpIncompleteFlowpathSeqBlock(ZXAppTracing *app, ZXPerThreadData_t *r) {
   if (!r->tlIsFPHeaderDumped) dumpFPHeaderRecord(app, r);
   char line[ZX_FP_RECORD_MAX];
   LineWriter w{line, line + sizeof line - 1};
-  w.str("3,"), w.instance(r->flowpathInstance, r->tlIsForceDump), w.ch(',');
-  w.mem(r->sequenceBlob, r->sequenceBlobLen);
+  w.str("3,"), w.instance(r), w.ch(',');
+  w.mem(r->sequenceBlob, static_cast<std::size_t>(r->sequenceBlobLen));
   *w.p++ = '\n';
   r->sequenceBlobLen = 0;
   r->sequenceBlob[0] = '\0';
@@ -269,17 +472,26 @@ int dumpCompleteFlowpathSeqBlock(ZXAppTracing *app, ZXPerThreadData_t *r, int ca
     if (!r->tlIsFPHeaderDumped) return 0;
     status = -99;
   }
-  if (!r->tlIsFPHeaderDumped) dumpFPHeaderRecord(app, r);
-  char line[ZX_FP_RECORD_MAX];
-  LineWriter w{line, line + sizeof line - 1};
-  w.str("4,"), w.instance(r->flowpathInstance, r->tlIsForceDump), w.ch(',');
+  // The header, when not yet out, and the end go under one hold of the send
+  // buffers' lock.
+  char lines[2 * ZX_FP_RECORD_MAX];
+  ZXRecordSpan out[2];
+  int count = 0;
+  char *line = lines;
+  if (!r->tlIsFPHeaderDumped) {
+    out[count++] = ZXRecordSpan{line, formatHeader(app, r, line)};
+    line += out[0].len;
+  }
+  LineWriter w{line, line + ZX_FP_RECORD_MAX - 1};
+  w.str("4,"), w.instance(r), w.ch(',');
   w.num(status), w.ch(','), w.num(category), w.ch(','), w.num(fpCPUTime), w.ch(',');
   w.num(respTime), w.ch(',');
   w.num(r->tlBTObj ? r->tlBTObj->bt_id.load(std::memory_order_relaxed) : 0), w.ch(',');
   w.num(r->tlFlowpathType), w.ch(',');
-  w.mem(r->sequenceBlob, r->sequenceBlobLen);
+  w.mem(r->sequenceBlob, static_cast<std::size_t>(r->sequenceBlobLen));
   *w.p++ = '\n';
-  dumpData(app, line, static_cast<int>(w.p - line));
+  out[count++] = ZXRecordSpan{line, static_cast<int>(w.p - line)};
+  dumpRecords(app, out, count);
   return 1;
 }
 
@@ -310,6 +522,30 @@ bool writesMethodEvents(const ZXPerThreadData_t *r, const methodPropProperties *
          (r->tlIsFPCaptured || r->tlIsForceDump || (m->isEntryPoint & 8));
 }
 
+// Counts a method's entry; true when the entry is to be written.
+bool enterMethod(ZXAppTracing *app, ZXPerThreadData_t *r, const methodPropProperties *m) {
+  if (m->isEntryPoint & 1)
+    ++r->tlServiceMethodDepth;
+  else
+    ++r->tlNonServiceMethodCount;
+  if (!writesMethodEvents(r, m, app->ZXSys.bciMaxNonServiceMethodsPerFP)) return false;
+  r->seqNum += 1;
+  return true;
+}
+
+// Counts a method's exit; true when the exit is to be written.
+bool exitMethod(ZXAppTracing *app, ZXPerThreadData_t *r, const methodPropProperties *m) {
+  const long long limit = app->ZXSys.bciMaxNonServiceMethodsPerFP;
+  if (m->isEntryPoint & 1) {
+    --r->tlServiceMethodDepth;
+  } else if (r->tlNonServiceMethodCount > limit) {
+    // Its entry was not written either: only undo the count.
+    --r->tlNonServiceMethodCount;
+    return false;
+  }
+  return writesMethodEvents(r, m, limit);
+}
+
 }  // namespace
 
 ZXPerThreadData_t *startFP(ZXAppTracing *app, const char *flowpathinstance, const char *url,
@@ -332,7 +568,7 @@ ZXPerThreadData_t *startFP(ZXAppTracing *app, const char *flowpathinstance, cons
       reset(app, r);
     }
   } giveBack{app, r};
-  resetAllThreadLocals(r, app);
+  // The pool hands out cleared slots (free_tls_slot clears them).
   const long long now = my_gettimeofday();
   const long long start = startTimeFP > 0 ? startTimeFP : now;
   r->tlFlowPathTimeStampInMS = start - app->Server.morEpochDiffTime;
@@ -349,9 +585,12 @@ ZXPerThreadData_t *startFP(ZXAppTracing *app, const char *flowpathinstance, cons
   } else {
     r->flowpathInstance = generate_flowpath_instance(app, idTime);
   }
-  *std::to_chars(r->flowpathInstanceStr, r->flowpathInstanceStr + ZX_FPI_STR_SIZE - 1,
-                 r->flowpathInstance)
-       .ptr = '\0';
+  Writer<false> id{r->flowpathInstanceStr, nullptr};
+  id.num(r->flowpathInstance);
+  char *idEnd = id.p;
+  *idEnd = '\0';
+  r->flowpathInstanceStrLen = static_cast<int>(idEnd - r->flowpathInstanceStr);
+  r->flowpathInstanceStrOf = r->flowpathInstance;
   if (app->ZXAgentSetting.enableProxyServer == 1) {
     // Texts relayed from application processes arrive escaped.
     parseRBCookieStr(r, RBCookieStr);
@@ -371,49 +610,38 @@ ZXPerThreadData_t *startFP(ZXAppTracing *app, const char *flowpathinstance, cons
   r->tlBTObj =
       get_obj_from_bt_name(*app, r->tlURL, r->tlURLParameters, btHeaderValue, &r->updateBTLock, "");
   r->tlIsBTExcluded = !r->tlBTObj || r->tlBTObj->bt_id.load(std::memory_order_relaxed) == -2;
-  {
-    std::lock_guard lk(app->fpiToTLS.lock);
-    app->fpiToTLS.map[r->flowpathInstance] = r;
-  }
   r->hasMapNodePtr = acquireMethodHashMapNode(app);
-  // Kept for the end, which would otherwise look it up again under the lock.
-  r->tlBeginRequestMethod =
-      getMethodPropFromMethodName(app, ZX_BEGIN_REQUEST_METHOD, r->hasMapNodePtr);
+  // Kept for the end; the node holds it.
+  r->tlBeginRequestMethod = r->hasMapNodePtr ? r->hasMapNodePtr->beginRequest : nullptr;
+  // No other thread can reach the record before it is registered and
+  // published, so its first entry needs no lock.
+  if (const methodPropProperties *m = r->tlBeginRequestMethod; m && enterMethod(app, r, m))
+    appendEvent(app, r, m->methodId, 0, ZX_FP_EVENT_ENTRY, -1, -1, m->isAsyncCall, r->tlThreadId,
+                r->tlURL, 0);
+  if (!app->fpiToTLS.put(r->flowpathInstance, r)) return nullptr;
+  r->idListed = 1;
   // Filled: from here a stop walk may write the flowpath out.
   r->fpPhase.store(ZX_FP_RUNNING, std::memory_order_release);
-  if (r->tlBeginRequestMethod)
-    zxMethodEntryEx(app, r, r->tlBeginRequestMethod, r->tlFlowPathTimeStampInMS);
   giveBack.r = nullptr;
   return r;
 }
 
 void zxMethodEntryEx(ZXAppTracing *app, ZXPerThreadData_t *r, const methodPropProperties *m,
                      long long nowMs) {
-  if (!app || !r || !m) return;
-  if (m->isEntryPoint & 1)
-    ++r->tlServiceMethodDepth;
-  else
-    ++r->tlNonServiceMethodCount;
-  if (!writesMethodEvents(r, m, app->ZXSys.bciMaxNonServiceMethodsPerFP)) return;
-  r->seqNum += 1;
-  updateFPSeqBlob(app, r, m->methodId, nowMs - r->tlFlowPathTimeStampInMS, ZX_FP_EVENT_ENTRY, -1,
-                  -1, m->isAsyncCall, r->tlThreadId, r->tlURL, 0);
+  if (!app || !r || !m || !enterMethod(app, r, m)) return;
+  std::lock_guard lk(r->sequenceBlobLock);
+  appendEvent(app, r, m->methodId, nowMs - r->tlFlowPathTimeStampInMS, ZX_FP_EVENT_ENTRY, -1, -1,
+              m->isAsyncCall, r->tlThreadId, r->tlURL, 0);
 }
 
 void zxMethodExitEx(ZXAppTracing *app, ZXPerThreadData_t *r, const methodPropProperties *m,
                     long long methodWallTime, long long fpCPUTime, int eventID) {
-  if (!app || !r || !m) return;
-  const long long limit = app->ZXSys.bciMaxNonServiceMethodsPerFP;
-  if (m->isEntryPoint & 1) {
-    --r->tlServiceMethodDepth;
-  } else if (r->tlNonServiceMethodCount > limit) {
-    // Its entry was not written either: only undo the count.
-    --r->tlNonServiceMethodCount;
-    return;
+  if (!app || !r || !m || !exitMethod(app, r, m)) return;
+  {
+    std::lock_guard lk(r->sequenceBlobLock);
+    appendEvent(app, r, m->methodId, methodWallTime, eventID, -1, fpCPUTime, m->isAsyncCall,
+                r->tlThreadId, nullptr, 0);
   }
-  if (!writesMethodEvents(r, m, limit)) return;
-  updateFPSeqBlob(app, r, m->methodId, methodWallTime, eventID, -1, fpCPUTime, m->isAsyncCall,
-                  r->tlThreadId, nullptr, 0);
   if (m->isEntryPoint & 8) {
     // Only call-outs pay for a clock read: their entry carries the start.
     long long end = my_gettimeofday() - app->Server.morEpochDiffTime - r->tlFlowPathTimeStampInMS;
@@ -428,9 +656,21 @@ long long zxAgentTimeNow(const ZXAppTracing *app) {
 methodPropProperties *findOrAddMethod(ZXAppTracing *app, ZXPerThreadData_t *r, const char *name,
                                       int isEntryPoint, int type) {
   if (!app || !r || !name || !*name || !r->hasMapNodePtr) return nullptr;
-  std::lock_guard lk(app->methodEntryLock);
-  if (methodPropProperties *m = getMethodPropFromMethodName(app, name, r->hasMapNodePtr)) return m;
-  return updateMethodHashMap(app, name, isEntryPoint, type, r->hasMapNodePtr);
+  // A held node maps a name to one record for good: the cache cannot go stale.
+  auto &cache = r->nameCache;
+  for (methodPropProperties *m : cache)
+    if (m && std::strcmp(m->methodName.c_str(), name) == 0) return m;
+  methodPropProperties *m;
+  {
+    std::lock_guard lk(app->methodEntryLock);
+    m = search_hashmap(name, r->hasMapNodePtr->dynamic_ptr);
+    if (!m) m = updateMethodHashMap(app, name, isEntryPoint, type, r->hasMapNodePtr);
+  }
+  if (m) {
+    std::copy_backward(std::begin(cache), std::end(cache) - 1, std::end(cache));
+    cache[0] = m;
+  }
+  return m;
 }
 
 namespace {
@@ -490,21 +730,19 @@ void zxMethodExitException(ZXAppTracing *app, methodPropProperties *method, ZXPe
 
 namespace {
 
-// Drops the id entry of the flowpath on `r`, unless another holds the id.
-void forgetInstance(ZXAppTracing *app, long long id, const ZXPerThreadData_t *r) {
-  std::lock_guard lk(app->fpiToTLS.lock);
-  auto it = app->fpiToTLS.map.find(id);
-  if (it != app->fpiToTLS.map.end() && it->second == r) app->fpiToTLS.map.erase(it);
-}
-
 // The owner's flowpath lets go of its method table and its id entry. Only the
 // owner calls it, so the node stays valid for as long as the owner can use it.
 void detachFlowpath(ZXAppTracing *app, ZXPerThreadData_t *r) {
   if (r->hasMapNodePtr) {
     releaseMethodHashMapNode(r->hasMapNodePtr);
     r->hasMapNodePtr = nullptr;
+    std::fill(std::begin(r->nameCache), std::end(r->nameCache), nullptr);
   }
-  forgetInstance(app, r->flowpathInstance, r);
+  // The stop walk may have dropped the entry already; erasing again is harmless.
+  if (r->idListed) {
+    app->fpiToTLS.erase(r->flowpathInstance, r);
+    r->idListed = 0;
+  }
 }
 
 }  // namespace
@@ -518,7 +756,14 @@ void endFP(ZXAppTracing *app, ZXPerThreadData_t *r, int statusCode, long long TL
   r->setEndFPFlag = 1;
   r->tlStatusCode = statusCode;
   r->tlDuration = endTime - epochDiff - r->tlFlowPathTimeStampInMS;
-  if (r->tlBeginRequestMethod) zxMethodExitEx(app, r, r->tlBeginRequestMethod, r->tlDuration, -1);
+  // The request's own exit is decided now (the category below may uncapture
+  // the flowpath) and written under the same hold as the last record.
+  const methodPropProperties *request = r->tlBeginRequestMethod;
+  bool requestExit = false;
+  if (request && (request->isEntryPoint & 8))
+    zxMethodExitEx(app, r, request, r->tlDuration, -1);
+  else if (request)
+    requestExit = exitMethod(app, r, request);
 
   BTObject *bt = r->tlBTObj;
   int category = 0;
@@ -532,6 +777,9 @@ void endFP(ZXAppTracing *app, ZXPerThreadData_t *r, int statusCode, long long TL
   // neither written nor counted again.
   bool last = false;
   r->sequenceBlobLock.lock();
+  if (requestExit)
+    appendEvent(app, r, request->methodId, r->tlDuration, ZX_FP_EVENT_EXIT, -1, -1,
+                request->isAsyncCall, r->tlThreadId, nullptr, 0);
   if (r->fpPhase.load(std::memory_order_relaxed) < ZX_FP_ENDED) {
     r->fpPhase.store(ZX_FP_ENDED, std::memory_order_relaxed);
     last = true;
@@ -566,7 +814,6 @@ void reset(ZXAppTracing *app, ZXPerThreadData_t *r) {
   // The table reference is the owner's to drop: the stop leaves it, as the
   // owner may still be resolving names in the node.
   detachFlowpath(app, r);
-  resetAllThreadLocals(r, app);
   free_tls_slot(app, r);
 }
 
@@ -591,7 +838,7 @@ void dumpIncompleteFPAtTestStop(ZXAppTracing *app, ZXPerThreadData_t *r) {
     written = true;
   }
   r->sequenceBlobLock.unlock();
-  if (written) forgetInstance(app, id, r);
+  if (written) app->fpiToTLS.erase(id, r);
 }
 
 ZXPerThreadData_t *findFPFromInstance(ZXAppTracing *app, const char *flowpathInstanceStr) {
@@ -600,7 +847,5 @@ ZXPerThreadData_t *findFPFromInstance(ZXAppTracing *app, const char *flowpathIns
   const char *end = flowpathInstanceStr + std::strlen(flowpathInstanceStr);
   auto [p, ec] = std::from_chars(flowpathInstanceStr, end, id);
   if (ec != std::errc{} || p != end || p == flowpathInstanceStr) return nullptr;
-  std::lock_guard lk(app->fpiToTLS.lock);
-  auto it = app->fpiToTLS.map.find(id);
-  return it == app->fpiToTLS.map.end() ? nullptr : it->second;
+  return app->fpiToTLS.find(id);
 }

@@ -7,13 +7,14 @@
 // never block on the network (dumpData drops and counts what does not fit).
 // Every blob write and every record 3/4 write happens under the record's
 // sequenceBlobLock, because a call-out thread may append to the same blob and
-// the stop walk may write the flowpath out. A flowpath written out (ended, or
-// ended by the stop) takes no more entries.
+// the stop walk may write the flowpath out; only startFP writes the request's
+// entry without it, before any other thread can reach the record. A flowpath
+// written out (ended, or ended by the stop) takes no more entries.
 #pragma once
 
+#include <cstddef>
+#include <memory>
 #include <mutex>
-#include <string>
-#include <unordered_map>
 
 #include "ZXPerThreadData.h"
 #include "zxlb_relaxed.h"
@@ -39,10 +40,32 @@ struct ZXFlowpathIdSettings_t {
 
 // Flowpaths in progress by id, so that a later call (a call-out thread, the
 // proxy's reader) finds one by its id text. Keyed by the number the text
-// spells, which saves a string per flowpath.
-struct ZXFpiToTLS {
-  std::mutex lock;  // guards map
-  std::unordered_map<long long, ZXPerThreadData_t *> map;
+// spells. Open addressing in one array that grows with the number of
+// flowpaths running at once, never per flowpath: registering and forgetting
+// an id allocate nothing once the table has seen that many.
+class ZXFpiToTLS {
+ public:
+  // Registers `record` under `id`, replacing whichever held it. False only
+  // when the table is full and cannot grow.
+  bool put(long long id, ZXPerThreadData_t *record);
+  // Forgets `id` if `record` still holds it.
+  void erase(long long id, const ZXPerThreadData_t *record);
+  ZXPerThreadData_t *find(long long id);
+  std::size_t size();
+
+ private:
+  struct Entry {
+    long long id;
+    ZXPerThreadData_t *record;  // null: a free entry
+  };
+  std::size_t home(long long id) const;
+  bool grow();
+
+  std::mutex lock_;  // guards everything below
+  std::unique_ptr<Entry[]> slots_;
+  std::size_t mask_ = 0;  // capacity less one; capacity is a power of two
+  int shift_ = 64;        // 64 less log2(capacity)
+  std::size_t count_ = 0;
 };
 
 inline constexpr int ZX_MAX_CHARS_IN_SEQ_BLOB = 13312;

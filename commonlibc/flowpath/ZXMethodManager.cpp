@@ -256,9 +256,10 @@ void parseMethodText(ZXAppTracing *app, node_t &node, std::string_view text, Lin
 
 // Every table knows the pseudo method that opens each flowpath.
 void ensureBeginRequest(ZXAppTracing *app, node_t &node) {
-  if (search_hashmap(ZX_BEGIN_REQUEST_METHOD, node.dynamic_ptr)) return;
-  methodPropProperties *r = giveId(app, node, ZX_BEGIN_REQUEST_METHOD, 1, 0, false);
-  if (r) announce(app, plainMetaRecord(*r));
+  node.beginRequest = search_hashmap(ZX_BEGIN_REQUEST_METHOD, node.dynamic_ptr);
+  if (node.beginRequest) return;
+  node.beginRequest = giveId(app, node, ZX_BEGIN_REQUEST_METHOD, 1, 0, false);
+  if (node.beginRequest) announce(app, plainMetaRecord(*node.beginRequest));
 }
 
 // Clears the run state of the records a successor shares with its

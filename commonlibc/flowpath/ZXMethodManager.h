@@ -61,7 +61,10 @@ struct node_t {
   char type = 0;                  // 1 once filled from a profile
   long long timeStamp = 0;        // ms, when retired
   node_t *next = nullptr;         // retirement list
-  zx::PoolPtr pool;               // the maps' memory
+  // The pseudo method that opens each flowpath, set before the node is
+  // published: a flowpath starts without a look-up by name.
+  methodPropProperties *beginRequest = nullptr;
+  zx::PoolPtr pool;  // the maps' memory
   ZXMethodIdIndex byId;
 
   node_t() = default;

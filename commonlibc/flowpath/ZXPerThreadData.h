@@ -38,6 +38,25 @@ inline constexpr int ZX_DEBUG_MODE_BUF_SIZE = 128;
 // deeper calls still pair, with an unknown (0) wall time.
 inline constexpr int ZX_METHOD_STACK_DEPTH = 256;
 
+// A record's blob lock. Its owner takes it for every method event and other
+// threads (the stop walk, a thread the host handed the flowpath to) seldom,
+// and each holds it for at most one record's formatting. So the free case is
+// inline, and giving it back is a plain store: no locked instruction waiting
+// for the record just written to drain. A waiter spins, then yields, then
+// naps; nobody has to wake it. Not recursive.
+class ZXBlobLock {
+ public:
+  void lock() noexcept {
+    if (!taken_.exchange(true, std::memory_order_acquire)) return;
+    lockSlow();
+  }
+  void unlock() noexcept { taken_.store(false, std::memory_order_release); }
+
+ private:
+  void lockSlow() noexcept;
+  std::atomic<bool> taken_{false};
+};
+
 enum ZXFpPhase : unsigned char {
   ZX_FP_IDLE = 0,           // taken, not (yet) a published flowpath
   ZX_FP_RUNNING = 1,        // published by startFP
@@ -68,6 +87,10 @@ struct ZXPerThreadData_t {
   int httpCallOutDepth = 0;
   char flowpathInstanceStr[ZX_FPI_STR_SIZE] = {};
   long long flowpathInstance = 0;
+  // flowpathInstanceStr's length and the id it spells: records copy the text
+  // rather than format the id again while it still spells flowpathInstance.
+  int flowpathInstanceStrLen = 0;
+  long long flowpathInstanceStrOf = 0;
   long long tlsIdx = 0;  // unique slot number in the process (g_tlsidx)
   long long seqNum = 0;
   long long tlTestRunNumber = 0;
@@ -94,6 +117,7 @@ struct ZXPerThreadData_t {
   // Changed from Running only under sequenceBlobLock (see the top).
   std::atomic<unsigned char> fpPhase{ZX_FP_IDLE};
   char setEndFPFlag = 0;
+  char idListed = 0;  // the owner's: whether it registered the id in fpiToTLS
   long long zxSessionId = 0;
   long long prev_fp_start_time = 0;
   int instrumented = 0, btCategory = 0, exceptionCount = 0, totalFpcount = 0;
@@ -104,7 +128,8 @@ struct ZXPerThreadData_t {
   int debugModeLen = 0;
   char debugModeBuf[ZX_DEBUG_MODE_BUF_SIZE] = {};
   int bitFlags = 0;
-  zx::NestedMutex sequenceBlobLock, updateBTLock;
+  ZXBlobLock sequenceBlobLock;
+  zx::NestedMutex updateBTLock;
   // Exception being recorded (filled by exception capture).
   zx::OwnedString excepMessage;
   char dumpERecordFlag = 0;
@@ -113,6 +138,11 @@ struct ZXPerThreadData_t {
   zx::OwnedString excepClassName, throwingCName, throwingMName, exceptionBackendName,
       exceptionStackTrace;
   long long fpStartTimeforReset = 0;
+  // The methods this flowpath resolved by name last, newest first: records
+  // of hasMapNodePtr, valid while it is held. A name called again (an exit
+  // after its entry) skips the method table's lock.
+  static constexpr int kNameCacheSize = 4;
+  methodPropProperties *nameCache[kNameCacheSize] = {};
   // Agent times (ms) of the open by-name method entries.
   int methodStackDepth = 0;
   long long methodEntryTimes[ZX_METHOD_STACK_DEPTH] = {};
@@ -133,5 +163,8 @@ struct TLSDataStruct {
 };
 
 // Clears the record's transaction fields (not its identity, locks, links or
-// monitor model) and zeroes its tlsdatastruct entry under tlsMutex.
+// monitor model). Only whoever holds the record may call it.
+void clearTransactionFields(ZXPerThreadData_t *record);
+// clearTransactionFields, and zeroes the record's tlsdatastruct entry under
+// tlsMutex.
 void resetAllThreadLocals(ZXPerThreadData_t *record, ZXAppTracing *app);

@@ -116,6 +116,11 @@ void free_tls_slot(ZXAppTracing *app, ZXPerThreadData_t *r) {
     ZX_FP_LOG(app, 0, "Warning", "Slot %lld is not busy, hence not freed again", r->tlsIdx);
     return;
   }
+  // Cleared here, under the lock, so that no taker finds it half cleared and
+  // its hotspot entry goes in the same hold.
+  clearTransactionFields(r);
+  if (app->tlsdatastruct && r->tlsIdx >= 0 && r->tlsIdx < app->size_array)
+    app->tlsdatastruct[r->tlsIdx] = TLSDataStruct{};
   r->isBusy = 0;
   app->gFreeTLSCnt += 1;
   app->gBusyTLSCnt -= 1;

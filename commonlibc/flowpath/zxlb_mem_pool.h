@@ -35,8 +35,10 @@ ZXPerThreadData_t *create_tls_pool(ZXAppTracing *app, int loc_BusyTLSCnt);
 // could be made.
 ZXPerThreadData_t *get_free_tls_slot(ZXAppTracing *app);
 
-// Gives a busy record back (its owner only). A null record is logged; a
-// record that is not busy (already given back, or never taken) is ignored.
+// Gives a busy record back (its owner only), cleared as resetAllThreadLocals
+// clears it, so that the next taker need not clear it again. A null record is
+// logged; a record that is not busy (already given back, or never taken) is
+// ignored and left as it is.
 void free_tls_slot(ZXAppTracing *app, ZXPerThreadData_t *record);
 
 // Writes a flowpath still in progress as incomplete, under the record's own

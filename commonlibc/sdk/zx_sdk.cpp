@@ -37,11 +37,14 @@ std::atomic<int> agentStarted{0};
 std::atomic<unsigned> initPauseMs{30000};
 
 // bt_lock guards g_bt_hash (inserts, look-ups and removals) and the pool
-// behind it; the callbacks are atomics of their own.
+// behind it; the callbacks are atomics of their own. `stored` is the hash's
+// count, written under bt_lock, so that a release with nothing stored (the
+// usual case) skips the lock.
 struct SdkState {
   zx::PoolPtr sdk_pool;
   zx::NestedMutex bt_lock;
   apr_hash_t *g_bt_hash = nullptr;
+  std::atomic<unsigned> stored{0};
 };
 SdkState *sdk = nullptr;  // made by zx_init, dropped by zx_free; host calls only
 std::atomic<zx_agent_callback_t> agentCallback{nullptr};
@@ -264,19 +267,20 @@ ZX_EXPORT int zx_bt_release(zxBTHandle bt_handle) {
   if (!bt_handle) return counted(zx_sdk_reason::null_handle, -1);
   if (!ownHandle(bt_handle)) return counted(zx_sdk_reason::parent_handle, -1);
   return zx_c_guard(-1, [bt_handle] {
-    {
+    // A store of this handle happened before its release, so a count of 0
+    // read here means it is not among them.
+    if (sdk->stored.load(std::memory_order_acquire) > 0) {
       std::lock_guard lk(sdk->bt_lock);
-      if (apr_hash_count(sdk->g_bt_hash) > 0) {
-        for (apr_hash_index_t *hi = apr_hash_first(nullptr, sdk->g_bt_hash); hi;
-             hi = apr_hash_next(hi)) {
-          const void *key;
-          apr_ssize_t klen;
-          void *val;
-          apr_hash_this(hi, &key, &klen, &val);
-          // APR allows removing the current entry during a walk.
-          if (val == bt_handle) apr_hash_set(sdk->g_bt_hash, key, klen, nullptr);
-        }
+      for (apr_hash_index_t *hi = apr_hash_first(nullptr, sdk->g_bt_hash); hi;
+           hi = apr_hash_next(hi)) {
+        const void *key;
+        apr_ssize_t klen;
+        void *val;
+        apr_hash_this(hi, &key, &klen, &val);
+        // APR allows removing the current entry during a walk.
+        if (val == bt_handle) apr_hash_set(sdk->g_bt_hash, key, klen, nullptr);
       }
+      sdk->stored.store(apr_hash_count(sdk->g_bt_hash), std::memory_order_release);
     }
     releaseFP(bt_handle->owner, bt_handle);
     return 0;
@@ -301,6 +305,7 @@ ZX_EXPORT void zx_bt_store(zxBTHandle bt_handle, const char *unique_bt_id) {
       return;
     }
     apr_hash_set(sdk->g_bt_hash, unique_bt_id, APR_HASH_KEY_STRING, bt_handle);
+    sdk->stored.store(apr_hash_count(sdk->g_bt_hash), std::memory_order_release);
     ZX_SDK_LOG(1, "Business transaction stored successfully.");
   });
 }

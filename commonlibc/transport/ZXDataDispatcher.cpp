@@ -209,6 +209,30 @@ int dumpData(ZXAppLink *app, const char *data, int len) {
   return rc;
 }
 
+int dumpRecords(ZXAppLink *app, const ZXRecordSpan *records, int count) {
+  if (!app) return -99;
+  if (count > ZX_MAX_RECORDS_AT_ONCE) count = ZX_MAX_RECORDS_AT_ONCE;
+  // Counted before the lock, as dumpData counts.
+  unsigned long long lines[ZX_MAX_RECORDS_AT_ONCE] = {};
+  for (int i = 0; i < count; ++i)
+    if (records[i].data && records[i].len > 0)
+      lines[i] = countRecordLines(records[i].data, static_cast<std::size_t>(records[i].len));
+  int rcs[ZX_MAX_RECORDS_AT_ONCE] = {};
+  bool logDrop[ZX_MAX_RECORDS_AT_ONCE] = {};
+  {
+    std::lock_guard write(app->sendBuffers.bufferWriteLock);
+    for (int i = 0; i < count; ++i)
+      if (records[i].data && records[i].len > 0)
+        rcs[i] = addLocked(app, records[i].data, records[i].len, lines[i], logDrop[i]);
+  }
+  int first = 0;
+  for (int i = 0; i < count; ++i) {
+    if (logDrop[i]) logDropped(app, rcs[i], records[i].len);
+    if (!first) first = rcs[i];
+  }
+  return first;
+}
+
 nioSettings_t *moveToReadList(ZXSendBufferPool &pool) {
   std::lock_guard move(pool.bufferMoveLock);
   nioSettings_t *b = pool.writeList.load(std::memory_order_relaxed);

@@ -163,6 +163,18 @@ zx::Status allocSendBuffers(ZXSendBufferPool &pool, int size, int count, const c
 // without an application. Otherwise the result of addDataInSendBuffer.
 int dumpData(ZXAppLink *app, const char *data, int len);
 
+// Records that go out together (a flowpath's header and its end) under one
+// hold of bufferWriteLock: each is stored or dropped, and counted, exactly as
+// its own dumpData call would store it, and nothing lands between them.
+struct ZXRecordSpan {
+  const char *data;
+  int len;
+};
+inline constexpr int ZX_MAX_RECORDS_AT_ONCE = 4;
+// dumpData for each of `count` (at most ZX_MAX_RECORDS_AT_ONCE) records:
+// the first non-zero result, or 0; -99 without an application.
+int dumpRecords(ZXAppLink *app, const ZXRecordSpan *records, int count);
+
 // 0 stored; -1 no free buffer (dropped); -2 nothing being filled while a
 // buffer is being sent (dropped); -3 larger than the filling buffer's room
 // and the next buffer together (dropped whole); -99 no buffers at all.
