@@ -28,8 +28,6 @@ class [[nodiscard]] Status {
   constexpr Errc code() const noexcept { return code_; }
   // The errno or APR status behind an io failure, else 0.
   constexpr int sysError() const noexcept { return sys_error_; }
-  // For log lines: what went wrong, without the system's text.
-  const char *what() const noexcept;
 
   friend constexpr bool operator==(Status a, Status b) noexcept { return a.code_ == b.code_; }
 
@@ -43,31 +41,6 @@ inline constexpr Status Ok{};
 // Edges whose codes the protocol fixes.
 constexpr int asZeroOrMinusOne(Status s) noexcept {
   return s.ok() ? 0 : -1;
-}
-constexpr bool asFalseOnSuccess(Status s) noexcept {
-  return !s.ok();
-}
-
-inline const char *Status::what() const noexcept {
-  switch (code_) {
-    case Errc::ok:
-      return "ok";
-    case Errc::bad_input:
-      return "bad input";
-    case Errc::no_memory:
-      return "out of memory";
-    case Errc::not_found:
-      return "not found";
-    case Errc::io:
-      return "system call failed";
-    case Errc::timed_out:
-      return "still busy at the deadline";
-    case Errc::stopped:
-      return "stopped";
-    case Errc::busy:
-      return "busy";
-  }
-  return "unknown";
 }
 
 }  // namespace zx
