@@ -1,0 +1,54 @@
+// Building one event frame (zxlb_frame_layout.h) in a buffer sized to its
+// total length: small frames on the stack, long ones (a stack trace, a
+// header buffer) on the heap, so no string length can overrun anything.
+// Strings longer than ZX_FRAME_MAX_STRING are cut there and counted.
+#pragma once
+
+#include <atomic>
+#include <cstddef>
+#include <cstring>
+#include <initializer_list>
+#include <memory>
+
+#include "zxlb_frame_layout.h"
+
+// Longest string sent whole; the wire allows up to INT32_MAX in all.
+inline constexpr std::size_t ZX_FRAME_MAX_STRING = 1u << 20;
+
+// Strings cut to ZX_FRAME_MAX_STRING, process-wide.
+extern std::atomic<unsigned long long> zxFrameStringsCut;
+
+struct ZXFrameString {
+  const char *text;  // null: length 0
+  std::size_t len;
+};
+// strnlen bounded by the limit (one byte more, to tell a cut).
+ZXFrameString frameString(const char *text) noexcept;
+
+class ZXFrameBuffer {
+ public:
+  ZXFrameBuffer() = default;
+  ZXFrameBuffer(const ZXFrameBuffer &) = delete;
+  ZXFrameBuffer &operator=(const ZXFrameBuffer &) = delete;
+
+  // The whole frame; `fixed` is the type's block with its length fields
+  // already set from the strings, `fixedLen` its size. The block must have
+  // been memset to zero before its fields were set: aggregate initialisation
+  // leaves padding unspecified, and padding goes out as zero. False without
+  // memory.
+  bool build(ZXFrameType type, const void *fixed, std::size_t fixedLen,
+             std::initializer_list<ZXFrameString> strings) noexcept;
+  const char *data() const noexcept { return heap_ ? heap_.get() : inline_; }
+  int size() const noexcept { return static_cast<int>(size_); }
+
+ private:
+  char inline_[512];
+  std::unique_ptr<char[]> heap_;
+  std::size_t size_ = 0;
+};
+
+// Negative numbers go out as 0.
+template <typename T>
+constexpr T frameNumber(T v) noexcept {
+  return v < 0 ? T{0} : v;
+}
