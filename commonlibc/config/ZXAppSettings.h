@@ -80,6 +80,10 @@ struct ZXAppSettings : zx::LogContext {
   long long traceMaxSize() const noexcept override;
   int logMode() const noexcept override;
   bool proxyProcess() const noexcept override;
+  // An application process of proxy mode: its engine entry points send each
+  // event to the proxy as a frame and trace nothing locally.
+  // (ZXSys.proxyServerFlag mirrors the process-wide flag from start-up on.)
+  bool sendsEventsToProxy() const noexcept { return ZXSys.proxyMode && !ZXSys.proxyServerFlag; }
   int testRunId() const noexcept override;
   const char *buildText() const noexcept override;
   bool keepAgentLogLine(const char *threadName, long long threadId, const char *severity,

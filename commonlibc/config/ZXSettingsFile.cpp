@@ -254,6 +254,18 @@ int read_env_var(ZXAppSettings &app) {
     set_host_name_default(app);
   if ((v = env_value("MOR_APP_AGENT_INSTANCE", s))) setAppName(bci, v);
 
+  // The proxy, when the environment names proxy mode, is the collector this
+  // process needs: it can start without a collector host of its own.
+  bool proxy_from_env = false;
+  if ((v = env_value("MOR_APP_AGENT_PROXYMODE", s))) {
+    app.ZXSys.proxyMode = app.zxProxyMode = atoi(v);
+    proxy_from_env = true;
+  }
+  if ((v = env_value("MOR_APP_AGENT_PROXYCONTYPE", s))) app.ZXSys.proxyConType = atoi(v);
+  if ((v = env_value("MOR_APP_AGENT_PROXYSOCKETPATH", s))) app.ZXSys.socketPath.assign(v);
+  if ((v = env_value("MOR_APP_AGENT_PROXYIP", s))) app.ZXSys.proxyIP.assign(v);
+  if ((v = env_value("MOR_APP_AGENT_PROXYPORT", s))) app.ZXSys.proxyPort = atoi(v);
+
   app.zxc_server_arr.ensure();
   if ((v = env_value("MOR_APP_AGENT_ZXCHOST", s))) set_primary_host(app, v);
   bool port_from_env = false;
@@ -261,6 +273,7 @@ int read_env_var(ZXAppSettings &app) {
     set_primary_port(app, atoi(v));
     port_from_env = true;
   }
+  if (proxy_from_env && app.sendsEventsToProxy()) return 0;
   if (!port_from_env || !bci.zxcHost.is_set()) return 1;
 
   bci.isEnableEnvVar = 1;
@@ -343,7 +356,8 @@ int read_conf_file(ZXAppSettings &app) {
   if (!pass.port_seen) set_primary_port(app, ZX_DEFAULT_COLLECTOR_PORT);
   if (!pass.protocol_seen)
     updateANYAgentSupportedProtocolData(app, bci.saasMode ? ZX_PROTO_WSS : ZX_PROTO_TCP);
-  if (!bci.zxcHost.is_set()) return 1;
+  // A proxy-mode application process talks to its proxy only.
+  if (!bci.zxcHost.is_set()) return app.sendsEventsToProxy() ? 0 : 1;
   if (app.zxc_server_arr.at_growing(1).zxc_port != 0 && e0.saasServer) app.zx_dr_state = 1;
   derive_instance_name(app);
   return (!bci.saasMode && !bci.zxcHost.is_set()) ? 1 : 0;

@@ -108,8 +108,12 @@ void handleStartInstrumentationCase(ZXAppControl *app, char *message) {
   // Runs start their data connection here; the hotspot sensor joins the
   // start when it exists.
   check_data_thread(app);
-  check_as_data_thread(app);
-  startMonitorTimer(app);
+  // A proxy-mode application process traces nothing itself: the proxy
+  // keeps its monitors, and its data connection carries frames alone.
+  if (!app->sendsEventsToProxy()) {
+    check_as_data_thread(app);
+    startMonitorTimer(app);
+  }
   // A profile saved by an earlier run becomes the method table; without one
   // the first flowpath makes an empty table.
   readingFileInstrProfile(app);

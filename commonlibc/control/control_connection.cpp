@@ -43,10 +43,9 @@ bool starts_with(const char *text, std::string_view prefix) {
 }  // namespace
 
 int create_control_conn(ZXAppControl *app, const char *host, int port, char *err, int err_len) {
-  int protocol = app->lws_active ? app->ActiveAgentProtocolIndex : ZX_PROTO_TCP;
   std::unique_ptr<ZXConnection> conn = zx_open_connection(
-      protocol, host, port, app->linkTimings.connectTimeout, app->linkTimings.ctrlIoTimeout, err,
-      err_len, [app] { return app->stopRequested.load(); });
+      app->linkProtocol(), host, port, app->linkTimings.connectTimeout,
+      app->linkTimings.ctrlIoTimeout, err, err_len, [app] { return app->stopRequested.load(); });
   if (!conn) return -1;
   socketInfo_t &c = app->control;
   copy_text(c.sourceIp, conn->source().ip);

@@ -71,8 +71,10 @@ Endpoint chooseEndpoint(ZXAppControl *app) {
   ZXSys_t &sys = app->ZXSys;
   Endpoint e;
   if (sys.proxyMode && !ZXProxy.proxyServerFlag) {
-    e.host = sys.proxyIP.c_str();
-    e.port = sys.proxyPort;
+    // A unix-domain socket's path stands in the host, with port 0.
+    const bool local = app->proxyOverUnixSocket();
+    e.host = local ? sys.socketPath.c_str() : sys.proxyIP.c_str();
+    e.port = local ? 0 : sys.proxyPort;
     e.proxy = true;
     return e;
   }

@@ -1,10 +1,15 @@
 #include "ZXCallOut.h"
 
 #include "ZXAppTracing.h"
+#include "ZXEventsToProxy.h"
 #include "ZXFlowpathGenerator.h"
 #include "ZXSQLProcessor.h"
 
 namespace {
+
+// The call-out handle of a proxy-mode application process, which keeps no
+// method table: the call itself is kept on the record.
+methodPropProperties proxiedBackend;
 
 long long sinceFlowpathStart(const ZXAppTracing *app, const ZXPerThreadData_t *r) {
   return zxAgentTimeNow(app) - r->tlFlowPathTimeStampInMS;
@@ -15,6 +20,11 @@ long long sinceFlowpathStart(const ZXAppTracing *app, const ZXPerThreadData_t *r
 methodPropProperties *beginCallOut(ZXAppTracing *app, ZXPerThreadData_t *r, ZXCallOutKind kind,
                                    const char *host, const char *query) {
   if (!app || !r) return nullptr;
+  if (app->sendsEventsToProxy()) {
+    if (!host || !*host) return nullptr;
+    callOutBeginForProxy(app, r, static_cast<int>(kind), host, query);
+    return &proxiedBackend;
+  }
   methodPropProperties *backend = findOrAddMethod(app, r, host, 0, static_cast<int>(kind));
   if (!backend) return nullptr;
   app->backendMonitor.grow(backend->methodId);  // a load once the counters exist
@@ -29,6 +39,7 @@ methodPropProperties *beginCallOut(ZXAppTracing *app, ZXPerThreadData_t *r, ZXCa
 void endCallOut(ZXAppTracing *app, ZXPerThreadData_t *r, ZXCallOutKind kind,
                 methodPropProperties *backend) {
   if (!app || !r || !backend) return;
+  if (app->sendsEventsToProxy()) return callOutEndForProxy(app, r, static_cast<int>(kind));
   r->seqNum += 1;
   int &depthOfKind =
       kind == ZXCallOutKind::Database ? r->tlSQLObj.dbCallDepth : r->httpCallOutDepth;

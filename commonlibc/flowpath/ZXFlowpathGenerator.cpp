@@ -17,6 +17,7 @@
 #include "ZXAppTracing.h"
 #include "ZXBTMonitor.h"
 #include "ZXDataDispatcher.h"
+#include "ZXEventsToProxy.h"
 #include "ZXFeatureKeywords.h"
 #include "ZXManageTierCallOut.h"
 #include "ZXMethodManager.h"
@@ -606,6 +607,12 @@ ZXPerThreadData_t *startFP(ZXAppTracing *app, const char *flowpathinstance, cons
   }
   r->qTimeInMS = qTimeInMS;
   zx_decide_capture(app, r, ZXCookieStr, start);
+  if (app->sendsEventsToProxy()) {
+    startFPForProxy(app, r, flowpathinstance, url, btHeaderValue, ZXCookieStr, RBCookieStr,
+                    correlationIdHeader, qTimeInMS, start);
+    giveBack.r = nullptr;
+    return r;
+  }
 
   r->tlBTObj =
       get_obj_from_bt_name(*app, r->tlURL, r->tlURLParameters, btHeaderValue, &r->updateBTLock, "");
@@ -693,8 +700,11 @@ void zxMethodEntry(ZXAppTracing *app, methodPropProperties *method, ZXPerThreadD
                    const char *methodName, const char *queryString, const char *urlParameter,
                    long long threadId, const char *packageName, long long TLS,
                    long long startTime) {
-  (void)queryString, (void)urlParameter, (void)threadId, (void)packageName, (void)TLS;
+  (void)packageName, (void)TLS;
   if (!app || !r) return;
+  if (app->sendsEventsToProxy())
+    return methodEntryForProxy(app, r, methodName, queryString, urlParameter, threadId, startTime);
+  (void)queryString, (void)urlParameter, (void)threadId;
   if (!method) method = findOrAddMethod(app, r, methodName, 0, 0);
   if (!method) return;
   const long long now = agentTimeOf(app, startTime);
@@ -707,9 +717,12 @@ void zxMethodExit(ZXAppTracing *app, methodPropProperties *method, ZXPerThreadDa
                   const char *methodName, long long cpuTime, int statusCode,
                   const char *backendHeader, long long duration, long long threadId, int isCallout,
                   long long TLS, int eventType, int reqNotificationPhase, long long endTime) {
-  (void)statusCode, (void)backendHeader, (void)threadId, (void)isCallout, (void)TLS;
-  (void)reqNotificationPhase;
+  (void)TLS, (void)reqNotificationPhase;
   if (!app || !r) return;
+  if (app->sendsEventsToProxy())
+    return methodExitForProxy(app, r, methodName, cpuTime, statusCode, backendHeader, duration,
+                              threadId, isCallout, eventType, endTime);
+  (void)statusCode, (void)backendHeader, (void)threadId, (void)isCallout;
   if (!method) method = findOrAddMethod(app, r, methodName, 0, 0);
   if (!method) return;
   const long long wall = popMethodEntry(r, agentTimeOf(app, endTime));
@@ -723,6 +736,9 @@ void zxMethodExitException(ZXAppTracing *app, methodPropProperties *method, ZXPe
                            long long threadId, int calloutDone, long long TLS,
                            int ExceptionExitType) {
   (void)forcedDump, (void)calloutDone;
+  if (app && r && app->sendsEventsToProxy())
+    return methodExitExceptionForProxy(app, r, methodName, backendName, threadId,
+                                       ExceptionExitType);
   zxMethodExit(app, method, r, methodName, cpuTime, statusCode, backendName,
                wallTime > 0 ? wallTime : -1, threadId, 0, TLS, ExceptionExitType == 4 ? 4 : 3, 0,
                0);
@@ -756,6 +772,7 @@ void endFP(ZXAppTracing *app, ZXPerThreadData_t *r, int statusCode, long long TL
   r->setEndFPFlag = 1;
   r->tlStatusCode = statusCode;
   r->tlDuration = endTime - epochDiff - r->tlFlowPathTimeStampInMS;
+  if (app->sendsEventsToProxy()) return endFPForProxy(app, r, statusCode, endTime);
   // The request's own exit is decided now (the category below may uncapture
   // the flowpath) and written under the same hold as the last record.
   const methodPropProperties *request = r->tlBeginRequestMethod;
@@ -802,6 +819,7 @@ void endFP(ZXAppTracing *app, ZXPerThreadData_t *r, int statusCode, long long TL
 
 void reset(ZXAppTracing *app, ZXPerThreadData_t *r) {
   if (!app || !r) return;
+  if (app->sendsEventsToProxy()) resetForProxy(app, r);
   // A flowpath let go without its end (none while no run is going) is
   // claimed first, so that a stop walk holding the record leaves it alone.
   // Ended ones need no lock: the walk never touches them again.

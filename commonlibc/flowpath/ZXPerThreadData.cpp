@@ -56,6 +56,7 @@ void clearTransactionFields(ZXPerThreadData_t *r) {
   // here rather than dropped: a dropped copy would leak once per chained
   // flowpath.
   r->prevTierSeq.reset();
+  for (ZXPerThreadData_t::ProxiedCallOut &c : r->proxiedCallOuts) c.depth = 0;
 }
 
 void resetAllThreadLocals(ZXPerThreadData_t *r, ZXAppTracing *app) {

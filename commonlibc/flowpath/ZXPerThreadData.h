@@ -148,6 +148,15 @@ struct ZXPerThreadData_t {
   long long methodEntryTimes[ZX_METHOD_STACK_DEPTH] = {};
   int prevPID = 0, isBTOverride = 0;
 
+  // In a proxy-mode application process: the call-outs in progress by kind
+  // (HTTP, database), each sent to the proxy whole at its outermost end.
+  struct ProxiedCallOut {
+    zx::OwnedString host, query;
+    long long startMs = 0;
+    int depth = 0;
+  };
+  ProxiedCallOut proxiedCallOuts[2];
+
   // The application this record belongs to (its slot pool or thread-id map);
   // functions given only a record find the application here. In a fork's
   // child a handle from before the fork names the parent's object and is

@@ -34,6 +34,18 @@ struct ZXAppLink : ZXAppSettings {
   // its two locks.
   ZXSendBufferPool sendBuffers;
 
+  // An application process of proxy mode reaches the proxy over the
+  // unix-domain socket at proxySocketPath when one is set, unless
+  // proxyConType is 1 (TCP always); else over TCP at proxyIP:proxyPort.
+  bool proxyOverUnixSocket() const noexcept {
+    return sendsEventsToProxy() && !ZXSys.socketPath.empty() && ZXSys.proxyConType != 1;
+  }
+  // The transport of the control and data connections.
+  int linkProtocol() const noexcept {
+    if (lws_active) return ActiveAgentProtocolIndex;
+    return proxyOverUnixSocket() ? ZX_PROTO_UNIX : ZX_PROTO_TCP;
+  }
+
   // The control connection's ends, which the data connection reuses.
   socketInfo_t control;
   int ActiveAgentProtocolIndex = 0;

@@ -2,6 +2,8 @@
 
 #include <sys/mman.h>
 
+#include <algorithm>
+#include <cstdint>
 #include <cstring>
 #include <mutex>
 #include <new>
@@ -96,9 +98,12 @@ int consume(ZXSendBufferPool &pool, nioSettings_t *b, int n,
             std::atomic<unsigned long long> &counter) {
   if (n > 0) {
     const char *from = b->buff + b->send_len;
-    counter.fetch_add(countRecordLines(from, static_cast<std::size_t>(n)),
-                      std::memory_order_release);
-    pool.midLine = from[n - 1] != '\n';
+    const std::size_t len = static_cast<std::size_t>(n);
+    std::size_t walked = 0;
+    counter.fetch_add(
+        pool.framed ? pool.frame.walk(from, len, false, walked) : countRecordLines(from, len),
+        std::memory_order_release);
+    pool.midLine = pool.framed ? pool.frame.midUnit() : from[n - 1] != '\n';
   }
   b->send_len += n;
   int left = b->use_len - b->send_len;
@@ -110,6 +115,54 @@ int consume(ZXSendBufferPool &pool, nioSettings_t *b, int n,
 }
 
 }  // namespace
+
+unsigned long long ZXFrameWalk::walk(const char *p, std::size_t n, bool toUnitEnd,
+                                     std::size_t &walked) {
+  unsigned long long units = 0;
+  const char *const start = p;
+  while (n > 0 && !(toUnitEnd && units > 0)) {
+    if (left == 0 && headHave == 0 && *p != '^') {
+      // Not a frame: the heartbeat's newline, one unit of one byte.
+      ++units, ++p, --n;
+      continue;
+    }
+    if (left == 0) {
+      const std::size_t take =
+          std::min<std::size_t>(n, sizeof head - static_cast<std::size_t>(headHave));
+      std::memcpy(head + headHave, p, take);
+      headHave += static_cast<int>(take);
+      p += take, n -= take;
+      if (headHave < static_cast<int>(sizeof head)) break;
+      std::int32_t total;
+      std::memcpy(&total, head + 5, sizeof total);
+      headHave = 0;
+      // The pool holds only frames it was given whole, so the length is sound.
+      left = std::max<long long>(0, total - static_cast<long long>(sizeof head));
+      if (left == 0) ++units;
+      continue;
+    }
+    const std::size_t take =
+        static_cast<std::size_t>(std::min<long long>(left, static_cast<long long>(n)));
+    left -= static_cast<long long>(take);
+    p += take, n -= take;
+    if (left == 0) ++units;
+  }
+  walked = static_cast<std::size_t>(p - start);
+  return units;
+}
+
+int bytesToUnitEnd(const ZXSendBufferPool &pool, const nioSettings_t *b) {
+  const char *from = b->buff + b->send_len;
+  const std::size_t left = static_cast<std::size_t>(b->use_len - b->send_len);
+  if (pool.framed) {
+    ZXFrameWalk probe = pool.frame;
+    std::size_t walked = 0;
+    probe.walk(from, left, true, walked);
+    return static_cast<int>(walked);
+  }
+  const auto *nl = static_cast<const char *>(std::memchr(from, '\n', left));
+  return nl ? static_cast<int>(nl + 1 - from) : static_cast<int>(left);
+}
 
 void ZXSendStorageUnmap::operator()(char *p) const {
   if (p) munmap(p, bytes);
@@ -181,6 +234,7 @@ int buff_list_init(ZXAppLink *app) {
   ZXSendBufferPool &pool = app->sendBuffers;
   std::lock_guard write(pool.bufferWriteLock);
   std::lock_guard move(pool.bufferMoveLock);
+  if (!pool.nodes) pool.framed = app->sendsEventsToProxy();
   return zx::asZeroOrMinusOne(allocSendBuffers(pool, app->ZXSys.bciDataBufferMaxSize,
                                                app->ZXSys.dataBuffMaxCount, "Send buffers"));
 }
@@ -204,6 +258,19 @@ int dumpData(ZXAppLink *app, const char *data, int len) {
   {
     std::lock_guard write(app->sendBuffers.bufferWriteLock);
     rc = addLocked(app, data, len, lines, logDrop);
+  }
+  if (logDrop) logDropped(app, rc, len);
+  return rc;
+}
+
+int dumpFrame(ZXAppLink *app, const char *data, int len) {
+  if (!data || len <= 0) return 0;
+  if (!app) return -99;
+  bool logDrop = false;
+  int rc;
+  {
+    std::lock_guard write(app->sendBuffers.bufferWriteLock);
+    rc = addLocked(app, data, len, 1, logDrop);
   }
   if (logDrop) logDropped(app, rc, len);
   return rc;
@@ -314,5 +381,6 @@ unsigned long long discardQueued(ZXSendBufferPool &pool, ZXSendLoss cause) {
     markBufferDiscarded(pool, b, b->use_len - b->send_len, cause);
   }
   pool.midLine = false;
+  pool.frame = ZXFrameWalk{};
   return counter.load(std::memory_order_relaxed) - before;
 }

@@ -53,6 +53,20 @@ struct nioSettings_t {
   std::atomic<nioSettings_t *> next{nullptr};
 };
 
+// Where a sender stands in a stream of event frames: the bytes of the
+// current frame still to go, or while its length is not yet known, the
+// first bytes of its header (a frame may be cut by a buffer's end anywhere).
+struct ZXFrameWalk {
+  long long left = 0;
+  unsigned char head[9] = {};  // the start byte, header_len and total_len
+  int headHave = 0;
+  bool midUnit() const { return left > 0 || headHave > 0; }
+  // Walks `n` bytes: the units they complete. With `toUnitEnd` it stops at
+  // the end of the unit in progress (or of the first one) and returns, in
+  // `walked`, the bytes taken.
+  unsigned long long walk(const char *p, std::size_t n, bool toUnitEnd, std::size_t &walked);
+};
+
 // Why a record line never reached the socket.
 enum class ZXSendLoss { PoolFull, ConnDown, AtExit, Oversized };
 
@@ -125,6 +139,14 @@ struct ZXSendBufferPool {
   std::mutex sendLock;
   bool midLine = false;
 
+  // A pool of event frames (an application process of proxy mode) rather
+  // than record lines: its units are whole frames, and the lone "\n" of the
+  // data heartbeat. Frames are binary, so the sender finds their ends from
+  // their lengths: `frame` is its place in the stream (under sendLock).
+  // Set by buff_list_init before the first record, never changed.
+  bool framed = false;
+  ZXFrameWalk frame;
+
   ZXSendCounters counters;
 
   // Raised once the exit deadline has passed: nothing more is sent, and
@@ -158,6 +180,10 @@ int buff_list_init(ZXAppLink *app);
 // mapped, not written: none of it is resident until records land in it.
 // Caller holds both pool locks. bad_input for sizes not above 0.
 zx::Status allocSendBuffers(ZXSendBufferPool &pool, int size, int count, const char *what);
+
+// Queues one whole event frame (a unit of its own in a framed pool); the
+// results are dumpData's.
+int dumpFrame(ZXAppLink *app, const char *data, int len);
 
 // The single entry for producers; a no-op (0) for null data or len <= 0, -99
 // without an application. Otherwise the result of addDataInSendBuffer.
@@ -204,6 +230,9 @@ nioSettings_t *sendBufferHead(ZXSendBufferPool &pool);
 // Records `n` more bytes of `b` (the head) as sent; once all are, zeroes its
 // counts and returns it to the write list. Returns the bytes still to send.
 int markBufferSent(ZXSendBufferPool &pool, nioSettings_t *b, int n);
+// The bytes of `b` from its sent mark that finish the line or frame that
+// the sender is in the middle of (all of them when it does not end there).
+int bytesToUnitEnd(const ZXSendBufferPool &pool, const nioSettings_t *b);
 // As markBufferSent, for `n` bytes thrown away unsent; their lines count as
 // lost for `cause`.
 int markBufferDiscarded(ZXSendBufferPool &pool, nioSettings_t *b, int n, ZXSendLoss cause);

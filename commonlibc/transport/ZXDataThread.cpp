@@ -118,8 +118,9 @@ bool collectorHungUp(ZXConnection &conn, char *err, int errLen) {
   return conn.receive(buf, sizeof buf, err, errLen) < 0;
 }
 
-// A connection broken mid-line leaves the rest of that line queued; the new
-// connection starts at the next whole line, and the cut line counts as lost.
+// A connection broken mid-line (or mid-frame) leaves the rest of it queued;
+// the new connection starts at the next whole one, and the cut one counts as
+// lost.
 void skipPartialLine(ZXSendBufferPool &pool) {
   std::lock_guard send(pool.sendLock);
   // Bounded: every round but the last takes a whole buffer.
@@ -130,14 +131,11 @@ void skipPartialLine(ZXSendBufferPool &pool) {
       movePartialToReadList(pool);
       if (!(b = sendBufferHead(pool))) return;
     }
-    const char *from = b->buff + b->send_len;
-    const int left = b->use_len - b->send_len;
-    const auto *nl = static_cast<const char *>(memchr(from, '\n', static_cast<std::size_t>(left)));
-    markBufferDiscarded(pool, b, nl ? static_cast<int>(nl + 1 - from) : left, ZXSendLoss::ConnDown);
+    markBufferDiscarded(pool, b, bytesToUnitEnd(pool, b), ZXSendLoss::ConnDown);
   }
 }
 
-// Connects, sends the request and record 99. False when any step failed.
+// Connects, sends the request and (to a collector) record 99. False when any step failed.
 // `giveUpAt` (APR time, 0 = none) bounds the attempt besides the stop.
 bool connectData(ZXAppLink *app, apr_time_t giveUpAt = 0) {
   socketInfo_t dst;
@@ -174,7 +172,8 @@ bool connectData(ZXAppLink *app, apr_time_t giveUpAt = 0) {
     close_data_connection(app);
     return false;
   }
-  if (!dumpNewConnectionRecord(app)) {
+  // The proxy reads nothing but event frames after the request.
+  if (!app->sendBuffers.framed && !dumpNewConnectionRecord(app)) {
     ZX_DATA_LINK_LOG(LinkState::Down, "Error", "Data connection lost before its first record");
     close_data_connection(app);
     return false;
@@ -381,7 +380,7 @@ void check_data_thread(ZXAppLink *app) {
     app->newConnectionRecordText.assign(record, static_cast<std::size_t>(rlen));
     snprintf(app->dataSkt.dstIp, sizeof app->dataSkt.dstIp, "%s", app->control.dstIp);
     app->dataSkt.dstPort = app->control.dstPort;
-    app->dataProtocol = app->lws_active ? app->ActiveAgentProtocolIndex : ZX_PROTO_TCP;
+    app->dataProtocol = app->linkProtocol();
   }
   std::lock_guard lk(app->dataThreadLock);
   if (app->data_thread_id && app->dataThreadRunning && !app->stopDataThread) {
@@ -567,6 +566,10 @@ bool dumpNewConnectionRecord(ZXAppLink *app) {
 
 int sendBufferDataCon(ZXAppLink *app, const char *data, int len) {
   if (!data || len <= 0) return 0;
+  // Event frames come from application threads, which must never wait on
+  // the proxy, and from several at once, whose frames must not interleave:
+  // each goes whole into the send buffers (or is dropped and counted).
+  if (app && app->sendsEventsToProxy()) return dumpFrame(app, data, len);
   if (!app || dataThreadApp != app || !app->zxcDataSocket || app->lws_active)
     return dumpData(app, data, len);
   char err[kErrSize] = {};

@@ -53,8 +53,10 @@ void close_data_connection(ZXAppLink *app);
 bool send_data_con_req_msg_to_zxc(ZXAppLink *app);
 // Record 99, sent first on every new data connection.
 bool dumpNewConnectionRecord(ZXAppLink *app);
-// On `app`'s data thread: straight onto the connection (bytes sent);
-// elsewhere, or without a connection, through dumpData.
+// An event frame of a proxy-mode application process: queued whole
+// (dumpFrame; 0 queued, non-zero dropped and counted). Otherwise, on `app`'s
+// data thread: straight onto the connection (bytes sent); elsewhere, or
+// without a connection, through dumpData.
 int sendBufferDataCon(ZXAppLink *app, const char *data, int len);
 
 // The data connection request text, with its closing blank line.

@@ -7,21 +7,21 @@
 
 namespace {
 
-// Plain TCP over an APR socket in its own root pool: connections are opened
+// A stream socket (TCP, or unix-domain) over APR in its own root pool: connections are opened
 // by the control and data threads concurrently, and a pool is not shared
 // across threads.
-class TcpConnection final : public ZXConnection {
+class StreamConnection final : public ZXConnection {
  public:
-  TcpConnection(zx::PoolPtr pool, apr_socket_t *sock, apr_pollset_t *pollset)
+  StreamConnection(zx::PoolPtr pool, apr_socket_t *sock, apr_pollset_t *pollset)
       : pool_(std::move(pool)), sock_(sock), pollset_(pollset) {
     get_src_addr_wrapper(sock_, source_.ip, sizeof source_.ip, &source_.port);
   }
-  ~TcpConnection() override {
+  ~StreamConnection() override {
     // The pool owns the pollset; the socket is closed before the pool goes.
     apr_socket_close(sock_);
   }
-  TcpConnection(const TcpConnection &) = delete;
-  TcpConnection &operator=(const TcpConnection &) = delete;
+  StreamConnection(const StreamConnection &) = delete;
+  StreamConnection &operator=(const StreamConnection &) = delete;
 
   int send_all(const char *data, std::size_t len, char *err, int err_len) override {
     return zxlb_send_n_bytes(sock_, data, len, err, err_len);
@@ -53,18 +53,9 @@ class TcpConnection final : public ZXConnection {
   apr_pollset_t *pollset_;
 };
 
-std::unique_ptr<ZXConnection> open_tcp(const char *host, int port, apr_interval_time_t timeout,
-                                       apr_interval_time_t io_timeout, char *err, int err_len,
-                                       const std::function<bool()> &abandon) {
-  zx::PoolPtr pool = zx::make_pool();
-  if (!pool) {
-    if (err && err_len > 0) snprintf(err, static_cast<size_t>(err_len), "no memory for a pool");
-    return nullptr;
-  }
-  apr_socket_t *sock = nullptr;
-  if (zxlb_tcp_connect(host, port, timeout, io_timeout, pool.get(), &sock, err, err_len, abandon) !=
-      APR_SUCCESS)
-    return nullptr;
+// The socket in its pollset, as a connection; null (reason in `err`) when
+// the pollset cannot be made.
+std::unique_ptr<ZXConnection> wrap(zx::PoolPtr pool, apr_socket_t *sock, char *err, int err_len) {
   apr_pollset_t *pollset = nullptr;
   apr_status_t rv = apr_pollset_create(&pollset, 1, pool.get(), APR_POLLSET_WAKEABLE);
   if (rv == APR_SUCCESS) {
@@ -80,7 +71,36 @@ std::unique_ptr<ZXConnection> open_tcp(const char *host, int port, apr_interval_
     apr_socket_close(sock);
     return nullptr;
   }
-  return std::make_unique<TcpConnection>(std::move(pool), sock, pollset);
+  return std::make_unique<StreamConnection>(std::move(pool), sock, pollset);
+}
+
+zx::PoolPtr connectionPool(char *err, int err_len) {
+  zx::PoolPtr pool = zx::make_pool();
+  if (!pool && err && err_len > 0)
+    snprintf(err, static_cast<size_t>(err_len), "no memory for a pool");
+  return pool;
+}
+
+std::unique_ptr<ZXConnection> open_unix(const char *path, apr_interval_time_t timeout,
+                                        apr_interval_time_t io_timeout, char *err, int err_len) {
+  zx::PoolPtr pool = connectionPool(err, err_len);
+  if (!pool) return nullptr;
+  apr_socket_t *sock = nullptr;
+  if (zxlb_unix_connect(path, timeout, io_timeout, pool.get(), &sock, err, err_len) != APR_SUCCESS)
+    return nullptr;
+  return wrap(std::move(pool), sock, err, err_len);
+}
+
+std::unique_ptr<ZXConnection> open_tcp(const char *host, int port, apr_interval_time_t timeout,
+                                       apr_interval_time_t io_timeout, char *err, int err_len,
+                                       const std::function<bool()> &abandon) {
+  zx::PoolPtr pool = connectionPool(err, err_len);
+  if (!pool) return nullptr;
+  apr_socket_t *sock = nullptr;
+  if (zxlb_tcp_connect(host, port, timeout, io_timeout, pool.get(), &sock, err, err_len, abandon) !=
+      APR_SUCCESS)
+    return nullptr;
+  return wrap(std::move(pool), sock, err, err_len);
 }
 
 }  // namespace
@@ -92,6 +112,7 @@ std::unique_ptr<ZXConnection> zx_open_connection(int protocol, const char *host,
                                                  const std::function<bool()> &abandon) {
   if (protocol == ZX_PROTO_TCP)
     return open_tcp(host, port, timeout, io_timeout, err, err_len, abandon);
+  if (protocol == ZX_PROTO_UNIX) return open_unix(host, timeout, io_timeout, err, err_len);
   if (err && err_len > 0)
     snprintf(err, static_cast<size_t>(err_len), "no transport for protocol %d (%s)", protocol,
              protocolNameFromCode(protocol));

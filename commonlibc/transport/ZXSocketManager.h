@@ -49,7 +49,12 @@ class ZXConnection {
   socketAddr_t source_;
 };
 
-// Opens a connection with `protocol` (1 TCP, 2 WS, 3 WSS) to host:port within
+// Not a collector protocol: a unix-domain stream socket, whose path stands
+// in the host and whose port is 0 (an application process's link to a proxy
+// on the same host).
+inline constexpr int ZX_PROTO_UNIX = 100;
+
+// Opens a connection with `protocol` (1 TCP, 2 WS, 3 WSS, ZX_PROTO_UNIX) to host:port within
 // `timeout`; `io_timeout` bounds each later send. `abandon`, polled while the
 // connect is pending, ends it early (a stop). Null with the reason in `err`
 // on failure.

@@ -1,5 +1,7 @@
 #include "zxlb_sock.h"
 
+#include <sys/un.h>
+
 #include <apr_portable.h>
 #include <apr_strings.h>
 #include <arpa/inet.h>
@@ -169,6 +171,32 @@ apr_status_t zxlb_tcp_connect(const char *host, int port, apr_interval_time_t ti
     apr_socket_opt_set(sock, APR_TCP_NODELAY, 1);
     rv = apr_socket_timeout_set(sock, io_timeout > 0 ? io_timeout : 1);
   }
+  if (rv != APR_SUCCESS) {
+    zxlb_strerror(rv, err, err_len);
+    if (sock) apr_socket_close(sock);
+    return rv;
+  }
+  *out = sock;
+  return APR_SUCCESS;
+}
+
+apr_status_t zxlb_unix_connect(const char *path, apr_interval_time_t timeout,
+                               apr_interval_time_t io_timeout, apr_pool_t *pool, apr_socket_t **out,
+                               char *err, int err_len) {
+  *out = nullptr;
+  // APR cuts a longer path silently, which would reach some other socket.
+  if (!path || !*path || std::strlen(path) >= sizeof(sockaddr_un{}.sun_path)) {
+    if (err && err_len > 0)
+      snprintf(err, static_cast<size_t>(err_len), "invalid socket path '%s'", path ? path : "");
+    return APR_EINVAL;
+  }
+  apr_sockaddr_t *sa = nullptr;
+  apr_socket_t *sock = nullptr;
+  apr_status_t rv = apr_sockaddr_info_get(&sa, path, APR_UNIX, 0, 0, pool);
+  if (rv == APR_SUCCESS) rv = apr_socket_create(&sock, APR_UNIX, SOCK_STREAM, 0, pool);
+  if (rv == APR_SUCCESS) rv = apr_socket_timeout_set(sock, timeout > 0 ? timeout : 1);
+  if (rv == APR_SUCCESS) rv = apr_socket_connect(sock, sa);
+  if (rv == APR_SUCCESS) rv = apr_socket_timeout_set(sock, io_timeout > 0 ? io_timeout : 1);
   if (rv != APR_SUCCESS) {
     zxlb_strerror(rv, err, err_len);
     if (sock) apr_socket_close(sock);

@@ -15,6 +15,12 @@ apr_status_t zxlb_tcp_connect(const char *host, int port, apr_interval_time_t ti
                               apr_interval_time_t io_timeout, apr_pool_t *pool, apr_socket_t **out,
                               char *err, int err_len, const std::function<bool()> &abandon = {});
 
+// Connects to the unix-domain stream socket at `path` within `timeout`;
+// later sends and receives get `io_timeout`. As zxlb_tcp_connect.
+apr_status_t zxlb_unix_connect(const char *path, apr_interval_time_t timeout,
+                               apr_interval_time_t io_timeout, apr_pool_t *pool, apr_socket_t **out,
+                               char *err, int err_len);
+
 // Sends all `len` bytes: 0, or -2 with the reason in `err` (timeouts included).
 int zxlb_send_n_bytes(apr_socket_t *sock, const char *data, apr_size_t len, char *err, int err_len);
 

@@ -1,0 +1,34 @@
+// The encoders of an application process in proxy mode: each event the
+// engine sees becomes one frame (zxlb_frame_layout.h) queued for the proxy
+// with sendBufferDataCon. Negative numbers go out as 0. A frame that cannot
+// be queued is lost: counted by the send buffers, and logged now and then,
+// never retried. They never block and never touch the network.
+#pragma once
+
+struct ZXAppLink;
+
+void MethodEntryEncode(ZXAppLink *app, int mid, long long flowpathinstance, long long threadId,
+                       const char *methodName, const char *query_string, const char *urlParameter,
+                       long long startTime);
+void transactionStartEncode(ZXAppLink *app, long long qTimeMS, long long flowpathinstance,
+                            const char *fp_header, const char *url, const char *btHeaderValue,
+                            const char *zxCookieSet, const char *rbCookieSet,
+                            const char *correlationHeader, long long startTimeFP);
+void MethodExitEncode(ZXAppLink *app, int mid, int statusCode, int eventType, int isCallout,
+                      long long threadId, long long duration, long long flowpathinstance,
+                      long long cpuTime, const char *methodName, const char *backend_header,
+                      long long tierCallOutSeqNum, long long endTime,
+                      const char *requestNotificationPhase);
+void transactionEndEncode(ZXAppLink *app, int statuscode, long long flowpathinstance,
+                          long long endTime);
+void transactionResetEncode(ZXAppLink *app, long long flowpathinstance);
+void encodeHttpHeaderReq(ZXAppLink *app, long long flowpathinstance, const char *buffer,
+                         const char *type, int statusCode);
+void ExceptionDataEncode(ZXAppLink *app, long long flowpathInstance, long long startTime,
+                         const char *ExceptionclassName, const char *Exceptionmessage,
+                         const char *throwingClassName, const char *throwingmethodName,
+                         const char *ExceptionCause, int lineNumber,
+                         const char *exceptionStackTrace);
+void zxMethodExitExceptionEncode(ZXAppLink *app, long long flowPathInstance,
+                                 const char *ExceptionMethodName, const char *ExceptionBackendName,
+                                 long long threadId, int ExceptionExitType);
