@@ -10,6 +10,7 @@
 #include <algorithm>
 #include <chrono>
 #include <cstring>
+#include <mutex>
 #include <string>
 #include <thread>
 #include <vector>
@@ -199,7 +200,10 @@ TEST(ProxyMode, UnixDomainSocketWhenAPathIsSet) {
   // The TCP endpoint leads nowhere: only the socket path can work.
   ZXProxyInstance_t &app = startProxyApp(agent, 1, "proxyPort=1\nproxySocketPath=" + path + "\n");
   ASSERT_TRUE(zxtest::wait_until([&] { return app.Server.testRunRunning.load(); }));
-  ASSERT_TRUE(zxtest::wait_until([&] { return app.zxcDataSocket != nullptr; }));
+  ASSERT_TRUE(zxtest::wait_until([&] {
+    std::lock_guard lk(app.dataConnLock);
+    return app.zxcDataSocket != nullptr;
+  }));
   transaction(app, 1);
   const std::vector<int> expected{ZX_FRAME_TRANSACTION_START, ZX_FRAME_METHOD_ENTRY,
                                   ZX_FRAME_METHOD_EXIT,       ZX_FRAME_METHOD_EXIT,
