@@ -43,3 +43,25 @@ void endCallOut(ZXAppTracing *app, ZXPerThreadData_t *r, ZXCallOutKind kind,
   // An end without its begin must not leave later calls looking nested.
   if (depthOfKind < 0) depthOfKind = 0;
 }
+
+void replayCallOut(ZXAppTracing *app, ZXPerThreadData_t *r, ZXCallOutKind kind, const char *host,
+                   const char *query, long long endTime, long long duration) {
+  methodPropProperties *backend = beginCallOut(app, r, kind, host, query);
+  if (!backend) return;
+  const long long end =
+      (endTime > 0 ? endTime - app->Server.morEpochDiffTime : zxAgentTimeNow(app)) -
+      r->tlFlowPathTimeStampInMS;
+  if (duration < 0) duration = 0;
+  r->tlTierStartTime = end - duration;
+  // endCallOut, with the duration given rather than measured.
+  r->seqNum += 1;
+  int &depthOfKind =
+      kind == ZXCallOutKind::Database ? r->tlSQLObj.dbCallDepth : r->httpCallOutDepth;
+  const int depth = --depthOfKind;
+  if (kind == ZXCallOutKind::Database && depth < 1) r->tlSQLObj.lastDbBackendId = backend->methodId;
+  if (depth < 1) {
+    updateFPSeqBlobWithTierCallOutRecord(app, r, r->tlTierStartTime, duration, backend, 0);
+    app->backendMonitor.update(backend->methodId, duration, r->tlStatusCode);
+  }
+  if (depthOfKind < 0) depthOfKind = 0;
+}

@@ -16,6 +16,7 @@
 
 #include "ZXAppTracing.h"
 #include "ZXBTMonitor.h"
+#include "ZXCallOut.h"
 #include "ZXDataDispatcher.h"
 #include "ZXFeatureKeywords.h"
 #include "ZXManageTierCallOut.h"
@@ -707,9 +708,15 @@ void zxMethodExit(ZXAppTracing *app, methodPropProperties *method, ZXPerThreadDa
                   const char *methodName, long long cpuTime, int statusCode,
                   const char *backendHeader, long long duration, long long threadId, int isCallout,
                   long long TLS, int eventType, int reqNotificationPhase, long long endTime) {
-  (void)statusCode, (void)backendHeader, (void)threadId, (void)isCallout, (void)TLS;
+  (void)statusCode, (void)threadId, (void)TLS;
   (void)reqNotificationPhase;
   if (!app || !r) return;
+  if (isCallout > 0) {
+    // A whole call-out from an application process: the name is its host.
+    replayCallOut(app, r, isCallout == 2 ? ZXCallOutKind::Database : ZXCallOutKind::Http,
+                  methodName, backendHeader, endTime, duration);
+    return;
+  }
   if (!method) method = findOrAddMethod(app, r, methodName, 0, 0);
   if (!method) return;
   const long long wall = popMethodEntry(r, agentTimeOf(app, endTime));
