@@ -175,7 +175,11 @@ int replayFrame(ZXProxyInstance_t &app, const char *buff, long long len, int typ
   // Only the headers go without a map: they simply find no flowpath.
   if (type != ZX_FRAME_HTTP_HEADER && !app.fpi_tls_map) return -2;
 
-  auto fits = [&](Fit fit) {
+  // The fixed block, then the strings whose lengths lensOf names in wire
+  // order; false when the event is dropped.
+  auto take = [&](auto &fixed, auto &strings, auto lensOf) {
+    std::memcpy(&fixed, buff, sizeof fixed);
+    const Fit fit = takeStrings(buff, len, sizeof fixed, lensOf(fixed), strings);
     if (fit == Fit::Negative) ZX_DECODE_LOG(0, "Error", "%s", info.negative);
     if (fit == Fit::Short) ZX_DECODE_LOG(0, "Error", "%s", info.shortFrame);
     return fit == Fit::Ok;
@@ -189,10 +193,10 @@ int replayFrame(ZXProxyInstance_t &app, const char *buff, long long len, int typ
   switch (type) {
     case ZX_FRAME_METHOD_ENTRY: {
       MethodEntryVar_t f;
-      std::memcpy(&f, buff, sizeof f);
       std::array<char *, 3> s;
-      if (!fits(takeStrings(buff, len, sizeof f,
-                            std::array{f.methodName, f.query_string, f.urlParameter}, s)))
+      if (!take(f, s, [](const auto &v) {
+            return std::array{v.methodName, v.query_string, v.urlParameter};
+          }))
         return 0;
       if (ZXPerThreadData_t *r = lookup(f.flowpathinstance))
         zxMethodEntry(&app, nullptr, r, s[0], s[1], s[2], f.threadId, nullptr, 0, f.startTime);
@@ -200,11 +204,10 @@ int replayFrame(ZXProxyInstance_t &app, const char *buff, long long len, int typ
     }
     case ZX_FRAME_METHOD_EXIT: {
       MethodExitVar_t f;
-      std::memcpy(&f, buff, sizeof f);
       std::array<char *, 3> s;
-      if (!fits(takeStrings(buff, len, sizeof f,
-                            std::array{f.methodName, f.backend_header, f.requestNotificationPhase},
-                            s)))
+      if (!take(f, s, [](const auto &v) {
+            return std::array{v.methodName, v.backend_header, v.requestNotificationPhase};
+          }))
         return 0;
       // The auto-instrumentation map of script agents has no home here yet.
       ZX_LOG_IF(zx::logLevel(zx::LogContext::Area::AutoInstr) > 2 &&
@@ -220,12 +223,11 @@ int replayFrame(ZXProxyInstance_t &app, const char *buff, long long len, int typ
     }
     case ZX_FRAME_TRANSACTION_START: {
       transactionStartVar_t f;
-      std::memcpy(&f, buff, sizeof f);
       std::array<char *, 6> s;
-      if (!fits(takeStrings(buff, len, sizeof f,
-                            std::array{f.fp_header, f.url, f.btHeaderValue, f.zxCookieSet,
-                                       f.rbCookieSet, f.correlationHeader},
-                            s)))
+      if (!take(f, s, [](const auto &v) {
+            return std::array{v.fp_header,   v.url,         v.btHeaderValue,
+                              v.zxCookieSet, v.rbCookieSet, v.correlationHeader};
+          }))
         return 0;
       startFlowpath(app, f, s);
       break;
@@ -249,14 +251,15 @@ int replayFrame(ZXProxyInstance_t &app, const char *buff, long long len, int typ
     }
     case ZX_FRAME_EXCEPTION: {
       ExceptionEncodeVar_t f;
-      std::memcpy(&f, buff, sizeof f);
       std::array<char *, 6> s;  // in wire order, not in the order of their lengths
-      if (!fits(takeStrings(
-              buff, len, sizeof f,
-              std::array{f.lenofExceptionClassName, f.lenofExceptionMessage,
-                         f.lenofExceptionThrowingClassName, f.lenofExceptionThrowingMethodName,
-                         f.lenofExceptionCause, f.lenofExceptionStackTrace},
-              s)))
+      if (!take(f, s, [](const auto &v) {
+            return std::array{v.lenofExceptionClassName,
+                              v.lenofExceptionMessage,
+                              v.lenofExceptionThrowingClassName,
+                              v.lenofExceptionThrowingMethodName,
+                              v.lenofExceptionCause,
+                              v.lenofExceptionStackTrace};
+          }))
         return 0;
       if (ZXPerThreadData_t *r = lookup(f.flowpathInstance))
         handleExceptionParameters(r, nullptr, f.startTime, s[0], s[1], s[2], s[3], s[4],
@@ -265,10 +268,8 @@ int replayFrame(ZXProxyInstance_t &app, const char *buff, long long len, int typ
     }
     case ZX_FRAME_HTTP_HEADER: {
       transactionEncodeVarHttp_t f;
-      std::memcpy(&f, buff, sizeof f);
       std::array<char *, 2> s;
-      if (!fits(takeStrings(buff, len, sizeof f, std::array{f.buffer_len, f.type_len}, s)))
-        return 0;
+      if (!take(f, s, [](const auto &v) { return std::array{v.buffer_len, v.type_len}; })) return 0;
       if (ZXPerThreadData_t *r = lookup(f.flowpathinstance)) {
         if (s[1] && std::strcmp(s[1], "req") == 0)
           sendHttpHdrReq(r, s[0], s[1], f.statuscode);
@@ -279,11 +280,10 @@ int replayFrame(ZXProxyInstance_t &app, const char *buff, long long len, int typ
     }
     case ZX_FRAME_METHOD_EXIT_EXCEPTION: {
       ExceptionMethodExitEncodeVar_t f;
-      std::memcpy(&f, buff, sizeof f);
       std::array<char *, 2> s;
-      if (!fits(takeStrings(buff, len, sizeof f,
-                            std::array{f.lenofExceptionMethodName, f.lenofExceptionBackendName},
-                            s)))
+      if (!take(f, s, [](const auto &v) {
+            return std::array{v.lenofExceptionMethodName, v.lenofExceptionBackendName};
+          }))
         return 0;
       if (ZXPerThreadData_t *r = lookup(f.flowpathInstance))
         zxMethodExitException(&app, nullptr, r, s[0], -1, 200, s[1], 0, 0, f.threadId, 0, 0,
