@@ -8,6 +8,8 @@
 #include <cstring>
 #include <initializer_list>
 #include <memory>
+#include <new>
+#include <tuple>
 
 #include "ZXCallOut.h"
 #include "ZXExceptionHttpCapture.h"
@@ -151,7 +153,16 @@ void startFlowpath(ZXAppTracing &app, const transactionStartVar_t &f,
   if (!r) return;
   if (header && std::strchr(header, '_')) (void)parseTierCallOut(r, header);
   r->fpStartTimeforReset = my_gettimeofday();
-  auto [it, inserted] = app.fpi_tls_map->try_emplace(f.flowpathinstance, r);
+  ZXFpiTlsMap::iterator it;
+  bool inserted;
+  try {
+    std::tie(it, inserted) = app.fpi_tls_map->try_emplace(f.flowpathinstance, r);
+  } catch (const std::bad_alloc &) {
+    // No frame could reach the flowpath: it goes at once.
+    ZX_LOG_OOM(sizeof(ZXFpiTlsMap::value_type), "fpi_tls_map entry", 0);
+    reset(&app, r);
+    return;
+  }
   if (!inserted) {
     // A second start under a live id: the first can no longer be reached by
     // its frames, so it goes now rather than hold its slot until the sweep.
