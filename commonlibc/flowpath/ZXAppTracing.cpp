@@ -29,3 +29,13 @@ bool ZXAppTracing::applyLayerKeyword(char *value, char *keyword, int index) {
   }
   return ZXAppRules::applyLayerKeyword(value, keyword, index);
 }
+
+void create_fpi_tls_map(ZXAppTracing &app) {
+  if (!app.fpi_tls_map) app.fpi_tls_map = std::make_unique<ZXFpiTlsMap>();
+}
+
+void free_fpi_tls_map(ZXAppTracing &app) {
+  if (!app.fpi_tls_map) return;
+  for (auto &[id, record] : *app.fpi_tls_map) reset(&app, record);
+  app.fpi_tls_map.reset();
+}

@@ -3,6 +3,7 @@
 #pragma once
 
 #include <memory>
+#include <unordered_map>
 #include <vector>
 
 #include "ZXAppRules.h"
@@ -14,6 +15,8 @@
 #include "ZXRunTimeChangeHandle.h"
 #include "ZXSessionCookie.h"
 #include "zxlb_mem_pool.h"
+
+using ZXFpiTlsMap = std::unordered_map<long long, ZXPerThreadData_t *>;
 
 struct ZXAppTracing : ZXAppRules {
   ZXAppTracing();
@@ -51,4 +54,17 @@ struct ZXAppTracing : ZXAppRules {
   int InstrFileData_flag = 1;
   // Flowpaths in progress by id; the map documents its lock.
   ZXFpiToTLS fpiToTLS;
+
+  // In the proxy: the flowpaths this application's processes started, by
+  // instance id, from their start frame to their reset frame or the sweep.
+  // Null until create_fpi_tls_map. Only the proxy's decoding thread touches
+  // the map, its records' slots and resetTimeInterval, so no lock.
+  std::unique_ptr<ZXFpiTlsMap> fpi_tls_map;
+  long long resetTimeInterval = 0;  // ms of the last stale-flowpath sweep
 };
+
+// Makes the application's empty flowpath map if it has none.
+void create_fpi_tls_map(ZXAppTracing &app);
+// Resets every flowpath still in the map (no record is written for it) and
+// drops the map.
+void free_fpi_tls_map(ZXAppTracing &app);

@@ -27,3 +27,10 @@ methodPropProperties *beginCallOut(ZXAppTracing *app, ZXPerThreadData_t *record,
 // counted as the outermost end and never leaves later calls looking nested.
 void endCallOut(ZXAppTracing *app, ZXPerThreadData_t *record, ZXCallOutKind kind,
                 methodPropProperties *backend);
+
+// A whole call-out reported after the fact (the proxy replaying an
+// application process's call): the same blob entry, sequence step and
+// backend counters as a begin and end in process, but timed by the call's
+// absolute end (ms, <= 0: now) and its duration rather than by the clock.
+void replayCallOut(ZXAppTracing *app, ZXPerThreadData_t *record, ZXCallOutKind kind,
+                   const char *host, const char *query, long long endTime, long long duration);

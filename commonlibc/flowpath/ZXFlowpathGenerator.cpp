@@ -16,6 +16,7 @@
 
 #include "ZXAppTracing.h"
 #include "ZXBTMonitor.h"
+#include "ZXCallOut.h"
 #include "ZXDataDispatcher.h"
 #include "ZXEventsToProxy.h"
 #include "ZXFeatureKeywords.h"
@@ -722,7 +723,13 @@ void zxMethodExit(ZXAppTracing *app, methodPropProperties *method, ZXPerThreadDa
   if (app->sendsEventsToProxy())
     return methodExitForProxy(app, r, methodName, cpuTime, statusCode, backendHeader, duration,
                               threadId, isCallout, eventType, endTime);
-  (void)statusCode, (void)backendHeader, (void)threadId, (void)isCallout;
+  (void)statusCode, (void)threadId;
+  if (isCallout > 0) {
+    // A whole call-out from an application process: the name is its host.
+    replayCallOut(app, r, isCallout == 2 ? ZXCallOutKind::Database : ZXCallOutKind::Http,
+                  methodName, backendHeader, endTime, duration);
+    return;
+  }
   if (!method) method = findOrAddMethod(app, r, methodName, 0, 0);
   if (!method) return;
   const long long wall = popMethodEntry(r, agentTimeOf(app, endTime));
