@@ -55,8 +55,8 @@ typedef void (*zx_ad_callback_t)(const char *request);
 
 /* Starts the agent core (agent_init with the process's short name, or
  * "zxsdk", as pool) and the SDK, then pauses so that the collector connection
- * can come up: 30 seconds unless zx_set_init_pause_ms said otherwise. A
- * second call returns at once. */
+ * can come up: until the collector starts a run, at most 30 seconds unless
+ * zx_set_init_pause_ms said otherwise. A second call returns at once. */
 ZX_EXPORT void zx_init(void);
 /* The pause of the next zx_init, in milliseconds (default 30000). */
 ZX_EXPORT void zx_set_init_pause_ms(unsigned int pause_ms);

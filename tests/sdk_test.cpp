@@ -337,7 +337,7 @@ TEST_F(SdkTest, ReleaseWithoutEndEndsTheFlowpathFirst) {
   EXPECT_NE(records().find("\n4,"), std::string::npos);
 }
 
-TEST(SdkInit, PausesAsAskedAndReturnsAtOnceWhenInitialised) {
+TEST(SdkInit, PausesUntilARunStartsAndReturnsAtOnceWhenInitialised) {
   zxtest::TempDir home;
   ScopedApp app(home.str());
   zx_set_init_pause_ms(150);
@@ -348,6 +348,14 @@ TEST(SdkInit, PausesAsAskedAndReturnsAtOnceWhenInitialised) {
   zx_init();
   EXPECT_LT(std::chrono::steady_clock::now() - t0, 150ms);
   EXPECT_EQ(register_callback_for_agent([](const char *, const char *) {}), 0);
+  zx_free();
+
+  // A run already going ends the pause at once.
+  app->Server.testRunRunning = 1;
+  zx_set_init_pause_ms(60'000);
+  t0 = std::chrono::steady_clock::now();
+  zx_init();
+  EXPECT_LT(std::chrono::steady_clock::now() - t0, 10s);
   zx_free();
 }
 

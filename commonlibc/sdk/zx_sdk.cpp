@@ -202,7 +202,13 @@ ZX_EXPORT void zx_init(void) {
     initializeSDK.store(1, std::memory_order_release);
     ZX_SDK_LOG(1, "SDK initialised; pausing %u ms for the collector connection",
                initPauseMs.load(std::memory_order_relaxed));
-    std::this_thread::sleep_for(std::chrono::milliseconds(initPauseMs.load()));
+    // The pause is there for the collector's start command; a short-lived
+    // process (proxy mode) must not sit it out once the run is going.
+    const auto deadline =
+        std::chrono::steady_clock::now() + std::chrono::milliseconds(initPauseMs.load());
+    while (!processApp()->Server.testRunRunning.load(std::memory_order_relaxed) &&
+           std::chrono::steady_clock::now() < deadline)
+      std::this_thread::sleep_for(std::chrono::milliseconds(1));
   });
 }
 

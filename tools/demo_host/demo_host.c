@@ -6,6 +6,8 @@
  * MOR_APP_AGENT_* environment.
  *
  *   demo_host [seconds [threads]]      defaults: 12 seconds, 4 threads
+ *   demo_host --requests N [threads]   a short-lived worker: N requests in all,
+ *                                      no delays, a count per page, then exit
  */
 #define _POSIX_C_SOURCE 200809L
 
@@ -19,9 +21,18 @@
 
 enum { kMaxThreads = 16 };
 
+enum { kPages = 4 };
+static const char *const kPageNames[kPages] = {"/shop/cart", "/shop/checkout", "/account/login",
+                                               "/search/products/"};
+
+/* A burst worker serves its requests without work or think time. */
+static int g_no_delays;
+
 typedef struct {
   unsigned rng;
   double until;
+  long limit;          /* requests to serve; 0: until `until` */
+  long served[kPages]; /* traced requests per page */
   long requests;
   long traced;
   long failed;
@@ -35,6 +46,7 @@ static double now_s(void) {
 }
 
 static void sleep_ms(long ms) {
+  if (g_no_delays) return;
   struct timespec ts = {ms / 1000, (ms % 1000) * 1000000L};
   while (nanosleep(&ts, &ts) != 0) {
   }
@@ -144,22 +156,23 @@ static const char *const kTerms[] = {"shoes", "lamp", "coffee", "desk", "headpho
 static void *serve(void *arg) {
   Worker *w = arg;
   char url[128];
-  while (now_s() < w->until) {
+  while (w->limit ? w->requests < w->limit : now_s() < w->until) {
     const int pick = (int)between(w, 0, 99);
     int (*handler)(Worker *, zxBTHandle);
+    int page;
     if (pick < 35) {
-      snprintf(url, sizeof url, "/shop/cart");
-      handler = view_cart;
+      page = 0, handler = view_cart;
     } else if (pick < 55) {
-      snprintf(url, sizeof url, "/shop/checkout");
-      handler = checkout;
+      page = 1, handler = checkout;
     } else if (pick < 75) {
-      snprintf(url, sizeof url, "/account/login");
-      handler = login;
+      page = 2, handler = login;
     } else {
-      snprintf(url, sizeof url, "/search/products/?q=%s", kTerms[between(w, 0, 4)]);
-      handler = search;
+      page = 3, handler = search;
     }
+    if (handler == search)
+      snprintf(url, sizeof url, "%s?q=%s", kPageNames[page], kTerms[between(w, 0, 4)]);
+    else
+      snprintf(url, sizeof url, "%s", kPageNames[page]);
     /* The request is served whether or not the agent traces it. */
     zxBTHandle bt = zx_bt_begin(url, NULL);
     const int status = handler(w, bt);
@@ -167,6 +180,7 @@ static void *serve(void *arg) {
     if (status > 499) ++w->failed;
     if (bt) {
       ++w->traced;
+      ++w->served[page];
       zx_bt_end(bt, status);
       zx_bt_release(bt);
     }
@@ -176,20 +190,31 @@ static void *serve(void *arg) {
 }
 
 int main(int argc, char **argv) {
-  const double seconds = argc > 1 ? atof(argv[1]) : 12;
-  const int threads = argc > 2 ? atoi(argv[2]) : 4;
-  if (seconds <= 0 || threads < 1 || threads > kMaxThreads) {
-    fprintf(stderr, "usage: %s [seconds [threads 1-%d]]\n", argv[0], kMaxThreads);
+  long burst = 0;
+  if (argc > 2 && strcmp(argv[1], "--requests") == 0) {
+    burst = atol(argv[2]);
+    g_no_delays = 1;
+    argv += 2, argc -= 2;
+  }
+  const double seconds = burst ? 1 : argc > 1 ? atof(argv[1]) : 12;
+  const int threads = argc > 2 ? atoi(argv[2]) : burst ? 1 : 4;
+  if (seconds <= 0 || burst < 0 || threads < 1 || threads > kMaxThreads) {
+    fprintf(stderr, "usage: %s [seconds [threads 1-%d]]\n       %s --requests N [threads]\n",
+            argv[0], kMaxThreads, argv[0]);
     return 2;
   }
 
-  /* A short pause is enough for a collector on this machine. */
+  /* A short pause is enough for a collector on this machine; it ends as
+   * soon as the run starts. */
   zx_set_init_pause_ms(3000);
   printf("demo_host: starting the agent (ZXHOME=%s)\n", getenv("ZXHOME") ? getenv("ZXHOME") : "-");
   fflush(stdout);
   zx_init();
 
-  printf("demo_host: serving requests on %d threads for %.0f s\n", threads, seconds);
+  if (burst)
+    printf("demo_host: serving %ld requests on %d threads\n", burst, threads);
+  else
+    printf("demo_host: serving requests on %d threads for %.0f s\n", threads, seconds);
   fflush(stdout);
   Worker workers[kMaxThreads];
   pthread_t ids[kMaxThreads];
@@ -199,26 +224,31 @@ int main(int argc, char **argv) {
     memset(&workers[i], 0, sizeof workers[i]);
     workers[i].rng = 2463534242u + 7919u * (unsigned)i;
     workers[i].until = until;
+    workers[i].limit = burst / threads + (i < burst % threads ? 1 : 0);
     if (pthread_create(&ids[i], NULL, serve, &workers[i]) != 0) break;
     ++started;
   }
-  long requests = 0, traced = 0, failed = 0;
+  long requests = 0, traced = 0, failed = 0, served[kPages] = {0};
   const char *header = NULL;
   for (int i = 0; i < started; ++i) {
     pthread_join(ids[i], NULL);
     requests += workers[i].requests;
     traced += workers[i].traced;
     failed += workers[i].failed;
+    for (int p = 0; p < kPages; ++p) served[p] += workers[i].served[p];
     if (!header && workers[i].tier_header[0]) header = workers[i].tier_header;
   }
 
-  /* The BT monitor reports every interval: let the last one go out. */
+  /* The BT monitor reports every interval: let the last one go out. A
+   * burst worker leaves that to the proxy it sent its frames to. */
   sleep_ms(2500);
   unsigned long long records = 0, dropped = 0;
   zx_data_counters(&records, &dropped);
   printf("demo_host: %ld requests, %ld traced, %ld answered 5xx\n", requests, traced, failed);
   printf("demo_host: records handed to the data connection %llu, dropped %llu\n", records, dropped);
   if (header) printf("demo_host: a tier call-out header sent along: %s\n", header);
+  if (burst)
+    for (int p = 0; p < kPages; ++p) printf("demo_host: traced %s %ld\n", kPageNames[p], served[p]);
   fflush(stdout);
   zx_free();
   return 0;
