@@ -191,13 +191,14 @@ static void *serve(void *arg) {
 
 int main(int argc, char **argv) {
   long burst = 0;
+  int arg = 1; /* the first of [seconds] threads */
   if (argc > 2 && strcmp(argv[1], "--requests") == 0) {
     burst = atol(argv[2]);
     g_no_delays = 1;
-    argv += 2, argc -= 2;
+    arg = 3;
   }
-  const double seconds = burst ? 1 : argc > 1 ? atof(argv[1]) : 12;
-  const int threads = argc > 2 ? atoi(argv[2]) : burst ? 1 : 4;
+  const double seconds = burst ? 1 : argc > arg ? atof(argv[arg++]) : 12;
+  const int threads = argc > arg ? atoi(argv[arg]) : burst ? 1 : 4;
   if (seconds <= 0 || burst < 0 || threads < 1 || threads > kMaxThreads) {
     fprintf(stderr, "usage: %s [seconds [threads 1-%d]]\n       %s --requests N [threads]\n",
             argv[0], kMaxThreads, argv[0]);
