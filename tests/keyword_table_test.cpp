@@ -163,6 +163,7 @@ void record_file_keyword(ZXAppSettings &, char *value, char *keyword, int index)
 
 TEST(ClientMessage, FileKeywordsReachTheirReaders) {
   ScopedApp app;
+  g_seen.clear();
   registerFileKeywordReader("BTRuleConfig", record_file_keyword);
   registerFileKeywordReader("BTTConfig", record_file_keyword);
   apply(start_msg("BTRuleConfig=rules.txt;BTTConfig=thr.txt;zxModuleFile=ignored"));
