@@ -15,38 +15,16 @@ using zxtest::TempDir;
 
 namespace {
 
-const char *const kAgentEnv[] = {
-    "MOR_APP_AGENT_TIER",
-    "MOR_APP_AGENT_SERVER",
-    "MOR_APP_AGENT_INSTANCE",
-    "MOR_APP_AGENT_ZXCHOST",
-    "MOR_APP_AGENT_ZXCPORT",
-    "MOR_APP_AGENT_ZXC_COMM_PROTOCOL",
-    "MOR_APP_AGENT_BACKUPZXCHOSTNAME",
-    "MOR_APP_AGENT_BACKUPZXCPORT",
-    "MOR_APP_AGENT_TIERATTRIBUTES",
-    "MOR_APP_AGENT_APPNAME",
-    "MOR_APP_AGENT_ENDPOINTPREFIX",
-    "MOR_APP_AGENT_TIERTAG",
-    "MOR_APP_AGENT_AGENTLOGGINGMODE",
-    "MOR_APP_AGENT_ZXSAASURL",
-    "MOR_APP_AGENT_ZXPROJECTKEY",
-};
-
 // A temporary home with a clean agent environment.
 class StartupTest : public ::testing::Test {
  protected:
-  StartupTest() : zxhome_("ZXHOME", home_.str().c_str()) {
-    for (const char *name : kAgentEnv) env_.push_back(std::make_unique<ScopedEnv>(name, nullptr));
-  }
+  StartupTest() : zxhome_("ZXHOME", home_.str().c_str()) {}
   void conf(const std::string &text) { home_.write("config/zxsettings.conf", text); }
-  void env(const char *name, const char *value) {
-    env_.push_back(std::make_unique<ScopedEnv>(name, value));
-  }
+  void env(const char *name, const char *value) { env_.set(name, value); }
 
   TempDir home_;
   ScopedEnv zxhome_;
-  std::vector<std::unique_ptr<ScopedEnv>> env_;
+  zxtest::CleanAgentEnv env_;
 };
 
 class ConfPassTest : public StartupTest {

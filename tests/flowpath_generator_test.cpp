@@ -5,6 +5,7 @@
 // profile swap or a stop.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <cstdio>
@@ -474,38 +475,6 @@ TEST_F(FlowpathRunTest, StopWhileOwnersAreInsideTheirTransactions) {
   EXPECT_EQ(app().gBusyTLSCnt, 0);
 }
 
-// A transaction longer than hashMapClearTime keeps the method table it began
-// with through a profile swap and the age-based clean-up.
-TEST_F(FlowpathRunTest, TransactionOutlivesAProfileSwapAndTheClearAge) {
-  ASSERT_EQ(setMethodHashMapNode(&app(), "app.Pay.run|0\n"), 0);
-  ZXPerThreadData_t *r =
-      startFP(&app(), "501", "/pay", nullptr, 0, nullptr, nullptr, nullptr, -1, 0);
-  ASSERT_NE(r, nullptr);
-  zxMethodEntry(&app(), nullptr, r, "app.Pay.run", nullptr, nullptr, 0, nullptr, 0, 0);
-  // The new profile redefines the method: the transaction's record of it is
-  // now in the retired table alone.
-  ASSERT_EQ(setMethodHashMapNode(&app(), "app.Pay.run|1|0|pay\n"), 0);
-  char clearNow[] = "zx_control_req:action=modify;hashMapClearTime=0";
-  findStatusFromClientMsg(*tlzxApplication, clearNow);
-  ASSERT_EQ(app().ZXSys.hashMapClearTime, 0);
-  checkAndClearHashMapNode(&app(), 0);
-  checkAndDeleteNode(&app());
-  EXPECT_EQ(retiredNodeCount(&app()), 1) << "still referenced, however old";
-
-  zxMethodExit(&app(), nullptr, r, "app.Pay.run", -1, 200, nullptr, -1, 0, 0, 0, 1, 0, 0);
-  method(r, "app.Pay.audit");  // a new name, given its id in the old table
-  endFP(&app(), r, 200, 0, 0);
-  const std::string tid = std::to_string(r->tlThreadId);
-  EXPECT_TRUE(std::regex_search(
-      records(), std::regex("\n4,501,200,10,0,0,[0-9]+,0,2:" + tid + "_0_0__1:" + tid +
-                            "_0_[0-9]+__1:" + tid + "_1_[0-9]+____3:" + tid +
-                            "_0_[0-9]+__3:" + tid + "_1_[0-9]+____2:" + tid + "_1_0____\n")));
-  EXPECT_EQ(retiredNodeCount(&app()), 1) << "held until the owner lets go";
-  reset(&app(), r);
-  checkAndClearHashMapNode(&app(), 0);
-  EXPECT_EQ(retiredNodeCount(&app()), 0) << "freed by the pass after its last user let go";
-}
-
 // Names resolved by one flowpath must not outlive its table: the next one on
 // the same slot, after a profile swap, resolves them in the new table.
 TEST_F(FlowpathRunTest, NamesResolveInTheTableOfTheirOwnFlowpath) {
@@ -561,25 +530,28 @@ TEST_F(FlowpathRunTest, SessionCookieDecidesCapture) {
 // next run's start, which installs a profile that retires its method table.
 class FlowpathAcrossRuns : public ::testing::Test, protected zxtest::LinkedAgent {
  protected:
-  // Records of flowpath `id` received so far, by record number.
-  static std::vector<int> recordsOf(const zxref::ReferenceCollector &c, const std::string &id) {
+  // Records 2, 3 and 4 of flowpath `id` received so far, by record number.
+  static std::vector<int> recordsOf(const zxref::History &h, const std::string &id) {
     std::vector<int> numbers;
-    for (const zxref::Record &r : c.records())
-      if ((r.number == 2 || r.number == 3 || r.number == 4) && r.fields.size() > 1 &&
-          r.fields[1] == id)
+    for (const zxref::Record &r : h.records)
+      if (r.number >= 2 && r.number <= 4 && r.fields.size() > 1 && r.fields[1] == id)
         numbers.push_back(r.number);
     return numbers;
+  }
+  static bool received(zxref::ReferenceCollector &c, int number, const std::string &id) {
+    return c.wait_until(
+        [&](const zxref::History &h) {
+          const auto n = recordsOf(h, id);
+          return std::find(n.begin(), n.end(), number) != n.end();
+        },
+        10s);
   }
 };
 
 TEST_F(FlowpathAcrossRuns, TransactionRunsAcrossAStopAndANewStart) {
   zxref::ReferenceCollector c;
   ASSERT_TRUE(c.start()) << c.error();
-  ZXProxyInstance_t &a = configure(c.port());
-  run_loop();
-  start_run(c);
-  zx_set_init_pause_ms(0);
-  zx_init();
+  ZXProxyInstance_t &a = start_sdk_run(c);
 
   zxBTHandle bt = zx_bt_begin("/pay", nullptr);
   ASSERT_NE(bt, nullptr);
@@ -589,14 +561,7 @@ TEST_F(FlowpathAcrossRuns, TransactionRunsAcrossAStopAndANewStart) {
   ASSERT_NE(backend, nullptr);
 
   ASSERT_TRUE(c.send_stop("status=stopped"));
-  ASSERT_TRUE(c.wait_until(
-      [&](const zxref::History &h) {
-        for (const zxref::Record &r : h.records)
-          if (r.number == 3 && r.fields.size() > 1 && r.fields[1] == id) return true;
-        return false;
-      },
-      10s))
-      << "the stop writes the running flowpath as incomplete";
+  ASSERT_TRUE(received(c, 3, id)) << "the stop writes the running flowpath as incomplete";
   // The next run's profile redefines the backend, so the record the
   // call-out holds is left in the retired table alone.
   home().write("instrProfile.txt", "pay.backend|8|1|-|payments\n");
@@ -628,15 +593,9 @@ TEST_F(FlowpathAcrossRuns, TransactionRunsAcrossAStopAndANewStart) {
   zx_method_exit(next, "Pay.run");
   EXPECT_EQ(zx_bt_end(next, 200), 0);
   EXPECT_EQ(zx_bt_release(next), 0);
-  ASSERT_TRUE(c.wait_until(
-      [&](const zxref::History &h) {
-        for (const zxref::Record &r : h.records)
-          if (r.number == 4 && r.fields.size() > 1 && r.fields[1] == nextId) return true;
-        return false;
-      },
-      10s));
+  ASSERT_TRUE(received(c, 4, nextId));
   // Records go out in order, so a record 4 of the old flowpath would be here.
-  EXPECT_EQ(recordsOf(c, id), (std::vector<int>{2, 3})) << "written once, by the stop";
+  EXPECT_EQ(recordsOf(c.snapshot(), id), (std::vector<int>{2, 3})) << "written once, by the stop";
   EXPECT_EQ(a.gBusyTLSCnt, 0);
   zx_free();
 }

@@ -24,24 +24,8 @@ void apply(std::string msg) {
 
 TEST(KeywordTable, ShapeOfTheTable) {
   std::set<std::string> names;
-  int parsers = 0, fields = 0, inert = 0;
-  for (const auto &row : keywordsMap) {
-    names.insert(row.name);
-    if (row.parser) {
-      ++parsers;
-      EXPECT_EQ(row.offset, -1) << row.name;
-      EXPECT_EQ(row.length, 0) << row.name;
-    } else if (row.setter) {
-      ++fields;
-      EXPECT_TRUE(row.fill_data) << row.name;
-      EXPECT_GE(row.offset, 0) << row.name;
-    } else {
-      ++inert;
-    }
-  }
-  EXPECT_EQ(names.size(), static_cast<size_t>(ZX_KEYWORD_COUNT)) << "names are unique";
-  EXPECT_EQ(inert, 4);
-  EXPECT_EQ(parsers + fields + inert, ZX_KEYWORD_COUNT);
+  for (const auto &row : keywordsMap) names.insert(row.name);
+  EXPECT_EQ(names.size(), static_cast<size_t>(ZX_KEYWORD_COUNT));
   // Row indices are part of the protocol (file keyword 0 and 1, ...).
   EXPECT_EQ(NameToIndex("BTRuleConfig"), 0);
   EXPECT_EQ(NameToIndex("BTTConfig"), 1);
@@ -179,6 +163,7 @@ void record_file_keyword(ZXAppSettings &, char *value, char *keyword, int index)
 
 TEST(ClientMessage, FileKeywordsReachTheirReaders) {
   ScopedApp app;
+  g_seen.clear();
   registerFileKeywordReader("BTRuleConfig", record_file_keyword);
   registerFileKeywordReader("BTTConfig", record_file_keyword);
   apply(start_msg("BTRuleConfig=rules.txt;BTTConfig=thr.txt;zxModuleFile=ignored"));

@@ -80,23 +80,14 @@ class Client {
     }
   }
   std::string read_bytes(std::size_t n) {
-    const auto deadline = Clock::now() + kWait;
-    while (buf_.size() < n && fill(deadline)) {
-    }
-    std::string out = buf_.substr(0, n);
-    buf_.erase(0, out.size());
-    return out;
+    return take_when([&] { return buf_.size() >= n ? n : std::string::npos; });
   }
   // Everything up to and including the first `end`; all that arrived when it does not.
   std::string read_through(std::string_view end) {
-    const auto deadline = Clock::now() + kWait;
-    std::size_t at = std::string::npos;
-    while ((at = buf_.find(end)) == std::string::npos && fill(deadline)) {
-    }
-    const std::size_t n = at == std::string::npos ? buf_.size() : at + end.size();
-    std::string out = buf_.substr(0, n);
-    buf_.erase(0, n);
-    return out;
+    return take_when([&] {
+      const std::size_t at = buf_.find(end);
+      return at == std::string::npos ? at : at + end.size();
+    });
   }
   // Whatever arrives within the window, and anything unread before it.
   std::string read_for(Clock::duration window) {
@@ -129,6 +120,18 @@ class Client {
     }
     buf_.append(chunk, static_cast<std::size_t>(n));
     return true;
+  }
+
+  // The first `length()` bytes once it is not npos, or all that came by the deadline.
+  template <typename Length>
+  std::string take_when(Length length) {
+    const auto deadline = Clock::now() + kWait;
+    std::size_t n;
+    while ((n = length()) == std::string::npos && fill(deadline)) {
+    }
+    std::string out = buf_.substr(0, n);
+    buf_.erase(0, out.size());
+    return out;
   }
 
   int fd_ = -1;
@@ -235,15 +238,11 @@ TEST(ReferenceCollectorReplies, AnswersEachRequestWithTheScriptedReply) {
   ASSERT_EQ(lines.size(), std::size(cases));
   EXPECT_EQ(lines[1].text + "\n", saas);
   EXPECT_EQ(collector->snapshot().of(ConnKind::Control).connections, std::size(cases));
-}
 
-TEST(ReferenceCollectorReplies, ReplyWrittenByteByByteArrivesWhole) {
-  zxref::Config config;
-  config.behaviour.reply_bytes_per_write = 1;
-  auto collector = started(config);
-  Client client(collector->port());
-  client.write(kCtrlRequest);
-  EXPECT_EQ(client.read_line(), "zx_ctrl_msg_rep:result=Ok;");
+  collector->set_behaviour({.reply_bytes_per_write = 1});
+  Client bytewise(collector->port());
+  bytewise.write(kCtrlRequest);
+  EXPECT_EQ(bytewise.read_line(), "zx_ctrl_msg_rep:result=Ok;") << "a reply written byte by byte";
 }
 
 // ---- framing of what the agent sends ----
@@ -319,16 +318,6 @@ TEST(ReferenceCollectorRecords, DecodesRecordsCountsHeartbeatsAndWaits) {
   EXPECT_EQ(history.lines_of(ConnKind::Data).at(0).text + "\n", kDataRequest);
   EXPECT_EQ(history.lines_of(ConnKind::Data).at(4).text, "not a record");
   EXPECT_TRUE(history.errors.empty());
-}
-
-TEST(ReferenceCollectorRecords, AutoSensorConnectionCarriesRecordsToo) {
-  auto collector = started();
-  Client sensor(collector->port());
-  sensor.write("auto_sensor_thread_hotspot_data_req:pid=1\n" + kRecord96);
-  const auto rec = collector->wait_for_record(96, kWait);
-  ASSERT_TRUE(rec);
-  EXPECT_EQ(rec->kind, ConnKind::AutoSensor);
-  EXPECT_EQ(rec->payload, kPayload);
 }
 
 // ---- control traffic from the collector ----

@@ -58,12 +58,6 @@ class SdkTest : public ::testing::Test {
     return zxtest::read_file(home_.path() / "logs" /
                              ("zx_sdk_" + std::to_string(getpid()) + ".log"));
   }
-  static int linesWith(const std::string &text, const std::string &what) {
-    int n = 0;
-    for (std::size_t at = 0; (at = text.find(what, at)) != std::string::npos; at += what.size())
-      ++n;
-    return n;
-  }
   // Transactions of BT `id` counted in every thread's monitor model.
   int btCount(int id) {
     int n = 0;
@@ -189,7 +183,7 @@ TEST_F(SdkTest, ErrorLinesAreRateLimitedButCounted) {
   const unsigned long long bad = zx_sdk_count_of(zx_sdk_reason::bad_argument);
   for (int i = 0; i < 1000; ++i) zx_method_entry(bt, "");
   EXPECT_EQ(zx_sdk_count_of(zx_sdk_reason::bad_argument) - bad, 1000u);
-  const int lines = linesWith(sdkLog(), "], method = []");
+  const int lines = static_cast<int>(zxtest::count_of(sdkLog(), "], method = []"));
   EXPECT_GE(lines, 1);
   EXPECT_LE(lines, ZX_SDK_ERROR_LINES_PER_PERIOD);
   zx_bt_release(bt);
@@ -204,7 +198,7 @@ TEST_F(SdkTest, SecondEndIsRefusedWithoutRecordsOrCounts) {
   ASSERT_EQ(zx_bt_end(bt, 200), 0);
   const int id = bt->tlBTObj->bt_id;
   EXPECT_EQ(btCount(id), 1);
-  EXPECT_EQ(linesWith(records(), "\n4,"), 1);
+  EXPECT_EQ(zxtest::count_of(records(), "\n4,"), 1u);
 
   const unsigned long long twice = zx_sdk_count_of(zx_sdk_reason::ended_twice);
   EXPECT_EQ(zx_bt_end(bt, 500), -1);

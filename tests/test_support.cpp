@@ -49,6 +49,12 @@ std::string read_file(const std::filesystem::path &p) {
   return ss.str();
 }
 
+std::size_t count_of(const std::string &text, const std::string &what) {
+  std::size_t n = 0;
+  for (std::size_t at = 0; (at = text.find(what, at)) != std::string::npos; at += what.size()) ++n;
+  return n;
+}
+
 ScopedEnv::ScopedEnv(const char *name, const char *value) : name_(name) {
   const char *old = std::getenv(name);
   had_old_ = old != nullptr;
@@ -110,32 +116,55 @@ ScopedTraceKey::~ScopedTraceKey() {
   trace_log_key = prev_;
 }
 
-namespace {
-
-const char *const kAgentEnv[] = {
-    "MOR_APP_AGENT_TIER",          "MOR_APP_AGENT_SERVER",       "MOR_APP_AGENT_INSTANCE",
-    "MOR_APP_AGENT_ZXCHOST",       "MOR_APP_AGENT_ZXCPORT",      "MOR_APP_AGENT_ZXC_COMM_PROTOCOL",
-    "MOR_APP_AGENT_ZXSAASURL",     "MOR_APP_AGENT_ZXPROJECTKEY", "MOR_APP_AGENT_BACKUPZXCHOSTNAME",
+const std::vector<const char *> kAgentEnvVars = {
+    "MOR_APP_AGENT_TIER",
+    "MOR_APP_AGENT_SERVER",
+    "MOR_APP_AGENT_INSTANCE",
+    "MOR_APP_AGENT_ZXCHOST",
+    "MOR_APP_AGENT_ZXCPORT",
+    "MOR_APP_AGENT_ZXC_COMM_PROTOCOL",
+    "MOR_APP_AGENT_ZXSAASURL",
+    "MOR_APP_AGENT_ZXPROJECTKEY",
+    "MOR_APP_AGENT_BACKUPZXCHOSTNAME",
     "MOR_APP_AGENT_BACKUPZXCPORT",
+    "MOR_APP_AGENT_TIERATTRIBUTES",
+    "MOR_APP_AGENT_APPNAME",
+    "MOR_APP_AGENT_ENDPOINTPREFIX",
+    "MOR_APP_AGENT_TIERTAG",
+    "MOR_APP_AGENT_AGENTLOGGINGMODE",
 };
 
-}  // namespace
+CleanAgentEnv::CleanAgentEnv() {
+  for (const char *name : kAgentEnvVars) set(name, nullptr);
+}
+
+std::unique_ptr<zxref::ReferenceCollector> start_collector(zxref::Behaviour b, std::uint16_t port,
+                                                           int receive_buffer) {
+  zxref::Config config;
+  config.port = port;
+  config.behaviour = std::move(b);
+  config.receive_buffer_bytes = receive_buffer;
+  auto c = std::make_unique<zxref::ReferenceCollector>(std::move(config));
+  EXPECT_TRUE(c->start()) << c->error();
+  return c;
+}
 
 LinkedAgent::LinkedAgent(Role role) : role_(role) {
   if (role_ == Role::ProcessAgent) zxhome_.emplace("ZXHOME", home_.str().c_str());
-  for (const char *name : kAgentEnv) env_.push_back(std::make_unique<ScopedEnv>(name, nullptr));
 }
 
 LinkedAgent::~LinkedAgent() {
   stop_agent();
   // The agent's side of a failure, for whoever reads the test output.
   if (::testing::Test::HasFailure() && trace_) {
-    for (const char *suffix : {"_0", "_1"}) {
-      std::string log = read_file(home_.path() / (std::string("trace.log") + suffix));
-      if (log.size() > 20000) log.erase(0, log.size() - 20000);
-      if (!log.empty()) std::cerr << "--- agent trace" << suffix << "\n" << log;
-    }
+    std::string log = trace_log();
+    if (log.size() > 20000) log.erase(0, log.size() - 20000);
+    if (!log.empty()) std::cerr << "--- agent trace\n" << log;
   }
+}
+
+std::string LinkedAgent::trace_log() const {
+  return read_file(home_.path() / "trace.log_1") + read_file(home_.path() / "trace.log_0");
 }
 
 ZXProxyInstance_t &LinkedAgent::configure(std::uint16_t port, const std::string &extra,

@@ -12,11 +12,8 @@
 #include <vector>
 
 #include "ZXProxyInstance.h"
+#include "reference_collector.h"
 #include "zxlb_mt_log.h"
-
-namespace zxref {
-class ReferenceCollector;
-}
 
 namespace zxtest {
 
@@ -37,6 +34,8 @@ class TempDir {
 };
 
 std::string read_file(const std::filesystem::path &p);
+// Occurrences of `what` in `text`.
+std::size_t count_of(const std::string &text, const std::string &what);
 
 // Sets an environment variable for the scope (unset when value is null) and
 // restores the previous state.
@@ -51,6 +50,21 @@ class ScopedEnv {
   std::string name_;
   std::string old_;
   bool had_old_;
+};
+
+// Every MOR_APP_AGENT_* setting the agent reads from its environment.
+extern const std::vector<const char *> kAgentEnvVars;
+
+// Unsets every kAgentEnvVars entry for the scope; set() sets one more.
+class CleanAgentEnv {
+ public:
+  CleanAgentEnv();
+  void set(const char *name, const char *value) {
+    env_.push_back(std::make_unique<ScopedEnv>(name, value));
+  }
+
+ private:
+  std::vector<std::unique_ptr<ScopedEnv>> env_;
 };
 
 // A fresh application object with its settings defaults, published through
@@ -115,6 +129,8 @@ class LinkedAgent {
                                const std::string &host = "127.0.0.1");
   ZXProxyInstance_t &app() { return **app_; }
   const TempDir &home() const { return home_; }
+  // Both files of the agent's trace log, oldest first.
+  std::string trace_log() const;
   void run_loop();
   // After stop_agent (whose join makes the thread's writes visible here).
   void restart_loop();
@@ -129,7 +145,7 @@ class LinkedAgent {
   Role role_;
   TempDir home_;
   std::optional<ScopedEnv> zxhome_;
-  std::vector<std::unique_ptr<ScopedEnv>> env_;
+  CleanAgentEnv env_;
   std::optional<ScopedApp> app_;
   std::optional<ScopedTraceKey> trace_;
   std::thread loop_;
@@ -138,6 +154,11 @@ class LinkedAgent {
 }  // namespace zxtest
 
 namespace zxtest {
+
+// A started reference collector (a failure to start fails the test).
+std::unique_ptr<zxref::ReferenceCollector> start_collector(zxref::Behaviour b = {},
+                                                           std::uint16_t port = 0,
+                                                           int receive_buffer = 0);
 
 // Polls `pred` until it holds or `timeout` passes; true when it held.
 template <typename Pred>

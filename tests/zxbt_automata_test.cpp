@@ -132,37 +132,6 @@ std::string lone(const char *kw, char constraint, const std::string &url, unsign
   return k.search(url);
 }
 
-TEST(Keywords, PriorityThenLaterEndThenHigherIndex) {
-  KeywordSet k;
-  k.add("pay", 1, "P", ZXLB_MATCH_CONTAINS);
-  k.add("payment", 1, "Q", ZXLB_MATCH_CONTAINS);
-  EXPECT_EQ(k.search("/x/payment"), "Q") << "payment ends later";
-  EXPECT_EQ(k.search("/x/payment/pay"), "P");
-
-  KeywordSet same_end;
-  same_end.add("payment", 1, "LONG", ZXLB_MATCH_CONTAINS);
-  same_end.add("ment", 1, "SHORT", ZXLB_MATCH_CONTAINS);
-  EXPECT_EQ(same_end.search("/payment"), "SHORT") << "same end: the higher index wins";
-
-  KeywordSet ranked;
-  ranked.add("pay", 5, "P", ZXLB_MATCH_CONTAINS);
-  ranked.add("payment", 1, "Q", ZXLB_MATCH_CONTAINS);
-  EXPECT_EQ(ranked.search("/payment"), "P") << "priority beats position";
-  EXPECT_EQ(lone("x", ZXLB_MATCH_CONTAINS, "/x", 0), "K") << "priority 0 beats no match";
-}
-
-TEST(Keywords, ConstraintsDecideWhereAKeywordCounts) {
-  EXPECT_EQ(lone("/api", ZXLB_MATCH_STARTS_WITH, "/api/v1"), "K");
-  EXPECT_EQ(lone("/api", ZXLB_MATCH_STARTS_WITH, "/v1/api"), "<none>");
-  EXPECT_EQ(lone(".php", ZXLB_MATCH_ENDS_WITH, "/a.php"), "K");
-  EXPECT_EQ(lone(".php", ZXLB_MATCH_ENDS_WITH, "/a.php?x=1"), "<none>");
-  EXPECT_EQ(lone("pay", ZXLB_MATCH_CONTAINS, "/pay/now"), "K");
-  EXPECT_EQ(lone("pay", ZXLB_MATCH_CONTAINS, "pay/now"), "<none>") << "not at the very start";
-  EXPECT_EQ(lone("login", ZXLB_MATCH_EQUALS, "login"), "K");
-  EXPECT_EQ(lone("login", ZXLB_MATCH_EQUALS, "/login"), "<none>");
-  for (char never : {0, 5, 6, 7, -1}) EXPECT_EQ(lone("x", never, "/x/x"), "<none>") << +never;
-}
-
 TEST(Keywords, TwentyFirstKeywordJumpsTheCountAndEmptyEntriesMatchNothing) {
   EXPECT_EQ(lone("abc", ZXLB_MATCH_ENDS_WITH, "/xyz"), "<none>");
   EXPECT_EQ(DictionaryHeadPointer.load(), nullptr) << "forgotten with its rule set";

@@ -230,18 +230,14 @@ std::vector<OutputLine> Process::lines() const {
 
 std::optional<OutputLine> Process::wait_for_line(const std::function<bool(std::string_view)> &match,
                                                  Millis timeout, std::size_t from) const {
-  std::unique_lock lock(mu_);
-  std::size_t next = from;
   std::optional<OutputLine> found;
-  changed_.wait_for(lock, timeout, [&] {
-    for (; next < lines_.size(); ++next) {
-      if (match(lines_[next].text)) {
-        found = lines_[next];
-        return true;
-      }
-    }
-    return output_closed_;
-  });
+  wait_until(
+      [&](const std::vector<OutputLine> &lines, bool closed) {
+        for (; from < lines.size() && !found; ++from)
+          if (match(lines[from].text)) found = lines[from];
+        return found || closed;
+      },
+      timeout);
   return found;
 }
 
