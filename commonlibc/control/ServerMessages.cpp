@@ -152,7 +152,6 @@ void handleStartInstrumentation(ZXAppControl *app, char *message) {
     ZX_CTRL_LOG(0, "Info", "Proxy Server - processCount = %d", app->processCount.load());
   else
     ZX_CTRL_LOG(0, "Info", "Agent App - processCount = %d", app->processCount.load());
-  relayRunCommand(app, message, true);
   ZX_CTRL_LOG(0, "Info", "Receive msg '%s'", message);
 
   zxlb_init_all_keywords(*app);
@@ -190,6 +189,9 @@ void handleStartInstrumentation(ZXAppControl *app, char *message) {
   srv.InstrumentationBusy = 1;
   srv.testRunRunning = 1;
   handleStartInstrumentationCase(app, message);
+  // The processes start once their application can replay what they send
+  // (its run is on, its ids match theirs).
+  relayRunCommand(app, message, true);
   sendResponseToZXC(app);
 }
 
@@ -227,7 +229,7 @@ void handleStopInstrumentationCase(ZXAppControl *app, char *message) {
 
 void handleModifyMessage(ZXAppControl *app, char *message) {
   ZX_CTRL_LOG(0, "Info", "%s", message);
-  if (ZXProxy.proxyServerFlag) {
+  if (app->relayToProcesses) {
     ZX_CTRL_LOG(0, "Info", "Proxy sending AI message to agent");
     forwardToProcesses(app, message);
   }
@@ -351,7 +353,7 @@ void handleReceivedClientMessageFromZXCollector(ZXAppControl *app, char *message
     ZX_CTRL_LOG(0, "Info", "Receive Message from ZXC : '%s'", message);
     sendOrDrop(app, "zx_meta_data_rep:status=complete;\n");
   } else if (has_prefix(message, "zxc_req:action=discover_loaded_classes")) {
-    if (ZXProxy.proxyServerFlag)
+    if (app->relayToProcesses)
       forwardToProcesses(app, message);
     else
       logOnly(message);

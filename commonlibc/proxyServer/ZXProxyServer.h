@@ -140,6 +140,7 @@ class ZXProxyServer {
   void deliverRelays();
 
   ZXProxyServerOptions opt_;
+  zx::AprSession apr_;  // before the pools, which it outlives
   zx::PoolPtr pool_;
   apr_pollset_t *pollset_ = nullptr;
   apr_socket_t *listener_ = nullptr;
