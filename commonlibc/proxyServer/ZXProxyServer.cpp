@@ -99,11 +99,12 @@ ZXProxyInstance_t *ZXProxyServer::application(std::size_t i) const {
 
 void ZXProxyServer::stop() {
   {
+    // Under the lock so that shutdown() cannot destroy the pollset between.
     std::lock_guard lk(stopLock_);
     stopping_ = true;
+    if (apr_pollset_t *p = pollset_.load()) apr_pollset_wakeup(p);
   }
   stopCond_.notify_all();
-  if (pollset_) apr_pollset_wakeup(pollset_);
 }
 
 bool ZXProxyServer::openListener() {
@@ -166,13 +167,14 @@ bool ZXProxyServer::run() {
     ZX_LOG_OOM(kReadSize + 1, "proxy read buffer", 0);
     return false;
   }
-  apr_status_t rv = apr_pollset_create(&pollset_, static_cast<apr_uint32_t>(opt_.maxDescriptors),
+  apr_pollset_t *made = nullptr;
+  apr_status_t rv = apr_pollset_create(&made, static_cast<apr_uint32_t>(opt_.maxDescriptors),
                                        pool_.get(), APR_POLLSET_WAKEABLE);
   if (rv != APR_SUCCESS) {
     ZX_PROXY_LOG(-1, "Error", "Error in creating poll. Error: %s\n", aprError(rv).c_str());
-    pollset_ = nullptr;
     return false;
   }
+  pollset_ = made;
   // Given up for a moment when the process runs out of descriptors, so that
   // a connection past the limit can be accepted and closed, not left to spin
   // the loop.
@@ -224,13 +226,13 @@ void ZXProxyServer::shutdown() {
   zxProxyApplications().clear();
   ZXProxy.numInstances = 0;
   apps.clear();
-  if (pollset_) {
-    // Later wakeups (none should come: every control thread has stopped)
-    // must not find a destroyed pollset.
-    apr_pollset_t *p = pollset_;
-    pollset_ = nullptr;
-    apr_pollset_destroy(p);
+  // No relay can come any more: every control thread has stopped.
+  apr_pollset_t *p = nullptr;
+  {
+    std::lock_guard lk(stopLock_);
+    p = pollset_.exchange(nullptr);
   }
+  if (p) apr_pollset_destroy(p);
 }
 
 void ZXProxyServer::loop() {

@@ -142,7 +142,8 @@ class ZXProxyServer {
   ZXProxyServerOptions opt_;
   zx::AprSession apr_;  // before the pools, which it outlives
   zx::PoolPtr pool_;
-  apr_pollset_t *pollset_ = nullptr;
+  // Read by stop() and postRelay() on other threads.
+  std::atomic<apr_pollset_t *> pollset_{nullptr};
   apr_socket_t *listener_ = nullptr;
   zx::PoolPtr listenPool_;
   apr_pollfd_t listenPfd_{};
@@ -159,7 +160,9 @@ class ZXProxyServer {
   ZXProxyServerCounts counts_;
 
   std::atomic<bool> stopping_{false};
-  std::mutex stopLock_;  // guards the wait between listen attempts, with stopping_
+  // Guards the wait between listen attempts with stopping_, and the
+  // pollset's end against a stop() waking it.
+  std::mutex stopLock_;
   std::condition_variable stopCond_;
 
   // Collector commands for processes, from the applications' control
