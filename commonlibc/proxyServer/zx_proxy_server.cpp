@@ -150,10 +150,12 @@ int main(int argc, char **argv) {
   installCrashHandlers();
   raiseDescriptorLimit();
 
-  std::thread watcher(watchSignals);
   startedWithExc = 1;
   char processName[] = "zx_proxy_server";
   agent_init(nullptr, 1, processName, nullptr);
+  // After start-up, whose trace log the watcher writes to; a signal that came
+  // meanwhile is pending and taken now.
+  std::thread watcher(watchSignals);
   int status = 1;
   if (ZXProxyInstance) {
     // The proxy has no identity of its own: these would rename every
