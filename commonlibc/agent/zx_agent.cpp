@@ -126,6 +126,30 @@ void agent_shutdown() {
   if (ZXProxyInstance) (void)agent_stop_by(ZXProxyInstance, 0);
 }
 
+void readyApplication(ZXProxyInstance_t &app, const char *agentType) {
+  // Timings the settings file shortens (tests, impatient hosts), applied
+  // before any thread reads them.
+  if (int ms = app.startupLinkTimings.retryIntervalMs; ms > 0)
+    app.linkTimings.retryInterval = app.linkTimings.dataConnRetryInterval = apr_time_from_msec(ms);
+  if (int ms = app.startupLinkTimings.connectTimeoutMs; ms > 0)
+    app.linkTimings.connectTimeout = apr_time_from_msec(ms);
+
+  initPerThreadSlots(&app);
+  app.processID = static_cast<long long>(getpid());
+  app.agentStartTime = my_gettimeofday();
+  app.ZXSys.rSeq = 0;
+
+  setAgentType(app.ZXBCISetting, agentType ? agentType : "PHP");
+  app.lws_active = 0;
+  app.proxy_lws_active = 0;
+}
+
+zx::Status startApplication(ZXProxyInstance_t &app, const char *agentType) {
+  if (agentType) readyApplication(app, agentType);
+  ZXBTConfigModelInit(app);
+  return start_control_thread(&app);
+}
+
 extern "C" ZX_EXPORT void agent_init(char *pool, int connect_zxc, char *process_name,
                                      char *agentType) try {
   // Once per process image: a fork's child restarting its agent, or a host
@@ -191,31 +215,14 @@ extern "C" ZX_EXPORT void agent_init(char *pool, int connect_zxc, char *process_
 
   if (connect_zxc <= 0) return;
 
-  // Timings the settings file shortens (tests, impatient hosts), applied
-  // before any thread reads them.
-  if (int ms = app->startupLinkTimings.retryIntervalMs; ms > 0)
-    app->linkTimings.retryInterval = app->linkTimings.dataConnRetryInterval =
-        apr_time_from_msec(ms);
-  if (int ms = app->startupLinkTimings.connectTimeoutMs; ms > 0)
-    app->linkTimings.connectTimeout = apr_time_from_msec(ms);
-
-  initPerThreadSlots(app);
-  app->processID = static_cast<long long>(getpid());
-  app->agentStartTime = my_gettimeofday();
-  app->ZXSys.rSeq = 0;
-
-  setAgentType(app->ZXBCISetting, agentType ? agentType : "PHP");
-  app->lws_active = 0;
-  app->proxy_lws_active = 0;
-
+  readyApplication(*app, agentType);
   if (startedWithExc) {
     ZX_CTRL_LOG(0, "Info", "Proxy is running ...");
     return;
   }
-  ZXBTConfigModelInit(*app);
   ZX_CTRL_LOG(0, "Info", "Going to start control thread ...");
   zx_agent_fork_remember(pool, process_name, agentType);
-  const zx::Status started = start_control_thread(app);
+  const zx::Status started = startApplication(*app, nullptr);
   if (started.ok()) {
     static std::once_flag exitOnce;
     std::call_once(exitOnce, [] { atexit(stop_at_exit); });

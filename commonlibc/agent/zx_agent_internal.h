@@ -8,6 +8,16 @@
 
 #include "ZXProxyInstance.h"
 #include "ZXSettingsFile.h"
+#include "zxlb_status.h"
+
+// Start-up after the settings passes, for an application whose identity and
+// settings are in place: the link timings the settings file shortened, the
+// per-thread machinery and the agent type.
+void readyApplication(ZXProxyInstance_t &app, const char *agentType);
+// Its BT model and control thread, after readyApplication (done here first
+// when `agentType` is given). agent_init starts the process's application
+// this way, the proxy each application it serves.
+zx::Status startApplication(ZXProxyInstance_t &app, const char *agentType);
 
 // Opens the process's trace log under the application's home.
 void ZXTraceInit(ZXAppSettings &app, const char *processName, const char *pool);

@@ -6,6 +6,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <fstream>
+#include <mutex>
 #include <sstream>
 #include <string>
 #include <string_view>
@@ -42,10 +43,34 @@ void sendOrDrop(ZXAppControl *app, const char *text) {
   if (sendText(app, text) != 0) app->ZXSys.closeCtrlConFlag = 1;
 }
 
-void forwardToProcesses(ZXAppControl *app, const char *message) {
+void forwardToProcesses(ZXAppControl *app, const char *message, int procIndex = -1) {
   // Attached application processes exist only in the proxy server.
-  if (app->processCount <= 0) return;
-  ZX_CTRL_LOG(1, "Info", "Forwarding '%.200s' to %d processes", message, app->processCount);
+  if (!app->relayToProcesses) return;
+  ZX_CTRL_LOG(1, "Info", "Forwarding '%.200s' to %d processes", message, app->processCount.load());
+  app->relayToProcesses(message, procIndex);
+}
+
+// The start command is kept for processes that attach later; in the proxy
+// also while none is attached, since the next one must still be started.
+void relayRunCommand(ZXAppControl *app, const char *message, bool start) {
+  std::lock_guard lk(app->startInstLock);
+  forwardToProcesses(app, message);
+  if (app->processCount <= 0 && !app->relayToProcesses) return;
+  if (start)
+    app->startInstMsg.assign(message);
+  else
+    app->startInstMsg.reset();
+}
+
+// "procIndex=<n>" addresses one process of the proxy's application: it is
+// that process's business, not the application object's.
+bool relayToOneProcess(ZXAppControl *app, const char *message) {
+  if (!app->relayToProcesses) return false;
+  const char *p = strstr(message, "procIndex=");
+  if (!p) return false;
+  forwardToProcesses(app, message, atoi(p + strlen("procIndex=")));
+  app->heartbeat_count = 0;
+  return true;
 }
 
 void logOnly(const char *message) {
@@ -124,11 +149,9 @@ void handleStartInstrumentation(ZXAppControl *app, char *message) {
   Server_t &srv = app->Server;
   ZX_CTRL_LOG(0, "Info", "%s", message);
   if (ZXProxy.proxyServerFlag)
-    ZX_CTRL_LOG(0, "Info", "Proxy Server - processCount = %d", app->processCount);
+    ZX_CTRL_LOG(0, "Info", "Proxy Server - processCount = %d", app->processCount.load());
   else
-    ZX_CTRL_LOG(0, "Info", "Agent App - processCount = %d", app->processCount);
-  forwardToProcesses(app, message);
-  if (app->processCount > 0) app->startInstMsg.assign(message);
+    ZX_CTRL_LOG(0, "Info", "Agent App - processCount = %d", app->processCount.load());
   ZX_CTRL_LOG(0, "Info", "Receive msg '%s'", message);
 
   zxlb_init_all_keywords(*app);
@@ -166,14 +189,16 @@ void handleStartInstrumentation(ZXAppControl *app, char *message) {
   srv.InstrumentationBusy = 1;
   srv.testRunRunning = 1;
   handleStartInstrumentationCase(app, message);
+  // The processes start once their application can replay what they send
+  // (its run is on, its ids match theirs).
+  relayRunCommand(app, message, true);
   sendResponseToZXC(app);
 }
 
 void handleStoppingCaseAtStopInstrumentCase(ZXAppControl *app, char *message) {
   Server_t &srv = app->Server;
   ZX_CTRL_LOG(0, "Info", "%s", message);
-  forwardToProcesses(app, message);
-  if (app->processCount > 0) app->startInstMsg.reset();
+  relayRunCommand(app, message, false);
 
   srv.gettingstopInstrumenatation = 1;
   if (srv.dumpremainingtstime > 0)
@@ -204,7 +229,7 @@ void handleStopInstrumentationCase(ZXAppControl *app, char *message) {
 
 void handleModifyMessage(ZXAppControl *app, char *message) {
   ZX_CTRL_LOG(0, "Info", "%s", message);
-  if (ZXProxy.proxyServerFlag) {
+  if (app->relayToProcesses) {
     ZX_CTRL_LOG(0, "Info", "Proxy sending AI message to agent");
     forwardToProcesses(app, message);
   }
@@ -231,7 +256,7 @@ void handleHeartbeatEcho(ZXAppControl *app, char *message) {
   char elapsedText[64];
   snprintf(elapsedText, sizeof elapsedText, "%lld ms", elapsed);
   ZX_CTRL_LOG(0, "Info", "Heartbeat set is :%lld, Process count = %d Time Elapsed- '%s'",
-              app->Server.lastHeartBeatRcvTime, app->processCount, elapsedText);
+              app->Server.lastHeartBeatRcvTime, app->processCount.load(), elapsedText);
   forwardToProcesses(app, message);
   (void)applyHeartbeatEchoStates(app, message);
   app->heartbeat_count = 0;
@@ -315,6 +340,7 @@ void handleRerouteMessage(ZXAppControl *app, char *message) {
 
 void handleReceivedClientMessageFromZXCollector(ZXAppControl *app, char *message) {
   if (!message || !app) return;
+  if (relayToOneProcess(app, message)) return;
   if (has_prefix(message, "zx_control_req:action=start_instrumentation")) {
     handleStartInstrumentation(app, message);
   } else if (has_prefix(message, "zx_control_rep:action:result=Ok;") ||
@@ -327,7 +353,7 @@ void handleReceivedClientMessageFromZXCollector(ZXAppControl *app, char *message
     ZX_CTRL_LOG(0, "Info", "Receive Message from ZXC : '%s'", message);
     sendOrDrop(app, "zx_meta_data_rep:status=complete;\n");
   } else if (has_prefix(message, "zxc_req:action=discover_loaded_classes")) {
-    if (ZXProxy.proxyServerFlag)
+    if (app->relayToProcesses)
       forwardToProcesses(app, message);
     else
       logOnly(message);

@@ -1,6 +1,7 @@
 #include "ZXAppControl.h"
 
 #include <chrono>
+#include <utility>
 
 #include "ServerMessages.h"
 #include "control_thread.h"
@@ -27,4 +28,26 @@ void ZXAppControl::wakeControlThread() {
     wakeRequested = true;
   }
   wakeCond.notify_all();
+}
+
+bool ZXAppControl::queueForCollector(std::string text) {
+  {
+    std::lock_guard lk(collectorOutboxLock);
+    if (collectorOutboxBytes + text.size() > kCollectorOutboxMaxBytes) {
+      ++collectorOutboxDropped;
+      return false;
+    }
+    collectorOutboxBytes += text.size();
+    collectorOutbox.push_back(std::move(text));
+  }
+  // Ends the control thread's poll wait so that the text goes out now.
+  std::lock_guard lk(ctrlConnLock);
+  if (zxcCtrlSocket) zxcCtrlSocket->wakeup();
+  return true;
+}
+
+std::vector<std::string> ZXAppControl::takeCollectorOutbox() {
+  std::lock_guard lk(collectorOutboxLock);
+  collectorOutboxBytes = 0;
+  return std::exchange(collectorOutbox, {});
 }

@@ -6,9 +6,12 @@
 
 #include <atomic>
 #include <condition_variable>
+#include <cstddef>
+#include <functional>
 #include <memory>
 #include <mutex>
 #include <string>
+#include <vector>
 
 #include "ZXAppTracing.h"
 
@@ -47,9 +50,33 @@ struct ZXAppControl : ZXAppTracing {
   // The link state last written to the trace log at every level, so that an
   // outage costs one line, not one per attempt. Control thread only.
   enum class LinkReport { None, Up, Down } ctrlLinkReported = LinkReport::None;
-  zx::OwnedString startInstMsg;
-  int processCount = 0;            // attached application processes (proxy server)
   long long totalElapsedTime = 0;  // ms; start of the current connection
+
+  // Proxy server only: the application's processes behind this link.
+  //
+  // Collector -> processes: the proxy installs `relayToProcesses` before the
+  // control thread starts; the thread calls it with each command for the
+  // processes (procIndex -1: every attached one). startInstMsg is read by the
+  // proxy's poll thread when a process registers, so startInstLock guards it
+  // and is held while a start or stop is relayed: a process registering
+  // meanwhile gets that command exactly once, either way.
+  //
+  // Processes -> collector: any thread queues text (queueForCollector); the
+  // control thread, the connection's owner, sends the queue at its next turn.
+  // Bounded: what does not fit is dropped and counted. collectorOutboxLock
+  // guards the queue, its size and the count.
+  std::function<void(const char *message, int procIndex)> relayToProcesses;
+  std::mutex startInstLock;
+  zx::OwnedString startInstMsg;
+  std::atomic<int> processCount{0};  // attached application processes
+  std::mutex collectorOutboxLock;
+  std::vector<std::string> collectorOutbox;
+  std::size_t collectorOutboxBytes = 0;
+  unsigned long long collectorOutboxDropped = 0;
+  static constexpr std::size_t kCollectorOutboxMaxBytes = 1 << 20;
+  // False when the queue is full (the text is dropped and counted).
+  bool queueForCollector(std::string text);
+  std::vector<std::string> takeCollectorOutbox();
 
   // The control thread. Its waits are interruptible so that the agent can be
   // stopped (unload, tests) without waiting out a retry interval.

@@ -504,6 +504,18 @@ int checkZXCAlive(ZXAppControl *app) {
   return 1;
 }
 
+namespace {
+
+// What the proxy's application processes queued for the collector; false
+// when the connection failed under it.
+bool sendQueuedForCollector(ZXAppControl *app) {
+  for (const std::string &text : app->takeCollectorOutbox())
+    if (controlConnectionSendBuffer(app, text.data(), text.size()) != 0) return false;
+  return true;
+}
+
+}  // namespace
+
 int handle_msg_from_zxc(ZXAppControl *app, controlSocketBuffer_t *buf) {
   if (!app->zxcCtrlSocket) return 1;
   ZXSys_t &sys = app->ZXSys;
@@ -514,6 +526,7 @@ int handle_msg_from_zxc(ZXAppControl *app, controlSocketBuffer_t *buf) {
   char err[kErrSize] = {};
   for (;;) {
     if (sys.closeCtrlConFlag == 1 || app->stopRequested || !app->zxcCtrlSocket) return 1;
+    if (!sendQueuedForCollector(app)) return 1;
     if (!sys.proxyMode && app->heartbeat_count + 1 > app->retry_policy.reply_unsuccessful_count) {
       ZX_CTRL_LOG(0, "Error", "heartbeat count reaches to the threshold = %d",
                   app->heartbeat_count);

@@ -15,21 +15,44 @@ ZXProxyInstance_t *ZXProxyApplications::at(int appIndex) const {
 
 int ZXProxyApplications::addProcess(int appIndex) {
   if (!at(appIndex)) return -1;
-  std::vector<ZXProxyProcessInfo_t> &procs = apps_[appIndex].processInfo;
+  std::vector<instanceProcess_t> &procs = apps_[appIndex].processInfo;
   procs.emplace_back();
   return static_cast<int>(procs.size()) - 1;
+}
+
+int ZXProxyApplications::slotFor(int appIndex, long long pid, bool &reused) {
+  reused = false;
+  if (!at(appIndex)) return -1;
+  std::vector<instanceProcess_t> &procs = apps_[appIndex].processInfo;
+  int freeSlot = -1;
+  for (int i = 0; i < static_cast<int>(procs.size()); ++i) {
+    if (procs[i].processId == pid) {
+      reused = true;
+      return i;
+    }
+    if (freeSlot < 0 && procs[i].processId == -1) freeSlot = i;
+  }
+  return freeSlot >= 0 ? freeSlot : addProcess(appIndex);
 }
 
 int ZXProxyApplications::processCount(int appIndex) const {
   return at(appIndex) ? static_cast<int>(apps_[appIndex].processInfo.size()) : 0;
 }
 
-ZXProxyProcessInfo_t *ZXProxyApplications::process(int appIndex, int processIndex) {
+int ZXProxyApplications::activeProcessCount(int appIndex) const {
+  return at(appIndex) ? apps_[appIndex].activeProcessCount : 0;
+}
+
+void ZXProxyApplications::setActiveProcessCount(int appIndex, int n) {
+  if (at(appIndex)) apps_[appIndex].activeProcessCount = n;
+}
+
+instanceProcess_t *ZXProxyApplications::process(int appIndex, int processIndex) {
   if (processIndex < 0 || processIndex >= processCount(appIndex)) return nullptr;
   return &apps_[appIndex].processInfo[processIndex];
 }
 
-ZXProxyProcessInfo_t *ZXProxyApplications::process(const ZXProxyInstance_t &app, int processIndex) {
+instanceProcess_t *ZXProxyApplications::process(const ZXProxyInstance_t &app, int processIndex) {
   for (int i = 0; i < numInstances(); ++i)
     if (apps_[i].app == &app) return process(i, processIndex);
   return nullptr;

@@ -313,7 +313,7 @@ ZXFrameScan scanFrames(ZXProxyInstance_t &app, const char *buf, std::size_t len,
                        std::size_t maxFrame) {
   static constexpr char kKeepAlive[] = "10,\n";
   ZXFrameScan out;
-  ZXProxyProcessInfo_t *proc = zxProxyApplications().process(app, processIndex);
+  instanceProcess_t *proc = zxProxyApplications().process(app, processIndex);
   const char *p = buf;
   const char *const end = buf + len;
   // Bytes counted as consumed, for the log lines only: after a bad frame the
