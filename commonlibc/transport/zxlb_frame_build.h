@@ -25,6 +25,19 @@ struct ZXFrameString {
 // strnlen bounded by the limit (one byte more, to tell a cut).
 ZXFrameString frameString(const char *text) noexcept;
 
+// "^", the header of a frame of `total` bytes and "|": the first
+// ZX_FRAME_FIXED_AT bytes at `out`.
+inline void writeFrameHead(char *out, ZXFrameType type, std::size_t total) noexcept {
+  // Field by field: a header assembled aside and copied whole would be read
+  // back across two of its own stores, which stalls.
+  const std::int32_t total32 = static_cast<std::int32_t>(total), type32 = type;
+  out[0] = ZX_FRAME_START;
+  std::memcpy(out + 1 + offsetof(msgHdr_t, header_len), &ZX_FRAME_HEADER_LEN, 4);
+  std::memcpy(out + 1 + offsetof(msgHdr_t, total_len), &total32, 4);
+  std::memcpy(out + 1 + offsetof(msgHdr_t, msg_type), &type32, 4);
+  out[ZX_FRAME_FIXED_AT - 1] = ZX_FRAME_SEPARATOR;
+}
+
 class ZXFrameBuffer {
  public:
   ZXFrameBuffer() = default;
