@@ -321,6 +321,27 @@ int dumpFrameParts(ZXAppLink *app, const ZXFramePart *parts, int count, int len)
   return rc;
 }
 
+ZXFrameSlot::ZXFrameSlot(ZXAppLink *app, int len) : len_(len) {
+  if (!app || len <= 0) return;
+  pool_ = &app->sendBuffers;
+  pool_->bufferWriteLock.lock();
+  // As addLocked: the head is ours while we hold the lock.
+  buf_ = pool_->writeList.load(std::memory_order_acquire);
+  if (buf_ && buf_->buff_size - buf_->use_len >= len) at_ = buf_->buff + buf_->use_len;
+}
+
+ZXFrameSlot::~ZXFrameSlot() {
+  if (pool_) pool_->bufferWriteLock.unlock();
+}
+
+void ZXFrameSlot::commit() {
+  if (!at_) return;
+  bump(pool_->counters.records, 1);
+  buf_->use_len += len_;
+  if (buf_->use_len == buf_->buff_size) moveToReadList(*pool_);
+  at_ = nullptr;
+}
+
 int dumpRecords(ZXAppLink *app, const ZXRecordSpan *records, int count) {
   if (!app) return -99;
   if (count > ZX_MAX_RECORDS_AT_ONCE) count = ZX_MAX_RECORDS_AT_ONCE;

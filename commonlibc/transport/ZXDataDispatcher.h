@@ -199,6 +199,28 @@ struct ZXFramePart {
 // copied straight into the send buffers: nothing is assembled aside first.
 int dumpFrameParts(ZXAppLink *app, const ZXFramePart *parts, int count, int len);
 
+// The place of one frame of `len` bytes in the filling buffer, for a
+// producer to write it there itself: bufferWriteLock is held for the slot's
+// life. at() is null when the frame does not fit that buffer whole (or there
+// is none); the producer then lets the slot go and calls dumpFrameParts,
+// which splits, drops and counts. Nothing is counted until commit().
+class ZXFrameSlot {
+ public:
+  ZXFrameSlot(ZXAppLink *app, int len);
+  ~ZXFrameSlot();
+  ZXFrameSlot(const ZXFrameSlot &) = delete;
+  ZXFrameSlot &operator=(const ZXFrameSlot &) = delete;
+  char *at() const { return at_; }
+  // The `len` bytes at at() are written: they are one queued frame.
+  void commit();
+
+ private:
+  ZXSendBufferPool *pool_ = nullptr;
+  nioSettings_t *buf_ = nullptr;
+  char *at_ = nullptr;
+  int len_;
+};
+
 // The single entry for producers; a no-op (0) for null data or len <= 0, -99
 // without an application. Otherwise the result of addDataInSendBuffer.
 int dumpData(ZXAppLink *app, const char *data, int len);

@@ -28,14 +28,33 @@ Block zeroed() {
   return b;
 }
 
-// The frame goes into the send buffers in parts, straight from where they
-// are: "^" with the header and "|", the fixed block, each string, the end
-// byte. Nothing is assembled aside: a copy of the block just written would
-// stall on its own stores.
+// The frame is written where it is to be sent from, in the filling buffer;
+// one that does not fit there whole goes in parts ("^" with the header and
+// "|", the fixed block, each string, the end byte), split, dropped and
+// counted by the pool. Nothing is assembled aside. The block's fields were
+// stored just before: copied once the pool lock's atomic has drained them,
+// so the copy does not stall on its own stores.
 template <typename Block, typename... Strings>
 void send(ZXAppLink *app, ZXFrameType type, const Block &fixed, const char *what,
           const Strings &...strings) {
   const std::size_t total = ZX_FRAME_OVERHEAD + sizeof fixed + (std::size_t{0} + ... + strings.len);
+  const int len = static_cast<int>(total);
+  {
+    ZXFrameSlot slot(app, len);
+    if (char *out = slot.at()) {
+      writeFrameHead(out, type, total);
+      std::memcpy(out + ZX_FRAME_FIXED_AT, &fixed, sizeof fixed);
+      out += ZX_FRAME_FIXED_AT + sizeof fixed;
+      [[maybe_unused]] const auto put = [&out](const ZXFrameString &s) {
+        if (s.len) std::memcpy(out, s.text, s.len);  // an absent string has no text
+        out += s.len;
+      };
+      (put(strings), ...);
+      *out = ZX_FRAME_END;
+      slot.commit();
+      return;
+    }
+  }
   char lead[ZX_FRAME_FIXED_AT];
   writeFrameHead(lead, type, total);
   static constexpr char end = ZX_FRAME_END;
@@ -43,10 +62,9 @@ void send(ZXAppLink *app, ZXFrameType type, const Block &fixed, const char *what
                                {reinterpret_cast<const char *>(&fixed), sizeof fixed},
                                {strings.text, strings.len}...,
                                {&end, 1}};
-  if (dumpFrameParts(app, parts, static_cast<int>(std::size(parts)), static_cast<int>(total)) == 0)
-    return;
+  if (dumpFrameParts(app, parts, static_cast<int>(std::size(parts)), len) == 0) return;
   if (framesLostLogged.fetch_add(1, std::memory_order_relaxed) % 1000 == 0)
-    ZX_CTRL_LOG(0, "Error", "Send failed for %s. Lost %d bytes", what, static_cast<int>(total));
+    ZX_CTRL_LOG(0, "Error", "Send failed for %s. Lost %d bytes", what, len);
 }
 
 }  // namespace

@@ -4,8 +4,7 @@
 
 std::atomic<unsigned long long> zxFrameStringsCut{0};
 
-ZXFrameString frameString(const char *text) noexcept {
-  if (!text) return {nullptr, 0};
+ZXFrameString frameStringOf(const char *text) noexcept {
   std::size_t n = strnlen(text, ZX_FRAME_MAX_STRING + 1);
   if (n > ZX_FRAME_MAX_STRING) {
     n = ZX_FRAME_MAX_STRING;

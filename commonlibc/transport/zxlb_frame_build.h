@@ -23,7 +23,11 @@ struct ZXFrameString {
   std::size_t len;
 };
 // strnlen bounded by the limit (one byte more, to tell a cut).
-ZXFrameString frameString(const char *text) noexcept;
+ZXFrameString frameStringOf(const char *text) noexcept;
+// Most optional strings are absent: that case costs no call.
+inline ZXFrameString frameString(const char *text) noexcept {
+  return text ? frameStringOf(text) : ZXFrameString{nullptr, 0};
+}
 
 // "^", the header of a frame of `total` bytes and "|": the first
 // ZX_FRAME_FIXED_AT bytes at `out`.
