@@ -203,7 +203,8 @@ int dumpFrameParts(ZXAppLink *app, const ZXFramePart *parts, int count, int len)
 // producer to write it there itself: bufferWriteLock is held for the slot's
 // life. at() is null when the frame does not fit that buffer whole (or there
 // is none); the producer then lets the slot go and calls dumpFrameParts,
-// which splits, drops and counts. Nothing is counted until commit().
+// which splits, drops and counts. Nothing is counted until commit(). While
+// it holds a slot a producer only writes the frame: no log, no other lock.
 class ZXFrameSlot {
  public:
   ZXFrameSlot(ZXAppLink *app, int len);

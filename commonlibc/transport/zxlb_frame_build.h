@@ -1,7 +1,8 @@
-// Building one event frame (zxlb_frame_layout.h) in a buffer sized to its
-// total length: small frames on the stack, long ones (a stack trace, a
-// header buffer) on the heap, so no string length can overrun anything.
-// Strings longer than ZX_FRAME_MAX_STRING are cut there and counted.
+// The pieces of an event frame (zxlb_frame_layout.h): its strings, cut at
+// ZX_FRAME_MAX_STRING and counted, and its head. The encoders write frames
+// in place in the send buffers; ZXFrameBuffer builds one whole frame aside
+// (small ones on the stack, long ones on the heap) for whoever needs a frame
+// as bytes of its own: the decoder's feeders in tests, fuzzing, benchmarks.
 #pragma once
 
 #include <atomic>
