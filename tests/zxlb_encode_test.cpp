@@ -90,6 +90,31 @@ TEST(Encode, ExceptionStringsAndLengthsInTheirOwnOrders) {
   EXPECT_EQ(f.substr(14 + 48, f.size() - 15 - 48), "ClsmessageThrowingClsthrowingMcause!stack");
 }
 
+// Frames written in place and frames split over a buffer's end, at every
+// offset and with strings present and absent, read back as the same frames
+// queued into one buffer that holds them all.
+TEST(Encode, FramesCutByBuffersReadBackWhole) {
+  const auto encodeAll = [](ZXAppLink *app) {
+    for (int i = 0; i < 90; ++i) {
+      const std::string name(static_cast<std::size_t>(i % 23), static_cast<char>('a' + i % 26));
+      const std::string other(static_cast<std::size_t>(i % 41), 'z');
+      const char *maybe = i % 3 ? other.c_str() : nullptr;
+      MethodEntryEncode(app, i, 77, i, name.c_str(), maybe, nullptr, 1000 + i);
+      MethodExitEncode(app, i, 200, 1, 0, i, i, 77, -1, name.c_str(), maybe, 3, 2000 + i,
+                       i % 2 ? "phase" : nullptr);
+      if (i % 10 == 0)
+        ExceptionDataEncode(app, 77, 5, "C", name.c_str(), maybe, "m", nullptr, i, "s");
+    }
+  };
+  ProxyApp cut(200, 256), whole(1 << 16, 1);  // no frame longer than a buffer
+  encodeAll(&*cut.app);
+  encodeAll(&*whole.app);
+  const std::string expected = zxtest::drain_records(*whole.app);
+  ASSERT_GT(expected.size(), 200u * 50u);
+  EXPECT_EQ(zxtest::drain_records(*cut.app), expected);
+  EXPECT_EQ(readSendCounts(cut.app->sendBuffers).lost(), 0u);
+}
+
 // Frames of every size cut anywhere by the buffers, sent in chunks of any
 // size: every frame is counted sent exactly once, and a connection lost in
 // the middle of one discards just its rest.

@@ -51,9 +51,25 @@ nioSettings_t *fill(ZXSendBufferPool &pool, nioSettings_t *b, const char *data, 
   return b->use_len == b->buff_size ? moveToReadList(pool) : b;
 }
 
+// fill for a record in parts, which may run past the filling buffer's end
+// into the next one (room checked by the caller).
+void fillParts(ZXSendBufferPool &pool, nioSettings_t *b, const ZXFramePart *parts, int count) {
+  for (int i = 0; i < count; ++i) {
+    const char *p = parts[i].data;
+    int n = static_cast<int>(parts[i].len);
+    while (n > 0) {  // never a null part: it has no bytes
+      const int take = std::min(n, b->buff_size - b->use_len);
+      b = fill(pool, b, p, take);
+      p += take, n -= take;
+    }
+  }
+}
+
 // The whole of addDataInSendBuffer except logging, so that dumpData can log
-// after releasing bufferWriteLock. `lines` is the record's line count.
-int addLocked(ZXAppLink *app, const char *data, int len, unsigned long long lines, bool &logDrop) {
+// after releasing bufferWriteLock: one record of `len` bytes given in
+// `count` parts, `lines` its line count.
+int addLocked(ZXAppLink *app, const ZXFramePart *parts, int count, int len,
+              unsigned long long lines, bool &logDrop) {
   ZXSendBufferPool &pool = app->sendBuffers;
   bump(pool.counters.records, lines);
   // Only bufferWriteLock holders detach the head, so it stays ours; acquire
@@ -66,7 +82,19 @@ int addLocked(ZXAppLink *app, const char *data, int len, unsigned long long line
   }
   const int room = cur->buff_size - cur->use_len;
   if (room >= len) {
-    fill(pool, cur, data, len);
+    if (count == 1) {
+      fill(pool, cur, parts[0].data, len);
+      return 0;
+    }
+    // Straight into place, and only the last part can fill the buffer.
+    char *out = cur->buff + cur->use_len;
+    for (int i = 0; i < count; ++i) {
+      if (parts[i].len == 0) continue;  // an absent string: no data to copy from
+      std::memcpy(out, parts[i].data, parts[i].len);
+      out += parts[i].len;
+    }
+    cur->use_len += len;
+    if (cur->use_len == cur->buff_size) moveToReadList(pool);
     return 0;
   }
   // Every buffer of a pool has the same size. A record is stored whole or
@@ -82,8 +110,13 @@ int addLocked(ZXAppLink *app, const char *data, int len, unsigned long long line
   }
   // The buffer behind may have been replaced by a just-sent one since the
   // peek; any free buffer will do, and the move returns the one in place.
-  fill(pool, fill(pool, cur, data, room), data + room, rest);
+  fillParts(pool, cur, parts, count);
   return 0;
+}
+
+int addLocked(ZXAppLink *app, const char *data, int len, unsigned long long lines, bool &logDrop) {
+  const ZXFramePart whole{data, static_cast<std::size_t>(len)};
+  return addLocked(app, &whole, 1, len, lines, logDrop);
 }
 
 void logDropped(ZXAppLink *app, int rc, int len) {
@@ -126,7 +159,13 @@ unsigned long long ZXFrameWalk::walk(const char *p, std::size_t n, bool toUnitEn
       ++units, ++p, --n;
       continue;
     }
-    if (left == 0) {
+    if (left == 0 && headHave == 0 && n >= sizeof head) {
+      // The whole header in view, as for all but a frame cut by a buffer's
+      // end: its length read in place, and the frame taken below.
+      std::int32_t total;
+      std::memcpy(&total, p + 5, sizeof total);
+      left = std::max<long long>(total, static_cast<long long>(sizeof head));
+    } else if (left == 0) {
       const std::size_t take =
           std::min<std::size_t>(n, sizeof head - static_cast<std::size_t>(headHave));
       std::memcpy(head + headHave, p, take);
@@ -264,16 +303,43 @@ int dumpData(ZXAppLink *app, const char *data, int len) {
 }
 
 int dumpFrame(ZXAppLink *app, const char *data, int len) {
-  if (!data || len <= 0) return 0;
+  if (!data) return 0;
+  const ZXFramePart whole{data, static_cast<std::size_t>(len)};
+  return dumpFrameParts(app, &whole, 1, len);
+}
+
+int dumpFrameParts(ZXAppLink *app, const ZXFramePart *parts, int count, int len) {
+  if (!parts || count <= 0 || len <= 0) return 0;
   if (!app) return -99;
   bool logDrop = false;
   int rc;
   {
     std::lock_guard write(app->sendBuffers.bufferWriteLock);
-    rc = addLocked(app, data, len, 1, logDrop);
+    rc = addLocked(app, parts, count, len, 1, logDrop);
   }
   if (logDrop) logDropped(app, rc, len);
   return rc;
+}
+
+ZXFrameSlot::ZXFrameSlot(ZXAppLink *app, int len) : len_(len) {
+  if (!app || len <= 0) return;
+  pool_ = &app->sendBuffers;
+  pool_->bufferWriteLock.lock();
+  // As addLocked: the head is ours while we hold the lock.
+  buf_ = pool_->writeList.load(std::memory_order_acquire);
+  if (buf_ && buf_->buff_size - buf_->use_len >= len) at_ = buf_->buff + buf_->use_len;
+}
+
+ZXFrameSlot::~ZXFrameSlot() {
+  if (pool_) pool_->bufferWriteLock.unlock();
+}
+
+void ZXFrameSlot::commit() {
+  if (!at_) return;
+  bump(pool_->counters.records, 1);
+  buf_->use_len += len_;
+  if (buf_->use_len == buf_->buff_size) moveToReadList(*pool_);
+  at_ = nullptr;
 }
 
 int dumpRecords(ZXAppLink *app, const ZXRecordSpan *records, int count) {

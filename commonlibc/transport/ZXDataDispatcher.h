@@ -181,9 +181,46 @@ int buff_list_init(ZXAppLink *app);
 // Caller holds both pool locks. bad_input for sizes not above 0.
 zx::Status allocSendBuffers(ZXSendBufferPool &pool, int size, int count, const char *what);
 
+// A record handed to the pool by reference.
+struct ZXRecordSpan {
+  const char *data;
+  int len;
+};
+
 // Queues one whole event frame (a unit of its own in a framed pool); the
 // results are dumpData's.
 int dumpFrame(ZXAppLink *app, const char *data, int len);
+// One piece of a frame; null data only with len 0.
+struct ZXFramePart {
+  const char *data;
+  std::size_t len;
+};
+// dumpFrame for a frame of `len` bytes given as `count` parts in order,
+// copied straight into the send buffers: nothing is assembled aside first.
+int dumpFrameParts(ZXAppLink *app, const ZXFramePart *parts, int count, int len);
+
+// The place of one frame of `len` bytes in the filling buffer, for a
+// producer to write it there itself: bufferWriteLock is held for the slot's
+// life. at() is null when the frame does not fit that buffer whole (or there
+// is none); the producer then lets the slot go and calls dumpFrameParts,
+// which splits, drops and counts. Nothing is counted until commit(). While
+// it holds a slot a producer only writes the frame: no log, no other lock.
+class ZXFrameSlot {
+ public:
+  ZXFrameSlot(ZXAppLink *app, int len);
+  ~ZXFrameSlot();
+  ZXFrameSlot(const ZXFrameSlot &) = delete;
+  ZXFrameSlot &operator=(const ZXFrameSlot &) = delete;
+  char *at() const { return at_; }
+  // The `len` bytes at at() are written: they are one queued frame.
+  void commit();
+
+ private:
+  ZXSendBufferPool *pool_ = nullptr;
+  nioSettings_t *buf_ = nullptr;
+  char *at_ = nullptr;
+  int len_;
+};
 
 // The single entry for producers; a no-op (0) for null data or len <= 0, -99
 // without an application. Otherwise the result of addDataInSendBuffer.
@@ -192,10 +229,6 @@ int dumpData(ZXAppLink *app, const char *data, int len);
 // Records that go out together (a flowpath's header and its end) under one
 // hold of bufferWriteLock: each is stored or dropped, and counted, exactly as
 // its own dumpData call would store it, and nothing lands between them.
-struct ZXRecordSpan {
-  const char *data;
-  int len;
-};
 inline constexpr int ZX_MAX_RECORDS_AT_ONCE = 4;
 // dumpData for each of `count` (at most ZX_MAX_RECORDS_AT_ONCE) records:
 // the first non-zero result, or 0; -99 without an application.

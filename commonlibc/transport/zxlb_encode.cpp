@@ -3,9 +3,10 @@
 #include <atomic>
 #include <cstdint>
 #include <cstring>
+#include <iterator>
 
 #include "ZXAppLink.h"
-#include "ZXDataThread.h"
+#include "ZXDataDispatcher.h"
 #include "zxlb_frame_build.h"
 #include "zxlb_mt_log.h"
 
@@ -27,16 +28,43 @@ Block zeroed() {
   return b;
 }
 
-template <typename Block>
-void send(ZXAppLink *app, ZXFrameType type, const Block &fixed,
-          std::initializer_list<ZXFrameString> strings, const char *what) {
-  ZXFrameBuffer frame;
-  int rc = -1;
-  if (frame.build(type, &fixed, sizeof fixed, strings))
-    rc = sendBufferDataCon(app, frame.data(), frame.size());
-  if (rc == 0) return;
+// The frame is written where it is to be sent from, in the filling buffer;
+// one that does not fit there whole goes in parts ("^" with the header and
+// "|", the fixed block, each string, the end byte), split, dropped and
+// counted by the pool. Nothing is assembled aside. The block's fields were
+// stored just before: copied once the pool lock's atomic has drained them,
+// so the copy does not stall on its own stores.
+template <typename Block, typename... Strings>
+void send(ZXAppLink *app, ZXFrameType type, const Block &fixed, const char *what,
+          const Strings &...strings) {
+  const std::size_t total = ZX_FRAME_OVERHEAD + sizeof fixed + (std::size_t{0} + ... + strings.len);
+  const int len = static_cast<int>(total);
+  {
+    ZXFrameSlot slot(app, len);
+    if (char *out = slot.at()) {
+      writeFrameHead(out, type, total);
+      std::memcpy(out + ZX_FRAME_FIXED_AT, &fixed, sizeof fixed);
+      out += ZX_FRAME_FIXED_AT + sizeof fixed;
+      [[maybe_unused]] const auto put = [&out](const ZXFrameString &s) {
+        if (s.len) std::memcpy(out, s.text, s.len);  // an absent string has no text
+        out += s.len;
+      };
+      (put(strings), ...);
+      *out = ZX_FRAME_END;
+      slot.commit();
+      return;
+    }
+  }
+  char lead[ZX_FRAME_FIXED_AT];
+  writeFrameHead(lead, type, total);
+  static constexpr char end = ZX_FRAME_END;
+  const ZXFramePart parts[] = {{lead, sizeof lead},
+                               {reinterpret_cast<const char *>(&fixed), sizeof fixed},
+                               {strings.text, strings.len}...,
+                               {&end, 1}};
+  if (dumpFrameParts(app, parts, static_cast<int>(std::size(parts)), len) == 0) return;
   if (framesLostLogged.fetch_add(1, std::memory_order_relaxed) % 1000 == 0)
-    ZX_CTRL_LOG(0, "Error", "Send failed for %s. Lost %d bytes", what, frame.size());
+    ZX_CTRL_LOG(0, "Error", "Send failed for %s. Lost %d bytes", what, len);
 }
 
 }  // namespace
@@ -54,7 +82,7 @@ void MethodEntryEncode(ZXAppLink *app, int mid, long long flowpathinstance, long
   b.methodName = len32(name);
   b.query_string = len32(query);
   b.urlParameter = len32(param);
-  send(app, ZX_FRAME_METHOD_ENTRY, b, {name, query, param}, "Method Entry");
+  send(app, ZX_FRAME_METHOD_ENTRY, b, "Method Entry", name, query, param);
 }
 
 void transactionStartEncode(ZXAppLink *app, long long qTimeMS, long long flowpathinstance,
@@ -74,7 +102,7 @@ void transactionStartEncode(ZXAppLink *app, long long qTimeMS, long long flowpat
   b.flowpathinstance = frameNumber(flowpathinstance);
   b.qTimeMS = frameNumber(qTimeMS);
   b.startTimeFP = frameNumber(startTimeFP);
-  send(app, ZX_FRAME_TRANSACTION_START, b, {header, u, bt, zx, rb, corr}, "Transaction Start");
+  send(app, ZX_FRAME_TRANSACTION_START, b, "Transaction Start", header, u, bt, zx, rb, corr);
 }
 
 void MethodExitEncode(ZXAppLink *app, int mid, int statusCode, int eventType, int isCallout,
@@ -98,7 +126,7 @@ void MethodExitEncode(ZXAppLink *app, int mid, int statusCode, int eventType, in
   b.requestNotificationPhase = len32(phase);
   b.tierCallOutSeqNum = frameNumber(tierCallOutSeqNum);
   b.endTime = frameNumber(endTime);
-  send(app, ZX_FRAME_METHOD_EXIT, b, {name, backend, phase}, "Method Exit");
+  send(app, ZX_FRAME_METHOD_EXIT, b, "Method Exit", name, backend, phase);
 }
 
 void transactionEndEncode(ZXAppLink *app, int statuscode, long long flowpathinstance,
@@ -107,13 +135,13 @@ void transactionEndEncode(ZXAppLink *app, int statuscode, long long flowpathinst
   b.statuscode = frameNumber(statuscode);
   b.flowpathinstance = frameNumber(flowpathinstance);
   b.endTime = frameNumber(endTime);
-  send(app, ZX_FRAME_TRANSACTION_END, b, {}, "Transaction End");
+  send(app, ZX_FRAME_TRANSACTION_END, b, "Transaction End");
 }
 
 void transactionResetEncode(ZXAppLink *app, long long flowpathinstance) {
   auto b = zeroed<transactionReset_t>();
   b.flowpathinstance = frameNumber(flowpathinstance);
-  send(app, ZX_FRAME_TRANSACTION_RESET, b, {}, "Reset");
+  send(app, ZX_FRAME_TRANSACTION_RESET, b, "Reset");
 }
 
 void encodeHttpHeaderReq(ZXAppLink *app, long long flowpathinstance, const char *buffer,
@@ -124,7 +152,7 @@ void encodeHttpHeaderReq(ZXAppLink *app, long long flowpathinstance, const char 
   b.buffer_len = len32(buf);
   b.type_len = len32(t);
   b.flowpathinstance = frameNumber(flowpathinstance);
-  send(app, ZX_FRAME_HTTP_HEADER, b, {buf, t}, "Http Header");
+  send(app, ZX_FRAME_HTTP_HEADER, b, "Http Header", buf, t);
 }
 
 void ExceptionDataEncode(ZXAppLink *app, long long flowpathInstance, long long startTime,
@@ -146,7 +174,7 @@ void ExceptionDataEncode(ZXAppLink *app, long long flowpathInstance, long long s
   b.flowpathInstance = frameNumber(flowpathInstance);
   b.startTime = frameNumber(startTime);
   // The strings' order differs from their lengths' order: both are the wire's.
-  send(app, ZX_FRAME_EXCEPTION, b, {cls, msg, tcls, tm, cause, stack}, "Exception Data");
+  send(app, ZX_FRAME_EXCEPTION, b, "Exception Data", cls, msg, tcls, tm, cause, stack);
 }
 
 void zxMethodExitExceptionEncode(ZXAppLink *app, long long flowPathInstance,
@@ -160,5 +188,5 @@ void zxMethodExitExceptionEncode(ZXAppLink *app, long long flowPathInstance,
   b.lenofExceptionBackendName = len32(backend);
   b.flowpathInstance = frameNumber(flowPathInstance);
   b.threadId = frameNumber(threadId);
-  send(app, ZX_FRAME_METHOD_EXIT_EXCEPTION, b, {name, backend}, "Exception Method Exit Data");
+  send(app, ZX_FRAME_METHOD_EXIT_EXCEPTION, b, "Exception Method Exit Data", name, backend);
 }

@@ -1,8 +1,10 @@
 // The encoders of an application process in proxy mode: each event the
-// engine sees becomes one frame (zxlb_frame_layout.h) queued for the proxy
-// with sendBufferDataCon. Negative numbers go out as 0. A frame that cannot
-// be queued is lost: counted by the send buffers, and logged now and then,
-// never retried. They never block and never touch the network.
+// engine sees becomes one frame (zxlb_frame_layout.h) queued whole for the
+// proxy, written straight into the send buffers (ZXFrameSlot, or
+// dumpFrameParts when it spans two). They allocate nothing. Negative
+// numbers go out as 0. A frame that cannot be queued is lost: counted by the
+// send buffers, and logged now and then, never retried. They never block and
+// never touch the network.
 #pragma once
 
 struct ZXAppLink;

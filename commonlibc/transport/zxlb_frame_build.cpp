@@ -4,8 +4,7 @@
 
 std::atomic<unsigned long long> zxFrameStringsCut{0};
 
-ZXFrameString frameString(const char *text) noexcept {
-  if (!text) return {nullptr, 0};
+ZXFrameString frameStringOf(const char *text) noexcept {
   std::size_t n = strnlen(text, ZX_FRAME_MAX_STRING + 1);
   if (n > ZX_FRAME_MAX_STRING) {
     n = ZX_FRAME_MAX_STRING;
@@ -25,10 +24,7 @@ bool ZXFrameBuffer::build(ZXFrameType type, const void *fixed, std::size_t fixed
     if (!heap_) return false;
     out = heap_.get();
   }
-  const msgHdr_t hdr{ZX_FRAME_HEADER_LEN, static_cast<std::int32_t>(total), type};
-  out[0] = ZX_FRAME_START;
-  std::memcpy(out + 1, &hdr, sizeof hdr);
-  out[13] = ZX_FRAME_SEPARATOR;
+  writeFrameHead(out, type, total);
   std::memcpy(out + ZX_FRAME_FIXED_AT, fixed, fixedLen);
   char *p = out + ZX_FRAME_FIXED_AT + fixedLen;
   for (const ZXFrameString &s : strings) {

@@ -1,7 +1,8 @@
-// Building one event frame (zxlb_frame_layout.h) in a buffer sized to its
-// total length: small frames on the stack, long ones (a stack trace, a
-// header buffer) on the heap, so no string length can overrun anything.
-// Strings longer than ZX_FRAME_MAX_STRING are cut there and counted.
+// The pieces of an event frame (zxlb_frame_layout.h): its strings, cut at
+// ZX_FRAME_MAX_STRING and counted, and its head. The encoders write frames
+// in place in the send buffers; ZXFrameBuffer builds one whole frame aside
+// (small ones on the stack, long ones on the heap) for whoever needs a frame
+// as bytes of its own: the decoder's feeders in tests, fuzzing, benchmarks.
 #pragma once
 
 #include <atomic>
@@ -23,7 +24,24 @@ struct ZXFrameString {
   std::size_t len;
 };
 // strnlen bounded by the limit (one byte more, to tell a cut).
-ZXFrameString frameString(const char *text) noexcept;
+ZXFrameString frameStringOf(const char *text) noexcept;
+// Most optional strings are absent: that case costs no call.
+inline ZXFrameString frameString(const char *text) noexcept {
+  return text ? frameStringOf(text) : ZXFrameString{nullptr, 0};
+}
+
+// "^", the header of a frame of `total` bytes and "|": the first
+// ZX_FRAME_FIXED_AT bytes at `out`.
+inline void writeFrameHead(char *out, ZXFrameType type, std::size_t total) noexcept {
+  // Field by field: a header assembled aside and copied whole would be read
+  // back across two of its own stores, which stalls.
+  const std::int32_t total32 = static_cast<std::int32_t>(total), type32 = type;
+  out[0] = ZX_FRAME_START;
+  std::memcpy(out + 1 + offsetof(msgHdr_t, header_len), &ZX_FRAME_HEADER_LEN, 4);
+  std::memcpy(out + 1 + offsetof(msgHdr_t, total_len), &total32, 4);
+  std::memcpy(out + 1 + offsetof(msgHdr_t, msg_type), &type32, 4);
+  out[ZX_FRAME_FIXED_AT - 1] = ZX_FRAME_SEPARATOR;
+}
 
 class ZXFrameBuffer {
  public:
