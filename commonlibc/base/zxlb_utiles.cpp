@@ -5,12 +5,11 @@
 #include <cstring>
 #include <ctime>
 
+#include "zxlb_wall_clock.h"
+
 long long my_gettimeofday() {
-  // Straight to the vDSO: the same truncated millisecond as the microsecond
-  // wall clock / 1000. Never a coarse clock: its tick would show in durations.
-  timespec ts;
-  clock_gettime(CLOCK_REALTIME, &ts);
-  return static_cast<long long>(ts.tv_sec) * 1000 + ts.tv_nsec / 1000000;
+  // Never a coarse clock: its tick would show in durations.
+  return zx::wallClockMs();
 }
 
 char *search_keyword(char *line, const char *keyword) {
