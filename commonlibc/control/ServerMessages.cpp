@@ -187,8 +187,10 @@ void handleStartInstrumentation(ZXAppControl *app, char *message) {
   srv.retryForAutoSensorConn = 1;
   setAllFlagAndCountVars(app);
   srv.InstrumentationBusy = 1;
-  srv.testRunRunning = 1;
   handleStartInstrumentationCase(app, message);
+  // Transactions start only once the send buffers exist: a short-lived
+  // process would otherwise trace its whole work into none.
+  srv.testRunRunning = 1;
   // The processes start once their application can replay what they send
   // (its run is on, its ids match theirs).
   relayRunCommand(app, message, true);

@@ -318,6 +318,7 @@ int commonAcceptSteps(ZXAppControl *app, char *reply) {
   if (const char *p = strstr(reply, "procIndex=")) {
     int procIndex = atoi(p + strlen("procIndex="));
     ZX_CTRL_LOG(1, "Info", "Reply for procIndex=%d", procIndex);
+    if (app->sendsEventsToProxy() && procIndex >= 0) app->ZXFlowpathIds.proxyProcIndex = procIndex;
   }
   // Policy fields are accepted as they come; nothing in them changes the link.
   return setProtocolFromResponseMessage(app, reply) ? ZX_REPLY_SWITCH : ZX_REPLY_ACCEPTED;

@@ -109,6 +109,18 @@ void reportLinkUp(ZXAppControl *app, const Endpoint &ep) {
   ZX_STATE_LOG("Info", "Collector %s:%d connected", ep.host.c_str(), ep.port);
 }
 
+// A process of the proxy ends its run when it loses the proxy: a proxy that
+// comes back may not have its application's run yet, and frames it cannot
+// replay would be lost without a count. The run resumes with the start the
+// proxy sends; what the data thread still holds is counted lost.
+void endProxiedRun(ZXAppControl *app) {
+  Server_t &srv = app->Server;
+  if (!app->sendsEventsToProxy() || !srv.testRunRunning) return;
+  srv.testRunRunning = 0;
+  srv.retryForDataConn = 0;
+  request_data_thread_stop(app);
+}
+
 enum class PassEnd {
   Failover,   // to the failover check, at once
   NextPass,   // straight to the next attempt
@@ -209,7 +221,10 @@ PassEnd connectionPass(ZXAppControl *app, int &rejections) {
               c.dstIp, c.dstPort, c.sourceIp, c.srcPort);
   sys.closeCtrlConFlag = 1;
   control_connection_cleanup(app);
-  if (!app->stopRequested) reportLinkDown(app, ep, "connection lost");
+  if (!app->stopRequested) {
+    reportLinkDown(app, ep, "connection lost");
+    endProxiedRun(app);
+  }
   ZX_CTRL_LOG(0, "Info",
               "controlBreak Control Socket was cleaned with %s:%d server due to  "
               "handle_msg_from_zxc(&ctrlBufInfo) == FAIL ",

@@ -299,6 +299,11 @@ long long generate_flowpath_instance(ZXAppTracing *app, long long t) {
   apr_atomic_inc32(&app->ZXSys.rSeq);
   long long base = s.flowPathInstanceInitialID + ((t & s.timeStampMask) << s.seqNoDigits);
   long long seq = apr_atomic_inc32(&app->ZXSys.rSeq);
+  if (const int slot = s.proxyProcIndex; slot >= 0) {
+    const int width = std::bit_width(static_cast<unsigned long long>(s.seqNumMask.load()));
+    const int count = std::max(1, width - kProxySlotBits);
+    seq = (static_cast<long long>(slot) << count) | (seq & ((1LL << count) - 1));
+  }
   return base + (seq & s.seqNumMask);
 }
 

@@ -36,7 +36,15 @@ struct ZXFlowpathIdSettings_t {
   zx::Relaxed<long long> seqNoDigits{22};  // a shift in bits
   zx::Relaxed<long long> seqNumMask{0x3FFFFFLL};
   zx::Relaxed<char> captureCorrelationEnabled{0};
+  // An application process of the proxy: its process index there (-1:
+  // none). The application's processes share one identity and may start in
+  // the same millisecond with the same counter, so the counter's upper
+  // kProxySlotBits name the process and only the rest count.
+  zx::Relaxed<int> proxyProcIndex{-1};
 };
+
+// The proxy's slots that get ids of their own: as many as its pollset holds.
+inline constexpr int kProxySlotBits = 11;
 
 // Flowpaths in progress by id, so that a later call (a call-out thread, the
 // proxy's reader) finds one by its id text. Keyed by the number the text

@@ -497,6 +497,7 @@ void ZXProxyServer::hangUp(ZXProxyConnection &c, const char *readError) {
   else
     ZX_PROXY_LOG(-1, "Info", "HANGUP received. (%s) [pid = %d] ['%s':'%d']", c.kindText(), pid,
                  c.peerIp.c_str(), c.peerPort);
+  if (c.kind == ZXProxyConnection::Kind::Control) settleRegistrations();
   if (c.kind == ZXProxyConnection::Kind::Data) {
     if (const std::size_t lost = c.frames.close()) {
       counts_.frameBytesLost += lost;
@@ -505,6 +506,16 @@ void ZXProxyServer::hangUp(ZXProxyConnection &c, const char *readError) {
     }
   }
   cleanAndRemoveSocket(c);
+}
+
+void ZXProxyServer::settleRegistrations() {
+  acceptNewConnection();
+  // By index: nothing read here adds a connection, and closed ones stay
+  // until the batch is done.
+  for (std::size_t i = 0; i < conns_.size(); ++i) {
+    ZXProxyConnection &u = *conns_[i];
+    if (!u.closed && u.kind == ZXProxyConnection::Kind::Unregistered) readFromConnection(u);
+  }
 }
 
 void ZXProxyServer::forgetConnection(ZXProxyConnection &c) {

@@ -118,6 +118,11 @@ class ZXProxyServer {
   void readDataFromSocket(ZXProxyConnection &c, const char *data, std::size_t n);
   void processReceivedMsg(ZXProxyConnection &c, std::string_view line);
   void hangUp(ZXProxyConnection &c, const char *why);
+  // A short-lived process opens its data connection a moment before its
+  // control connection closes, and the proxy may see the close first:
+  // connections waiting to be accepted or read register before a control
+  // hang-up frees its process slot, so that they are not refused as orphans.
+  void settleRegistrations();
   void cleanAndRemoveSocket(ZXProxyConnection &c);
   void forgetConnection(ZXProxyConnection &c);
   void freeClosed();
