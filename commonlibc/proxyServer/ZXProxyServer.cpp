@@ -264,7 +264,18 @@ void ZXProxyServer::loop() {
       continue;
     }
     pollErrors = 0;
-    for (apr_int32_t i = 0; i < num; ++i) handleEvent(descs[i]);
+    // A process that exits closes its connections at once: the end of its
+    // control connection must not be seen before its data connection's
+    // registration and last frames, or they are refused. Control last.
+    lastEvents_.clear();
+    for (apr_int32_t i = 0; i < num; ++i) {
+      const auto *c = static_cast<const ZXProxyConnection *>(descs[i].client_data);
+      if (c && c->kind == ZXProxyConnection::Kind::Control)
+        lastEvents_.push_back(&descs[i]);
+      else
+        handleEvent(descs[i]);
+    }
+    for (const apr_pollfd_t *e : lastEvents_) handleEvent(*e);
     freeClosed();
   }
 }
