@@ -333,7 +333,7 @@ int rss(int lifetimes, int atOnce) {
   std::vector<std::pair<int, long>> samples;
   std::vector<Child> running;
   int started = 0, failed = 0;
-  unsigned long long emitted = 0;
+  unsigned long long emitted = 0, frames = 0, lost = 0;
   auto reap = [&](bool all) {
     while (!running.empty()) {
       int status = 0;
@@ -341,11 +341,15 @@ int rss(int lifetimes, int atOnce) {
       if (pid < 0) return;
       for (std::size_t i = 0; i < running.size(); ++i) {
         if (running[i].pid != pid) continue;
-        const auto m = field(slurp(running[i].out), "methods");
-        if (!m || !WIFEXITED(status) || WEXITSTATUS(status) != 0)
+        const std::string out = slurp(running[i].out);
+        const auto m = field(out, "methods"), f = field(out, "frames"), l = field(out, "lost");
+        if (!m || !f || !l || !WIFEXITED(status) || WEXITSTATUS(status) != 0) {
           ++failed;
-        else
+        } else {
           emitted += static_cast<unsigned long long>(*m);
+          frames += static_cast<unsigned long long>(*f);
+          lost += static_cast<unsigned long long>(*l);
+        }
         running.erase(running.begin() + static_cast<long>(i));
         break;
       }
@@ -371,8 +375,10 @@ int rss(int lifetimes, int atOnce) {
   const std::string proxySummary = rig.stopProxy();
   rig.collector().stop();
   std::printf("proxy:     %s", proxySummary.empty() ? "no stop summary\n" : proxySummary.c_str());
-  std::printf("%d lifetimes in %.0f s, %d failed; method events sent %llu, at the collector %llu\n",
-              lifetimes, secs, failed, emitted, a.methods.load());
+  std::printf(
+      "%d lifetimes in %.0f s, %d failed; hosts' frames %llu, lost %llu (counted); method "
+      "events %llu, at the collector %llu in %llu flowpaths (roots included)\n",
+      lifetimes, secs, failed, frames, lost, emitted, a.methods.load(), a.flowpaths.load());
   if (samples.size() < 2) return 1;
   const double warm = static_cast<double>(samples.front().second);
   const double end = static_cast<double>(samples.back().second);
