@@ -155,6 +155,8 @@ CONF
   wait "$proxy_pid" || proxy_status=$?
   proxy_pid=""
   echo "== Proxy stopped (exit status $proxy_status)"
+  # Its stop summary: each application's records and the proxy's own losses.
+  grep -h 'stopped: ' "$proxy_home"/logs/* 2>/dev/null | sed 's/.*|Info|/proxy: /' || true
   [ "$proxy_status" -eq 0 ] || host_status=1
 fi
 
