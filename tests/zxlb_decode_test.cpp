@@ -119,7 +119,7 @@ class DecodeTest : public ::testing::Test {
     return decodeFrames(app(), bytes.data(), bytes.size(), proc_);
   }
   ZXPerThreadData_t *fp(long long id) {
-    auto it = app_->fpi_tls_map->find(id);
+    auto it = app_->fpi_tls_map->find(ZXFpiKey{proc_, id});
     return it == app_->fpi_tls_map->end() ? nullptr : it->second;
   }
 
@@ -174,6 +174,19 @@ TEST_F(DecodeTest, FramingSkipsNoiseAndBadFramesAndStopsAtAPartialOne) {
   EXPECT_EQ(decodeMessage(buf.data(), static_cast<int>(buf.size()), 99, proc_), 0);
   EXPECT_EQ(readDataMessage(buf.data() + ZX_FRAME_FIXED_AT, 0, 0, index_, proc_), -1);
   EXPECT_EQ(r->seqNum, seq + 7);
+}
+
+TEST_F(DecodeTest, ProcessesOfOneApplicationMayReuseAnInstance) {
+  // Two processes started together number their flowpaths alike.
+  const int second = zxProxyApplications().addProcess(index_);
+  const std::string head = start(42) + entry(42, "Cart.load", 1);
+  const std::string tail = exitF(42, "Cart.load", 3, 4) + end(42, 20) + resetF(42);
+  for (const std::string *part : {&head, &tail})
+    for (int proc : {proc_, second}) decodeFrames(app(), part->data(), part->size(), proc);
+  const std::string records = zxtest::drain_records(app());
+  std::size_t ends = 0;
+  for (std::size_t at = 0; (at = records.find("\n4,42,", at)) != std::string::npos; ++at) ++ends;
+  EXPECT_EQ(ends, 2u) << records;
 }
 
 TEST_F(DecodeTest, FlowpathLivesInTheMapFromStartToReset) {

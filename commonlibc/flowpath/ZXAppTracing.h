@@ -16,7 +16,21 @@
 #include "ZXSessionCookie.h"
 #include "zxlb_mem_pool.h"
 
-using ZXFpiTlsMap = std::unordered_map<long long, ZXPerThreadData_t *>;
+// The proxy's flowpaths by process slot and the process's own instance: the
+// processes of one application number their flowpaths independently, so two
+// of them may use the same instance at the same moment.
+struct ZXFpiKey {
+  int process = 0;
+  long long instance = 0;
+  bool operator==(const ZXFpiKey &) const = default;
+};
+struct ZXFpiKeyHash {
+  std::size_t operator()(const ZXFpiKey &k) const noexcept {
+    return std::hash<long long>{}(k.instance) ^
+           (static_cast<std::size_t>(k.process) * 0x9e3779b97f4a7c15ULL);
+  }
+};
+using ZXFpiTlsMap = std::unordered_map<ZXFpiKey, ZXPerThreadData_t *, ZXFpiKeyHash>;
 
 struct ZXAppTracing : ZXAppRules {
   ZXAppTracing();

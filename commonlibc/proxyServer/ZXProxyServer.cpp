@@ -13,6 +13,7 @@
 #include <chrono>
 #include <cstring>
 
+#include "ZXDataDispatcher.h"
 #include "ZXProxyApplications.h"
 #include "ZXProxyConfig.h"
 #include "ZXProxyInstance.h"
@@ -219,10 +220,23 @@ void ZXProxyServer::shutdown() {
     std::lock_guard lk(appsLock_);
     apps.swap(apps_);
   }
-  for (auto &app : apps) {
-    zx::ThreadAppScope scope(app.get());
-    (void)agent_stop_by(app.get(), apr_time_now() + opt_.stopDeadline);
+  // What each application's records came to, and the proxy's own losses:
+  // an operator's proof, after a stop, that nothing went missing uncounted.
+  for (std::size_t i = 0; i < apps.size(); ++i) {
+    zx::ThreadAppScope scope(apps[i].get());
+    (void)agent_stop_by(apps[i].get(), apr_time_now() + opt_.stopDeadline);
+    const ZXSendCounts sc = readSendCounts(apps[i]->sendBuffers);
+    ZX_PROXY_LOG(-1, "Info",
+                 "Application '%s' stopped: records %llu, sent %llu, lost %llu (pool full %llu, "
+                 "connection down %llu, at exit %llu, oversized %llu)",
+                 i < appKeys_.size() ? appKeys_[i].appName.c_str() : "?", sc.records, sc.sent,
+                 sc.lost(), sc.lostPoolFull, sc.lostConnDown, sc.lostAtExit, sc.lostOversized);
   }
+  ZX_PROXY_LOG(-1, "Info",
+               "Proxy stopped: connections accepted %llu, refused %llu; frames replayed %llu, "
+               "frame bytes lost %llu; messages dropped %llu",
+               counts_.accepted.load(), counts_.refused.load(), counts_.framesReplayed.load(),
+               counts_.frameBytesLost.load(), counts_.messagesDropped.load());
   zxProxyApplications().clear();
   ZXProxy.numInstances = 0;
   apps.clear();
@@ -264,7 +278,18 @@ void ZXProxyServer::loop() {
       continue;
     }
     pollErrors = 0;
-    for (apr_int32_t i = 0; i < num; ++i) handleEvent(descs[i]);
+    // A process that exits closes its connections at once: the end of its
+    // control connection must not be seen before its data connection's
+    // registration and last frames, or they are refused. Control last.
+    lastEvents_.clear();
+    for (apr_int32_t i = 0; i < num; ++i) {
+      const auto *c = static_cast<const ZXProxyConnection *>(descs[i].client_data);
+      if (c && c->kind == ZXProxyConnection::Kind::Control)
+        lastEvents_.push_back(&descs[i]);
+      else
+        handleEvent(descs[i]);
+    }
+    for (const apr_pollfd_t *e : lastEvents_) handleEvent(*e);
     freeClosed();
   }
 }

@@ -160,6 +160,7 @@ class ZXProxyServer {
   std::size_t unregistered_ = 0;                 // connections without their first line
   std::size_t closedPending_ = 0;                // closed, not freed yet
   std::unique_ptr<char[]> readBuf_;
+  std::vector<const apr_pollfd_t *> lastEvents_;  // a poll's control events, taken last
   std::vector<std::unique_ptr<ZXProxyInstance_t>> apps_;
   std::vector<ZXProxyRequest> appKeys_;  // each application's identity, by index
   ZXProxyServerCounts counts_;

@@ -86,7 +86,7 @@ Fit takeStrings(const char *block, long long len, std::size_t fixedLen,
   return Fit::Ok;
 }
 
-ZXPerThreadData_t *findFlowpath(ZXAppTracing &app, long long id) {
+ZXPerThreadData_t *findFlowpath(ZXAppTracing &app, const ZXFpiKey &id) {
   if (!app.fpi_tls_map) return nullptr;
   auto it = app.fpi_tls_map->find(id);
   return it == app.fpi_tls_map->end() ? nullptr : it->second;
@@ -140,7 +140,7 @@ void sweepIfDue(ZXAppTracing &app) {
   resetFPafterThreshold();
 }
 
-void startFlowpath(ZXAppTracing &app, const transactionStartVar_t &f,
+void startFlowpath(ZXAppTracing &app, int processIndex, const transactionStartVar_t &f,
                    const std::array<char *, 6> &s) {
   char *header = s[0];
   // A forced flowpath stays forced through the proxy.
@@ -156,7 +156,8 @@ void startFlowpath(ZXAppTracing &app, const transactionStartVar_t &f,
   ZXFpiTlsMap::iterator it;
   bool inserted;
   try {
-    std::tie(it, inserted) = app.fpi_tls_map->try_emplace(f.flowpathinstance, r);
+    std::tie(it, inserted) =
+        app.fpi_tls_map->try_emplace(ZXFpiKey{processIndex, f.flowpathinstance}, r);
   } catch (const std::bad_alloc &) {
     // No frame could reach the flowpath: it goes at once.
     ZX_LOG_OOM(sizeof(ZXFpiTlsMap::value_type), "fpi_tls_map entry", 0);
@@ -172,7 +173,8 @@ void startFlowpath(ZXAppTracing &app, const transactionStartVar_t &f,
   counterforfpi_tls_map.fetch_add(1, std::memory_order_relaxed);
 }
 
-int replayFrame(ZXProxyInstance_t &app, const char *buff, long long len, int type) {
+int replayFrame(ZXProxyInstance_t &app, const char *buff, long long len, int type,
+                int processIndex) {
   if (len <= 0) return -1;
   if (static_cast<unsigned>(type) > ZX_FRAME_METHOD_EXIT_EXCEPTION) {
     ZX_DECODE_LOG(0, "Error", "M Type unknown");
@@ -196,7 +198,7 @@ int replayFrame(ZXProxyInstance_t &app, const char *buff, long long len, int typ
     return fit == Fit::Ok;
   };
   auto lookup = [&](long long id) {
-    ZXPerThreadData_t *r = findFlowpath(app, id);
+    ZXPerThreadData_t *r = findFlowpath(app, ZXFpiKey{processIndex, id});
     if (!r) ZX_DECODE_LOG(2, "Info", "-- Not M Type %d  pfpi = %lld", type, id);
     return r;
   };
@@ -240,7 +242,7 @@ int replayFrame(ZXProxyInstance_t &app, const char *buff, long long len, int typ
                               v.zxCookieSet, v.rbCookieSet, v.correlationHeader};
           }))
         return 0;
-      startFlowpath(app, f, s);
+      startFlowpath(app, processIndex, f, s);
       break;
     }
     case ZX_FRAME_TRANSACTION_END: {
@@ -255,7 +257,7 @@ int replayFrame(ZXProxyInstance_t &app, const char *buff, long long len, int typ
       std::memcpy(&f, buff, sizeof f);
       sweepIfDue(app);
       if (ZXPerThreadData_t *r = lookup(f.flowpathinstance)) {
-        app.fpi_tls_map->erase(f.flowpathinstance);
+        app.fpi_tls_map->erase(ZXFpiKey{processIndex, f.flowpathinstance});
         reset(&app, r);
       }
       break;
@@ -367,8 +369,8 @@ ZXFrameScan scanFrames(ZXProxyInstance_t &app, const char *buf, std::size_t len,
                     static_cast<int>(out.replayed), static_cast<int>(left), processIndex);
       break;
     }
-    if (p[total - 1] != ZX_FRAME_END ||
-        replayFrame(app, p + ZX_FRAME_FIXED_AT, h.total_len - 14LL, h.msg_type) == -1) {
+    if (p[total - 1] != ZX_FRAME_END || replayFrame(app, p + ZX_FRAME_FIXED_AT, h.total_len - 14LL,
+                                                    h.msg_type, processIndex) == -1) {
       ZX_DECODE_LOG(0, "Warning", "procIndex = '%d', Corrupt data received, ignoring byte",
                     processIndex);
       // Resynchronise past the header (a frame may be as short as 10 bytes).
@@ -396,10 +398,9 @@ int decodeMessage(char *buff, int readBytes, int appIndex, int processIndex) {
 }
 
 int readDataMessage(char *buff, long long len, int type, int appIndex, int processIndex) {
-  (void)processIndex;
   ZXProxyInstance_t *app = zxProxyApplications().at(appIndex);
   if (!app) return -2;
-  return replayFrame(*app, buff, len, type);
+  return replayFrame(*app, buff, len, type, processIndex);
 }
 
 void resetFPafterThreshold() {

@@ -14,7 +14,8 @@
 // A frame well framed but whose string lengths do not fit is consumed and
 // dropped; so is an event for a flowpath the proxy does not know.
 //
-// Flowpaths live in the application's fpi_tls_map from their start frame to
+// Flowpaths live in the application's fpi_tls_map, under the process's slot and
+// the process's own instance, from their start frame to
 // their reset frame, or to the stale-flowpath sweep once older than 300 s.
 // Everything here runs on the proxy's one decoding thread: the map, the
 // application table and the string scratch are that thread's.
