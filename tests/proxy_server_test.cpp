@@ -242,10 +242,14 @@ TEST(ProxyConfig, ListensOnTcpUnlessASocketPathIsSet) {
 
 TEST(ProxyServer, RegistrationRulesAndSlots) {
   ProxyUnderTest proxy;
-  // A data connection before its process's control connection is closed.
+  // A data connection before its process's control connection is closed;
+  // the frames that came with it are counted lost.
   Client early = proxy.connect();
-  ASSERT_TRUE(early.send(dataLine(100)));
+  ASSERT_TRUE(early.send(dataLine(100) + "^frames"));
   EXPECT_TRUE(early.closedByPeer());
+  EXPECT_TRUE(zxtest::wait_until([&] {
+    return proxy.server->counts().frameBytesLost.load() == std::string("\n^frames").size();
+  }));
   // So is a connection of no known type.
   Client odd = proxy.connect();
   ASSERT_TRUE(odd.send("hello proxy\n"));

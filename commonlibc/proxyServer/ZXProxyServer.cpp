@@ -441,6 +441,12 @@ void ZXProxyServer::readMessageFromSocket(ZXProxyConnection &c, const char *data
     }
     if (!line.empty() && line.back() == '\r') line.remove_suffix(1);
     if (!line.empty()) processReceivedMsg(c, line);
+    if (c.closed && at < n && line.starts_with("zx_data_msg_req:")) {
+      // Frames behind a refused data registration: lost, and said so.
+      counts_.frameBytesLost += n - at;
+      ZX_PROXY_LOG(-1, "Error", "%zu bytes of frames behind a refused data registration lost",
+                   n - at);
+    }
   }
   if (c.closed || at >= n || c.discardingLine) return;
   if (n - at > ZXProxyConnection::kMaxLine) {
