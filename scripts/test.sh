@@ -11,21 +11,27 @@ fuzz_seconds=${FUZZ_SECONDS:-20}
 
 step() { echo; echo "=== $*"; }
 
+# Reuses objects across the four builds and runs when ccache is there.
+launcher=()
+if command -v ccache >/dev/null; then
+  launcher=(-DCMAKE_C_COMPILER_LAUNCHER=ccache -DCMAKE_CXX_COMPILER_LAUNCHER=ccache)
+fi
+
 step "normal build"
-cmake -S . -B build/ci-normal -G Ninja -DZX_WERROR=ON -DCMAKE_BUILD_TYPE=RelWithDebInfo >/dev/null
+cmake -S . -B build/ci-normal -G Ninja -DZX_WERROR=ON -DCMAKE_BUILD_TYPE=RelWithDebInfo "${launcher[@]}" >/dev/null
 cmake --build build/ci-normal -j "$jobs"
 (cd build/ci-normal && ctest -j "$jobs" --output-on-failure)
 
 step "AddressSanitizer + UndefinedBehaviorSanitizer"
 cmake -S . -B build/ci-asan -G Ninja -DZX_WERROR=ON -DCMAKE_BUILD_TYPE=Debug \
-  -DZX_SANITIZE="address;undefined" -DZX_BUILD_BENCH=OFF >/dev/null
+  -DZX_SANITIZE="address;undefined" -DZX_BUILD_BENCH=OFF "${launcher[@]}" >/dev/null
 cmake --build build/ci-asan -j "$jobs"
 (cd build/ci-asan && ASAN_OPTIONS=detect_leaks=1 UBSAN_OPTIONS=print_stacktrace=1 \
   ctest -j "$jobs" --output-on-failure)
 
 step "ThreadSanitizer"
 cmake -S . -B build/ci-tsan -G Ninja -DZX_WERROR=ON -DCMAKE_BUILD_TYPE=RelWithDebInfo \
-  -DZX_SANITIZE=thread -DZX_BUILD_BENCH=OFF >/dev/null
+  -DZX_SANITIZE=thread -DZX_BUILD_BENCH=OFF "${launcher[@]}" >/dev/null
 cmake --build build/ci-tsan -j "$jobs"
 (cd build/ci-tsan && TSAN_OPTIONS="halt_on_error=1 second_deadlock_stack=1" \
   ctest -j "$jobs" --output-on-failure)
@@ -33,7 +39,7 @@ cmake --build build/ci-tsan -j "$jobs"
 step "fuzzers (${fuzz_seconds}s each)"
 CC=clang CXX=clang++ cmake -S . -B build/ci-fuzz -G Ninja -DZX_WERROR=ON \
   -DCMAKE_BUILD_TYPE=RelWithDebInfo -DZX_BUILD_FUZZ=ON -DZX_BUILD_TESTS=OFF \
-  -DZX_BUILD_BENCH=OFF >/dev/null
+  -DZX_BUILD_BENCH=OFF "${launcher[@]}" >/dev/null
 cmake --build build/ci-fuzz -j "$jobs"
 passed=0
 for fuzzer in build/ci-fuzz/fuzz/*_fuzz; do
