@@ -693,13 +693,7 @@ void zxProxyStop() {
   if (theServer) theServer->stop();
 }
 
-bool zxProxyInitWrapper(ZXProxyInstance_t &settings, ZXProxyServerOptions options) {
-  (void)readZXProxyConfig(settings);
-  options.socketPath = ZXProxy.zxProxyUnixDomainPath.c_str();
-  options.host = ZXProxy.proxyHost.c_str();
-  options.port = static_cast<int>(ZXProxy.proxyPort);
-  options.home =
-      ZXProxy.zxHomePath.is_set() ? ZXProxy.zxHomePath.c_str() : settings.ZXSys.zxHomePath.c_str();
+bool zxProxyInit(ZXProxyServerOptions options) {
   ZXProxyServer server(std::move(options));
   {
     std::lock_guard lk(serverLock);
@@ -710,4 +704,14 @@ bool zxProxyInitWrapper(ZXProxyInstance_t &settings, ZXProxyServerOptions option
   std::lock_guard lk(serverLock);
   theServer = nullptr;
   return ran;
+}
+
+bool zxProxyInitWrapper(ZXProxyInstance_t &settings, ZXProxyServerOptions options) {
+  (void)readZXProxyConfig(settings);
+  options.socketPath = ZXProxy.zxProxyUnixDomainPath.c_str();
+  options.host = ZXProxy.proxyHost.c_str();
+  options.port = static_cast<int>(ZXProxy.proxyPort);
+  options.home =
+      ZXProxy.zxHomePath.is_set() ? ZXProxy.zxHomePath.c_str() : settings.ZXSys.zxHomePath.c_str();
+  return zxProxyInit(std::move(options));
 }

@@ -83,7 +83,7 @@ class ZXProxyServer {
   ZXProxyServer(const ZXProxyServer &) = delete;
   ZXProxyServer &operator=(const ZXProxyServer &) = delete;
 
-  // zxProxyInit's loop: listens (retrying every listenRetry), then serves
+  // The loop zxProxyInit runs: listens (retrying every listenRetry), then serves
   // until stop(); then closes every connection, removes the socket file and
   // stops every application, sending what it queued. False when it could
   // not start (no memory, no pollset).
@@ -180,10 +180,13 @@ class ZXProxyServer {
   mutable std::mutex appsLock_;  // guards apps_ against the accessors above
 };
 
-// The server zxProxyInitWrapper runs; null outside it.
+// Runs a server with `options` on the calling thread until zxProxyStop();
+// false when it could not start.
+bool zxProxyInit(ZXProxyServerOptions options);
+// The server zxProxyInit runs; null outside it.
 ZXProxyServer *zxProxyServer();
-// Any thread: stops the server zxProxyInitWrapper runs, or the one it is
-// about to run.
+// Any thread: stops the server zxProxyInit runs, or the one it is about to
+// run.
 void zxProxyStop();
 // Reads the proxy's settings into `settings` (readZXProxyConfig) and runs the
 // server on the calling thread, listening where they say, until
