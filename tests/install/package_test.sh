@@ -4,6 +4,8 @@
 # runs the minimal host against the installed library, and removes them
 # again, also when a step fails. Needs root.
 #   package_test.sh BUILD_DIR HOST_SOURCE
+# The Python package, installed with pip beside it, must find the installed
+# library by its SONAME.
 set -euo pipefail
 fail() { echo "package_test: $*" >&2; exit 1; }
 [ -d "$1" ] && [ -f "$2" ] || fail "usage: package_test.sh BUILD_DIR HOST_SOURCE"
@@ -78,3 +80,17 @@ if compgen -G '/etc/systemd/system/*.wants/zx-proxy-server.service' >/dev/null; 
   fail "the proxy unit was enabled by the installation"
 fi
 check_hosts /usr /usr/lib/x86_64-linux-gnu "$host_source" cmake cc
+
+cp -r "$(dirname "$0")/../../python" "$work/python-src"
+python3=/usr/bin/python3
+"$python3" -m pip install -q --no-build-isolation --no-deps --target "$work/python" \
+  "$work/python-src" >"$work/pip.log" 2>&1 || { cat "$work/pip.log"; fail "pip install failed"; }
+soname=$(readelf -d /usr/lib/x86_64-linux-gnu/libzxagent.so | sed -n 's/.*(SONAME).*\[\(.*\)\]/\1/p')
+SONAME=$soname PYTHONPATH="$work/python" ZXHOME="$work/home-python" "$python3" -c '
+import os, zxagent
+assert zxagent.library_path() == os.environ["SONAME"], zxagent.library_path()
+with zxagent.transaction("/no/run/going") as bt:
+    assert not bt.traced
+assert zxagent.failures() == {}, zxagent.failures()
+' || fail "the pip-installed binding does not load the installed library"
+echo "python binding: loads the installed library"
