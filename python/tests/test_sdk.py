@@ -1,7 +1,6 @@
 import os
 import subprocess
 import sys
-import threading
 
 import pytest
 
@@ -63,24 +62,6 @@ def test_tier_header_joins_the_next_tiers_flowpath(collector):
     assert got["/tier/front"]["chain"] == [] and got["/tier/garbage"]["chain"] == []
     # An ended transaction has no header to give.
     assert front.tier_header() is None
-
-
-def test_transactions_on_many_threads(collector):
-    def serve(n):
-        for i in range(10):
-            with zxagent.transaction("/threads/t%d" % n) as bt:
-                with zxagent.method("Work.run"):
-                    assert zxagent.current() is bt
-                bt.status = 200 + i % 2 * 300  # 200 and 500 alternately
-
-    threads = [threading.Thread(target=serve, args=(n,)) for n in range(4)]
-    for t in threads:
-        t.start()
-    for t in threads:
-        t.join()
-    got = collector.ended("/threads/", 40)
-    assert len(got) == 40
-    assert sorted(fp["status"] for fp in got) == [200] * 20 + [500] * 20
 
 
 def test_bad_arguments_are_counted_not_raised(collector):
