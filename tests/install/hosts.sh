@@ -1,3 +1,4 @@
+# shellcheck shell=bash disable=SC2154  # $work and fail() come from the caller
 # Sourced by install_test.sh and package_test.sh: builds the minimal host
 # against an installed tree through pkg-config and through find_package, runs
 # both and shows that the dynamic linker took the library from that tree.
@@ -37,10 +38,12 @@ check_hosts() {  # prefix libdir host_source cmake cc
   "$cc" -std=c11 -Wall -Werror "$host_source" $flags -o "$work/host-pkgconfig"
   run_host pkgconfig "$work/host-pkgconfig" "$libdir" "${run_env[@]}"
 
-  "$cmake" -S "$here" -B "$work/consumer" "${cmake_args[@]}" -DCMAKE_C_COMPILER="$cc" \
-    -DZX_HOST_SOURCE="$host_source" >"$work/consumer.log" 2>&1 &&
-    "$cmake" --build "$work/consumer" >>"$work/consumer.log" 2>&1 ||
-    { cat "$work/consumer.log"; fail "find_package build failed"; }
+  if ! { "$cmake" -S "$here" -B "$work/consumer" "${cmake_args[@]}" -DCMAKE_C_COMPILER="$cc" \
+    -DZX_HOST_SOURCE="$host_source" && "$cmake" --build "$work/consumer"; } >"$work/consumer.log" 2>&1
+  then
+    cat "$work/consumer.log"
+    fail "find_package build failed"
+  fi
   # The imported target puts a non-system library directory in the run path.
   run_host cmake "$work/consumer/minimal_host" "$libdir"
 }
