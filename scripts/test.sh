@@ -18,9 +18,14 @@ if command -v ccache >/dev/null; then
 fi
 
 step "normal build"
-cmake -S . -B build/ci-normal -G Ninja -DZX_WERROR=ON -DCMAKE_BUILD_TYPE=RelWithDebInfo "${launcher[@]}" >/dev/null
+# Configured for /usr: the Debian packages are made from this tree.
+cmake -S . -B build/ci-normal -G Ninja -DZX_WERROR=ON -DCMAKE_BUILD_TYPE=RelWithDebInfo \
+  -DCMAKE_INSTALL_PREFIX=/usr "${launcher[@]}" >/dev/null
 cmake --build build/ci-normal -j "$jobs"
 (cd build/ci-normal && ctest -j "$jobs" --output-on-failure)
+
+step "Debian packages: build, inspect, install, use, remove"
+tests/install/package_test.sh build/ci-normal tools/examples/minimal_host.c
 
 step "AddressSanitizer + UndefinedBehaviorSanitizer"
 cmake -S . -B build/ci-asan -G Ninja -DZX_WERROR=ON -DCMAKE_BUILD_TYPE=Debug \
