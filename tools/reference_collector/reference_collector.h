@@ -98,7 +98,15 @@ struct Event {
   Record record;  // Type::Record only
 };
 
+// How the collector's one listening port is reached. Over WebSocket every message's bytes
+// go into the same line framing as a TCP read: a message may carry several lines and a
+// line may span messages. Any URL path and any sub-protocol (or none) is accepted.
+enum class Transport { Tcp, Ws, Wss };
+
 struct Config {
+  Transport transport = Transport::Tcp;
+  std::string tls_cert_file;  // PEM; Wss only, required there
+  std::string tls_key_file;   // PEM; Wss only, required there
   std::string host = "127.0.0.1";
   std::uint16_t port = 0;  // 0: an ephemeral port, see port()
   std::size_t max_line_bytes = kDefaultMaxLineBytes;
