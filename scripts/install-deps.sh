@@ -3,7 +3,7 @@
 set -euo pipefail
 pkgs=(build-essential cmake ninja-build pkg-config libapr1-dev libwebsockets-dev
       libgtest-dev libgmock-dev libbenchmark-dev clang libclang-rt-14-dev binutils
-      dpkg-dev python3 python3-pytest python3-pip python3-setuptools python3-venv)
+      dpkg-dev python3 python3-pytest python3-pip python3-setuptools python3-venv openssl)
 missing=()
 for p in "${pkgs[@]}"; do
   dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q "install ok installed" || missing+=("$p")
