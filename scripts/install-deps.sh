@@ -2,7 +2,8 @@
 # Installs what the build and the tests need on Debian 12, only if missing.
 set -euo pipefail
 pkgs=(build-essential cmake ninja-build pkg-config libapr1-dev libwebsockets-dev
-      libgtest-dev libgmock-dev libbenchmark-dev clang libclang-rt-14-dev binutils)
+      libgtest-dev libgmock-dev libbenchmark-dev clang libclang-rt-14-dev binutils
+      openssl)
 missing=()
 for p in "${pkgs[@]}"; do
   dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q "install ok installed" || missing+=("$p")

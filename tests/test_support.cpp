@@ -55,6 +55,59 @@ std::size_t count_of(const std::string &text, const std::string &what) {
   return n;
 }
 
+TestPki::TestPki() {
+  const Pair server = issue("server", "ca", "IP:127.0.0.1,DNS:localhost", 2);
+  ca_file = (dir_.path() / "ca.pem").string();
+  cert_file = server.cert_file;
+  key_file = server.key_file;
+}
+
+TestPki::Pair TestPki::unknown_ca() {
+  return issue("unknown-ca-server", "other-ca", "IP:127.0.0.1,DNS:localhost", 2);
+}
+
+TestPki::Pair TestPki::wrong_host() {
+  return issue("wrong-host-server", "ca", "IP:192.0.2.1,DNS:wrong.invalid", 2);
+}
+
+TestPki::Pair TestPki::expired() {
+  // A negative validity puts notAfter before notBefore: expired from the start.
+  return issue("expired-server", "ca", "IP:127.0.0.1,DNS:localhost", -1);
+}
+
+bool TestPki::run(const std::string &args) {
+  // stderr kept beside the files, shown only when a step fails.
+  const std::string log = (dir_.path() / "openssl.log").string();
+  const std::string cmd = "cd '" + dir_.str() + "' && openssl " + args + " >'" + log + "' 2>&1";
+  if (std::system(cmd.c_str()) == 0) return true;
+  ADD_FAILURE() << "openssl " << args << "\n" << read_file(log);
+  return false;
+}
+
+bool TestPki::make_ca(const std::string &ca) {
+  if (std::filesystem::exists(dir_.path() / (ca + ".pem"))) return true;
+  // EC keys: generated in milliseconds, unlike RSA.
+  return run("req -x509 -newkey ec -pkeyopt ec_paramgen_curve:prime256v1 -nodes -keyout " + ca +
+             ".key -out " + ca + ".pem -days 2 -subj '/CN=" + ca +
+             " test authority' -addext basicConstraints=critical,CA:TRUE"
+             " -addext keyUsage=critical,keyCertSign,cRLSign");
+}
+
+TestPki::Pair TestPki::issue(const std::string &name, const std::string &ca, const std::string &san,
+                             int days) {
+  Pair p{(dir_.path() / (name + ".pem")).string(), (dir_.path() / (name + ".key")).string()};
+  if (std::filesystem::exists(p.cert_file)) return p;
+  dir_.write(name + ".ext", "subjectAltName=" + san +
+                                "\nbasicConstraints=CA:FALSE\nextendedKeyUsage=serverAuth\n");
+  (void)(make_ca(ca) &&
+         run("req -new -newkey ec -pkeyopt ec_paramgen_curve:prime256v1 -nodes -keyout " + name +
+             ".key -out " + name + ".csr -subj '/CN=" + name + "'") &&
+         run("x509 -req -in " + name + ".csr -CA " + ca + ".pem -CAkey " + ca +
+             ".key -set_serial " + std::to_string(++serial_) + " -days " + std::to_string(days) +
+             " -extfile " + name + ".ext -out " + name + ".pem"));
+  return p;
+}
+
 ScopedEnv::ScopedEnv(const char *name, const char *value) : name_(name) {
   const char *old = std::getenv(name);
   had_old_ = old != nullptr;

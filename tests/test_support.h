@@ -37,6 +37,43 @@ std::string read_file(const std::filesystem::path &p);
 // Occurrences of `what` in `text`.
 std::size_t count_of(const std::string &text, const std::string &what);
 
+// Throwaway certificates for WSS tests, made at run time with the openssl command in a
+// TempDir (keys are never committed). The constructor makes a CA and a server certificate
+// for 127.0.0.1 and "localhost" signed by it; the others are made on demand, each under a
+// fixed name, so asking twice gives the same files. A failure is a test failure and
+// leaves the paths naming files that do not exist.
+class TestPki {
+ public:
+  struct Pair {
+    std::string cert_file;
+    std::string key_file;
+  };
+
+  TestPki();
+  TestPki(const TestPki &) = delete;
+  TestPki &operator=(const TestPki &) = delete;
+
+  // Valid, but signed by a CA that nobody trusts.
+  Pair unknown_ca();
+  // Signed by the test CA for another host name and address.
+  Pair wrong_host();
+  // Signed by the test CA, expired a day ago.
+  Pair expired();
+
+  std::string ca_file;    // the test CA's certificate, for a client's trust store
+  std::string cert_file;  // server certificate for 127.0.0.1 and localhost
+  std::string key_file;
+
+ private:
+  // The CA "<ca>" (made when missing) signs a key pair "<name>" with these subjectAltNames.
+  Pair issue(const std::string &name, const std::string &ca, const std::string &san, int days);
+  bool make_ca(const std::string &ca);
+  bool run(const std::string &args);
+
+  TempDir dir_;
+  int serial_ = 1;
+};
+
 // Sets an environment variable for the scope (unset when value is null) and
 // restores the previous state.
 class ScopedEnv {

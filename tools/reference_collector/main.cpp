@@ -15,6 +15,8 @@
 #include <string_view>
 #include <thread>
 
+#include <libwebsockets.h>
+
 #include "reference_collector.h"
 #include "run_summary.h"
 #include "tdigest_record.h"
@@ -28,6 +30,12 @@ void usage(std::FILE *out) {
       "usage: zx_collector [options]\n"
       "  --host ADDR          listen address (default 127.0.0.1)\n"
       "  --port N             listen port (default 7892; 0 picks a free one)\n"
+      "  --ws                 listen for WebSocket connections instead of plain TCP\n"
+      "                       (any URL path; no sub-protocol, or \"zx-collector\")\n"
+      "  --wss                listen for WebSocket connections over TLS; needs --cert\n"
+      "                       and --key\n"
+      "  --cert FILE          server certificate chain, PEM (--wss)\n"
+      "  --key FILE           the certificate's private key, PEM (--wss)\n"
       "  --reply KIND         ok | not_running | running | error | any raw reply text\n"
       "  --protocols LIST     offer protocols in the reply, e.g. \"TCP:7892,WSS:443\"\n"
       "  --start PAIRS        send start_instrumentation with \"kw=v;kw=v\" to each agent\n"
@@ -147,6 +155,10 @@ int main(int argc, char **argv) {
       conn_ids = true;
     } else if (arg == "--summary") {
       summary = true;
+    } else if (arg == "--ws") {
+      config.transport = zxref::Transport::Ws;
+    } else if (arg == "--wss") {
+      config.transport = zxref::Transport::Wss;
     } else if (arg == "--help" || arg == "-h") {
       usage(stdout);
       return 0;
@@ -156,6 +168,10 @@ int main(int argc, char **argv) {
       const auto bytes = zxref::parse_number<int>(*v);
       ok = bytes && *bytes > 0;
       if (ok) config.receive_buffer_bytes = *bytes;
+    } else if (arg == "--cert") {
+      config.tls_cert_file = std::string(*v);
+    } else if (arg == "--key") {
+      config.tls_key_file = std::string(*v);
     } else if (arg == "--host") {
       config.host = std::string(*v);
     } else if (arg == "--port") {
@@ -192,6 +208,16 @@ int main(int argc, char **argv) {
       return 2;
     }
   }
+
+  if (config.transport == zxref::Transport::Wss &&
+      (config.tls_cert_file.empty() || config.tls_key_file.empty())) {
+    std::fprintf(stderr, "zx_collector: --wss needs --cert FILE and --key FILE\n");
+    usage(stderr);
+    return 2;
+  }
+  // The WebSocket library's notices are noise here; its warnings and errors (a failed
+  // TLS handshake among them) still reach stderr.
+  lws_set_log_level(LLL_ERR | LLL_WARN, nullptr);
 
   config.behaviour.reply = reply_for(reply_kind);
   if (!protocols.empty()) {

@@ -1,4 +1,5 @@
 #include "reference_collector.h"
+#include "collector_conn.h"
 
 #include <arpa/inet.h>
 #include <netinet/in.h>
@@ -7,6 +8,8 @@
 #include <sys/eventfd.h>
 #include <sys/socket.h>
 #include <unistd.h>
+
+#include <libwebsockets.h>
 
 #include <algorithm>
 #include <cerrno>
@@ -47,43 +50,6 @@ Event::Type event_type(Frame::Type type) {
 
 }  // namespace
 
-struct ReferenceCollector::Conn {
-  struct Outgoing {
-    std::string bytes;
-    std::size_t sent = 0;
-    SendOptions options;
-  };
-
-  Conn(int conn_id, int socket_fd, std::size_t max_line)
-      : id(conn_id), fd(socket_fd), decoder(max_line) {}
-  ConnKind kind() const { return decoder.kind(); }
-
-  // Scripted bytes, as given, so they may end mid-line.
-  void queue(std::string bytes, SendOptions options) {
-    if (!bytes.empty()) mid_line = bytes.back() != '\n';
-    out.push_back(Outgoing{std::move(bytes), 0, options});
-    if (!mid_line && !held.empty()) out.push_back(Outgoing{std::exchange(held, {}), 0, {}});
-  }
-  // A whole line of the collector's own; never lands inside a scripted line.
-  void queue_line(std::string line, SendOptions options) {
-    if (mid_line) {
-      held += line;
-    } else {
-      out.push_back(Outgoing{std::move(line), 0, options});
-    }
-  }
-
-  int id;
-  int fd;  // -1 once closed; swept out of conns_ at the end of the poll round
-  StreamDecoder decoder;
-  std::deque<Outgoing> out;
-  bool mid_line = false;  // the last byte queued was not '\n'
-  std::string held;       // the collector's lines waiting for that line to end
-  bool beats = false;     // a control connection past its request
-  Clock::time_point next_beat = Clock::time_point::max();
-  int beats_sent = 0;
-};
-
 ReferenceCollector::ReferenceCollector(Config config)
     : config_(std::move(config)), behaviour_(config_.behaviour) {
   // Created here, not in start(), so wake() is valid for the object's whole life.
@@ -100,6 +66,14 @@ bool ReferenceCollector::start() {
     error_ = "already running";
     return false;
   }
+  {
+    std::lock_guard lock(mu_);
+    stopping_ = false;
+  }
+  return config_.transport == Transport::Tcp ? start_tcp() : start_ws();
+}
+
+bool ReferenceCollector::start_tcp() {
   if (wake_fd_ < 0) {
     error_ = "eventfd failed";
     return false;
@@ -132,10 +106,6 @@ bool ReferenceCollector::start() {
   }
   listen_fd_ = fd;
   port_ = ntohs(addr.sin_port);
-  {
-    std::lock_guard lock(mu_);
-    stopping_ = false;
-  }
   thread_ = std::thread([this] { run(); });
   return true;
 }
@@ -147,6 +117,7 @@ void ReferenceCollector::stop() {
   }
   wake();
   if (thread_.joinable()) thread_.join();
+  stop_ws();
   if (listen_fd_ >= 0) {
     ::close(listen_fd_);
     listen_fd_ = -1;
@@ -154,6 +125,11 @@ void ReferenceCollector::stop() {
 }
 
 void ReferenceCollector::wake() const {
+  if (config_.transport != Transport::Tcp) {
+    std::lock_guard lock(ws_ctx_mu_);
+    if (ws_ctx_ != nullptr) lws_cancel_service(ws_ctx_);
+    return;
+  }
   const std::uint64_t one = 1;
   [[maybe_unused]] const auto n = ::write(wake_fd_, &one, sizeof one);
 }
@@ -219,6 +195,10 @@ void ReferenceCollector::run() {
     std::erase_if(conns_, [](const auto &entry) { return entry.second->fd < 0; });
     publish(events);
   }
+  close_all(events);
+}
+
+void ReferenceCollector::close_all(std::vector<Event> &events) {
   for (auto &[id, conn] : conns_) close_conn(*conn, events);
   conns_.clear();
   publish(events);
@@ -238,21 +218,24 @@ void ReferenceCollector::accept_all(std::vector<Event> &events) {
     const int on = 1;
     ::setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
     const int id = next_id_++;
-    auto &conn =
-        *conns_.emplace(id, std::make_unique<Conn>(id, fd, config_.max_line_bytes)).first->second;
-    bool close_now = false;
-    {
-      std::lock_guard lock(mu_);
-      ++history_.accepted;
-      ++history_.counters[index_of(ConnKind::Unknown)].open;
-      open_[id] = ConnKind::Unknown;
-      close_now = behaviour_.close_on_accept;
-    }
-    changed_.notify_all();
-    if (config_.observer)
-      events.push_back(Event{Event::Type::Accepted, ConnKind::Unknown, id, {}, {}});
-    if (close_now) close_conn(conn, events);
+    if (add_conn(id, fd, events)) close_conn(*conns_[id], events);
   }
+}
+
+bool ReferenceCollector::add_conn(int id, int fd, std::vector<Event> &events) {
+  conns_.emplace(id, std::make_unique<Conn>(id, fd, config_.max_line_bytes));
+  bool close_now = false;
+  {
+    std::lock_guard lock(mu_);
+    ++history_.accepted;
+    ++history_.counters[index_of(ConnKind::Unknown)].open;
+    open_[id] = ConnKind::Unknown;
+    close_now = behaviour_.close_on_accept;
+  }
+  changed_.notify_all();
+  if (config_.observer)
+    events.push_back(Event{Event::Type::Accepted, ConnKind::Unknown, id, {}, {}});
+  return close_now;
 }
 
 void ReferenceCollector::read_from(Conn &conn, std::vector<Event> &events) {
@@ -263,11 +246,15 @@ void ReferenceCollector::read_from(Conn &conn, std::vector<Event> &events) {
     close_conn(conn, events);
     return;
   }
+  received(conn, std::string_view(buf, static_cast<std::size_t>(n)), events);
+}
+
+void ReferenceCollector::received(Conn &conn, std::string_view bytes, std::vector<Event> &events) {
   std::vector<Frame> frames;
-  conn.decoder.feed(std::string_view(buf, static_cast<std::size_t>(n)), frames);
+  conn.decoder.feed(bytes, frames);
   {
     std::lock_guard lock(mu_);
-    history_.counters[index_of(conn.kind())].bytes += static_cast<std::uint64_t>(n);
+    history_.counters[index_of(conn.kind())].bytes += bytes.size();
   }
   handle_frames(conn, frames, events);
 }
@@ -382,13 +369,20 @@ void ReferenceCollector::write_to(Conn &conn, std::vector<Event> &events) {
 
 void ReferenceCollector::close_conn(Conn &conn, std::vector<Event> &events) {
   if (conn.fd < 0) return;
-  // FIN after what is queued; unread input would turn close() into a reset that could
-  // cost the peer the last bytes sent, so take what is already here first.
-  ::shutdown(conn.fd, SHUT_WR);
-  char buf[4096];
-  for (int i = 0; i < 64 && ::recv(conn.fd, buf, sizeof buf, MSG_DONTWAIT) > 0; ++i) {
+  if (config_.transport != Transport::Tcp) {
+    // Closed by the library on its next service; what it holds unsent is dropped, as a
+    // TCP close here drops unsent bytes.
+    if (conn.wsi != nullptr) lws_set_timeout(conn.wsi, PENDING_TIMEOUT_USER_OK, LWS_TO_KILL_ASYNC);
+    conn.wsi = nullptr;
+  } else {
+    // FIN after what is queued; unread input would turn close() into a reset that could
+    // cost the peer the last bytes sent, so take what is already here first.
+    ::shutdown(conn.fd, SHUT_WR);
+    char buf[4096];
+    for (int i = 0; i < 64 && ::recv(conn.fd, buf, sizeof buf, MSG_DONTWAIT) > 0; ++i) {
+    }
+    ::close(conn.fd);
   }
-  ::close(conn.fd);
   conn.fd = -1;
   conn.out.clear();
   conn.held.clear();

@@ -1,10 +1,12 @@
-// The reference collector: a loopback TCP server that plays the collector end of the
-// agent's control, data and auto-sensor connections. Tests run it in-process (scripted
-// replies, commands on demand, faults on demand, and waits on what it has received);
-// the zx_collector command wraps it for people. Like a real collector it sends its own
-// heartbeat on control connections, so an agent that sends none keeps its link. One poll
-// thread owns every socket, so writes to a socket never interleave; the public methods
-// may be called from any thread.
+// The reference collector: a loopback server that plays the collector end of the agent's
+// control, data and auto-sensor connections, over TCP, WebSocket or WebSocket over TLS.
+// Tests run it in-process (scripted replies, commands on demand, faults on demand, and
+// waits on what it has received); the zx_collector command wraps it for people. Like a
+// real collector it sends its own heartbeat on control connections, so an agent that
+// sends none keeps its link. One thread owns every connection (the poll thread over TCP,
+// the WebSocket library's service thread otherwise), so writes to a connection never
+// interleave and every transport feeds the same framing and handlers; the public
+// methods may be called from any thread.
 #pragma once
 
 #include <array>
@@ -22,6 +24,9 @@
 #include <vector>
 
 #include "collector_protocol.h"
+
+struct lws;
+struct lws_context;
 
 namespace zxref {
 
@@ -88,7 +93,7 @@ struct History {
   const std::vector<Line> &lines_of(ConnKind kind) const { return lines[index_of(kind)]; }
 };
 
-// What the observer sees, on the poll thread, in arrival order.
+// What the observer sees, on the connections' thread, in arrival order.
 struct Event {
   enum class Type { Accepted, Request, Line, Blank, Record, Closed, Error };
   Type type = Type::Line;
@@ -98,14 +103,23 @@ struct Event {
   Record record;  // Type::Record only
 };
 
+// How the collector's one listening port is reached. Over WebSocket every message's bytes
+// go into the same line framing as a TCP read: a message may carry several lines and a
+// line may span messages. Any URL path is accepted and no sub-protocol is needed (a client
+// that asks for one other than "zx-collector" is refused by the WebSocket library).
+enum class Transport { Tcp, Ws, Wss };
+
 struct Config {
+  Transport transport = Transport::Tcp;
+  std::string tls_cert_file;  // PEM; Wss only, required there
+  std::string tls_key_file;   // PEM; Wss only, required there
   std::string host = "127.0.0.1";
   std::uint16_t port = 0;  // 0: an ephemeral port, see port()
   std::size_t max_line_bytes = kDefaultMaxLineBytes;
   int receive_buffer_bytes = 0;  // SO_RCVBUF of accepted sockets; 0 keeps the default
   bool keep_history = true;      // off: counters only (a long-running command)
   Behaviour behaviour;
-  // Called on the poll thread without the collector's lock held; may call send().
+  // Called on the connections' thread without the collector's lock held; may call send().
   std::function<void(const Event &)> observer;
 };
 
@@ -116,9 +130,10 @@ class ReferenceCollector {
   ReferenceCollector(const ReferenceCollector &) = delete;
   ReferenceCollector &operator=(const ReferenceCollector &) = delete;
 
-  // Binds, listens and starts the poll thread. False (see error()) when that fails.
+  // Binds, listens and starts the connections' thread. False (see error()) when that fails,
+  // a missing or unusable certificate or key included.
   bool start();
-  // Closes every connection and joins the poll thread. Idempotent.
+  // Closes every connection (handshakes in progress too) and joins the thread. Idempotent.
   void stop();
   std::uint16_t port() const { return port_; }
   const std::string &error() const { return error_; }
@@ -160,6 +175,7 @@ class ReferenceCollector {
 
  private:
   struct Conn;
+  struct Ws;
   struct Command {
     int conn_id = 0;
     std::string bytes;
@@ -167,9 +183,13 @@ class ReferenceCollector {
     bool abort = false;  // close now, dropping unsent bytes
   };
 
+  bool start_tcp();
   void run();
   void accept_all(std::vector<Event> &events);
   void read_from(Conn &conn, std::vector<Event> &events);
+  // Both transports: a new connection (true: close it now), and bytes received on one.
+  bool add_conn(int id, int fd, std::vector<Event> &events);
+  void received(Conn &conn, std::string_view bytes, std::vector<Event> &events);
   void handle_frames(Conn &conn, std::vector<Frame> &frames, std::vector<Event> &events);
   void write_to(Conn &conn, std::vector<Event> &events);
   void close_conn(Conn &conn, std::vector<Event> &events);
@@ -179,6 +199,19 @@ class ReferenceCollector {
   void publish(std::vector<Event> &events);
   void wake() const;
   int newest_open(ConnKind kind) const;  // caller holds mu_
+  void close_all(std::vector<Event> &events);
+
+  // WebSocket transport, in reference_collector_ws.cpp.
+  bool start_ws();
+  void stop_ws();
+  void run_ws();
+  // What a TCP poll round does between reads, for the service thread: commands, beats,
+  // reading switched on or off, writes requested.
+  void ws_round();
+  // The library's callbacks for this collector's connections; -1 closes the one given.
+  int ws_event(struct lws *wsi, int reason, void *user, const void *in, std::size_t len);
+  void write_ws(Conn &conn, std::vector<Event> &events);
+  friend struct WsGlue;
 
   Config config_;
   std::uint16_t port_ = 0;
@@ -186,8 +219,17 @@ class ReferenceCollector {
   int listen_fd_ = -1;
   int wake_fd_ = -1;
   std::thread thread_;
+  struct WsDelete {
+    void operator()(Ws *ws) const;
+  };
+  std::unique_ptr<Ws, WsDelete> ws_;
 
-  // Owned by the poll thread.
+  // Guards only the WebSocket context's lifetime against wake() from other threads; never
+  // held with mu_ or inside the library's callbacks.
+  mutable std::mutex ws_ctx_mu_;
+  struct lws_context *ws_ctx_ = nullptr;
+
+  // Owned by the connections' thread.
   std::map<int, std::unique_ptr<Conn>> conns_;
   int next_id_ = 1;
 
