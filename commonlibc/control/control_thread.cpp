@@ -40,7 +40,6 @@ zx::Status control_thread_configure(ZXAppControl *app) {
               "ZXProxy.proxyServerFlag =[%d]",
               bci.saasMode, app->zxProxyMode, ZXProxy.proxyServerFlag);
 
-  chooseFirstTransport(app);
   init_zxc_server_config(*app);
 
   // Until a collector is known the environment and the file are read again;
@@ -53,6 +52,8 @@ zx::Status control_thread_configure(ZXAppControl *app) {
     app->controlSleep(app->retry_policy.time_interval);
   }
   if (app->stopRequested) return zx::Errc::stopped;
+  // After the settings passes: SaaS mode may come from the file.
+  chooseFirstTransport(app);
   app->retry_policy.count = 0;
   app->controlThreadState = ZX_CTRL_CONFIGURED;
   return zx::Ok;
