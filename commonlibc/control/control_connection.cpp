@@ -76,12 +76,22 @@ int controlConnectionSendBuffer(ZXAppControl *app, const char *text, std::size_t
     ZX_CTRL_LOG(0, "Error", "No control connection to send '%.200s'", text);
     return 1;
   }
+  if (app->lws_active) return send_control_data_via_lws_socket(app, text, len);
   char err[kErrSize] = {};
   if (app->zxcCtrlSocket->send_all(text, len, err, sizeof err) != 0) {
     ZX_CTRL_LOG(0, "Error", "Error Buffer - %s", err);
     return 1;
   }
   return 0;
+}
+
+int send_control_data_via_lws_socket(ZXAppControl *app, const char *data, std::size_t length) {
+  char err[kErrSize] = {};
+  if (app->zxcCtrlSocket && app->zxcCtrlSocket->send_all(data, length, err, sizeof err) == 0)
+    return 0;
+  ZX_LOG_IF(true, app->ActiveAgentProtocolIndex == ZX_PROTO_WSS ? "WSS" : "WS", "Error",
+            "Control data not sent: %s", err[0] ? err : "no connection");
+  return 1;
 }
 
 void setControlConnectionReqMessage(ZXAppControl *app) {

@@ -202,6 +202,7 @@ class lws_handler final : public ZXConnection {
   enum class State { Connecting, Open, Closed };
   enum class Served { Done, Timeout, Woken, Abandoned };
 
+  int handle(lws *w, lws_callback_reasons reason, void *user, void *in, std::size_t len);
   static void on_timer(lws_sorted_usec_list_t *) {}
 
   long gone(char *err, int err_len) const {
@@ -264,6 +265,17 @@ int lws_handler::callback(lws *w, lws_callback_reasons reason, void *user, void 
                           std::size_t len) {
   auto *self = static_cast<lws_handler *>(lws_context_user(lws_get_context(w)));
   if (!self) return 0;
+  // Nothing may unwind through the library: a failure closes the connection.
+  try {
+    return self->handle(w, reason, user, in, len);
+  } catch (const std::exception &) {
+    self->closeReason_ = "out of memory";
+    return -1;
+  }
+}
+
+int lws_handler::handle(lws *w, lws_callback_reasons reason, void *user, void *in,
+                        std::size_t len) {
   switch (reason) {
     case LWS_CALLBACK_OPENSSL_LOAD_EXTRA_CLIENT_VERIFY_CERTS: {
       // The library loads a fixed directory; OpenSSL's defaults are what
@@ -271,68 +283,62 @@ int lws_handler::callback(lws *w, lws_callback_reasons reason, void *user, void 
       const OpenSslCalls &ssl = OpenSslCalls::get();
       auto *sslCtx = static_cast<SSL_CTX *>(user);
       if (ssl.defaultPaths) ssl.defaultPaths(sslCtx);
-      if (ssl.loadFile && !self->settings_.caFile.empty() &&
-          ssl.loadFile(sslCtx, self->settings_.caFile.c_str(), nullptr) != 1)
-        ZX_LOG_IF(true, "WSS", "Error", "Cannot load the CA file '%s'",
-                  self->settings_.caFile.c_str());
+      if (ssl.loadFile && !settings_.caFile.empty() &&
+          ssl.loadFile(sslCtx, settings_.caFile.c_str(), nullptr) != 1)
+        ZX_LOG_IF(true, "WSS", "Error", "Cannot load the CA file '%s'", settings_.caFile.c_str());
       break;
     }
     case LWS_CALLBACK_OPENSSL_PERFORM_SERVER_CERT_VERIFICATION: {
       if (len) break;  // OpenSSL found nothing wrong
       const OpenSslCalls &ssl = OpenSslCalls::get();
       auto *store = static_cast<X509_STORE_CTX *>(user);
-      if (!self->settings_.verifyPeer) {
+      if (!settings_.verifyPeer) {
         if (ssl.setError) ssl.setError(store, X509_V_OK);
         return 0;
       }
-      if (ssl.getError && ssl.errorText && self->certReason_.empty())
-        self->certReason_ = ssl.errorText(ssl.getError(store));
+      if (ssl.getError && ssl.errorText && certReason_.empty())
+        certReason_ = ssl.errorText(ssl.getError(store));
       return 1;
     }
     case LWS_CALLBACK_CLIENT_ESTABLISHED:
-      self->state_ = State::Open;
+      state_ = State::Open;
       break;
     case LWS_CALLBACK_CLIENT_CONNECTION_ERROR:
       // The library's text says little about a refused certificate; OpenSSL's does.
-      if (!self->certReason_.empty())
-        self->closeReason_ = "certificate not accepted: " + self->certReason_;
+      if (!certReason_.empty())
+        closeReason_ = "certificate not accepted: " + certReason_;
       else
-        self->closeReason_ = in ? static_cast<const char *>(in) : "connection failed";
-      self->state_ = State::Closed;
-      self->wsi = nullptr;
+        closeReason_ = in ? static_cast<const char *>(in) : "connection failed";
+      state_ = State::Closed;
+      wsi = nullptr;
       break;
     case LWS_CALLBACK_CLIENT_RECEIVE: {
       const char *p = static_cast<const char *>(in);
-      try {
-        self->rx_.insert(self->rx_.end(), p, p + len);
-      } catch (const std::exception &) {
-        self->closeReason_ = "no memory for received data";
-        return -1;  // nothing may unwind through the library
-      }
-      if (self->rx_.size() - self->rxOffset_ >= kMaxReceived && !self->rxPaused_) {
-        self->rxPaused_ = true;
+      rx_.insert(rx_.end(), p, p + len);
+      if (rx_.size() - rxOffset_ >= kMaxReceived && !rxPaused_) {
+        rxPaused_ = true;
         lws_rx_flow_control(w, 0);
       }
       break;
     }
     case LWS_CALLBACK_CLIENT_WRITEABLE: {
-      if (!self->txLen_) break;
-      const std::size_t n = self->txLen_;
-      self->txLen_ = 0;
+      if (!txLen_) break;
+      const std::size_t n = txLen_;
+      txLen_ = 0;
       // The library takes the whole message, holding back what the socket
       // would not take yet; less means the connection failed.
-      if (lws_write(w, self->tx_.data() + LWS_PRE, n, LWS_WRITE_BINARY) < static_cast<int>(n)) {
-        self->writeFailed_ = true;
+      if (lws_write(w, tx_.data() + LWS_PRE, n, LWS_WRITE_BINARY) < static_cast<int>(n)) {
+        writeFailed_ = true;
         return -1;
       }
       break;
     }
     case LWS_CALLBACK_CLIENT_CLOSED:
     case LWS_CALLBACK_WSI_DESTROY:
-      if (w == self->wsi) {
-        if (self->closeReason_.empty()) self->closeReason_ = "connection closed by peer";
-        self->state_ = State::Closed;
-        self->wsi = nullptr;
+      if (w == wsi) {
+        if (closeReason_.empty()) closeReason_ = "connection closed by peer";
+        state_ = State::Closed;
+        wsi = nullptr;
       }
       break;
     default:
