@@ -48,38 +48,6 @@ struct WebSocketConnectionTest : ::testing::Test {
 };
 
 const std::string kCtrlRequest = "zx_ctrl_msg_req:appName=a;tierName=t;protoVer=1 \n";
-const std::string kDataRequest = "zx_data_msg_req:appName=a;appID=1;testIdx=3;pid=42\n";
-
-TEST_F(WebSocketConnectionTest, BytesBothWaysAsOneStream) {
-  auto c = ws_collector();
-  auto ctrl = open(c->port());
-  ASSERT_TRUE(ctrl) << err;
-  EXPECT_STREQ(ctrl->source().ip, "127.0.0.1");
-  EXPECT_GT(ctrl->source().port, 0);
-  // The request in two sends, the reply read back whole.
-  ASSERT_EQ(ctrl->send_all(kCtrlRequest.data(), 10, err, sizeof err), 0) << err;
-  ASSERT_EQ(ctrl->send_all(kCtrlRequest.data() + 10, kCtrlRequest.size() - 10, err, sizeof err), 0);
-  EXPECT_EQ(read_line(*ctrl), zxref::reply::ok());
-
-  // More than one message's worth, cut anywhere: every record arrives in order.
-  auto data = open(c->port());
-  ASSERT_TRUE(data) << err;
-  std::string sent = kDataRequest;
-  constexpr int kRecords = 20000;
-  for (int i = 0; i < kRecords; ++i) sent += "7,r" + std::to_string(i) + ",pad\n";
-  std::size_t off = 0;
-  while (off < sent.size()) {
-    long n = data->send_some(sent.data() + off, std::min<std::size_t>(sent.size() - off, 7777), err,
-                             sizeof err);
-    ASSERT_GT(n, 0) << err;
-    off += static_cast<std::size_t>(n);
-  }
-  ASSERT_TRUE(
-      c->wait_until([](const zxref::History &h) { return h.records.size() >= kRecords; }, 10s));
-  const auto records = c->records();
-  ASSERT_EQ(records.size(), static_cast<std::size_t>(kRecords));
-  for (int i = 0; i < kRecords; ++i) ASSERT_EQ(records[i].fields[1], "r" + std::to_string(i));
-}
 
 TEST_F(WebSocketConnectionTest, WakeupEndsAWaitFromAnotherThreadOrTheNextOne) {
   auto c = ws_collector();
@@ -115,34 +83,6 @@ TEST_F(WebSocketConnectionTest, PeerHangUpIsSeenByReadsAndSends) {
   EXPECT_EQ(conn->receive(buf, sizeof buf, err, sizeof err), -1);
   EXPECT_EQ(conn->send_some("x\n", 2, err, sizeof err), -1);
   EXPECT_EQ(conn->send_all("x\n", 2, err, sizeof err), -2);
-}
-
-TEST_F(WebSocketConnectionTest, StalledReaderMakesSendsReturnEmptyInTime) {
-  zxref::Behaviour b;
-  b.read_data = false;
-  auto c = ws_collector(b);
-  auto conn = open(c->port());
-  ASSERT_TRUE(conn) << err;
-  ASSERT_EQ(conn->send_all(kDataRequest.data(), kDataRequest.size(), err, sizeof err), 0);
-  ASSERT_TRUE(c->wait_for_connections(ConnKind::Data, 1, 10s));
-  std::string block(256 * 1024, 'x');
-  // Kernel buffers fill, then a send takes nothing within its timeout.
-  long n = 1;
-  auto start = std::chrono::steady_clock::now();
-  for (int i = 0; i < 400 && n > 0; ++i)
-    n = conn->send_some(block.data(), block.size(), err, sizeof err);
-  EXPECT_EQ(n, 0) << err;
-  EXPECT_LT(std::chrono::steady_clock::now() - start, 30s);
-}
-
-TEST_F(WebSocketConnectionTest, RefusedConnectFailsAtOnceWithItsReason) {
-  auto c = ws_collector();
-  const int port = c->port();
-  c->stop();
-  auto start = std::chrono::steady_clock::now();
-  EXPECT_FALSE(open(port));
-  EXPECT_NE(err[0], '\0');
-  EXPECT_LT(std::chrono::steady_clock::now() - start, 3s);
 }
 
 }  // namespace
