@@ -1,6 +1,7 @@
 #include "ZXWebSocketConnection.h"
 
 #include <gtest/gtest.h>
+#include <libwebsockets.h>
 
 #include <atomic>
 #include <chrono>
@@ -25,6 +26,7 @@ std::unique_ptr<zxref::ReferenceCollector> ws_collector(zxref::Behaviour b = {})
 }
 
 struct WebSocketConnectionTest : ::testing::Test {
+  void SetUp() override { lws_set_log_level(LLL_ERR | LLL_WARN, lws_log); }
   zx::AprSession apr;
   std::unique_ptr<ZXConnection> open(int port, const std::function<bool()> &abandon = {}) {
     err[0] = '\0';
