@@ -34,6 +34,19 @@ constexpr auto kWait = 10s;
 const std::string kCtrlRequest = "zx_ctrl_msg_req:appName=app;tierName=t;protoVer=1 \n";
 const std::string kDataRequest = "zx_data_msg_req:appName=app;appID=1;testIdx=3;pid=42\n";
 
+// A loopback connection that has sent `bytes`; the caller closes it.
+int send_over_tcp(std::uint16_t port, const std::string &bytes) {
+  const int fd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  sockaddr_in addr{};
+  addr.sin_family = AF_INET;
+  addr.sin_port = htons(port);
+  addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  EXPECT_EQ(::connect(fd, reinterpret_cast<sockaddr *>(&addr), sizeof addr), 0);
+  EXPECT_EQ(::send(fd, bytes.data(), bytes.size(), MSG_NOSIGNAL),
+            static_cast<ssize_t>(bytes.size()));
+  return fd;
+}
+
 // The agent's end: one connection on a service thread of its own. Messages go out whole,
 // in order; what arrives is kept as one byte stream.
 class WsClient {
@@ -257,17 +270,7 @@ TEST_P(WsFixture, RecordsDecodeAsOverTcp) {
       "8,20,split/", "in/the/", "middle\n"};
 
   auto tcp = zxtest::start_collector();
-  {
-    const int fd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    sockaddr_in addr{};
-    addr.sin_family = AF_INET;
-    addr.sin_port = htons(tcp->port());
-    addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    ASSERT_EQ(::connect(fd, reinterpret_cast<sockaddr *>(&addr), sizeof addr), 0);
-    ASSERT_EQ(::send(fd, stream.data(), stream.size(), MSG_NOSIGNAL),
-              static_cast<ssize_t>(stream.size()));
-    ::close(fd);
-  }
+  ::close(send_over_tcp(tcp->port(), stream));
   auto c = start();
   auto client = connect(*c);
   for (const auto &m : messages) client->send(m);
@@ -316,16 +319,9 @@ INSTANTIATE_TEST_SUITE_P(Transports, WsFixture, ::testing::Values(Transport::Ws,
 // A client that connects and never finishes its handshake does not hold up stop().
 TEST_P(WsFixture, StopsWhileAHandshakeIsUnfinished) {
   auto c = start();
-  const int fd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-  sockaddr_in addr{};
-  addr.sin_family = AF_INET;
-  addr.sin_port = htons(c->port());
-  addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  ASSERT_EQ(::connect(fd, reinterpret_cast<sockaddr *>(&addr), sizeof addr), 0);
   // The start of a TLS record, or of an upgrade request.
-  const std::string partial = tls() ? std::string("\x16\x03\x01\x02", 4) : "GET / HTTP/1.1\r\n";
-  ASSERT_EQ(::send(fd, partial.data(), partial.size(), MSG_NOSIGNAL),
-            static_cast<ssize_t>(partial.size()));
+  const int fd =
+      send_over_tcp(c->port(), tls() ? std::string("\x16\x03\x01\x02", 4) : "GET / HTTP/1.1\r\n");
   const auto t0 = Clock::now();
   c->stop();
   EXPECT_LT(Clock::now() - t0, 2s);

@@ -200,7 +200,13 @@ int ReferenceCollector::ws_event(lws *wsi, int reason, void *user, const void *i
     }
     case LWS_CALLBACK_RECEIVE:
       if (Conn *conn = find()) {
+        const ConnKind before = conn->kind();
         received(*conn, std::string_view(static_cast<const char *>(in), len), ws_->events);
+        // Plain record traffic needs no round: the data path stays cheap per message.
+        if (conn->fd >= 0 && conn->kind() == before && conn->out.empty()) {
+          publish(ws_->events);
+          return 0;
+        }
       }
       break;
     case LWS_CALLBACK_SERVER_WRITEABLE:
