@@ -25,7 +25,7 @@ using zxref::ConnKind;
 using zxref::ReferenceCollector;
 using zxref::Transport;
 
-constexpr auto kWait = 10s;
+constexpr auto kWait = 30s;
 
 std::unique_ptr<ReferenceCollector> start_on(Transport t, const zxtest::TestPki::Pair &cert,
                                              Behaviour b = {}, std::uint16_t port = 0) {
@@ -61,6 +61,12 @@ class WsLinkTest : public ::testing::Test, protected zxtest::LinkedAgent {
     return "ZXC_COMM_PROTOCOL=TCP:7892,WS:80,WSS:443\nzxTlsCaFile=" + pki.ca_file + "\n" + more;
   }
   zxtest::TestPki::Pair good() const { return {pki.cert_file, pki.key_file}; }
+  // TLS handshakes under the sanitizers on a busy machine take seconds.
+  ZXProxyInstance_t &link_to(std::uint16_t port, const std::string &extra) {
+    ZXProxyInstance_t &a = configure(port, extra);
+    a.linkTimings.connectTimeout = apr_time_from_sec(15);
+    return a;
+  }
 
   zxtest::TestPki pki;
 };
@@ -76,7 +82,7 @@ TEST_P(SameRecords, OverEveryTransport) {
     entry = offering(std::string(name_of(GetParam())) + ":" + std::to_string(c->port()));
     first = entry->port();
   }
-  ZXProxyInstance_t &a = configure(first, settings());
+  ZXProxyInstance_t &a = link_to(first, settings());
   a.ZXSys.bciDataBufferMaxSize = 1 << 16;
   run_loop();
   zx_set_init_pause_ms(0);
@@ -145,8 +151,8 @@ TEST_F(WsLinkTest, SaasRetriesAnErrorThenLeadsOverWssToTheNamedCollectorWhichMay
   saas.reply = "mor_saas_auth_agent_msg_rep:status=ERROR;reason=unknown project\n";
   auto endpoint = start_on(Transport::Wss, good(), saas);
 
-  configure(endpoint->port(), settings("zxProjectKey=key-42\nzxSaasURL=127.0.0.1:" +
-                                       std::to_string(endpoint->port()) + "\n"));
+  link_to(endpoint->port(), settings("zxProjectKey=key-42\nzxSaasURL=127.0.0.1:" +
+                                     std::to_string(endpoint->port()) + "\n"));
   run_loop();
   ASSERT_TRUE(endpoint->wait_for_connections(ConnKind::Control, 2, kWait));
   endpoint->update_behaviour([&](Behaviour &b) {
@@ -173,7 +179,7 @@ TEST_F(WsLinkTest, SaasRetriesAnErrorThenLeadsOverWssToTheNamedCollectorWhichMay
 TEST_F(WsLinkTest, ChangedPortReconnectsThere) {
   auto target = zxtest::start_collector();
   auto entry = offering("TCP:" + std::to_string(target->port()));
-  configure(entry->port(), settings());
+  link_to(entry->port(), settings());
   run_loop();
   start_run(*target);
   EXPECT_NE(trace_log().find("Protocols are same but port of protocol are differenet"),
@@ -226,7 +232,7 @@ TEST_F(WsLinkTest, CertificatesAreVerifiedUnlessTurnedOffExplicitly) {
 TEST_F(WsLinkTest, UnverifiedCollectorIsRetriedLikeAnUnreachableOne) {
   auto bad = start_on(Transport::Wss, pki.wrong_host());
   auto entry = offering("WSS:" + std::to_string(bad->port()));
-  configure(entry->port(), settings());
+  link_to(entry->port(), settings());
   run_loop();
   // Negotiated to WSS, refused there, back to the entry on TCP.
   ASSERT_TRUE(entry->wait_for_connections(ConnKind::Control, 2, kWait));
@@ -239,7 +245,7 @@ TEST_F(WsLinkTest, UnverifiedCollectorIsRetriedLikeAnUnreachableOne) {
 class WssFaults : public WsLinkTest {
  protected:
   ZXProxyInstance_t &link(ReferenceCollector &wss, ReferenceCollector &entry) {
-    ZXProxyInstance_t &a = configure(entry.port(), settings());
+    ZXProxyInstance_t &a = link_to(entry.port(), settings());
     a.ZXSys.zxcBciDataConnectionHeartBeat = 0;
     run_loop();
     start_run(wss);
@@ -302,8 +308,8 @@ TEST_F(WsLinkTest, HandshakeThatNeverCompletesDoesNotHoldTheExit) {
   ASSERT_EQ(::getsockname(fd, reinterpret_cast<sockaddr *>(&addr), &len), 0);
   const int port = ntohs(addr.sin_port);
   ZXProxyInstance_t &a =
-      configure(static_cast<std::uint16_t>(port),
-                settings("zxProjectKey=k\nzxSaasURL=127.0.0.1:" + std::to_string(port) + "\n"));
+      link_to(static_cast<std::uint16_t>(port),
+              settings("zxProjectKey=k\nzxSaasURL=127.0.0.1:" + std::to_string(port) + "\n"));
   a.linkTimings.connectTimeout = apr_time_from_sec(60);
   run_loop();
   int peer = -1;
