@@ -180,7 +180,13 @@ class lws_handler final : public ZXConnection {
     if (state_ != State::Open || !wsi) return gone(err, err_len);
     if (len == 0) return 0;
     const std::size_t take = std::min(len, kMaxMessage);
-    if (tx_.size() < LWS_PRE + kMaxFrameHeader + take) tx_.resize(LWS_PRE + kMaxFrameHeader + take);
+    try {
+      if (tx_.size() < LWS_PRE + kMaxFrameHeader + take)
+        tx_.resize(LWS_PRE + kMaxFrameHeader + take);
+    } catch (const std::exception &) {
+      put_err(err, err_len, "%s", "no memory for a websocket frame");
+      return -2;
+    }
     txLen_ = build_frame(tx_.data() + LWS_PRE, data, take);
     lws_callback_on_writable(wsi);
     // Done once the message has left the library for the kernel, as a TCP
