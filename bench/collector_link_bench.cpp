@@ -1,7 +1,8 @@
 // The data thread end to end: two producer threads hand 200-byte records to
 // dumpData while the data thread sends them to the reference collector on
-// loopback. Reports the rate at which the collector receives bytes and how
-// many records the producers had to drop.
+// loopback, over TCP, WS or WSS (the argument: 1, 2, 3). Reports the rate at
+// which the collector receives bytes and how many records the producers had
+// to drop.
 #include <benchmark/benchmark.h>
 
 #include <atomic>
@@ -15,6 +16,7 @@
 #include "ZXDataThread.h"
 #include "ZXProxyInstance.h"
 #include "reference_collector.h"
+#include "test_support.h"
 
 namespace {
 
@@ -25,8 +27,15 @@ constexpr int kProducers = 2;
 constexpr int kRecordsPerProducer = 250000;  // 100 MB per round
 
 void BM_DataThreadToCollector(benchmark::State &state) {
+  const int protocol = static_cast<int>(state.range(0));
+  zxtest::TestPki pki;
   zxref::Config config;
   config.keep_history = false;
+  config.transport = protocol == ZX_PROTO_WS    ? zxref::Transport::Ws
+                     : protocol == ZX_PROTO_WSS ? zxref::Transport::Wss
+                                                : zxref::Transport::Tcp;
+  config.tls_cert_file = pki.cert_file;
+  config.tls_key_file = pki.key_file;
   zxref::ReferenceCollector collector(std::move(config));
   if (!collector.start()) {
     state.SkipWithError("collector did not start");
@@ -37,6 +46,9 @@ void BM_DataThreadToCollector(benchmark::State &state) {
   app->linkTimings.dataTick = apr_time_from_msec(100);
   snprintf(app->control.dstIp, sizeof app->control.dstIp, "127.0.0.1");
   app->control.dstPort = collector.port();
+  app->lws_active = protocol != ZX_PROTO_TCP;
+  app->ActiveAgentProtocolIndex = protocol;
+  app->tls.caFile = pki.ca_file;
   check_data_thread(app.get());
   if (!collector.wait_for_connections(zxref::ConnKind::Data, 1, 10s)) {
     state.SkipWithError("no data connection");
@@ -74,6 +86,13 @@ void BM_DataThreadToCollector(benchmark::State &state) {
   (void)stop_data_thread(app.get());
   publishApplication(nullptr);
 }
-BENCHMARK(BM_DataThreadToCollector)->UseManualTime()->Unit(benchmark::kMillisecond)->Iterations(10);
+BENCHMARK(BM_DataThreadToCollector)
+    ->ArgName("protocol")
+    ->Arg(ZX_PROTO_TCP)
+    ->Arg(ZX_PROTO_WS)
+    ->Arg(ZX_PROTO_WSS)
+    ->UseManualTime()
+    ->Unit(benchmark::kMillisecond)
+    ->Iterations(10);
 
 }  // namespace

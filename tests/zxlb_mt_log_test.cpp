@@ -12,6 +12,7 @@
 #include <vector>
 
 #include "ZXProxyServerRecord.h"
+#include "ZXWebSocketConnection.h"
 #include "test_support.h"
 #include "zx_agent_internal.h"
 

@@ -79,30 +79,6 @@ int checkProcessNameInfo(const ZXAppSettings &app, const char *name) {
   return 0;
 }
 
-void lws_log(int level, const char *line) {
-  // The library logs on the thread that called it: the calling thread's
-  // application decides.
-  int ctl = zx::logLevel(zx::LogContext::Area::Control);
-  const char *text = line ? line : "";
-  switch (level) {
-    case 1:
-      ZX_LOG_IF(true, "WS", "Error", "log from lws:%s", text);
-      break;
-    case 2:
-      ZX_LOG_IF(ctl > 0, "WS", "Warning", "log from lws:%s", text);
-      break;
-    case 4:
-      ZX_LOG_IF(ctl > 1, "WS", "Info", "log from lws:%s", text);
-      break;
-    case 8:
-      ZX_LOG_IF(ctl > 2, "WS", "Info", "log from lws:%s", text);
-      break;
-    default:
-      ZX_LOG_IF(true, "WS", "Info", "log from lws level:%d log:%s", level, text);
-      break;
-  }
-}
-
 namespace {
 
 // Set when the exit left a thread behind: APR's pools must then outlive the

@@ -26,9 +26,6 @@ void ZXTraceInit(ZXAppSettings &app, const char *processName, const char *pool);
 // `name` over the length of the pool name; 0 when none does.
 int checkProcessNameInfo(const ZXAppSettings &app, const char *name);
 
-// Sink for the WebSocket library's log lines.
-void lws_log(int level, const char *line);
-
 // Stops and joins every thread of the process's application (agent_stop_by
 // without a deadline), for unloading and tests; the agent is inert afterwards.
 void agent_shutdown();

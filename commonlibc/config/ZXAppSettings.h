@@ -28,6 +28,7 @@
 #include "ZXFeatureSettings.h"
 #include "ZXSupportedProtocols.h"
 #include "ZXSys.h"
+#include "ZXTlsSettings.h"
 #include "zxlb_apr.h"
 #include "zxlb_log_context.h"
 #include "zxlb_owned_string.h"
@@ -148,6 +149,10 @@ struct ZXAppSettings : zx::LogContext {
   int total_process_entries = 0;
 
   ZXLinkTimings_t linkTimings;
+  // How WSS connections judge the collector ("zxTlsCaFile", "zxTlsVerifyPeer"
+  // and their MOR_APP_AGENT_* variables). Written by the control thread while
+  // it reads settings; the data and auto-sensor links use their own copies.
+  ZXTlsSettings tls;
   // Link timings from the settings file ("zxcRetryIntervalMs",
   // "zxcConnectTimeoutMs"; 0 keeps the default). Read by agent_init only,
   // before the control thread starts; later settings passes change nothing.

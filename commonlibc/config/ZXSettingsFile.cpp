@@ -37,6 +37,14 @@ const char *env_value(const char *name, std::string &storage) {
   return storage.c_str();
 }
 
+// Certificate checks go off only for a value that plainly says so; a typo
+// keeps them on.
+bool tls_verify_off(const char *value) {
+  for (const char *off : {"0", "false", "no", "off"})
+    if (strcasecmp(value, off) == 0) return true;
+  return false;
+}
+
 void set_host_name_default(ZXAppSettings &app) {
   char host[kHostNameSize] = {};
   apr_pool_t *pool = app.control_pool.get();
@@ -158,6 +166,10 @@ bool apply_common_keyword(ZXAppSettings &app, char *line, ConfPass &pass) {
     app.startupLinkTimings.retryIntervalMs = atoi(v);
   } else if ((v = search_keyword(line, "zxcConnectTimeoutMs"))) {
     app.startupLinkTimings.connectTimeoutMs = atoi(v);
+  } else if ((v = search_keyword(line, "zxTlsCaFile"))) {
+    app.tls.caFile.assign(v);
+  } else if ((v = search_keyword(line, "zxTlsVerifyPeer"))) {
+    app.tls.verifyPeer = !tls_verify_off(v);
   } else if ((v = search_keyword(line, "zxProjectKey"))) {
     bci.projectKey.assign(v);
     bci.saasMode = 1;
@@ -243,6 +255,9 @@ int read_env_var(ZXAppSettings &app) {
   ZXBCISetting_t &bci = app.ZXBCISetting;
   std::string s;
   const char *v;
+
+  if ((v = env_value("MOR_APP_AGENT_ZXTLSCAFILE", s))) app.tls.caFile.assign(v);
+  if ((v = env_value("MOR_APP_AGENT_ZXTLSVERIFYPEER", s))) app.tls.verifyPeer = !tls_verify_off(v);
 
   if ((v = env_value("MOR_APP_AGENT_TIER", s)))
     setTierName(bci, v);

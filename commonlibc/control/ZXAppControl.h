@@ -47,6 +47,9 @@ struct ZXAppControl : ZXAppTracing {
   std::mutex ctrlConnLock;
   std::unique_ptr<ZXConnection> zxcCtrlSocket;
   bool askMasterZxc = false;  // the next pass uses entry 0 (cluster mode)
+  // The port the collector offered for the transport it negotiated; the
+  // next passes connect there instead of the configured port. 0: none.
+  int negotiatedPort = 0;
   // The link state last written to the trace log at every level, so that an
   // outage costs one line, not one per attempt. Control thread only.
   enum class LinkReport { None, Up, Down } ctrlLinkReported = LinkReport::None;

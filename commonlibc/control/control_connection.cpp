@@ -45,7 +45,8 @@ bool starts_with(const char *text, std::string_view prefix) {
 int create_control_conn(ZXAppControl *app, const char *host, int port, char *err, int err_len) {
   std::unique_ptr<ZXConnection> conn = zx_open_connection(
       app->linkProtocol(), host, port, app->linkTimings.connectTimeout,
-      app->linkTimings.ctrlIoTimeout, err, err_len, [app] { return app->stopRequested.load(); });
+      app->linkTimings.ctrlIoTimeout, err, err_len, [app] { return app->stopRequested.load(); },
+      app->tls);
   if (!conn) return -1;
   socketInfo_t &c = app->control;
   copy_text(c.sourceIp, conn->source().ip);
@@ -75,12 +76,22 @@ int controlConnectionSendBuffer(ZXAppControl *app, const char *text, std::size_t
     ZX_CTRL_LOG(0, "Error", "No control connection to send '%.200s'", text);
     return 1;
   }
+  if (app->lws_active) return send_control_data_via_lws_socket(app, text, len);
   char err[kErrSize] = {};
   if (app->zxcCtrlSocket->send_all(text, len, err, sizeof err) != 0) {
     ZX_CTRL_LOG(0, "Error", "Error Buffer - %s", err);
     return 1;
   }
   return 0;
+}
+
+int send_control_data_via_lws_socket(ZXAppControl *app, const char *data, std::size_t length) {
+  char err[kErrSize] = {};
+  if (app->zxcCtrlSocket && app->zxcCtrlSocket->send_all(data, length, err, sizeof err) == 0)
+    return 0;
+  ZX_LOG_IF(true, app->ActiveAgentProtocolIndex == ZX_PROTO_WSS ? "WSS" : "WS", "Error",
+            "Control data not sent: %s", err[0] ? err : "no connection");
+  return 1;
 }
 
 void setControlConnectionReqMessage(ZXAppControl *app) {
@@ -310,7 +321,10 @@ zx::Status parseSaasReply(ZXAppControl *app, const char *rest) {
   std::string host;
   int port = 0;
   const zx::Status parsed = parse_zxc_host_port(rest, host, port);
-  if (parsed.ok()) set_primary_zxc(*app, host.c_str(), port);
+  if (parsed.ok()) {
+    set_primary_zxc(*app, host.c_str(), port);
+    app->negotiatedPort = 0;
+  }
   return parsed;
 }
 
@@ -438,12 +452,14 @@ int setProtocolFromResponseMessage(ZXAppControl *app, const char *reply) {
                 match, app->ActiveAgentProtocolIndex);
     ZX_CTRL_LOG(0, "Info", "Hence Switching Protocol");
     setConnectionChannel(app, match);
+    app->negotiatedPort = matchPort;
     return 1;
   }
   if (matchPort != app->control.dstPort) {
     ZX_CTRL_LOG(0, "Info",
                 "Protocols are same but port of protocol are differenet, Hence closing current "
                 "control connection");
+    app->negotiatedPort = matchPort;
     return 1;
   }
   ZX_CTRL_LOG(0, "Info", "Protocols and Ports are same so control connection will remain same.");

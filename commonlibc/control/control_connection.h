@@ -58,6 +58,9 @@ int checkZXCAlive(ZXAppControl *app);
 // Sends text on the control connection: 0, or 1 when there is no connection
 // or the send failed.
 int controlConnectionSendBuffer(ZXAppControl *app, const char *text, std::size_t len);
+// The same over a WebSocket control connection (as one message), logged
+// under the transport's module.
+int send_control_data_via_lws_socket(ZXAppControl *app, const char *data, std::size_t length);
 
 // The "dataConnState" / "AutosensorConnState" fields of a heartbeat echo.
 // bad_input when it has fewer than three fields.

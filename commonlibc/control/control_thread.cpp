@@ -14,22 +14,32 @@
 #include "zxlb_mt_log.h"
 #include "zxlb_utiles.h"
 
+namespace {
+
+// A SaaS link starts on WSS, any other on TCP; negotiation may change that
+// later, and a collector that cannot be reached on what it offered sends the
+// link back here.
+void chooseFirstTransport(ZXAppControl *app) {
+  const bool proxy_server = ZXProxy.proxyServerFlag != 0;
+  const bool proxyMode = app->ZXSys.proxyMode != 0;
+  const bool saas =
+      app->ZXBCISetting.saasMode && ((proxyMode && proxy_server) || (!proxyMode && !proxy_server));
+  app->ActiveAgentProtocolIndex = saas ? ZX_PROTO_WSS : ZX_PROTO_TCP;
+  app->lws_active = saas ? 1 : 0;
+  app->negotiatedPort = 0;
+}
+
+}  // namespace
+
 zx::Status control_thread_configure(ZXAppControl *app) {
   ZXSys_t &sys = app->ZXSys;
   ZXBCISetting_t &bci = app->ZXBCISetting;
-  bool proxy_server = ZXProxy.proxyServerFlag != 0;
   app->controlThreadState = ZX_CTRL_CONFIGURING;
   ZX_CTRL_LOG(0, "Info",
               "zxApplication->ZXBCISetting.saasMode [%d], zxProxyMode [%d], "
               "ZXProxy.proxyServerFlag =[%d]",
               bci.saasMode, app->zxProxyMode, ZXProxy.proxyServerFlag);
 
-  if (bci.saasMode && ((sys.proxyMode && proxy_server) || (!sys.proxyMode && !proxy_server))) {
-    app->ActiveAgentProtocolIndex = ZX_PROTO_WSS;
-    app->lws_active = 1;
-  } else {
-    app->ActiveAgentProtocolIndex = ZX_PROTO_TCP;
-  }
   init_zxc_server_config(*app);
 
   // Until a collector is known the environment and the file are read again;
@@ -42,6 +52,8 @@ zx::Status control_thread_configure(ZXAppControl *app) {
     app->controlSleep(app->retry_policy.time_interval);
   }
   if (app->stopRequested) return zx::Errc::stopped;
+  // After the settings passes: SaaS mode may come from the file.
+  chooseFirstTransport(app);
   app->retry_policy.count = 0;
   app->controlThreadState = ZX_CTRL_CONFIGURED;
   return zx::Ok;
@@ -91,7 +103,7 @@ Endpoint chooseEndpoint(ZXAppControl *app) {
     entry = &get_active_zxc(*app);
   }
   e.host = entry->zxc_host.c_str();
-  e.port = static_cast<int>(entry->zxc_port);
+  e.port = app->negotiatedPort > 0 ? app->negotiatedPort : static_cast<int>(entry->zxc_port);
   return e;
 }
 
@@ -262,7 +274,10 @@ void control_connection_loop(ZXAppControl *app) {
     PassEnd end = connectionPass(app, rejections);
     if (app->stopRequested) break;
     if (end == PassEnd::NextPass) continue;
-    if (end == PassEnd::RetryTest && !retryTestSaysFailover(app)) continue;
+    if (end == PassEnd::RetryTest) {
+      if (!retryTestSaysFailover(app)) continue;
+      chooseFirstTransport(app);
+    }
     failoverCheck(app);
     freshLoop = true;
   }

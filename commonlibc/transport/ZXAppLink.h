@@ -64,6 +64,7 @@ struct ZXAppLink : ZXAppSettings {
   std::string dataRequestText;
   std::string newConnectionRecordText;
   int dataProtocol = ZX_PROTO_TCP;
+  ZXTlsSettings dataTls;
   std::mutex dataConnLock;
   std::unique_ptr<ZXConnection> zxcDataSocket;
   std::mutex dataThreadLock;

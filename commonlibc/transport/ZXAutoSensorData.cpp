@@ -71,17 +71,19 @@ void closeAS(ZXASDataLink &link) {
 bool connectAS(ZXAppLink *app, ZXASDataLink &link) {
   std::string request, host;
   int port, protocol;
+  ZXTlsSettings tls;
   {
     std::lock_guard lk(link.endpointLock);
     request = link.requestText;
     host = link.host;
     port = link.port;
     protocol = link.protocol;
+    tls = link.tls;
   }
   char err[kErrSize] = {};
   std::unique_ptr<ZXConnection> conn = zx_open_connection(
       protocol, host.c_str(), port, app->linkTimings.connectTimeout, app->linkTimings.dataIoTimeout,
-      err, sizeof err, [&link] { return stopping(link); });
+      err, sizeof err, [&link] { return stopping(link); }, tls);
   if (!conn) {
     ZX_CTRL_LOG(0, "Error",
                 "Error while creating the auto-sensor data connection with %s:%d. Error %s\n",
@@ -195,6 +197,7 @@ void check_as_data_thread(ZXAppLink *app) {
     link.host = app->control.dstIp;
     link.port = app->control.dstPort;
     link.protocol = app->lws_active ? app->ActiveAgentProtocolIndex : 1;
+    link.tls = app->tls;
   }
   if (!link.ready.load(std::memory_order_acquire)) {
     std::lock_guard write(link.buffers.bufferWriteLock);

@@ -38,13 +38,14 @@ struct ZXASDataLink {
   std::atomic<bool> ready{false};
   std::atomic<long long> discardCount{0};
 
-  // endpointLock guards the three fields below, prepared by the control
+  // endpointLock guards the fields below, prepared by the control
   // thread when a run starts (identity strings may change under keywords).
   std::mutex endpointLock;
   std::string requestText;
   std::string host;
   int port = 0;
   int protocol = 1;
+  ZXTlsSettings tls;
 
   // The sender alone uses the connection; connLock guards replacing it
   // against wakeup() from other threads.

@@ -140,17 +140,21 @@ void skipPartialLine(ZXSendBufferPool &pool) {
 bool connectData(ZXAppLink *app, apr_time_t giveUpAt = 0) {
   socketInfo_t dst;
   int protocol;
+  ZXTlsSettings tls;
   {
     std::lock_guard lk(app->dataEndpointLock);
     dst = app->dataSkt;
     protocol = app->dataProtocol;
+    tls = app->dataTls;
   }
   char err[kErrSize] = {};
   std::unique_ptr<ZXConnection> conn = zx_open_connection(
       protocol, dst.dstIp, dst.dstPort, app->linkTimings.connectTimeout,
-      app->linkTimings.dataIoTimeout, err, sizeof err, [app, giveUpAt] {
+      app->linkTimings.dataIoTimeout, err, sizeof err,
+      [app, giveUpAt] {
         return app->stopDataThread.load() != 0 || (giveUpAt && apr_time_now() >= giveUpAt);
-      });
+      },
+      tls);
   if (!conn) {
     ZX_DATA_LINK_LOG(LinkState::Down, "Error",
                      "Error while creating the data connection with %s:%d. Error %s\n", dst.dstIp,
@@ -381,6 +385,7 @@ void check_data_thread(ZXAppLink *app) {
     snprintf(app->dataSkt.dstIp, sizeof app->dataSkt.dstIp, "%s", app->control.dstIp);
     app->dataSkt.dstPort = app->control.dstPort;
     app->dataProtocol = app->linkProtocol();
+    app->dataTls = app->tls;
   }
   std::lock_guard lk(app->dataThreadLock);
   if (app->data_thread_id && app->dataThreadRunning && !app->stopDataThread) {

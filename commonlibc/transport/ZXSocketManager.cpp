@@ -3,6 +3,7 @@
 #include <cstdio>
 
 #include "ZXSupportedProtocols.h"
+#include "ZXWebSocketConnection.h"
 #include "zxlb_sock.h"
 
 namespace {
@@ -108,11 +109,14 @@ std::unique_ptr<ZXConnection> open_tcp(const char *host, int port, apr_interval_
 std::unique_ptr<ZXConnection> zx_open_connection(int protocol, const char *host, int port,
                                                  apr_interval_time_t timeout,
                                                  apr_interval_time_t io_timeout, char *err,
-                                                 int err_len,
-                                                 const std::function<bool()> &abandon) {
+                                                 int err_len, const std::function<bool()> &abandon,
+                                                 const ZXTlsSettings &tls) {
   if (protocol == ZX_PROTO_TCP)
     return open_tcp(host, port, timeout, io_timeout, err, err_len, abandon);
   if (protocol == ZX_PROTO_UNIX) return open_unix(host, timeout, io_timeout, err, err_len);
+  if (protocol == ZX_PROTO_WS || protocol == ZX_PROTO_WSS)
+    return zx_open_websocket(protocol == ZX_PROTO_WSS, host, port, timeout, io_timeout, tls, err,
+                             err_len, abandon);
   if (err && err_len > 0)
     snprintf(err, static_cast<size_t>(err_len), "no transport for protocol %d (%s)", protocol,
              protocolNameFromCode(protocol));

@@ -13,6 +13,7 @@
 #include <functional>
 #include <memory>
 
+#include "ZXTlsSettings.h"
 #include "zxlb_apr.h"
 
 inline constexpr int ZX_IP_TEXT_SIZE = 64;
@@ -56,10 +57,11 @@ inline constexpr int ZX_PROTO_UNIX = 100;
 
 // Opens a connection with `protocol` (1 TCP, 2 WS, 3 WSS, ZX_PROTO_UNIX) to host:port within
 // `timeout`; `io_timeout` bounds each later send. `abandon`, polled while the
-// connect is pending, ends it early (a stop). Null with the reason in `err`
-// on failure.
+// connect is pending, ends it early (a stop). `tls` judges a WSS server.
+// Null with the reason in `err` on failure.
 std::unique_ptr<ZXConnection> zx_open_connection(int protocol, const char *host, int port,
                                                  apr_interval_time_t timeout,
                                                  apr_interval_time_t io_timeout, char *err,
                                                  int err_len,
-                                                 const std::function<bool()> &abandon = {});
+                                                 const std::function<bool()> &abandon = {},
+                                                 const ZXTlsSettings &tls = {});

@@ -75,12 +75,14 @@ struct Lookup {
   char addr[INET6_ADDRSTRLEN] = {};
 };
 
-apr_status_t resolve_to_numeric(const char *host, apr_interval_time_t timeout,
-                                const std::function<bool()> &abandon, char (&out)[INET6_ADDRSTRLEN],
-                                char *err, int err_len) {
+}  // namespace
+
+apr_status_t zxlb_resolve(const char *host, apr_interval_time_t timeout,
+                          const std::function<bool()> &abandon, char *out, std::size_t out_len,
+                          char *err, int err_len) {
   unsigned char probe[sizeof(in6_addr)];
   if (inet_pton(AF_INET, host, probe) == 1 || inet_pton(AF_INET6, host, probe) == 1) {
-    snprintf(out, sizeof out, "%s", host);
+    snprintf(out, out_len, "%s", host);
     return APR_SUCCESS;
   }
   std::shared_ptr<Lookup> lookup;
@@ -130,11 +132,9 @@ apr_status_t resolve_to_numeric(const char *host, apr_interval_time_t timeout,
                gai_strerror(lookup->rc));
     return APR_EGENERAL;
   }
-  std::memcpy(out, lookup->addr, sizeof out);
+  snprintf(out, out_len, "%s", lookup->addr);
   return APR_SUCCESS;
 }
-
-}  // namespace
 
 apr_status_t zxlb_tcp_connect(const char *host, int port, apr_interval_time_t timeout,
                               apr_interval_time_t io_timeout, apr_pool_t *pool, apr_socket_t **out,
@@ -149,7 +149,7 @@ apr_status_t zxlb_tcp_connect(const char *host, int port, apr_interval_time_t ti
   // The lookup shares the connect's deadline and stop; APR then only parses
   // the numeric address.
   char numeric[INET6_ADDRSTRLEN] = {};
-  apr_status_t rv = resolve_to_numeric(host, timeout, abandon, numeric, err, err_len);
+  apr_status_t rv = zxlb_resolve(host, timeout, abandon, numeric, sizeof numeric, err, err_len);
   if (rv != APR_SUCCESS) return rv;
   apr_sockaddr_t *sa = nullptr;
   // The family named exactly: with APR_UNSPEC glibc checks the interfaces
@@ -281,10 +281,15 @@ long zxlb_recv_some(apr_socket_t *sock, char *buf, apr_size_t cap, char *err, in
 }
 
 void get_src_addr_wrapper(apr_socket_t *sock, char *ip, int ip_len, int *port) {
+  apr_os_sock_t fd = -1;
+  if (sock) apr_os_sock_get(&fd, sock);
+  zxlb_local_addr(fd, ip, ip_len, port);
+}
+
+void zxlb_local_addr(int fd, char *ip, int ip_len, int *port) {
   if (ip && ip_len > 0) ip[0] = '\0';
   if (port) *port = 0;
-  apr_os_sock_t fd = -1;
-  if (!sock || apr_os_sock_get(&fd, sock) != APR_SUCCESS) return;
+  if (fd < 0) return;
   // Asked of the kernel: APR's own record is filled only by its blocking connect.
   sockaddr_storage ss{};
   socklen_t len = sizeof ss;

@@ -5,7 +5,15 @@
 #include <apr_network_io.h>
 #include <apr_pools.h>
 
+#include <cstddef>
 #include <functional>
+
+// Resolves `host` to its numeric address text within `timeout`, giving up
+// once `abandon` returns true; a lookup that never answers is left behind on
+// a thread of its own. APR_SUCCESS, or the failing status with its text in `err`.
+apr_status_t zxlb_resolve(const char *host, apr_interval_time_t timeout,
+                          const std::function<bool()> &abandon, char *out, std::size_t out_len,
+                          char *err, int err_len);
 
 // Resolves `host` and connects within `timeout`, giving up early once
 // `abandon` (when given) returns true. On success the socket is left with
@@ -34,6 +42,7 @@ long zxlb_recv_some(apr_socket_t *sock, char *buf, apr_size_t cap, char *err, in
 
 // The local address of a connected socket ("" and 0 when unknown).
 void get_src_addr_wrapper(apr_socket_t *sock, char *ip, int ip_len, int *port);
+void zxlb_local_addr(int fd, char *ip, int ip_len, int *port);
 
 // APR's text for `rv` into `err` (ignored when null or empty).
 void zxlb_strerror(apr_status_t rv, char *err, int err_len);
