@@ -13,7 +13,7 @@ fail() { echo "install_test: $*" >&2; exit 1; }
 prefix=$work/prefix
 "$cmake" --install "$build" --prefix "$prefix" >"$work/install.log" ||
   { cat "$work/install.log"; fail "install failed"; }
-libdir=$(dirname "$(find "$prefix" -name 'libzxagent.so.*.*' | head -n1)")
+libdir=$(dirname "$(find "$prefix" -name 'libzxagent.so.*.*' -print -quit)")
 soname=$(readelf -d "$libdir"/libzxagent.so | sed -n 's/.*(SONAME).*\[\(.*\)\]/\1/p')
 [ -n "$soname" ] && [ -L "$libdir/$soname" ] && [ -L "$libdir/libzxagent.so" ] ||
   fail "SONAME links missing ($soname)"
@@ -21,7 +21,7 @@ for f in include/zx_agent.h include/zx_sdk.h include/zx_tier_callout.h bin/zx_co
   bin/zx_proxy_server lib/systemd/system/zx-proxy-server.service; do
   [ -e "$prefix/$f" ] || fail "not installed: $f"
 done
-if readelf -d "$libdir/$soname" | grep -qE 'RPATH|RUNPATH'; then
+if grep -qE 'RPATH|RUNPATH' <<<"$(readelf -d "$libdir/$soname")"; then
   fail "installed library keeps a run path"
 fi
 check_hosts "$prefix" "$libdir" "$host_source" "$cmake" "$cc"

@@ -51,7 +51,7 @@ expect_in "$runtime" '/usr/lib/x86_64-linux-gnu/libzxagent\.so\.[0-9]+' \
 expect_in "$dev" /usr/include/zx_sdk.h /usr/include/zx_agent.h /usr/include/zx_tier_callout.h \
   /usr/lib/x86_64-linux-gnu/libzxagent.so /usr/lib/x86_64-linux-gnu/pkgconfig/zxagent.pc \
   /usr/lib/x86_64-linux-gnu/cmake/zxagent/zxagentConfig.cmake
-if contents "$runtime" | grep -q '/include/'; then fail "headers in the runtime package"; fi
+if grep -q '/include/' <<<"$(contents "$runtime")"; then fail "headers in the runtime package"; fi
 dpkg-deb -e "$runtime" "$work/control"
 if grep -qs -e systemctl -e deb-systemd "$work/control/postinst"; then
   fail "the runtime package enables or starts the proxy unit"
@@ -64,10 +64,12 @@ depends=$(dpkg-deb -f "$runtime" Depends)
 dpkg-deb -x "$runtime" "$work/root"
 lib=$(ls "$work"/root/usr/lib/x86_64-linux-gnu/libzxagent.so.*.*)
 while read -r needed; do
-  path=$(ldconfig -p | awk -v n="$needed" '$1 == n {print $NF; exit}')
+  # Readers take all their input: an early exit would end the writer with
+  # SIGPIPE, which pipefail turns into a failure.
+  path=$(ldconfig -p | awk -v n="$needed" '$1 == n && !seen {print $NF; seen = 1}')
   [ -n "$path" ] || fail "$needed not found on this machine"
-  owner=$(dpkg -S "$(readlink -f "$path")" 2>/dev/null | head -n1 | cut -d: -f1) ||
-    owner=$(dpkg -S "$path" | head -n1 | cut -d: -f1)
+  owner=$(dpkg -S "$(readlink -f "$path")" 2>/dev/null | awk -F: 'NR == 1 {print $1}') ||
+    owner=$(dpkg -S "$path" | awk -F: 'NR == 1 {print $1}')
   grep -qE "(^|, )$owner( |,|$)" <<<"$depends" || fail "$needed ($owner) missing from Depends: $depends"
 done < <(readelf -d "$lib" | sed -n 's/.*(NEEDED).*\[\(.*\)\]/\1/p')
 grep -q 'zxagent (= ' <<<"$(dpkg-deb -f "$dev" Depends)" || fail "zxagent-dev does not depend on zxagent"
