@@ -231,9 +231,7 @@ int ZXProxyWsListener::onEvent(lws *wsi, int reason, void *user, void *in, std::
       }
       // The library keeps what the socket did not take and holds the next
       // writable callback back until it is out.
-      if (n &&
-          lws_write(wsi, writeBuf_.data() + LWS_PRE, n, LWS_WRITE_BINARY) < static_cast<int>(n))
-        return -1;
+      if (n && lws_write(wsi, writeBuf_.data() + LWS_PRE, n, LWS_WRITE_BINARY) < 0) return -1;
       {
         std::lock_guard lk(peer.lock);
         more = more || peer.closeWanted;
