@@ -208,6 +208,29 @@ class ProxyUnderTest {
   std::thread thread;
 };
 
+// A data connection's registration line with its first frames in one send,
+// then frames cut anywhere (a byte at a time at the worst), then a frame cut
+// short by the connection's end: its bytes are counted lost.
+template <typename Connection>
+void framesCutAnywhere(ProxyUnderTest &proxy, Connection &data) {
+  ASSERT_TRUE(data.send(dataLine(4711) + transactionFrames(1001)));
+  ASSERT_TRUE(zxtest::wait_until([&] { return countRecords(proxy.collector, 4) >= 1; }));
+  std::string stream;
+  for (long long id = 2000; id < 2010; ++id) stream += transactionFrames(id);
+  for (std::size_t at = 0, step = 1; at < stream.size(); at += step, step = step % 13 + 1) {
+    ASSERT_TRUE(data.send(stream.substr(at, step)));
+    if (step == 1) std::this_thread::sleep_for(1ms);  // separate reads, not a wait for a result
+  }
+  EXPECT_TRUE(zxtest::wait_until([&] {
+    return countRecords(proxy.collector, 2) >= 11 && countRecords(proxy.collector, 4) >= 11;
+  }));
+  const std::string half = transactionFrames(3000).substr(0, 20);
+  ASSERT_TRUE(data.send(half));
+  data.close();
+  EXPECT_TRUE(zxtest::wait_until(
+      [&] { return proxy.server->counts().frameBytesLost.load() == half.size(); }));
+}
+
 TEST(ProxyRegistration, ParsesTheKeysAndCountsTheUnknown) {
   const ZXProxyRequest r = parseProxyRequest(
       "zx_data_msg_req:appName=a=b;appID=7;tierID=x;pid=42;bogus=1;noValue;;agentName=n\r\n");
@@ -302,25 +325,7 @@ TEST(ProxyServer, FramesAndLinesSurviveAnyCutIntoReads) {
 
   // Registration line and first frames in one write: both handled.
   Client data = proxy.connect();
-  ASSERT_TRUE(data.send(dataLine(4711) + transactionFrames(1001)));
-  ASSERT_TRUE(zxtest::wait_until([&] { return countRecords(proxy.collector, 4) >= 1; }));
-
-  // Frames cut anywhere, a byte at a time at the worst.
-  std::string stream;
-  for (long long id = 2000; id < 2010; ++id) stream += transactionFrames(id);
-  for (std::size_t at = 0, step = 1; at < stream.size(); at += step, step = step % 13 + 1) {
-    ASSERT_TRUE(data.send(stream.substr(at, step)));
-    if (step == 1) std::this_thread::sleep_for(1ms);
-  }
-  EXPECT_TRUE(zxtest::wait_until([&] {
-    return countRecords(proxy.collector, 2) >= 11 && countRecords(proxy.collector, 4) >= 11;
-  }));
-  // A connection closed mid-frame loses that frame's bytes, counted.
-  const std::string half = transactionFrames(3000).substr(0, 20);
-  ASSERT_TRUE(data.send(half));
-  data.close();
-  EXPECT_TRUE(zxtest::wait_until(
-      [&] { return proxy.server->counts().frameBytesLost.load() == half.size(); }));
+  framesCutAnywhere(proxy, data);
   EXPECT_EQ(proxy.collector.snapshot().of(ConnKind::Control).connections, 1u);
 }
 
@@ -366,22 +371,20 @@ TEST(ProxyServer, RelaysCommandsToProcessesAndLogsToTheCollector) {
   EXPECT_EQ(modifyAcks, 1u);
 }
 
-TEST(ProxyServer, ARealApplicationProcessThroughTheProxy) {
-  ProxyUnderTest proxy;
+// An application process in proxy mode (`extra` choosing its transport)
+// traces transactions; the proxy turns them into its application's records.
+void transactionsThroughTheProxy(ProxyUnderTest &proxy, const std::string &extra, int protocol) {
   zxtest::LinkedAgent agent;
   const std::string port = std::to_string(proxy.server->boundPort());
   ZXProxyInstance_t &app =
       agent.configure(static_cast<std::uint16_t>(proxy.server->boundPort()),
-                      "proxyMode=1\nproxyPort=" + port + "\ninstance=shop\ntier=web\n");
+                      "proxyMode=1\nproxyPort=" + port + "\ninstance=shop\ntier=web\n" + extra);
+  EXPECT_EQ(app.linkProtocol(), protocol);
   app.processID = 5150;
   app.ZXSys.bciDataBufferMaxSize = 1 << 16;
   agent.run_loop();
   proxy.startRun();
   ASSERT_TRUE(zxtest::wait_until([&] { return app.Server.testRunRunning.load(); }));
-  ASSERT_TRUE(zxtest::wait_until([&] {
-    std::lock_guard lk(app.dataConnLock);
-    return app.zxcDataSocket != nullptr;
-  }));
   ASSERT_TRUE(zxtest::wait_until([&] { return proxy.server->counts().registered.load() >= 2; }));
   for (int i = 0; i < 20; ++i) {
     ZXPerThreadData_t *r =
@@ -397,6 +400,11 @@ TEST(ProxyServer, ARealApplicationProcessThroughTheProxy) {
   EXPECT_EQ(proxy.collector.snapshot().of(ConnKind::Control).connections, 1u);
   agent.stop_agent();
   proxy.stop();  // its threads log into the agent's trace log
+}
+
+TEST(ProxyServer, ARealApplicationProcessThroughTheProxy) {
+  ProxyUnderTest proxy;
+  transactionsThroughTheProxy(proxy, "", ZX_PROTO_TCP);
 }
 
 TEST(ProxyServer, LimitsAndMisbehavingClientsStayTheirOwn) {
@@ -490,24 +498,9 @@ TEST(ProxyOverWebSocket, MessagesCutAnywhereAreTheSameStream) {
   ASSERT_TRUE(start);
   EXPECT_EQ(start->rfind("zx_control_req:action=start_instrumentation", 0), 0u) << *start;
 
-  // Registration line and first frames in one message.
+  // Registration line and first frames in one message; then one message per piece.
   WsClient data(port);
-  ASSERT_TRUE(data.send(dataLine(4711) + transactionFrames(1001)));
-  ASSERT_TRUE(zxtest::wait_until([&] { return countRecords(proxy.collector, 4) >= 1; }));
-  // Frames split across messages, a byte each at the worst.
-  std::string stream;
-  for (long long id = 2000; id < 2010; ++id) stream += transactionFrames(id);
-  for (std::size_t at = 0, step = 1; at < stream.size(); at += step, step = step % 13 + 1)
-    ASSERT_TRUE(data.send(stream.substr(at, step)));
-  EXPECT_TRUE(zxtest::wait_until([&] {
-    return countRecords(proxy.collector, 2) >= 11 && countRecords(proxy.collector, 4) >= 11;
-  }));
-  // A process that vanishes mid-frame: that frame's bytes are counted lost.
-  const std::string half = transactionFrames(3000).substr(0, 20);
-  ASSERT_TRUE(data.send(half));
-  data.close();
-  EXPECT_TRUE(zxtest::wait_until(
-      [&] { return proxy.server->counts().frameBytesLost.load() == half.size(); }));
+  framesCutAnywhere(proxy, data);
   // The process's control connection is untouched: commands still reach it.
   ASSERT_TRUE(proxy.collector.send_stop());
   std::optional<std::string> stop = ctrl.line();
@@ -520,31 +513,8 @@ TEST(ProxyOverWebSocket, MessagesCutAnywhereAreTheSameStream) {
 TEST(ProxyOverWebSocket, ARealApplicationProcessOverWss) {
   zxtest::TestPki pki;
   ProxyUnderTest proxy(overWebSocket(&pki));
-  zxtest::LinkedAgent agent;
-  const std::string port = std::to_string(proxy.server->boundPort());
-  ZXProxyInstance_t &app =
-      agent.configure(static_cast<std::uint16_t>(proxy.server->boundPort()),
-                      "proxyMode=1\nproxyConType=3\nproxyPort=" + port +
-                          "\nzxTlsCaFile=" + pki.ca_file + "\ninstance=shop\ntier=web\n");
-  EXPECT_EQ(app.linkProtocol(), ZX_PROTO_WSS);
-  app.processID = 5150;
-  app.ZXSys.bciDataBufferMaxSize = 1 << 16;
-  agent.run_loop();
-  proxy.startRun();
-  ASSERT_TRUE(zxtest::wait_until([&] { return proxy.server->counts().registered.load() >= 2; }));
-  for (int i = 0; i < 20; ++i) {
-    ZXPerThreadData_t *r =
-        startFP(&app, nullptr, "/shop/cart", nullptr, 0, nullptr, nullptr, nullptr, 0, 0);
-    ASSERT_NE(r, nullptr);
-    endFP(&app, r, 200, 0, 0);
-    releaseFP(&app, r);
-  }
-  EXPECT_TRUE(zxtest::wait_until([&] {
-    return countRecords(proxy.collector, 2) == 20 && countRecords(proxy.collector, 4) == 20;
-  })) << countRecords(proxy.collector, 2)
-      << " / " << countRecords(proxy.collector, 4);
-  agent.stop_agent();
-  proxy.stop();
+  transactionsThroughTheProxy(proxy, "proxyConType=3\nzxTlsCaFile=" + pki.ca_file + "\n",
+                              ZX_PROTO_WSS);
 }
 
 TEST(ProxyConfig, WssWithoutACertificateDoesNotStart) {
