@@ -29,6 +29,7 @@
 #include "ZXProxyRegistration.h"
 #include "ZXProxyServer.h"
 #include "ZXProxyServerRecord.h"
+#include "ZXWebSocketConnection.h"
 #include "reference_collector.h"
 #include "test_support.h"
 #include "zxlb_frame_build.h"
@@ -207,6 +208,29 @@ class ProxyUnderTest {
   std::thread thread;
 };
 
+// A data connection's registration line with its first frames in one send,
+// then frames cut anywhere (a byte at a time at the worst), then a frame cut
+// short by the connection's end: its bytes are counted lost.
+template <typename Connection>
+void framesCutAnywhere(ProxyUnderTest &proxy, Connection &data) {
+  ASSERT_TRUE(data.send(dataLine(4711) + transactionFrames(1001)));
+  ASSERT_TRUE(zxtest::wait_until([&] { return countRecords(proxy.collector, 4) >= 1; }));
+  std::string stream;
+  for (long long id = 2000; id < 2010; ++id) stream += transactionFrames(id);
+  for (std::size_t at = 0, step = 1; at < stream.size(); at += step, step = step % 13 + 1) {
+    ASSERT_TRUE(data.send(stream.substr(at, step)));
+    if (step == 1) std::this_thread::sleep_for(1ms);  // separate reads, not a wait for a result
+  }
+  EXPECT_TRUE(zxtest::wait_until([&] {
+    return countRecords(proxy.collector, 2) >= 11 && countRecords(proxy.collector, 4) >= 11;
+  }));
+  const std::string half = transactionFrames(3000).substr(0, 20);
+  ASSERT_TRUE(data.send(half));
+  data.close();
+  EXPECT_TRUE(zxtest::wait_until(
+      [&] { return proxy.server->counts().frameBytesLost.load() == half.size(); }));
+}
+
 TEST(ProxyRegistration, ParsesTheKeysAndCountsTheUnknown) {
   const ZXProxyRequest r = parseProxyRequest(
       "zx_data_msg_req:appName=a=b;appID=7;tierID=x;pid=42;bogus=1;noValue;;agentName=n\r\n");
@@ -301,25 +325,7 @@ TEST(ProxyServer, FramesAndLinesSurviveAnyCutIntoReads) {
 
   // Registration line and first frames in one write: both handled.
   Client data = proxy.connect();
-  ASSERT_TRUE(data.send(dataLine(4711) + transactionFrames(1001)));
-  ASSERT_TRUE(zxtest::wait_until([&] { return countRecords(proxy.collector, 4) >= 1; }));
-
-  // Frames cut anywhere, a byte at a time at the worst.
-  std::string stream;
-  for (long long id = 2000; id < 2010; ++id) stream += transactionFrames(id);
-  for (std::size_t at = 0, step = 1; at < stream.size(); at += step, step = step % 13 + 1) {
-    ASSERT_TRUE(data.send(stream.substr(at, step)));
-    if (step == 1) std::this_thread::sleep_for(1ms);
-  }
-  EXPECT_TRUE(zxtest::wait_until([&] {
-    return countRecords(proxy.collector, 2) >= 11 && countRecords(proxy.collector, 4) >= 11;
-  }));
-  // A connection closed mid-frame loses that frame's bytes, counted.
-  const std::string half = transactionFrames(3000).substr(0, 20);
-  ASSERT_TRUE(data.send(half));
-  data.close();
-  EXPECT_TRUE(zxtest::wait_until(
-      [&] { return proxy.server->counts().frameBytesLost.load() == half.size(); }));
+  framesCutAnywhere(proxy, data);
   EXPECT_EQ(proxy.collector.snapshot().of(ConnKind::Control).connections, 1u);
 }
 
@@ -365,22 +371,20 @@ TEST(ProxyServer, RelaysCommandsToProcessesAndLogsToTheCollector) {
   EXPECT_EQ(modifyAcks, 1u);
 }
 
-TEST(ProxyServer, ARealApplicationProcessThroughTheProxy) {
-  ProxyUnderTest proxy;
+// An application process in proxy mode (`extra` choosing its transport)
+// traces transactions; the proxy turns them into its application's records.
+void transactionsThroughTheProxy(ProxyUnderTest &proxy, const std::string &extra, int protocol) {
   zxtest::LinkedAgent agent;
   const std::string port = std::to_string(proxy.server->boundPort());
   ZXProxyInstance_t &app =
       agent.configure(static_cast<std::uint16_t>(proxy.server->boundPort()),
-                      "proxyMode=1\nproxyPort=" + port + "\ninstance=shop\ntier=web\n");
+                      "proxyMode=1\nproxyPort=" + port + "\ninstance=shop\ntier=web\n" + extra);
+  EXPECT_EQ(app.linkProtocol(), protocol);
   app.processID = 5150;
   app.ZXSys.bciDataBufferMaxSize = 1 << 16;
   agent.run_loop();
   proxy.startRun();
   ASSERT_TRUE(zxtest::wait_until([&] { return app.Server.testRunRunning.load(); }));
-  ASSERT_TRUE(zxtest::wait_until([&] {
-    std::lock_guard lk(app.dataConnLock);
-    return app.zxcDataSocket != nullptr;
-  }));
   ASSERT_TRUE(zxtest::wait_until([&] { return proxy.server->counts().registered.load() >= 2; }));
   for (int i = 0; i < 20; ++i) {
     ZXPerThreadData_t *r =
@@ -396,6 +400,11 @@ TEST(ProxyServer, ARealApplicationProcessThroughTheProxy) {
   EXPECT_EQ(proxy.collector.snapshot().of(ConnKind::Control).connections, 1u);
   agent.stop_agent();
   proxy.stop();  // its threads log into the agent's trace log
+}
+
+TEST(ProxyServer, ARealApplicationProcessThroughTheProxy) {
+  ProxyUnderTest proxy;
+  transactionsThroughTheProxy(proxy, "", ZX_PROTO_TCP);
 }
 
 TEST(ProxyServer, LimitsAndMisbehavingClientsStayTheirOwn) {
@@ -422,6 +431,97 @@ TEST(ProxyServer, LimitsAndMisbehavingClientsStayTheirOwn) {
   int next = -1;
   Client newcomer = proxy.registerProcess(2, next);
   EXPECT_EQ(next, 1);
+}
+
+// A process's connection to the proxy over WebSocket, through the agent's own
+// transport: each send is one message.
+class WsClient {
+ public:
+  explicit WsClient(int port) {
+    char err[256] = {};
+    conn_ = zx_open_websocket(false, "127.0.0.1", port, apr_time_from_sec(10),
+                              apr_time_from_sec(10), ZXTlsSettings{}, err, sizeof err, {});
+    EXPECT_TRUE(conn_) << err;
+  }
+  bool send(const std::string &message) {
+    char err[256] = {};
+    return conn_ && conn_->send_all(message.data(), message.size(), err, sizeof err) == 0;
+  }
+  std::optional<std::string> line() {
+    const auto deadline = std::chrono::steady_clock::now() + 10s;
+    char err[256] = {};
+    while (conn_ && std::chrono::steady_clock::now() < deadline) {
+      if (auto nl = in_.find('\n'); nl != std::string::npos) {
+        std::string l = in_.substr(0, nl);
+        in_.erase(0, nl + 1);
+        return l;
+      }
+      if (conn_->wait_readable(apr_time_from_msec(100), err, sizeof err) ==
+          ZXConnection::Wait::Error)
+        break;
+      char buf[4096];
+      const long n = conn_->receive(buf, sizeof buf, err, sizeof err);
+      if (n < 0) break;
+      in_.append(buf, static_cast<std::size_t>(n));
+    }
+    return std::nullopt;
+  }
+  void close() { conn_.reset(); }
+
+ private:
+  std::unique_ptr<ZXConnection> conn_;
+  std::string in_;
+};
+
+ZXProxyServerOptions overWebSocket(const zxtest::TestPki *pki = nullptr) {
+  ZXProxyServerOptions opt;
+  opt.webSocket = true;
+  if (pki) {
+    opt.wsCertFile = pki->cert_file;
+    opt.wsKeyFile = pki->key_file;
+  }
+  return opt;
+}
+
+TEST(ProxyOverWebSocket, MessagesCutAnywhereAreTheSameStream) {
+  ProxyUnderTest proxy(overWebSocket());
+  const int port = proxy.server->boundPort();
+  WsClient ctrl(port);
+  // The registration line itself in pieces.
+  const std::string reg = controlLine(4711);
+  for (std::size_t at = 0; at < reg.size(); at += 9) ASSERT_TRUE(ctrl.send(reg.substr(at, 9)));
+  std::optional<std::string> reply = ctrl.line();
+  ASSERT_TRUE(reply);
+  EXPECT_EQ(*reply, "zx_ctrl_msg_rep:result=Ok;procIndex=0");
+  proxy.startRun();
+  std::optional<std::string> start = ctrl.line();
+  ASSERT_TRUE(start);
+  EXPECT_EQ(start->rfind("zx_control_req:action=start_instrumentation", 0), 0u) << *start;
+
+  // Registration line and first frames in one message; then one message per piece.
+  WsClient data(port);
+  framesCutAnywhere(proxy, data);
+  // The process's control connection is untouched: commands still reach it.
+  ASSERT_TRUE(proxy.collector.send_stop());
+  std::optional<std::string> stop = ctrl.line();
+  ASSERT_TRUE(stop);
+  EXPECT_EQ(stop->rfind("zx_control_req:action=stop_instrumentation", 0), 0u) << *stop;
+  ctrl.close();
+  EXPECT_TRUE(zxtest::wait_until([&] { return proxy.server->counts().openConnections == 0; }));
+}
+
+TEST(ProxyOverWebSocket, ARealApplicationProcessOverWss) {
+  zxtest::TestPki pki;
+  ProxyUnderTest proxy(overWebSocket(&pki));
+  transactionsThroughTheProxy(proxy, "proxyConType=3\nzxTlsCaFile=" + pki.ca_file + "\n",
+                              ZX_PROTO_WSS);
+}
+
+TEST(ProxyConfig, WssWithoutACertificateDoesNotStart) {
+  zxtest::TempDir home;
+  zxtest::ScopedApp settings(home.str());
+  home.write("config/zxsettings.conf", "zxcHost=10.0.0.1\nproxyConType=3\nproxyWsKey=/k.pem\n");
+  EXPECT_FALSE(zxProxyInitWrapper(*settings));
 }
 
 // The program as a person runs it: foreground, stopped by a signal.

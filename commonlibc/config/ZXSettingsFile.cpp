@@ -156,6 +156,10 @@ bool apply_common_keyword(ZXAppSettings &app, char *line, ConfPass &pass) {
     sys.proxyConType = atoi(v);
   } else if ((v = search_keyword(line, "proxySocketPath"))) {
     sys.socketPath.assign(v);
+  } else if ((v = search_keyword(line, "proxyWsCert"))) {
+    sys.proxyWsCert.assign(v);
+  } else if ((v = search_keyword(line, "proxyWsKey"))) {
+    sys.proxyWsKey.assign(v);
   } else if ((v = search_keyword(line, "proxyIP"))) {
     sys.proxyIP.assign(v);
   } else if ((v = search_keyword(line, "proxyPort"))) {
@@ -278,6 +282,8 @@ int read_env_var(ZXAppSettings &app) {
   }
   if ((v = env_value("MOR_APP_AGENT_PROXYCONTYPE", s))) app.ZXSys.proxyConType = atoi(v);
   if ((v = env_value("MOR_APP_AGENT_PROXYSOCKETPATH", s))) app.ZXSys.socketPath.assign(v);
+  if ((v = env_value("MOR_APP_AGENT_PROXYWSCERT", s))) app.ZXSys.proxyWsCert.assign(v);
+  if ((v = env_value("MOR_APP_AGENT_PROXYWSKEY", s))) app.ZXSys.proxyWsKey.assign(v);
   if ((v = env_value("MOR_APP_AGENT_PROXYIP", s))) app.ZXSys.proxyIP.assign(v);
   if ((v = env_value("MOR_APP_AGENT_PROXYPORT", s))) app.ZXSys.proxyPort = atoi(v);
 

@@ -49,6 +49,9 @@ struct ZXSys_t {
   int proxyPort;
   zx::OwnedString proxyIP;
   zx::OwnedString socketPath;
+  // The proxy's certificate and key when it listens over WSS.
+  zx::OwnedString proxyWsCert;
+  zx::OwnedString proxyWsKey;
 
   char supportedProtocolsString[ZX_SUPPORTED_PROTOCOLS_STRING_SIZE];
 

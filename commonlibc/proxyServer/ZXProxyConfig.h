@@ -6,6 +6,8 @@
 //
 //   proxySocketPath=/run/zx/proxy.sock   unix-domain socket; wins when set
 //   proxyIP=127.0.0.1  proxyPort=7892    TCP otherwise (these defaults)
+//   proxyConType=2 (WS) or 3 (WSS)       WebSocket at proxyIP:proxyPort
+//   proxyWsCert=... proxyWsKey=...       WSS's certificate and key
 //   zxcHost=... zxcPort=... ZXC_COMM_PROTOCOL=... backupZxcHostName=...
 #pragma once
 

@@ -15,9 +15,11 @@
 #include <apr_time.h>
 
 #include <cstddef>
+#include <memory>
 #include <string>
 
 #include "ZXFrameStream.h"
+#include "ZXProxyWebSocket.h"
 #include "zxlb_apr.h"
 
 // Poll context: which application and process a connection belongs to.
@@ -35,6 +37,8 @@ struct ZXProxyConnection {
   static constexpr std::size_t kMaxPendingOut = 1 << 16;
 
   zx::PoolPtr pool;
+  // A WebSocket connection has its peer instead of a socket, pool and poll entry.
+  std::shared_ptr<ZXProxyWsPeer> ws;
   apr_socket_t *socket = nullptr;
   apr_pollfd_t pfd{};
   int fd = -1;

@@ -18,6 +18,7 @@
 #include "ZXProxyConfig.h"
 #include "ZXProxyInstance.h"
 #include "ZXProxyServerRecord.h"
+#include "ZXSupportedProtocols.h"
 #include "zx_agent_stop.h"
 #include "zxlb_mt_log.h"
 
@@ -108,7 +109,24 @@ void ZXProxyServer::stop() {
   stopCond_.notify_all();
 }
 
+bool ZXProxyServer::openWsListener() {
+  auto ws = std::make_unique<ZXProxyWsListener>([this] {
+    if (apr_pollset_t *p = pollset_) apr_pollset_wakeup(p);
+  });
+  std::string err;
+  if (!ws->start(opt_.host, opt_.port, opt_.wsCertFile, opt_.wsKeyFile, err)) {
+    ZX_PROXY_LOG(-1, "Error", "Proxy Server Failed to Start '%s'", err.c_str());
+    return false;
+  }
+  boundPort_ = ws->port();
+  ZX_PROXY_LOG(-1, "Info", "Proxy Started at '%s:%d'", opt_.host.c_str(), ws->port());
+  ZX_PROXY_LOG(-1, "Info", "Listening over %s", ws->tls() ? "WSS" : "WS");
+  ws_ = std::move(ws);
+  return true;
+}
+
 bool ZXProxyServer::openListener() {
+  if (opt_.webSocket) return openWsListener();
   const bool local = !opt_.socketPath.empty();
   const std::string where = local ? opt_.socketPath : opt_.host;
   zx::PoolPtr pool = zx::make_pool(pool_.get());
@@ -152,6 +170,11 @@ bool ZXProxyServer::openListener() {
 }
 
 void ZXProxyServer::closeListener() {
+  if (ws_) {
+    ws_->stop();
+    ws_.reset();
+    counts_.listening = false;
+  }
   if (!listener_) return;
   apr_pollset_remove(pollset_, &listenPfd_);
   apr_socket_close(listener_);
@@ -187,7 +210,11 @@ bool ZXProxyServer::run() {
     stopCond_.wait_for(lk, std::chrono::microseconds(opt_.listenRetry),
                        [this] { return stopping_.load(); });
   }
-  if (listener_) {
+  if (ws_) {
+    inPollset_ = 1;  // the connections count against maxDescriptors as over sockets
+    counts_.listening = true;
+    loop();
+  } else if (listener_) {
     listenPfd_ = apr_pollfd_t{listenPool_.get(), APR_POLL_SOCKET, APR_POLLIN, 0, {}, nullptr};
     listenPfd_.desc.s = listener_;
     rv = apr_pollset_add(pollset_, &listenPfd_);
@@ -254,6 +281,7 @@ void ZXProxyServer::loop() {
   int pollErrors = 0;
   while (!stopping_) {
     deliverRelays();
+    deliverWsEvents();
     flushPending();
     const apr_time_t now = apr_time_now();
     if (now - lastSweep >= kSweepEvery) {
@@ -306,31 +334,36 @@ void ZXProxyServer::handleEvent(const apr_pollfd_t &e) {
     hangUp(*c, nullptr);
     return;
   }
-  if (c->kind != ZXProxyConnection::Kind::Unregistered) {
-    ZXProxyApplications &table = zxProxyApplications();
-    const int a = c->ctx.appIndex, p = c->ctx.procIndex;
-    if (a >= table.numInstances() || p < 0 || p >= table.processCount(a)) {
-      ZX_PROXY_LOG(-1, "Error",
-                   "Invalid epoll context data, appIndex = %d, procIndex = %d (numInstance = %d, "
-                   "numProcess = %d) i = %d, num = %d",
-                   a, p, table.numInstances(), table.processCount(a), 0, 1);
-      cleanAndRemoveSocket(*c);
-      return;
-    }
-    const instanceProcess_t &proc = *table.process(a, p);
-    if (proc.ctrlSocket != c && proc.dcSocket != c && proc.asSocket != c) {
-      ZX_PROXY_LOG(-1, "Warning", "Received EPOLLIN event on unknown fd. Ignoring...");
-      cleanAndRemoveSocket(*c);
-      return;
-    }
-  }
+  if (!stillKnown(*c)) return;
   if (e.rtnevents & APR_POLLIN)
     readFromConnection(*c);
   else if (e.rtnevents & (APR_POLLHUP | APR_POLLERR))
     hangUp(*c, nullptr);
 }
 
+bool ZXProxyServer::stillKnown(ZXProxyConnection &c) {
+  if (c.kind == ZXProxyConnection::Kind::Unregistered) return true;
+  ZXProxyApplications &table = zxProxyApplications();
+  const int a = c.ctx.appIndex, p = c.ctx.procIndex;
+  if (a >= table.numInstances() || p < 0 || p >= table.processCount(a)) {
+    ZX_PROXY_LOG(-1, "Error",
+                 "Invalid epoll context data, appIndex = %d, procIndex = %d (numInstance = %d, "
+                 "numProcess = %d) i = %d, num = %d",
+                 a, p, table.numInstances(), table.processCount(a), 0, 1);
+    cleanAndRemoveSocket(c);
+    return false;
+  }
+  const instanceProcess_t &proc = *table.process(a, p);
+  if (proc.ctrlSocket != &c && proc.dcSocket != &c && proc.asSocket != &c) {
+    ZX_PROXY_LOG(-1, "Warning", "Received EPOLLIN event on unknown fd. Ignoring...");
+    cleanAndRemoveSocket(c);
+    return false;
+  }
+  return true;
+}
+
 void ZXProxyServer::acceptNewConnection() {
+  if (!listener_) return;  // over WebSocket connections arrive as events
   const bool local = !opt_.socketPath.empty();
   for (int i = 0; i < kAcceptsPerEvent; ++i) {
     zx::PoolPtr pool = zx::make_pool(pool_.get());
@@ -399,17 +432,76 @@ void ZXProxyServer::acceptNewConnection() {
 }
 
 void ZXProxyServer::readFromConnection(ZXProxyConnection &c) {
+  if (c.ws) return;  // its bytes come as events
   char *buf = readBuf_.get();
   const ssize_t n = ::recv(c.fd, buf, kReadSize, MSG_DONTWAIT);
   if (n > 0) {
-    if (c.kind == ZXProxyConnection::Kind::Data)
-      readDataFromSocket(c, buf, static_cast<std::size_t>(n));
-    else
-      readMessageFromSocket(c, buf, static_cast<std::size_t>(n));
+    consume(c, buf, static_cast<std::size_t>(n));
     return;
   }
   if (n < 0 && (errno == EAGAIN || errno == EWOULDBLOCK || errno == EINTR)) return;
   hangUp(c, n < 0 ? strerror(errno) : nullptr);
+}
+
+void ZXProxyServer::consume(ZXProxyConnection &c, const char *data, std::size_t n) {
+  if (c.kind == ZXProxyConnection::Kind::Data)
+    readDataFromSocket(c, data, n);
+  else
+    readMessageFromSocket(c, data, n);
+}
+
+void ZXProxyServer::deliverWsEvents() {
+  if (!ws_) return;
+  ws_->take(wsEvents_);
+  if (wsEvents_.empty()) return;
+  // As over sockets, a control connection's end is taken after what the
+  // process's other connections sent with it.
+  std::vector<ZXProxyWsEvent *> controlEnds;
+  for (ZXProxyWsEvent &e : wsEvents_) {
+    const ZXProxyConnection *c = e.peer->conn;
+    if (e.type == ZXProxyWsEvent::Type::Closed && c && c->kind == ZXProxyConnection::Kind::Control)
+      controlEnds.push_back(&e);
+    else
+      takeWsEvent(e);
+  }
+  for (ZXProxyWsEvent *e : controlEnds) takeWsEvent(*e);
+  wsEvents_.clear();
+  freeClosed();
+}
+
+void ZXProxyServer::takeWsEvent(ZXProxyWsEvent &e) {
+  ZXProxyConnection *c = e.peer->conn;
+  switch (e.type) {
+    case ZXProxyWsEvent::Type::Opened: {
+      if (inPollset_ >= opt_.maxDescriptors) {
+        ++counts_.refused;
+        ZX_PROXY_LOG(-1, "Error",
+                     "Connection refused: the poll set holds %zu descriptors. Closing '%s:%d'.",
+                     opt_.maxDescriptors, e.peer->ip.c_str(), e.peer->port);
+        ws_->close(e.peer);
+        return;
+      }
+      auto made = std::make_unique<ZXProxyConnection>();
+      made->ws = e.peer;
+      made->peerIp = e.peer->ip;
+      made->peerPort = e.peer->port;
+      made->acceptedAt = apr_time_now();
+      e.peer->conn = made.get();
+      ++inPollset_;
+      ++unregistered_;
+      ++counts_.accepted;
+      ++counts_.openConnections;
+      ZX_PROXY_LOG(1, "Info", "Accepted '%s:%d'", made->peerIp.c_str(), made->peerPort);
+      conns_.push_back(std::move(made));
+      return;
+    }
+    case ZXProxyWsEvent::Type::Bytes:
+      if (c && !c->closed && stillKnown(*c)) consume(*c, e.bytes.data(), e.bytes.size());
+      return;
+    case ZXProxyWsEvent::Type::Closed:
+      if (c && !c->closed) hangUp(*c, nullptr);
+      return;
+  }
 }
 
 void ZXProxyServer::readMessageFromSocket(ZXProxyConnection &c, const char *data, std::size_t n) {
@@ -579,11 +671,17 @@ void ZXProxyServer::forgetConnection(ZXProxyConnection &c) {
 void ZXProxyServer::cleanAndRemoveSocket(ZXProxyConnection &c) {
   if (c.closed) return;
   forgetConnection(c);
-  if (apr_pollset_remove(pollset_, &c.pfd) != APR_SUCCESS)
-    ZX_PROXY_LOG(-1, "Error", "Unable to remove '%s:%d' from epoll", c.peerIp.c_str(), c.peerPort);
+  if (c.ws) {
+    if (ws_) ws_->close(c.ws);
+    c.ws->conn = nullptr;
+  } else {
+    if (apr_pollset_remove(pollset_, &c.pfd) != APR_SUCCESS)
+      ZX_PROXY_LOG(-1, "Error", "Unable to remove '%s:%d' from epoll", c.peerIp.c_str(),
+                   c.peerPort);
+    apr_socket_close(c.socket);
+    c.socket = nullptr;
+  }
   --inPollset_;
-  apr_socket_close(c.socket);
-  c.socket = nullptr;
   c.closed = true;
   ++closedPending_;
   ++counts_.closed;
@@ -629,6 +727,12 @@ bool ZXProxyServer::sendToConnection(ZXProxyConnection &c, std::string_view text
 }
 
 bool ZXProxyServer::flushOut(ZXProxyConnection &c) {
+  if (c.ws && !c.out.empty()) {
+    const long n = ws_ ? ws_->send(c.ws, c.out.data(), c.out.size()) : -1;
+    if (n < 0) return false;
+    c.out.erase(0, static_cast<std::size_t>(n));
+    return true;
+  }
   while (!c.out.empty()) {
     const ssize_t n = ::send(c.fd, c.out.data(), c.out.size(), MSG_NOSIGNAL | MSG_DONTWAIT);
     if (n > 0) {
@@ -706,6 +810,12 @@ bool zxProxyInit(ZXProxyServerOptions options) {
   return ran;
 }
 
+bool zxProxyInitLws(ZXProxyServerOptions options) {
+  options.webSocket = true;
+  options.socketPath.clear();
+  return zxProxyInit(std::move(options));
+}
+
 bool zxProxyInitWrapper(ZXProxyInstance_t &settings, ZXProxyServerOptions options) {
   (void)readZXProxyConfig(settings);
   options.socketPath = ZXProxy.zxProxyUnixDomainPath.c_str();
@@ -713,5 +823,16 @@ bool zxProxyInitWrapper(ZXProxyInstance_t &settings, ZXProxyServerOptions option
   options.port = static_cast<int>(ZXProxy.proxyPort);
   options.home =
       ZXProxy.zxHomePath.is_set() ? ZXProxy.zxHomePath.c_str() : settings.ZXSys.zxHomePath.c_str();
-  return zxProxyInit(std::move(options));
+  const int conType = ZXProxy.proxyConType;
+  if (conType != ZX_PROTO_WS && conType != ZX_PROTO_WSS) return zxProxyInit(std::move(options));
+  if (conType == ZX_PROTO_WSS) {
+    options.wsCertFile = settings.ZXSys.proxyWsCert.c_str();
+    options.wsKeyFile = settings.ZXSys.proxyWsKey.c_str();
+    if (options.wsCertFile.empty() || options.wsKeyFile.empty()) {
+      ZX_PROXY_LOG(-1, "Error", "Proxy Server Failed to Start '%s'",
+                   "proxyConType=3 (WSS) needs proxyWsCert and proxyWsKey");
+      return false;
+    }
+  }
+  return zxProxyInitLws(std::move(options));
 }

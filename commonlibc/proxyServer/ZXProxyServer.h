@@ -18,7 +18,10 @@
 // relayLock_ (a queue the poll thread drains after a pollset wakeup); text
 // for the collector goes the other way through the application's own queue
 // (ZXAppControl::queueForCollector). Sending to a process never blocks the
-// loop (ZXProxyConnection.h).
+// loop (ZXProxyConnection.h). Over WebSocket the library's service thread
+// stands in for the listening socket and the connections' descriptors: it
+// hands the poll thread what each connection sent, and takes what is to be
+// sent back (ZXProxyWebSocket.h).
 #pragma once
 
 #include <apr_poll.h>
@@ -51,6 +54,11 @@ struct ZXProxyServerOptions {
   std::string socketPath;
   std::string host = "127.0.0.1";
   int port = 7892;
+  // Over WebSocket at host:port instead (zxProxyInitLws); over TLS when a
+  // certificate and its key are given.
+  bool webSocket = false;
+  std::string wsCertFile;
+  std::string wsKeyFile;
   // Home of the applications' settings (the proxy's own).
   std::string home;
   apr_interval_time_t listenRetry = apr_time_from_sec(10);
@@ -114,6 +122,11 @@ class ZXProxyServer {
   void handleEvent(const apr_pollfd_t &e);
   void acceptNewConnection();
   void readFromConnection(ZXProxyConnection &c);
+  void consume(ZXProxyConnection &c, const char *data, std::size_t n);
+  bool stillKnown(ZXProxyConnection &c);
+  bool openWsListener();
+  void deliverWsEvents();
+  void takeWsEvent(ZXProxyWsEvent &e);
   void readMessageFromSocket(ZXProxyConnection &c, const char *data, std::size_t n);
   void readDataFromSocket(ZXProxyConnection &c, const char *data, std::size_t n);
   void processReceivedMsg(ZXProxyConnection &c, std::string_view line);
@@ -150,6 +163,8 @@ class ZXProxyServer {
   // Read by stop() and postRelay() on other threads.
   std::atomic<apr_pollset_t *> pollset_{nullptr};
   apr_socket_t *listener_ = nullptr;
+  std::unique_ptr<ZXProxyWsListener> ws_;  // the listener over WebSocket
+  std::vector<ZXProxyWsEvent> wsEvents_;
   zx::PoolPtr listenPool_;
   apr_pollfd_t listenPfd_{};
   std::size_t inPollset_ = 0;  // descriptors, the listener's included
@@ -183,6 +198,9 @@ class ZXProxyServer {
 // Runs a server with `options` on the calling thread until zxProxyStop();
 // false when it could not start.
 bool zxProxyInit(ZXProxyServerOptions options);
+// zxProxyInit listening over WebSocket: WSS when `options` name a
+// certificate and key, else WS.
+bool zxProxyInitLws(ZXProxyServerOptions options);
 // The server zxProxyInit runs; null outside it.
 ZXProxyServer *zxProxyServer();
 // Any thread: stops the server zxProxyInit runs, or the one it is about to

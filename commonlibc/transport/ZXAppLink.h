@@ -34,14 +34,21 @@ struct ZXAppLink : ZXAppSettings {
   // its two locks.
   ZXSendBufferPool sendBuffers;
 
-  // An application process of proxy mode reaches the proxy over the
-  // unix-domain socket at proxySocketPath when one is set, unless
-  // proxyConType is 1 (TCP always); else over TCP at proxyIP:proxyPort.
+  // An application process of proxy mode reaches the proxy by proxyConType:
+  // 1 TCP, 2 WS, 3 WSS (judged by the `tls` settings) at proxyIP:proxyPort;
+  // any other value the unix-domain socket at proxySocketPath when one is
+  // set, else TCP.
   bool proxyOverUnixSocket() const noexcept {
-    return sendsEventsToProxy() && !ZXSys.socketPath.empty() && ZXSys.proxyConType != 1;
+    return sendsEventsToProxy() && !ZXSys.socketPath.empty() && !proxyOverWebSocket() &&
+           ZXSys.proxyConType != ZX_PROTO_TCP;
+  }
+  bool proxyOverWebSocket() const noexcept {
+    return sendsEventsToProxy() &&
+           (ZXSys.proxyConType == ZX_PROTO_WS || ZXSys.proxyConType == ZX_PROTO_WSS);
   }
   // The transport of the control and data connections.
   int linkProtocol() const noexcept {
+    if (proxyOverWebSocket()) return ZXSys.proxyConType;
     if (lws_active) return ActiveAgentProtocolIndex;
     return proxyOverUnixSocket() ? ZX_PROTO_UNIX : ZX_PROTO_TCP;
   }

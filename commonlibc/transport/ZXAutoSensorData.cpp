@@ -196,7 +196,7 @@ void check_as_data_thread(ZXAppLink *app) {
     link.requestText.assign(request, static_cast<std::size_t>(len));
     link.host = app->control.dstIp;
     link.port = app->control.dstPort;
-    link.protocol = app->lws_active ? app->ActiveAgentProtocolIndex : 1;
+    link.protocol = app->linkProtocol();
     link.tls = app->tls;
   }
   if (!link.ready.load(std::memory_order_acquire)) {

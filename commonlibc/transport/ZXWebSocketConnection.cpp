@@ -42,6 +42,13 @@ void lws_log(int level, const char *line) {
   }
 }
 
+// The library's own logging is process-wide and not thread-safe in its
+// formatting: errors and warnings only, which are rare.
+void zx_lws_install_log() {
+  static std::once_flag once;
+  std::call_once(once, [] { lws_set_log_level(LLL_ERR | LLL_WARN, lws_log); });
+}
+
 namespace {
 
 // The library names no reason of its own for a refused certificate; OpenSSL
@@ -72,13 +79,6 @@ struct OpenSslCalls {
     return calls;
   }
 };
-
-// The library's own logging is process-wide and not thread-safe in its
-// formatting: errors and warnings only, which are rare.
-void install_library_log() {
-  static std::once_flag once;
-  std::call_once(once, [] { lws_set_log_level(LLL_ERR | LLL_WARN, lws_log); });
-}
 
 // One message per send: large enough that a full send buffer takes few
 // service rounds, small enough that the copy into the headroom stays cheap.
@@ -409,7 +409,7 @@ bool lws_handler::open(const char *host, int port, apr_interval_time_t timeout,
   char numeric[64] = {};
   if (zxlb_resolve(host, timeout, abandon, numeric, sizeof numeric, err, err_len) != APR_SUCCESS)
     return false;
-  install_library_log();
+  zx_lws_install_log();
 
   lws_context_creation_info info{};
   info.port = CONTEXT_PORT_NO_LISTEN;

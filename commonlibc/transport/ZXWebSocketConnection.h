@@ -31,3 +31,5 @@ std::unique_ptr<ZXConnection> zx_open_websocket(bool tls, const char *host, int 
 // The library's log sink: its lines go to the trace log under "WS" at the
 // calling thread's control trace level (errors always).
 void lws_log(int level, const char *line);
+// Sends the library's log there, once per process; before any context.
+void zx_lws_install_log();
