@@ -230,7 +230,7 @@ class lws_handler final : public ZXConnection {
       serve(ctx, apr_time_now() + sendTimeout_, false, {},
             [this] { return !wsi || state_ != State::Open || !lws_send_pipe_choked(wsi); });
     }
-    lws_sul_schedule(ctx, 0, &timer_, on_timer, LWS_SET_TIMER_USEC_CANCEL);
+    lws_sul_schedule(ctx, 0, &timer_.sul, on_timer, LWS_SET_TIMER_USEC_CANCEL);
     lws_context_destroy(ctx);
   }
   lws_handler(const lws_handler &) = delete;
@@ -328,7 +328,16 @@ class lws_handler final : public ZXConnection {
   enum class Served { Done, Timeout, Woken, Abandoned };
 
   int handle(lws *w, lws_callback_reasons reason, void *user, void *in, std::size_t len);
-  static void on_timer(lws_sorted_usec_list_t *) {}
+  // A deadline already due when the library looks at its timers fires there,
+  // and the wait that follows would last until its own housekeeping (30 s):
+  // firing also ends that wait.
+  struct DeadlineTimer {
+    lws_sorted_usec_list_t sul{};  // first: the library hands back its address
+    lws_context *ctx = nullptr;
+  };
+  static void on_timer(lws_sorted_usec_list_t *sul) {
+    lws_cancel_service(reinterpret_cast<DeadlineTimer *>(sul)->ctx);
+  }
 
   long gone(char *err, int err_len) const {
     put_err(err, err_len, "%s", closeReason_.empty() ? "connection closed" : closeReason_.c_str());
@@ -357,7 +366,8 @@ class lws_handler final : public ZXConnection {
       }
       polled = true;
       if (abandon) left = std::min(left, kAbandonSlice);
-      lws_sul_schedule(ctx, 0, &timer_, on_timer, static_cast<lws_usec_t>(left));
+      timer_.ctx = ctx;
+      lws_sul_schedule(ctx, 0, &timer_.sul, on_timer, static_cast<lws_usec_t>(left));
       lws_service(ctx, 0);
     }
   }
@@ -368,7 +378,7 @@ class lws_handler final : public ZXConnection {
   apr_interval_time_t sendTimeout_;
   std::mutex contextLock_;  // guards `context` against wakeup() while it goes
   std::atomic<bool> wakeRequested_{false};
-  lws_sorted_usec_list_t timer_{};
+  DeadlineTimer timer_;
 
   // Owner thread only (the library calls back on it).
   State state_ = State::Connecting;
