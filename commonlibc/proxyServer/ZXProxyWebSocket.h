@@ -42,7 +42,8 @@ struct ZXProxyWsPeer {
   // Service thread only; null once the library has freed it.
   lws *wsi = nullptr;
   bool paused = false;  // reading stopped: the poll thread is behind
-  // Bytes read before the first newline (the registration line is whole).
+  // Reading never pauses before the first line (the registration) is in,
+  // or has grown too long to be one.
   std::size_t firstLineBytes = 0;
   bool firstLineIn = false;
 
