@@ -14,12 +14,15 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <chrono>
+#include <condition_variable>
 #include <cstring>
 #include <filesystem>
 #include <memory>
 #include <optional>
 #include <string>
+#include <string_view>
 #include <thread>
 #include <vector>
 
@@ -29,6 +32,7 @@
 #include "ZXProxyRegistration.h"
 #include "ZXProxyServer.h"
 #include "ZXProxyServerRecord.h"
+#include "ZXProxyWebSocket.h"
 #include "ZXWebSocketConnection.h"
 #include "reference_collector.h"
 #include "test_support.h"
@@ -137,8 +141,7 @@ std::string frame(ZXFrameType type, T fixed, std::initializer_list<ZXFrameString
 }
 
 // One whole transaction as an application process sends it.
-std::string transactionFrames(long long id) {
-  const std::string url = "/cart";
+std::string transactionFrames(long long id, const std::string &url = "/cart") {
   transactionStartVar_t start{};
   start.url = static_cast<int>(url.size());
   start.flowpathinstance = id;
@@ -167,13 +170,14 @@ class ProxyUnderTest {
                "zxcHost=127.0.0.1\nzxcPort=" + std::to_string(collector.port()) + "\n");
     opt.home = home.str();
     if (opt.socketPath.empty()) opt.port = 0;
-    opt.onNewApplication = [](ZXProxyInstance_t &a) {
+    opt.onNewApplication = [more = std::move(opt.onNewApplication)](ZXProxyInstance_t &a) {
       ZXLinkTimings_t &t = a.linkTimings;
       t.retryInterval = t.ctrlPollTimeout = apr_time_from_msec(20);
       t.dataConnRetryInterval = t.dataIoTimeout = apr_time_from_msec(50);
       t.dataTick = apr_time_from_msec(5);
       a.ZXSys.bciDataBufferMaxSize = 1 << 16;
       a.ZXSys.dataBuffMaxCount = 16;
+      if (more) more(a);
     };
     server = std::make_unique<ZXProxyServer>(std::move(opt));
     thread = std::thread([this] { server->run(); });
@@ -508,6 +512,90 @@ TEST(ProxyOverWebSocket, MessagesCutAnywhereAreTheSameStream) {
   EXPECT_EQ(stop->rfind("zx_control_req:action=stop_instrumentation", 0), 0u) << *stop;
   ctrl.close();
   EXPECT_TRUE(zxtest::wait_until([&] { return proxy.server->counts().openConnections == 0; }));
+}
+
+// Holds the proxy's poll thread inside the registration of application
+// "hold" until released (at the latest when this goes), while the WebSocket
+// side keeps reading: the poll thread falls behind at will.
+class PollThreadHold {
+ public:
+  std::function<void(ZXProxyInstance_t &)> hook() {
+    return [state = state_](ZXProxyInstance_t &a) {
+      if (std::string_view(a.ZXBCISetting.appName.c_str()) != "hold") return;
+      std::unique_lock lk(state->m);
+      state->held = true;
+      state->cv.notify_all();
+      state->cv.wait(lk, [&] { return state->released; });
+    };
+  }
+  PollThreadHold() = default;
+  PollThreadHold(const PollThreadHold &) = default;
+  ~PollThreadHold() { release(); }
+  bool waitHeld() {
+    std::unique_lock lk(state_->m);
+    return state_->cv.wait_for(lk, 10s, [&] { return state_->held; });
+  }
+  void release() const {
+    std::lock_guard lk(state_->m);
+    state_->released = true;
+    state_->cv.notify_all();
+  }
+
+ private:
+  struct State {
+    std::mutex m;
+    std::condition_variable cv;
+    bool held = false, released = false;
+  };
+  std::shared_ptr<State> state_ = std::make_shared<State>();
+};
+
+// A process flooding its data connection while the poll thread is held: the
+// proxy stops reading once 4 MB wait for the poll thread, a process that
+// starts and exits meanwhile still has its data registration read before its
+// control connection's end, and once released every frame is replayed.
+TEST(ProxyOverWebSocket, ReadingPausesWhileThePollThreadIsBehindAndLosesNothing) {
+  ZXProxyServerOptions opt = overWebSocket();
+  PollThreadHold hold;
+  opt.onNewApplication = hold.hook();
+  ProxyUnderTest proxy(std::move(opt));
+  const PollThreadHold releasedBeforeTheProxyStops = hold;
+  const int port = proxy.server->boundPort();
+  const ZXProxyServerCounts &counts = proxy.server->counts();
+  WsClient ctrl(port), exitingCtrl(port);
+  ASSERT_TRUE(ctrl.send(controlLine(4711)));
+  ASSERT_TRUE(ctrl.line());
+  ASSERT_TRUE(exitingCtrl.send(controlLine(5)));
+  ASSERT_TRUE(exitingCtrl.line());
+  proxy.startRun();
+  WsClient data(port);
+  ASSERT_TRUE(data.send(dataLine(4711)));
+  ASSERT_TRUE(zxtest::wait_until([&] { return counts.registered >= 3; }));
+
+  WsClient holder(port);
+  ASSERT_TRUE(holder.send(controlLine(99, "hold")));
+  ASSERT_TRUE(hold.waitHeld());
+  const std::string message = transactionFrames(1, "/" + std::string(128 << 10, 'u'));
+  constexpr int kMessages = 64;  // twice the pause's threshold
+  std::atomic<int> sent{0};
+  std::thread flood([&] {
+    for (int i = 0; i < kMessages && data.send(message); ++i) ++sent;
+  });
+  EXPECT_TRUE(zxtest::wait_until([&] { return counts.wsReadPauses > 0; }));
+  {
+    WsClient exitingData(port);
+    ASSERT_TRUE(exitingData.send(dataLine(5) + transactionFrames(500)));
+  }
+  exitingCtrl.close();
+  hold.release();
+  flood.join();
+  EXPECT_EQ(sent, kMessages);
+  EXPECT_TRUE(zxtest::wait_until(
+      [&] { return counts.framesReplayed == 3ull * (kMessages + 1) || counts.frameBytesLost > 0; },
+      30s));
+  EXPECT_EQ(counts.framesReplayed, 3ull * (kMessages + 1));
+  EXPECT_EQ(counts.frameBytesLost, 0u);
+  EXPECT_LE(counts.wsQueuedPeak, ZXProxyWsListener::kMaxPendingIn + message.size());
 }
 
 TEST(ProxyOverWebSocket, ARealApplicationProcessOverWss) {

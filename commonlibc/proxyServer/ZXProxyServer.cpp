@@ -110,9 +110,11 @@ void ZXProxyServer::stop() {
 }
 
 bool ZXProxyServer::openWsListener() {
-  auto ws = std::make_unique<ZXProxyWsListener>([this] {
-    if (apr_pollset_t *p = pollset_) apr_pollset_wakeup(p);
-  });
+  auto ws = std::make_unique<ZXProxyWsListener>(
+      [this] {
+        if (apr_pollset_t *p = pollset_) apr_pollset_wakeup(p);
+      },
+      counts_);
   std::string err;
   if (!ws->start(opt_.host, opt_.port, opt_.wsCertFile, opt_.wsKeyFile, err)) {
     ZX_PROXY_LOG(-1, "Error", "Proxy Server Failed to Start '%s'", err.c_str());

@@ -79,6 +79,10 @@ struct ZXProxyServerCounts {
   std::atomic<unsigned long long> accepted{0}, refused{0}, registered{0}, closed{0};
   std::atomic<unsigned long long> framesReplayed{0}, frameBytesLost{0};
   std::atomic<unsigned long long> messagesDropped{0};
+  // Over WebSocket: times a connection's reading paused because the poll
+  // thread was behind, and the most bytes ever queued for it.
+  std::atomic<unsigned long long> wsReadPauses{0};
+  std::atomic<std::size_t> wsQueuedPeak{0};
   std::atomic<int> openConnections{0};
   std::atomic<bool> listening{false};
 };

@@ -10,6 +10,7 @@
 #include <cstring>
 #include <utility>
 
+#include "ZXProxyServer.h"
 #include "ZXWebSocketConnection.h"
 
 namespace {
@@ -37,7 +38,8 @@ const lws_protocols kProtocols[] = {
 
 }  // namespace
 
-ZXProxyWsListener::ZXProxyWsListener(std::function<void()> notify) : notify_(std::move(notify)) {}
+ZXProxyWsListener::ZXProxyWsListener(std::function<void()> notify, ZXProxyServerCounts &counts)
+    : notify_(std::move(notify)), counts_(counts) {}
 
 ZXProxyWsListener::~ZXProxyWsListener() {
   stop();
@@ -107,8 +109,12 @@ void ZXProxyWsListener::stop() {
 void ZXProxyWsListener::serve() {
   lws_context *ctx = ctx_;  // set before this thread started, reset after it ends
   // The library ignores the timeout; wake() ends the wait.
-  while (!stop_)
-    if (lws_service(ctx, 0) < 0) break;
+  while (!stop_) {
+    const int served = lws_service(ctx, 0);
+    for (const auto &peer : closedThisRound_) push(ZXProxyWsEvent::Type::Closed, peer);
+    closedThisRound_.clear();
+    if (served < 0) break;
+  }
 }
 
 void ZXProxyWsListener::wake() {
@@ -173,8 +179,15 @@ void ZXProxyWsListener::push(ZXProxyWsEvent::Type type, const std::shared_ptr<ZX
       events_.push_back(ZXProxyWsEvent{type, peer, {}});
       if (len) events_.back().bytes.assign(static_cast<const char *>(bytes), len);
     }
-    if (pendingIn_ >= kMaxPendingIn && peer->wsi && !peer->paused) {
+    if (pendingIn_ > counts_.wsQueuedPeak) counts_.wsQueuedPeak = pendingIn_;
+    if (type == ZXProxyWsEvent::Type::Bytes && !peer->firstLineIn) {
+      peer->firstLineBytes += len;
+      peer->firstLineIn =
+          std::memchr(bytes, '\n', len) || peer->firstLineBytes > ZXProxyConnection::kMaxLine;
+    }
+    if (pendingIn_ >= kMaxPendingIn && peer->firstLineIn && peer->wsi && !peer->paused) {
       peer->paused = true;
+      ++counts_.wsReadPauses;
       lws_rx_flow_control(peer->wsi, 0);
     }
   }
@@ -249,7 +262,7 @@ int ZXProxyWsListener::onEvent(lws *wsi, int reason, void *user, void *in, std::
           std::lock_guard lk(peer->lock);
           peer->gone = true;
         }
-        if (!stop_) push(ZXProxyWsEvent::Type::Closed, peer);
+        if (!stop_) closedThisRound_.push_back(std::move(peer));
       }
       return 0;
     case LWS_CALLBACK_EVENT_WAIT_CANCELLED: {

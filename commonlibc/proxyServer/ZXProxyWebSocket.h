@@ -9,6 +9,12 @@
 // the poll thread cuts lines and frames from them with the same per-connection
 // state, so the framing never depends on how the process cut its messages.
 // Neither side ever waits for the other.
+//
+// A process that exits closes its connections at once, and its data
+// connection's registration must reach the poll thread before its control
+// connection's end, or the registration is refused. So a connection's first
+// line is never held back by the read pause, and a close is queued only after
+// everything read in the same service round.
 #pragma once
 
 #include <atomic>
@@ -24,6 +30,7 @@
 struct lws;
 struct lws_context;
 struct ZXProxyConnection;
+struct ZXProxyServerCounts;
 
 // One WebSocket connection, shared by the two threads.
 struct ZXProxyWsPeer {
@@ -35,6 +42,10 @@ struct ZXProxyWsPeer {
   // Service thread only; null once the library has freed it.
   lws *wsi = nullptr;
   bool paused = false;  // reading stopped: the poll thread is behind
+  // Reading never pauses before the first line (the registration) is in,
+  // or has grown too long to be one.
+  std::size_t firstLineBytes = 0;
+  bool firstLineIn = false;
 
   // Guards out, closeWanted and gone.
   std::mutex lock;
@@ -59,8 +70,8 @@ class ZXProxyWsListener {
   static constexpr std::size_t kMaxPendingIn = 4 << 20;
 
   // `notify` runs on the service thread whenever events were queued where
-  // there were none.
-  explicit ZXProxyWsListener(std::function<void()> notify);
+  // there were none. `counts` gets the read pauses and the queue's peak.
+  ZXProxyWsListener(std::function<void()> notify, ZXProxyServerCounts &counts);
   // Stops (when started): every connection is closed.
   ~ZXProxyWsListener();
   ZXProxyWsListener(const ZXProxyWsListener &) = delete;
@@ -92,6 +103,7 @@ class ZXProxyWsListener {
   void serve();
 
   std::function<void()> notify_;
+  ZXProxyServerCounts &counts_;
   bool tls_ = false;
   int port_ = 0;
   std::thread thread_;
@@ -109,5 +121,6 @@ class ZXProxyWsListener {
 
   // Service thread only.
   std::unordered_map<ZXProxyWsPeer *, std::shared_ptr<ZXProxyWsPeer>> live_;
+  std::vector<std::shared_ptr<ZXProxyWsPeer>> closedThisRound_;
   std::vector<unsigned char> writeBuf_;
 };

@@ -10,9 +10,12 @@
 #include <atomic>
 #include <cstdint>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
+#include <map>
 #include <mutex>
 #include <string>
+#include <type_traits>
 #include <vector>
 
 #include "zxlb_mt_log.h"
@@ -51,32 +54,105 @@ void zx_lws_install_log() {
 
 namespace {
 
-// The library names no reason of its own for a refused certificate; OpenSSL
-// does. Its functions are taken from the process (the library brought it in)
-// rather than linked, so that the agent needs no TLS library of its own.
+// The client TLS context is made here, not by the library, and OpenSSL's
+// functions are taken from the process (the library brought it in) rather
+// than linked, so that the agent needs no TLS library of its own.
 struct OpenSslCalls {
+  decltype(&TLS_client_method) clientMethod = nullptr;
+  decltype(&SSL_CTX_new) newContext = nullptr;
+  decltype(&SSL_CTX_free) freeContext = nullptr;
+  decltype(&SSL_CTX_ctrl) control = nullptr;
   decltype(&SSL_CTX_set_default_verify_paths) defaultPaths = nullptr;
   decltype(&SSL_CTX_load_verify_locations) loadFile = nullptr;
-  decltype(&X509_STORE_CTX_get_error) getError = nullptr;
+  decltype(&SSL_CTX_set_cert_verify_callback) setChainCheck = nullptr;
+  decltype(&X509_STORE_CTX_set_verify_cb) setVerdict = nullptr;
+  decltype(&X509_verify_cert) verifyChain = nullptr;
   decltype(&X509_STORE_CTX_set_error) setError = nullptr;
+  decltype(&SSL_get_verify_result) verifyResult = nullptr;
   decltype(&X509_verify_cert_error_string) errorText = nullptr;
 
   static const OpenSslCalls &get() {
     static const OpenSslCalls calls = [] {
       OpenSslCalls c;
-      c.defaultPaths = reinterpret_cast<decltype(c.defaultPaths)>(
-          dlsym(RTLD_DEFAULT, "SSL_CTX_set_default_verify_paths"));
-      c.loadFile = reinterpret_cast<decltype(c.loadFile)>(
-          dlsym(RTLD_DEFAULT, "SSL_CTX_load_verify_locations"));
-      c.getError =
-          reinterpret_cast<decltype(c.getError)>(dlsym(RTLD_DEFAULT, "X509_STORE_CTX_get_error"));
-      c.setError =
-          reinterpret_cast<decltype(c.setError)>(dlsym(RTLD_DEFAULT, "X509_STORE_CTX_set_error"));
-      c.errorText = reinterpret_cast<decltype(c.errorText)>(
-          dlsym(RTLD_DEFAULT, "X509_verify_cert_error_string"));
+      auto find = [&c](auto &fn, const char *name) {
+        fn = reinterpret_cast<std::remove_reference_t<decltype(fn)>>(dlsym(RTLD_DEFAULT, name));
+        c.complete = c.complete && fn;
+      };
+      find(c.clientMethod, "TLS_client_method");
+      find(c.newContext, "SSL_CTX_new");
+      find(c.freeContext, "SSL_CTX_free");
+      find(c.control, "SSL_CTX_ctrl");
+      find(c.defaultPaths, "SSL_CTX_set_default_verify_paths");
+      find(c.loadFile, "SSL_CTX_load_verify_locations");
+      find(c.setChainCheck, "SSL_CTX_set_cert_verify_callback");
+      find(c.setVerdict, "X509_STORE_CTX_set_verify_cb");
+      find(c.verifyChain, "X509_verify_cert");
+      find(c.setError, "X509_STORE_CTX_set_error");
+      find(c.verifyResult, "SSL_get_verify_result");
+      find(c.errorText, "X509_verify_cert_error_string");
       return c;
     }();
     return calls;
+  }
+  bool complete = true;
+};
+
+// Parsing the CA store costs more than the rest of a handshake (seconds
+// under the sanitizers), so WSS connections with the same trust share one
+// client TLS context. It lives while a connection uses it: a later connect
+// sees a replaced CA file or store. The trust is the CA file, the variables
+// OpenSSL reads for its default store, and whether verification is on.
+class SharedClientTls {
+ public:
+  static std::shared_ptr<SSL_CTX> get(const ZXTlsSettings &settings) {
+    std::string key = settings.caFile;
+    for (const char *name : {"SSL_CERT_FILE", "SSL_CERT_DIR"}) {
+      const char *v = getenv(name);
+      key.append(1, '\0').append(v ? v : "");
+    }
+    key.append(settings.verifyPeer ? "\1" : "\2");
+    static std::mutex lock;
+    static std::map<std::string, std::weak_ptr<SSL_CTX>> contexts;  // guarded by lock
+    std::lock_guard lk(lock);
+    if (auto live = contexts[key].lock()) return live;
+    std::erase_if(contexts, [](const auto &kv) { return kv.second.expired(); });
+    std::shared_ptr<SSL_CTX> made = create(settings);
+    if (made) contexts[key] = made;
+    return made;
+  }
+
+ private:
+  static std::shared_ptr<SSL_CTX> create(const ZXTlsSettings &settings) {
+    const OpenSslCalls &ssl = OpenSslCalls::get();
+    if (!ssl.complete) return nullptr;
+    SSL_CTX *raw = ssl.newContext(ssl.clientMethod());
+    if (!raw) return nullptr;
+    std::shared_ptr<SSL_CTX> ctx(raw, ssl.freeContext);
+    // The library resends a partial write from its own copy of the bytes.
+    ssl.control(raw, SSL_CTRL_MODE, SSL_MODE_ACCEPT_MOVING_WRITE_BUFFER | SSL_MODE_RELEASE_BUFFERS,
+                nullptr);
+    // OpenSSL's defaults are what operators configure (SSL_CERT_FILE,
+    // SSL_CERT_DIR); the library would load a fixed directory.
+    ssl.defaultPaths(raw);
+    if (!settings.caFile.empty() && ssl.loadFile(raw, settings.caFile.c_str(), nullptr) != 1)
+      ZX_LOG_IF(true, "WSS", "Error", "Cannot load the CA file '%s'", settings.caFile.c_str());
+    ssl.setChainCheck(raw, checkChain, settings.verifyPeer ? nullptr : raw);
+    return ctx;
+  }
+
+  // The verdict is OpenSSL's (or "accept" when verification is off), never
+  // the library's: it finds its connection through an index it allocates
+  // anew whenever any context is created, so a context made on one thread
+  // fails a handshake in flight on another.
+  static int checkChain(X509_STORE_CTX *store, void *lenient) {
+    const OpenSslCalls &ssl = OpenSslCalls::get();
+    ssl.setVerdict(store, lenient ? acceptAny : keepVerdict);
+    return ssl.verifyChain(store) > 0 ? 1 : 0;
+  }
+  static int keepVerdict(int ok, X509_STORE_CTX *) { return ok; }
+  static int acceptAny(int, X509_STORE_CTX *store) {
+    OpenSslCalls::get().setError(store, X509_V_OK);
+    return 1;
   }
 };
 
@@ -154,7 +230,7 @@ class lws_handler final : public ZXConnection {
       serve(ctx, apr_time_now() + sendTimeout_, false, {},
             [this] { return !wsi || state_ != State::Open || !lws_send_pipe_choked(wsi); });
     }
-    lws_sul_schedule(ctx, 0, &timer_, on_timer, LWS_SET_TIMER_USEC_CANCEL);
+    lws_sul_schedule(ctx, 0, &timer_.sul, on_timer, LWS_SET_TIMER_USEC_CANCEL);
     lws_context_destroy(ctx);
   }
   lws_handler(const lws_handler &) = delete;
@@ -252,7 +328,16 @@ class lws_handler final : public ZXConnection {
   enum class Served { Done, Timeout, Woken, Abandoned };
 
   int handle(lws *w, lws_callback_reasons reason, void *user, void *in, std::size_t len);
-  static void on_timer(lws_sorted_usec_list_t *) {}
+  // A deadline already due when the library looks at its timers fires there,
+  // and the wait that follows would last until its own housekeeping (30 s):
+  // firing also ends that wait.
+  struct DeadlineTimer {
+    lws_sorted_usec_list_t sul{};  // first: the library hands back its address
+    lws_context *ctx = nullptr;
+  };
+  static void on_timer(lws_sorted_usec_list_t *sul) {
+    lws_cancel_service(reinterpret_cast<DeadlineTimer *>(sul)->ctx);
+  }
 
   long gone(char *err, int err_len) const {
     put_err(err, err_len, "%s", closeReason_.empty() ? "connection closed" : closeReason_.c_str());
@@ -281,22 +366,23 @@ class lws_handler final : public ZXConnection {
       }
       polled = true;
       if (abandon) left = std::min(left, kAbandonSlice);
-      lws_sul_schedule(ctx, 0, &timer_, on_timer, static_cast<lws_usec_t>(left));
+      timer_.ctx = ctx;
+      lws_sul_schedule(ctx, 0, &timer_.sul, on_timer, static_cast<lws_usec_t>(left));
       lws_service(ctx, 0);
     }
   }
 
   const bool tls_;
   const ZXTlsSettings settings_;
+  std::shared_ptr<SSL_CTX> clientTls_;  // outlives the context that uses it
   apr_interval_time_t sendTimeout_;
   std::mutex contextLock_;  // guards `context` against wakeup() while it goes
   std::atomic<bool> wakeRequested_{false};
-  lws_sorted_usec_list_t timer_{};
+  DeadlineTimer timer_;
 
   // Owner thread only (the library calls back on it).
   State state_ = State::Connecting;
   std::string closeReason_;
-  std::string certReason_;
   std::vector<char> rx_;
   std::size_t rxOffset_ = 0;
   bool rxPaused_ = false;
@@ -323,44 +409,24 @@ int lws_handler::callback(lws *w, lws_callback_reasons reason, void *user, void 
   }
 }
 
-int lws_handler::handle(lws *w, lws_callback_reasons reason, void *user, void *in,
-                        std::size_t len) {
+int lws_handler::handle(lws *w, lws_callback_reasons reason, void *, void *in, std::size_t len) {
   switch (reason) {
-    case LWS_CALLBACK_OPENSSL_LOAD_EXTRA_CLIENT_VERIFY_CERTS: {
-      // The library loads a fixed directory; OpenSSL's defaults are what
-      // operators configure (SSL_CERT_FILE, SSL_CERT_DIR).
-      const OpenSslCalls &ssl = OpenSslCalls::get();
-      auto *sslCtx = static_cast<SSL_CTX *>(user);
-      if (ssl.defaultPaths) ssl.defaultPaths(sslCtx);
-      if (ssl.loadFile && !settings_.caFile.empty() &&
-          ssl.loadFile(sslCtx, settings_.caFile.c_str(), nullptr) != 1)
-        ZX_LOG_IF(true, "WSS", "Error", "Cannot load the CA file '%s'", settings_.caFile.c_str());
-      break;
-    }
-    case LWS_CALLBACK_OPENSSL_PERFORM_SERVER_CERT_VERIFICATION: {
-      if (len) break;  // OpenSSL found nothing wrong
-      const OpenSslCalls &ssl = OpenSslCalls::get();
-      auto *store = static_cast<X509_STORE_CTX *>(user);
-      if (!settings_.verifyPeer) {
-        if (ssl.setError) ssl.setError(store, X509_V_OK);
-        return 0;
-      }
-      if (ssl.getError && ssl.errorText && certReason_.empty())
-        certReason_ = ssl.errorText(ssl.getError(store));
-      return 1;
-    }
     case LWS_CALLBACK_CLIENT_ESTABLISHED:
       state_ = State::Open;
       break;
-    case LWS_CALLBACK_CLIENT_CONNECTION_ERROR:
+    case LWS_CALLBACK_CLIENT_CONNECTION_ERROR: {
       // The library's text says little about a refused certificate; OpenSSL's does.
-      if (!certReason_.empty())
-        closeReason_ = "certificate not accepted: " + certReason_;
+      const OpenSslCalls &ssl = OpenSslCalls::get();
+      SSL *session = tls_ && ssl.complete ? lws_get_ssl(w) : nullptr;
+      const long verdict = session ? ssl.verifyResult(session) : X509_V_OK;
+      if (verdict != X509_V_OK)
+        closeReason_ = std::string("certificate not accepted: ") + ssl.errorText(verdict);
       else
         closeReason_ = in ? static_cast<const char *>(in) : "connection failed";
       state_ = State::Closed;
       wsi = nullptr;
       break;
+    }
     case LWS_CALLBACK_CLIENT_RECEIVE: {
       const char *p = static_cast<const char *>(in);
       rx_.insert(rx_.end(), p, p + len);
@@ -421,7 +487,15 @@ bool lws_handler::open(const char *host, int port, apr_interval_time_t timeout,
   // The library sizes its tables by the process's descriptor limit unless
   // told: one socket and its wake pipe are all this context needs.
   info.fd_limit_per_thread = 8;
-  if (tls_) info.options |= LWS_SERVER_OPTION_DO_SSL_GLOBAL_INIT;
+  if (tls_) {
+    clientTls_ = SharedClientTls::get(settings_);
+    if (!clientTls_) {
+      put_err(err, err_len, "%s", "cannot create a TLS context");
+      return false;
+    }
+    info.options |= LWS_SERVER_OPTION_DO_SSL_GLOBAL_INIT;
+    info.provided_client_ssl_ctx = clientTls_.get();
+  }
   lws_context *ctx = lws_create_context(&info);
   if (!ctx) {
     put_err(err, err_len, "%s", "cannot create a websocket context");
@@ -463,9 +537,7 @@ bool lws_handler::open(const char *host, int port, apr_interval_time_t timeout,
   if (s == Served::Abandoned)
     put_err(err, err_len, "%s", "connect abandoned");
   else if (s == Served::Timeout)
-    put_err(err, err_len, "%s",
-            certReason_.empty() ? "websocket connect timed out"
-                                : ("certificate not accepted: " + certReason_).c_str());
+    put_err(err, err_len, "%s", "websocket connect timed out");
   else
     put_err(err, err_len, "%s", closeReason_.c_str());
   return false;

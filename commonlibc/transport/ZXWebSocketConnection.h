@@ -8,11 +8,13 @@
 //
 // Each connection has a client context of its own, serviced only by its
 // owner thread inside the calls it makes: no application thread ever runs
-// the library or waits for it. The stream is bytes, as over TCP: each send
-// goes as one binary message, and received messages (text or binary) are
-// joined into one byte stream. WSS verifies the server's certificate and
-// host name unless the settings turn that off; a failed verification fails
-// the connect like an unreachable collector, with the reason in `err`.
+// the library or waits for it. Only the TLS client context (the parsed CA
+// store) is shared, between WSS connections that trust the same CAs. The
+// stream is bytes, as over TCP: each send goes as one binary message, and
+// received messages (text or binary) are joined into one byte stream. WSS
+// verifies the server's certificate and host name unless the settings turn
+// that off; a failed verification fails the connect like an unreachable
+// collector, with the reason in `err`.
 #pragma once
 
 #include <memory>
