@@ -51,8 +51,13 @@ struct WsGlue {
     auto *c = static_cast<ReferenceCollector *>(lws_context_user(lws_get_context(wsi)));
     return c->ws_event(wsi, static_cast<int>(reason), user, in, len);
   }
+  // A timer already due when the library checks its timers fires there, and
+  // the wait that follows would last until the library's own housekeeping
+  // (30 s): waking the service ends that wait, so the writes just asked for go.
   static void beat_due(lws_sorted_usec_list_t *sul) {
-    reinterpret_cast<ReferenceCollector::Ws::BeatTimer *>(sul)->owner->ws_round();
+    ReferenceCollector *c = reinterpret_cast<ReferenceCollector::Ws::BeatTimer *>(sul)->owner;
+    c->ws_round();
+    if (lws_context *ctx = c->ws_->ctx) lws_cancel_service(ctx);
   }
 };
 
