@@ -8,7 +8,6 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
-#include <condition_variable>
 #include <cstdlib>
 #include <deque>
 #include <mutex>
@@ -50,9 +49,15 @@ int send_over_tcp(std::uint16_t port, const std::string &bytes) {
 // The agent's end: one connection on a service thread of its own. Messages go out whole,
 // in order; what arrives is kept as one byte stream.
 class WsClient {
+  template <typename F>
+  auto locked(F f) {
+    std::lock_guard lock(mu_);
+    return f();
+  }
+
  public:
   // An empty ca_file means plain WS.
-  WsClient(std::uint16_t port, const std::string &ca_file, std::string path = "/")
+  WsClient(std::uint16_t port, const std::string &ca_file, std::string path)
       : port_(port), tls_(!ca_file.empty()), path_(std::move(path)) {
     lws_context_creation_info info{};
     info.port = CONTEXT_PORT_NO_LISTEN;
@@ -77,42 +82,28 @@ class WsClient {
   WsClient &operator=(const WsClient &) = delete;
 
   void send(std::string message) {
-    {
-      std::lock_guard lock(mu_);
-      outgoing_.push_back(std::move(message));
-    }
+    locked([&] { outgoing_.push_back(std::move(message)); });
     lws_cancel_service(ctx_);
   }
   bool wait_open() {
-    return wait([&] { return open_ || closed_; }) && open_;
+    return zxtest::wait_until([&] { return locked([&] { return open_ || closed_; }); }) &&
+           locked([&] { return open_; });
   }
   bool wait_closed() {
-    return wait([&] { return closed_; });
+    return zxtest::wait_until([&] { return locked([&] { return closed_; }); });
   }
   // Waits until `text` has arrived; everything up to and including it is consumed.
   bool wait_for(const std::string &text) {
-    return wait([&] {
-      const auto at = received_.find(text);
-      if (at == std::string::npos) return false;
-      received_.erase(0, at + text.size());
-      return true;
+    return zxtest::wait_until([&] {
+      return locked([&] {
+        const auto at = received_.find(text);
+        if (at != std::string::npos) received_.erase(0, at + text.size());
+        return at != std::string::npos;
+      });
     });
   }
 
  private:
-  template <typename Pred>
-  bool wait(Pred pred) {
-    std::unique_lock lock(mu_);
-    return changed_.wait_for(lock, kWait, pred);
-  }
-  void set(bool &flag) {
-    {
-      std::lock_guard lock(mu_);
-      flag = true;
-    }
-    changed_.notify_all();
-  }
-
   void run() {
     lws_client_connect_info ci{};
     ci.context = ctx_;
@@ -122,7 +113,7 @@ class WsClient {
     ci.host = ci.origin = "localhost";
     ci.ssl_connection = tls_ ? LCCSCF_USE_SSL : 0;
     ci.pwsi = &wsi_;
-    if (lws_client_connect_via_info(&ci) == nullptr) set(closed_);
+    if (lws_client_connect_via_info(&ci) == nullptr) locked([&] { closed_ = true; });
     while (!stop_ && lws_service(ctx_, 0) >= 0) {
     }
   }
@@ -134,27 +125,23 @@ class WsClient {
   int on_event(lws *wsi, lws_callback_reasons reason, void *in, std::size_t len) {
     switch (reason) {
       case LWS_CALLBACK_CLIENT_ESTABLISHED:
-        set(open_);
+        locked([&] { open_ = true; });
         break;
-      case LWS_CALLBACK_CLIENT_RECEIVE: {
-        std::lock_guard lock(mu_);
-        received_.append(static_cast<const char *>(in), len);
-      }
-        changed_.notify_all();
+      case LWS_CALLBACK_CLIENT_RECEIVE:
+        locked([&] { received_.append(static_cast<const char *>(in), len); });
         break;
       case LWS_CALLBACK_EVENT_WAIT_CANCELLED:
         if (wsi_ != nullptr) lws_callback_on_writable(wsi_);
         break;
       case LWS_CALLBACK_CLIENT_WRITEABLE: {
         std::string m;
-        bool more = false;
-        {
-          std::lock_guard lock(mu_);
-          if (outgoing_.empty()) break;
+        const bool more = locked([&] {
+          if (outgoing_.empty()) return false;
           m = std::move(outgoing_.front());
           outgoing_.pop_front();
-          more = !outgoing_.empty();
-        }
+          return !outgoing_.empty();
+        });
+        if (m.empty()) break;
         std::vector<unsigned char> buf(LWS_PRE + m.size());
         std::copy(m.begin(), m.end(), buf.begin() + LWS_PRE);
         if (lws_write(wsi, buf.data() + LWS_PRE, m.size(), LWS_WRITE_TEXT) < 0) return -1;
@@ -164,7 +151,7 @@ class WsClient {
       case LWS_CALLBACK_CLIENT_CONNECTION_ERROR:
       case LWS_CALLBACK_CLIENT_CLOSED:
         wsi_ = nullptr;
-        set(closed_);
+        locked([&] { closed_ = true; });
         break;
       default:
         break;
@@ -186,7 +173,6 @@ class WsClient {
   lws *wsi_ = nullptr;  // service thread only
 
   std::mutex mu_;  // guards what follows
-  std::condition_variable changed_;
   std::deque<std::string> outgoing_;
   std::string received_;
   bool open_ = false;
@@ -224,10 +210,6 @@ struct WsFixture : ::testing::TestWithParam<Transport> {
   TestPki pki;
 };
 
-std::string param_name(const ::testing::TestParamInfo<Transport> &info) {
-  return info.param == Transport::Ws ? "Ws" : "Wss";
-}
-
 TEST_P(WsFixture, ControlConnectionGetsReplyCommandsAndHeartbeats) {
   auto c = start();
   // Any path, no sub-protocol.
@@ -247,27 +229,15 @@ TEST_P(WsFixture, ControlConnectionGetsReplyCommandsAndHeartbeats) {
   EXPECT_NE(lines[0].conn_id, lines[2].conn_id);
 }
 
-// The collector's own beat runs off the library's timer, not off traffic.
-TEST_P(WsFixture, SendsItsOwnHeartbeatWhileIdle) {
-  zxref::Behaviour b;
-  b.heartbeat_interval = 20ms;
-  auto c = start(b);
-  auto client = connect(*c);
-  client->send(kCtrlRequest);
-  EXPECT_TRUE(client->wait_for(zxref::reply::ok()));
-  EXPECT_TRUE(client->wait_for(zxref::heartbeat_echo(1)));
-  EXPECT_TRUE(client->wait_for(zxref::heartbeat_echo(3)));
-}
-
 // Whatever way the bytes are cut into messages, the records are those a TCP read of the
 // same bytes gives.
 TEST_P(WsFixture, RecordsDecodeAsOverTcp) {
-  const std::string stream = kDataRequest + "99,NewConnection,FPGVersion:1.0\n\n" +
-                             "5,17,a/b.c\n6,18,x\n7,19,y\n" + "8,20,split/in/the/middle\n";
   const std::vector<std::string> messages = {
       kDataRequest,
       "99,NewConnection,FPGVersion:1.0\n\n5,17,a/b.c\n6,18,x\n7,19,y\n",  // several lines
       "8,20,split/", "in/the/", "middle\n"};
+  std::string stream;
+  for (const auto &m : messages) stream += m;
 
   auto tcp = zxtest::start_collector();
   ::close(send_over_tcp(tcp->port(), stream));
@@ -290,10 +260,12 @@ TEST_P(WsFixture, RecordsDecodeAsOverTcp) {
   EXPECT_EQ(h.of(ConnKind::Data).bytes, stream.size());
 }
 
-TEST_P(WsFixture, StallsAndClosesWhenTold) {
+// The collector's own beat runs off the library's timer, not off traffic.
+TEST_P(WsFixture, StallsBeatsAndClosesWhenTold) {
   zxref::Behaviour b;
   b.read_data = false;
   b.reply_bytes_per_write = 3;
+  b.heartbeat_interval = 20ms;
   auto c = start(b);
   auto data = connect(*c);
   data->send(kDataRequest);
@@ -303,6 +275,8 @@ TEST_P(WsFixture, StallsAndClosesWhenTold) {
   control->send(kCtrlRequest);
   // Each three-byte piece of the reply is a message of its own and still reads whole.
   EXPECT_TRUE(control->wait_for(zxref::reply::ok()));
+  EXPECT_TRUE(control->wait_for(zxref::heartbeat_echo(1)));
+  EXPECT_TRUE(control->wait_for(zxref::heartbeat_echo(3)));
   EXPECT_TRUE(c->records().empty());
 
   c->update_behaviour([](zxref::Behaviour &bb) { bb.read_data = true; });
@@ -312,9 +286,6 @@ TEST_P(WsFixture, StallsAndClosesWhenTold) {
   EXPECT_TRUE(control->wait_closed());
   EXPECT_TRUE(c->wait_for_closed(ConnKind::Control, 1, kWait));
 }
-
-INSTANTIATE_TEST_SUITE_P(Transports, WsFixture, ::testing::Values(Transport::Ws, Transport::Wss),
-                         param_name);
 
 // A client that connects and never finishes its handshake does not hold up stop().
 TEST_P(WsFixture, StopsWhileAHandshakeIsUnfinished) {
@@ -328,7 +299,18 @@ TEST_P(WsFixture, StopsWhileAHandshakeIsUnfinished) {
   ::close(fd);
 }
 
-TEST(WsCollectorStart, RefusesTlsWithoutAUsableCertificate) {
+INSTANTIATE_TEST_SUITE_P(Transports, WsFixture, ::testing::Values(Transport::Ws, Transport::Wss),
+                         [](const auto &p) { return p.param == Transport::Ws ? "Ws" : "Wss"; });
+
+bool verifies(const TestPki &pki, const std::string &cert, const std::string &host) {
+  const std::string cmd = "openssl verify -CAfile '" + pki.ca_file + "' -verify_ip " + host + " '" +
+                          cert + "' >/dev/null 2>&1";
+  return std::system(cmd.c_str()) == 0;
+}
+
+// The collector refuses TLS without a usable certificate, and the certificates the
+// agent's TLS tests rely on fail for the reason their names give.
+TEST(WssCertificates, CollectorRefusesUnusableOnesAndTestPkiFailsAsNamed) {
   TestPki pki;
   zxref::Config config;
   config.transport = Transport::Wss;
@@ -338,17 +320,7 @@ TEST(WsCollectorStart, RefusesTlsWithoutAUsableCertificate) {
   ReferenceCollector wrong_key(config);
   EXPECT_FALSE(wrong_key.start());
   EXPECT_NE(wrong_key.error(), "");
-}
 
-bool verifies(const TestPki &pki, const std::string &cert, const std::string &host) {
-  const std::string cmd = "openssl verify -CAfile '" + pki.ca_file + "' -verify_ip " + host + " '" +
-                          cert + "' >/dev/null 2>&1";
-  return std::system(cmd.c_str()) == 0;
-}
-
-// The certificates the agent's TLS tests rely on fail for the reason their names give.
-TEST(TestPkiTest, CertificatesVerifyOnlyWhereTheyShould) {
-  TestPki pki;
   EXPECT_TRUE(verifies(pki, pki.cert_file, "127.0.0.1"));
   EXPECT_FALSE(verifies(pki, pki.unknown_ca().cert_file, "127.0.0.1"));
   EXPECT_FALSE(verifies(pki, pki.wrong_host().cert_file, "127.0.0.1"));
