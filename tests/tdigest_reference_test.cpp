@@ -118,97 +118,62 @@ void expect_same(td_histogram_t *h, Reference &ref, const char *what) {
   }
 }
 
-// Feeds both sides, checking them against each other several times on the way.
-void run(double delta, int K, long points, const std::function<td_node_t(long)> &point,
-         const char *what) {
-  td_histogram_ptr h(td_new(delta, K));
-  Reference ref(*h);
-  for (long i = 1; i <= points; ++i) {
-    const td_node_t p = point(i);
-    ASSERT_EQ(td_add(h.get(), p.mean, p.count), 0);
-    ref.add(p.mean, p.count);
-    if (i % (points / 3) == 0) expect_same(h.get(), ref, what);
-  }
-}
-
+// Each case feeds both sides, checking them against each other several times
+// on the way; each drives the digest down another of its paths.
 TEST(TDigestReference, SameNodesAndValuesAsThePlainRules) {
   std::mt19937_64 rng(5);
-  std::lognormal_distribution<double> lognormal(5, 1.5);
+  std::lognormal_distribution<double> lognormal(5, 1.5), lognormal1(5, 1);
   std::uniform_real_distribution<double> uniform(-1000, 1000);
   std::uniform_int_distribution<int> weight(1, 5000);
-  // Weight 1 through several full-buffer merges: the key-only sort.
-  run(
-      0.01, 100, 200000,
-      [&](long) {
-        return td_node_t{lognormal(rng), 1};
-      },
-      "lognormal");
-  // Whole milliseconds: many equal means, merged centroids among them.
-  run(
-      0.01, 100, 150000,
-      [&](long) {
-        return td_node_t{std::round(lognormal(rng)), 1};
-      },
-      "ties");
-  // Mixed weights (whole-node sort) on a small buffer, with signed zeros.
-  run(
-      0, 200, 50000,
-      [&](long i) {
-        return td_node_t{i % 97 == 0 ? (i % 2 ? -0.0 : 0.0) : uniform(rng),
-                         static_cast<double>(weight(rng))};
-      },
-      "weighted");
-  // Fractional and huge weights: the quantile walk cannot skip blocks.
-  run(
-      0, 300, 20000,
-      [&](long i) {
-        return td_node_t{uniform(rng), i % 5 == 0 ? 0.5 : (i % 7 == 0 ? 1e10 : 1)};
-      },
-      "fractional");
-  // Means a few ulps apart among spread ones: the high-byte sort leaves the
-  // cluster unordered and the insertion finish must hand over to full passes.
-  run(
-      0.01, 100, 130000,
-      [&](long i) {
-        return td_node_t{i % 2 ? 100.0 + static_cast<double>(rng() % 4096) * 1e-13 : lognormal(rng),
-                         1};
-      },
-      "crowded");
-}
-
-// td_value_at answers from an index of node centres when it can; each case
-// here drives it down another of its paths.
-TEST(TDigestReference, QuantileIndexAnswersAsTheWalk) {
-  std::mt19937_64 rng(13);
-  std::lognormal_distribution<double> lognormal(5, 1);
-  std::uniform_real_distribution<double> uniform(-2000, 2000);
-  run(
-      1, 100, 100000,
-      [&](long) {
-        return td_node_t{lognormal(rng), 1};
-      },
-      "compression 100");
-  // A real mean equal to the walk's "no previous node" marker.
-  run(
-      0, 200, 20000,
-      [&](long i) {
-        return td_node_t{i % 13 == 0 ? -999.0 : uniform(rng), 1};
-      },
-      "marker means");
-  // Half and zero counts: the index follows the walk's truncated sums.
-  run(
-      0, 300, 20000,
-      [&](long i) {
-        return td_node_t{uniform(rng), i % 3 == 0 ? 0.5 : (i % 3 == 1 ? 0 : 1)};
-      },
-      "fractional counts");
-  // Whole counts, too heavy to fold, whose sums pass 2^53 and round.
-  run(
-      0.01, 100, 30,
-      [&](long i) {
-        return td_node_t{uniform(rng), i % 2 ? 1e15 + 1 : 3};
-      },
-      "huge sums");
+  auto point = [&](double mean, double count) { return td_node_t{mean, count}; };
+  const struct {
+    const char *what;
+    double delta;
+    int K;
+    long points;
+    std::function<td_node_t(long)> point;
+  } cases[] = {
+      // Weight 1 through several full-buffer merges: the key-only sort.
+      {"lognormal", 0.01, 100, 200000, [&](long) { return point(lognormal(rng), 1); }},
+      // Whole milliseconds: many equal means, merged centroids among them.
+      {"ties", 0.01, 100, 150000, [&](long) { return point(std::round(lognormal(rng)), 1); }},
+      // Mixed weights (whole-node sort) on a small buffer, with signed zeros.
+      {"weighted", 0, 200, 50000,
+       [&](long i) {
+         return point(i % 97 == 0 ? (i % 2 ? -0.0 : 0.0) : uniform(rng), weight(rng));
+       }},
+      // Fractional and huge weights: the quantile walk cannot skip blocks.
+      {"fractional", 0, 300, 20000,
+       [&](long i) { return point(uniform(rng), i % 5 == 0 ? 0.5 : (i % 7 == 0 ? 1e10 : 1)); }},
+      // Means a few ulps apart among spread ones: the high-byte sort leaves the
+      // cluster unordered and the insertion finish must hand over to full passes.
+      {"crowded", 0.01, 100, 130000,
+       [&](long i) {
+         return point(i % 2 ? 100.0 + static_cast<double>(rng() % 4096) * 1e-13 : lognormal(rng),
+                      1);
+       }},
+      // The quantile index of node centres at compression 100.
+      {"compression 100", 1, 100, 100000, [&](long) { return point(lognormal1(rng), 1); }},
+      // A real mean equal to the walk's "no previous node" marker.
+      {"marker means", 0, 200, 20000,
+       [&](long i) { return point(i % 13 == 0 ? -999.0 : 2 * uniform(rng), 1); }},
+      // Half and zero counts: the index follows the walk's truncated sums.
+      {"fractional counts", 0, 300, 20000,
+       [&](long i) { return point(2 * uniform(rng), i % 3 == 0 ? 0.5 : (i % 3 == 1 ? 0 : 1)); }},
+      // Whole counts, too heavy to fold, whose sums pass 2^53 and round.
+      {"huge sums", 0.01, 100, 30,
+       [&](long i) { return point(2 * uniform(rng), i % 2 ? 1e15 + 1 : 3); }},
+  };
+  for (const auto &c : cases) {
+    td_histogram_ptr h(td_new(c.delta, c.K));
+    Reference ref(*h);
+    for (long i = 1; i <= c.points; ++i) {
+      const td_node_t p = c.point(i);
+      ASSERT_EQ(td_add(h.get(), p.mean, p.count), 0);
+      ref.add(p.mean, p.count);
+      if (i % (c.points / 3) == 0) expect_same(h.get(), ref, c.what);
+    }
+  }
 }
 
 TEST(TDigestReference, MergeMatchesAddingTheCentroids) {
