@@ -1,24 +1,18 @@
 // The reference collector over WebSocket and TLS-wrapped WebSocket: the same protocol
-// handling as over TCP, reached through a plain libwebsockets client.
-#include <arpa/inet.h>
-#include <netinet/in.h>
-#include <sys/socket.h>
-#include <unistd.h>
-
+// handling as over TCP, whatever way the bytes are cut into messages.
 #include <gtest/gtest.h>
 
-#include <atomic>
 #include <cstdlib>
-#include <deque>
-#include <mutex>
+#include <memory>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include <libwebsockets.h>
 
+#include "ZXSocketManager.h"
 #include "reference_collector.h"
 #include "test_support.h"
+#include "zxlb_apr.h"
 
 namespace {
 
@@ -33,150 +27,49 @@ constexpr auto kWait = 10s;
 const std::string kCtrlRequest = "zx_ctrl_msg_req:appName=app;tierName=t;protoVer=1 \n";
 const std::string kDataRequest = "zx_data_msg_req:appName=app;appID=1;testIdx=3;pid=42\n";
 
-// A loopback connection that has sent `bytes`; the caller closes it.
-int send_over_tcp(std::uint16_t port, const std::string &bytes) {
-  const int fd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-  sockaddr_in addr{};
-  addr.sin_family = AF_INET;
-  addr.sin_port = htons(port);
-  addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  EXPECT_EQ(::connect(fd, reinterpret_cast<sockaddr *>(&addr), sizeof addr), 0);
-  EXPECT_EQ(::send(fd, bytes.data(), bytes.size(), MSG_NOSIGNAL),
-            static_cast<ssize_t>(bytes.size()));
-  return fd;
-}
-
-// The agent's end: one connection on a service thread of its own. Messages go out whole,
-// in order; what arrives is kept as one byte stream.
-class WsClient {
-  template <typename F>
-  auto locked(F f) {
-    std::lock_guard lock(mu_);
-    return f();
-  }
-
+// The agent's end, over the agent's own connection for the protocol (1 TCP,
+// 2 WS, 3 WSS): over WS each send goes out as one message; what arrives is
+// one byte stream.
+class Client {
  public:
-  // An empty ca_file means plain WS.
-  WsClient(std::uint16_t port, const std::string &ca_file, std::string path)
-      : port_(port), tls_(!ca_file.empty()), path_(std::move(path)) {
-    lws_context_creation_info info{};
-    info.port = CONTEXT_PORT_NO_LISTEN;
-    info.protocols = kProtocols;
-    info.user = this;
-    if (tls_) {
-      info.options = LWS_SERVER_OPTION_DO_SSL_GLOBAL_INIT;
-      info.client_ssl_ca_filepath = ca_file.c_str();
-    }
-    ctx_ = lws_create_context(&info);
-    EXPECT_NE(ctx_, nullptr);
-    if (ctx_ != nullptr) thread_ = std::thread([this] { run(); });
+  Client(int protocol, std::uint16_t port, const std::string &ca_file = "") {
+    ZXTlsSettings tls;
+    tls.caFile = ca_file;
+    char err[256] = "";
+    const apr_interval_time_t timeout = apr_time_from_sec(5);
+    conn_ =
+        zx_open_connection(protocol, "127.0.0.1", port, timeout, timeout, err, sizeof err, {}, tls);
+    EXPECT_TRUE(conn_) << err;
   }
-  ~WsClient() {
-    stop_ = true;
-    if (ctx_ == nullptr) return;
-    lws_cancel_service(ctx_);
-    thread_.join();
-    lws_context_destroy(ctx_);
+  void send(const std::string &message) {
+    char err[256] = "";
+    ASSERT_TRUE(conn_);
+    EXPECT_EQ(conn_->send_all(message.data(), message.size(), err, sizeof err), 0) << err;
   }
-  WsClient(const WsClient &) = delete;
-  WsClient &operator=(const WsClient &) = delete;
-
-  void send(std::string message) {
-    locked([&] { outgoing_.push_back(std::move(message)); });
-    lws_cancel_service(ctx_);
-  }
-  bool wait_open() {
-    return zxtest::wait_until([&] { return locked([&] { return open_ || closed_; }); }) &&
-           locked([&] { return open_; });
-  }
-  bool wait_closed() {
-    return zxtest::wait_until([&] { return locked([&] { return closed_; }); });
-  }
-  // Waits until `text` has arrived; everything up to and including it is consumed.
+  // Waits until `text` has arrived, consuming everything up to and including
+  // it; with an empty `text`, until the peer closes.
   bool wait_for(const std::string &text) {
-    return zxtest::wait_until([&] {
-      return locked([&] {
-        const auto at = received_.find(text);
-        if (at != std::string::npos) received_.erase(0, at + text.size());
-        return at != std::string::npos;
-      });
-    });
+    char buf[4096], err[256];
+    for (const auto deadline = Clock::now() + kWait; conn_ && Clock::now() < deadline;) {
+      const auto at = text.empty() ? std::string::npos : received_.find(text);
+      if (at != std::string::npos) {
+        received_.erase(0, at + text.size());
+        return true;
+      }
+      if (conn_->wait_readable(apr_time_from_msec(50), err, sizeof err) ==
+          ZXConnection::Wait::Error)
+        return text.empty();
+      const long n = conn_->receive(buf, sizeof buf, err, sizeof err);
+      if (n < 0) return text.empty();
+      received_.append(buf, static_cast<std::size_t>(n));
+    }
+    return false;
   }
 
  private:
-  void run() {
-    lws_client_connect_info ci{};
-    ci.context = ctx_;
-    ci.address = "127.0.0.1";
-    ci.port = port_;
-    ci.path = path_.c_str();
-    ci.host = ci.origin = "localhost";
-    ci.ssl_connection = tls_ ? LCCSCF_USE_SSL : 0;
-    ci.pwsi = &wsi_;
-    if (lws_client_connect_via_info(&ci) == nullptr) locked([&] { closed_ = true; });
-    while (!stop_ && lws_service(ctx_, 0) >= 0) {
-    }
-  }
-
-  static int callback(lws *wsi, lws_callback_reasons reason, void *, void *in, std::size_t len) {
-    auto *self = static_cast<WsClient *>(lws_context_user(lws_get_context(wsi)));
-    return self == nullptr ? 0 : self->on_event(wsi, reason, in, len);
-  }
-  int on_event(lws *wsi, lws_callback_reasons reason, void *in, std::size_t len) {
-    switch (reason) {
-      case LWS_CALLBACK_CLIENT_ESTABLISHED:
-        locked([&] { open_ = true; });
-        break;
-      case LWS_CALLBACK_CLIENT_RECEIVE:
-        locked([&] { received_.append(static_cast<const char *>(in), len); });
-        break;
-      case LWS_CALLBACK_EVENT_WAIT_CANCELLED:
-        if (wsi_ != nullptr) lws_callback_on_writable(wsi_);
-        break;
-      case LWS_CALLBACK_CLIENT_WRITEABLE: {
-        std::string m;
-        const bool more = locked([&] {
-          if (outgoing_.empty()) return false;
-          m = std::move(outgoing_.front());
-          outgoing_.pop_front();
-          return !outgoing_.empty();
-        });
-        if (m.empty()) break;
-        std::vector<unsigned char> buf(LWS_PRE + m.size());
-        std::copy(m.begin(), m.end(), buf.begin() + LWS_PRE);
-        if (lws_write(wsi, buf.data() + LWS_PRE, m.size(), LWS_WRITE_TEXT) < 0) return -1;
-        if (more) lws_callback_on_writable(wsi);
-        break;
-      }
-      case LWS_CALLBACK_CLIENT_CONNECTION_ERROR:
-      case LWS_CALLBACK_CLIENT_CLOSED:
-        wsi_ = nullptr;
-        locked([&] { closed_ = true; });
-        break;
-      default:
-        break;
-    }
-    return 0;
-  }
-
-  static constexpr lws_protocols kProtocols[] = {
-      {"zx-test-client", callback, 0, 65536, 0, nullptr, 0},
-      {nullptr, nullptr, 0, 0, 0, nullptr, 0},
-  };
-
-  int port_;
-  bool tls_;
-  std::string path_;
-  lws_context *ctx_ = nullptr;
-  std::thread thread_;
-  std::atomic<bool> stop_{false};
-  lws *wsi_ = nullptr;  // service thread only
-
-  std::mutex mu_;  // guards what follows
-  std::deque<std::string> outgoing_;
+  zx::AprSession apr_;  // the connection's pools need APR
+  std::unique_ptr<ZXConnection> conn_;
   std::string received_;
-  bool open_ = false;
-  bool closed_ = false;
 };
 
 // The library's notices would bury the test output; warnings and errors stay.
@@ -201,10 +94,8 @@ struct WsFixture : ::testing::TestWithParam<Transport> {
     EXPECT_TRUE(c->start()) << c->error();
     return c;
   }
-  std::unique_ptr<WsClient> connect(ReferenceCollector &c, const std::string &path = "/") {
-    auto client = std::make_unique<WsClient>(c.port(), tls() ? pki.ca_file : "", path);
-    EXPECT_TRUE(client->wait_open());
-    return client;
+  std::unique_ptr<Client> connect(ReferenceCollector &c) {
+    return std::make_unique<Client>(tls() ? 3 : 2, c.port(), tls() ? pki.ca_file : "");
   }
 
   TestPki pki;
@@ -212,9 +103,8 @@ struct WsFixture : ::testing::TestWithParam<Transport> {
 
 TEST_P(WsFixture, ControlConnectionGetsReplyCommandsAndHeartbeats) {
   auto c = start();
-  // Any path, no sub-protocol.
-  for (const char *path : {"/", "/any/path?x=1"}) {
-    auto client = connect(*c, path);
+  for (int conn = 0; conn < 2; ++conn) {
+    auto client = connect(*c);
     // The request split inside its line, a heartbeat in the same message as its end.
     client->send(kCtrlRequest.substr(0, 20));
     client->send(kCtrlRequest.substr(20) + "zx_control_req:action=reconnect;heartBeat 7;\n");
@@ -240,7 +130,7 @@ TEST_P(WsFixture, RecordsDecodeAsOverTcp) {
   for (const auto &m : messages) stream += m;
 
   auto tcp = zxtest::start_collector();
-  ::close(send_over_tcp(tcp->port(), stream));
+  Client(1, tcp->port()).send(stream);
   auto c = start();
   auto client = connect(*c);
   for (const auto &m : messages) client->send(m);
@@ -283,7 +173,7 @@ TEST_P(WsFixture, StallsBeatsAndClosesWhenTold) {
   EXPECT_TRUE(c->wait_for_record(5, kWait).has_value());
 
   EXPECT_EQ(c->close_connections(ConnKind::Control), 1u);
-  EXPECT_TRUE(control->wait_closed());
+  EXPECT_TRUE(control->wait_for(""));
   EXPECT_TRUE(c->wait_for_closed(ConnKind::Control, 1, kWait));
 }
 
@@ -291,12 +181,11 @@ TEST_P(WsFixture, StallsBeatsAndClosesWhenTold) {
 TEST_P(WsFixture, StopsWhileAHandshakeIsUnfinished) {
   auto c = start();
   // The start of a TLS record, or of an upgrade request.
-  const int fd =
-      send_over_tcp(c->port(), tls() ? std::string("\x16\x03\x01\x02", 4) : "GET / HTTP/1.1\r\n");
+  Client held_open(1, c->port());
+  held_open.send(tls() ? std::string("\x16\x03\x01\x02", 4) : "GET / HTTP/1.1\r\n");
   const auto t0 = Clock::now();
   c->stop();
   EXPECT_LT(Clock::now() - t0, 2s);
-  ::close(fd);
 }
 
 INSTANTIATE_TEST_SUITE_P(Transports, WsFixture, ::testing::Values(Transport::Ws, Transport::Wss),
