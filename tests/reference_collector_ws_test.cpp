@@ -2,7 +2,6 @@
 // handling as over TCP, whatever way the bytes are cut into messages.
 #include <gtest/gtest.h>
 
-#include <cstdlib>
 #include <memory>
 #include <string>
 #include <vector>
@@ -191,15 +190,7 @@ TEST_P(WsFixture, StopsWhileAHandshakeIsUnfinished) {
 INSTANTIATE_TEST_SUITE_P(Transports, WsFixture, ::testing::Values(Transport::Ws, Transport::Wss),
                          [](const auto &p) { return p.param == Transport::Ws ? "Ws" : "Wss"; });
 
-bool verifies(const TestPki &pki, const std::string &cert, const std::string &host) {
-  const std::string cmd = "openssl verify -CAfile '" + pki.ca_file + "' -verify_ip " + host + " '" +
-                          cert + "' >/dev/null 2>&1";
-  return std::system(cmd.c_str()) == 0;
-}
-
-// The collector refuses TLS without a usable certificate, and the certificates the
-// agent's TLS tests rely on fail for the reason their names give.
-TEST(WssCertificates, CollectorRefusesUnusableOnesAndTestPkiFailsAsNamed) {
+TEST(WssCollector, RefusesToStartWithoutAUsableCertificate) {
   TestPki pki;
   zxref::Config config;
   config.transport = Transport::Wss;
@@ -209,12 +200,6 @@ TEST(WssCertificates, CollectorRefusesUnusableOnesAndTestPkiFailsAsNamed) {
   ReferenceCollector wrong_key(config);
   EXPECT_FALSE(wrong_key.start());
   EXPECT_NE(wrong_key.error(), "");
-
-  EXPECT_TRUE(verifies(pki, pki.cert_file, "127.0.0.1"));
-  EXPECT_FALSE(verifies(pki, pki.unknown_ca().cert_file, "127.0.0.1"));
-  EXPECT_FALSE(verifies(pki, pki.wrong_host().cert_file, "127.0.0.1"));
-  EXPECT_TRUE(verifies(pki, pki.wrong_host().cert_file, "192.0.2.1"));
-  EXPECT_FALSE(verifies(pki, pki.expired().cert_file, "127.0.0.1"));
 }
 
 }  // namespace
