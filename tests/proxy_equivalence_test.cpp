@@ -36,11 +36,6 @@ namespace {
 constexpr int kThreads = 3;
 constexpr int kPerThread = 40;
 
-// What a script run leaves besides its records.
-struct ScriptOutput {
-  std::vector<std::string> tierHeaders;  // per thread, in call order
-};
-
 // One request of kind i % 7 on thread t; times are T0-relative and given.
 void request(ZXProxyInstance_t &app, long long T0, int t, int i, std::string &tierHeader) {
   const long long tid = 100 + t;
@@ -112,16 +107,16 @@ void request(ZXProxyInstance_t &app, long long T0, int t, int i, std::string &ti
   releaseFP(&app, r);
 }
 
-ScriptOutput runScript(ZXProxyInstance_t &app, long long T0) {
-  ScriptOutput out;
-  out.tierHeaders.resize(kThreads);
+// The script on kThreads threads; each thread's outgoing tier headers, in call order.
+std::vector<std::string> runScript(ZXProxyInstance_t &app, long long T0) {
+  std::vector<std::string> tierHeaders(kThreads);
   std::vector<std::thread> threads;
   for (int t = 0; t < kThreads; ++t)
     threads.emplace_back([&, t] {
-      for (int i = 0; i < kPerThread; ++i) request(app, T0, t, i, out.tierHeaders[t]);
+      for (int i = 0; i < kPerThread; ++i) request(app, T0, t, i, tierHeaders[t]);
     });
   for (auto &th : threads) th.join();
-  return out;
+  return tierHeaders;
 }
 
 // An engine ready to trace (or, in proxy mode, to send frames).
@@ -248,7 +243,7 @@ TEST(ProxyEquivalence, FramesReplayedInTheProxyWriteWhatTracingInProcessWrites) 
   const long long T0 = my_gettimeofday();
   zxtest::ScopedApp local;
   prepare(*local, false);
-  const ScriptOutput traced = runScript(*local, T0);
+  const auto traced = runScript(*local, T0);
   const Learned expected = learn(zxtest::drain_records(*local), *local);
   free_fpi_tls_map(*local);
   ASSERT_EQ(expected.flowpaths.size(), static_cast<std::size_t>(kThreads * kPerThread));
@@ -263,12 +258,12 @@ TEST(ProxyEquivalence, FramesReplayedInTheProxyWriteWhatTracingInProcessWrites) 
 
   zxtest::ScopedApp proc("", false);
   prepare(*proc, true);
-  const ScriptOutput sent = runScript(*proc, T0);
+  const auto sent = runScript(*proc, T0);
   const std::string frames = zxtest::drain_records(*proc);
   EXPECT_EQ(readSendCounts(proc->sendBuffers).lost(), 0u);
   for (int t = 0; t < kThreads; ++t) {
-    EXPECT_EQ(headerSequences(sent.tierHeaders[t]), headerSequences(traced.tierHeaders[t]));
-    EXPECT_EQ(headerSequences(sent.tierHeaders[t]).size(), (kPerThread + 5) / 7u);
+    EXPECT_EQ(headerSequences(sent[t]), headerSequences(traced[t]));
+    EXPECT_EQ(headerSequences(sent[t]).size(), (kPerThread + 5) / 7u);
   }
 
   std::mt19937 rng(7);
