@@ -170,11 +170,9 @@ TEST(FlowpathRecords, StoreJoinsBlocksAndNames) {
   EXPECT_EQ(store.names().method(99), "method#99");
 
   const std::string text = zxref::render_flowpath(fp, store.names());
-  EXPECT_NE(text.find("/shop/cart"), std::string::npos) << text;
-  EXPECT_NE(text.find("status 500 (error), 812 ms"), std::string::npos) << text;
-  EXPECT_NE(text.find("\n      Cart.load(int a;char b)void  +1 ms, 20 ms\n"), std::string::npos)
-      << text;
-  EXPECT_NE(text.find("\n          -> database, 7 ms at +2 ms, query #5\n"
+  EXPECT_NE(text.find("\n      Cart.load(int a;char b)void  +1 ms, 20 ms\n"
+                      "        orders-db  +2 ms, 7 ms\n"
+                      "          -> database, 7 ms at +2 ms, query #5\n"
                       "        -> HTTP payments, 3 ms at +9 ms, FAILED 502\n"
                       "        method#4  +12 ms, 1 ms\n"),
             std::string::npos)
