@@ -35,7 +35,6 @@ TEST(KeywordTable, RowIndicesAndConvertersHoldTheProtocol) {
                                                {"agenttracelevel", -1},  // case-sensitive
                                                {nullptr, -1}};
   for (auto [name, index] : rows) EXPECT_EQ(NameToIndex(name), index) << (name ? name : "null");
-  EXPECT_EQ(keywordsMap[123].offset, 1104);
 
   // Each converter writes exactly its width (little-endian), text padded, never terminated.
   auto written = [](auto fn, const char *value, int len) {
@@ -55,13 +54,21 @@ TEST(KeywordTable, RowIndicesAndConvertersHoldTheProtocol) {
   EXPECT_EQ(written(fill_char_data, "0123456789ABC", 10), "0123456789\xAB"s);
 }
 
-TEST(ClientMessage, FieldRowsReachTheirRecords) {
+TEST(ClientMessage, FieldParserAndInertRows) {
   ScopedApp app;
+  unsigned char before[sizeof(ZXSys_t)];
+  memcpy(before, static_cast<const void *>(&app->ZXSys), sizeof before);
+  apply(start_msg("ZXTGFlushInterval=5;enableZXTGDataTransfer=1;ZXTGLogPath=/x"));
+  EXPECT_EQ(memcmp(before, static_cast<const void *>(&app->ZXSys), sizeof before), 0)
+      << "inert rows change nothing";
+
   apply(start_msg(
       "captureMethodForAllFP=65537;fileBasedKeywordMode=1;zxEnableDebugMode=258;"
       "BCITraceMaxSize=123456789012;autoInstrSampleInterval=7;autoInstrSampleThreshold=9;"
       "autoInstrPct=12.5;status=running;fpVersionID=2.0;maxCharInSeqBlob=77;interfaceTraceLevel=3;"
-      "appID=5;TimeStampDiff=-42;setthresholdTime=2;InstrTraceLevel=4"));
+      "appID=5;TimeStampDiff=-42;setthresholdTime=2;InstrTraceLevel=4;morEpochDiff=1500;"
+      "appName=shop;tierName=web;zxAppServerHost=h1;zxAgentDebugLogging=2;testIdx=12;"
+      "enableBTMonitor=1;maxBTCount=300"));
   EXPECT_EQ(app->ZXSys.captureMethodForAllFP, 1);
   EXPECT_EQ(app->ZXBCISetting.fileBasedKeywordMode, '1');
   EXPECT_EQ(app->ZXSys.dumpDebugData, 2);
@@ -76,6 +83,23 @@ TEST(ClientMessage, FieldRowsReachTheirRecords) {
   EXPECT_EQ(app->Server.diffTimeFromZXC, -42);
   EXPECT_EQ(app->Server.dumpremainingtstime, 2);
   EXPECT_EQ(app->Server.setInstrumentTraceLevel, '4');
+
+  EXPECT_EQ(app->Server.morEpochDiffTime, 1500000);
+  EXPECT_EQ(app->Server.originalMorEpochDiffTime, 1500000);
+  EXPECT_EQ(app->Server.changeOriginalTime, 1);
+  EXPECT_STREQ(app->ZXBCISetting.appName.get(), "shop");
+  EXPECT_STREQ(app->ZXBCISetting.tierName.get(), "web");
+  EXPECT_STREQ(app->ZXBCISetting.appServerName.get(), "h1");
+  EXPECT_EQ(app->ZXSys.sendLogsToProxy, 2);
+  EXPECT_EQ(app->Server.TestRunIDValue, 12);
+  EXPECT_STREQ(featureKeywordValue(*tlzxApplication, "maxBTCount"), "300");
+
+  apply(start_msg("morEpochDiff=0"));
+  EXPECT_EQ(app->Server.changeOriginalTime, 0);
+
+  zxlb_init_all_keywords(*tlzxApplication);
+  EXPECT_EQ(app->Server.morEpochDiffTime, 0) << "a new run starts from the defaults";
+  EXPECT_EQ(featureKeywordValue(*tlzxApplication, "maxBTCount"), nullptr);
 }
 
 TEST(ClientMessage, WhichMessagesApplyAndWhereTheyStop) {
@@ -101,38 +125,6 @@ TEST(ClientMessage, WhichMessagesApplyAndWhereTheyStop) {
   app->ZXSys.closeCtrlConFlag = 1;
   apply(start_msg("AgentTraceLevel=2"));
   EXPECT_EQ(app->ZXSys.agentTraceLevel, 1);
-}
-
-TEST(ClientMessage, ParserRowsAndInertRows) {
-  ScopedApp app;
-  unsigned char before[sizeof(ZXSys_t)];
-  memcpy(before, static_cast<const void *>(&app->ZXSys), sizeof before);
-  apply(start_msg("ZXTGFlushInterval=5;enableZXTGDataTransfer=1;ZXTGLogPath=/x"));
-  EXPECT_EQ(memcmp(before, static_cast<const void *>(&app->ZXSys), sizeof before), 0)
-      << "inert rows change nothing";
-
-  apply(
-      start_msg("morEpochDiff=1500;appName=shop;tierName=web;zxAppServerHost=h1;"
-                "zxAgentDebugLogging=2;testIdx=12;enableBTMonitor=1;maxBTCount=300"));
-  EXPECT_EQ(app->Server.morEpochDiffTime, 1500000);
-  EXPECT_EQ(app->Server.originalMorEpochDiffTime, 1500000);
-  EXPECT_EQ(app->Server.changeOriginalTime, 1);
-  EXPECT_STREQ(app->ZXBCISetting.appName.get(), "shop");
-  EXPECT_STREQ(app->ZXBCISetting.tierName.get(), "web");
-  EXPECT_STREQ(app->ZXBCISetting.appServerName.get(), "h1");
-  EXPECT_EQ(app->ZXSys.sendLogsToProxy, 2);
-  EXPECT_EQ(app->Server.TestRunIDValue, 12);
-  EXPECT_STREQ(featureKeywordValue(*tlzxApplication, "maxBTCount"), "300");
-
-  apply(start_msg("morEpochDiff=0"));
-  EXPECT_EQ(app->Server.changeOriginalTime, 0);
-
-  zxlb_init_all_keywords(*tlzxApplication);
-  EXPECT_EQ(app->Server.originalMorEpochDiffTime, ZX_ORIGINAL_EPOCH_DIFF_MS);
-  EXPECT_EQ(app->Server.morEpochDiffTime, 0);
-  EXPECT_STREQ(app->Server.fpgVID, "1.0");
-  EXPECT_EQ(app->ZXSettings.zxVectorSeperator, '>');
-  EXPECT_EQ(featureKeywordValue(*tlzxApplication, "maxBTCount"), nullptr);
 }
 
 std::string g_seen;
