@@ -61,13 +61,6 @@ class BTRules : public ::testing::Test {
 TEST_F(BTRules, WithoutFilesTheDefaultGlobalRuleNamesByTwoSegmentsAndHeader) {
   start("");
   EXPECT_EQ(rules().bt_rule, 0);
-  const ZXBTGlobalRule &g = *rules().global_rule;
-  EXPECT_EQ(g.rule_mode, 4);
-  EXPECT_EQ(g.include_uri_in_name_order, 1);
-  EXPECT_EQ(g.include_uri_in_name_segment, 2);
-  EXPECT_EQ(g.seg_type, ZXBT_SEG_HEADER);
-  EXPECT_STREQ(g.header, "CustomeHeader");
-
   EXPECT_EQ(name_of("/a/b/c"), "/a/b#2");
   EXPECT_EQ(name_of("/a/b/d"), "/a/b#2") << "same name, same object";
   EXPECT_EQ(name_of("/a/b/c", "", "X=1&CustomeHeader=v1&Y=2"), "/a/b.v1#3");
@@ -130,7 +123,6 @@ TEST_F(BTRules, GlobalRuleNamingSources) {
   EXPECT_EQ(run("1|1|n|d|-|-|Request-Header|h|-", "/a", nullptr, nullptr, "v"), "/a.v");
   EXPECT_EQ(run("1|2|n|d|FromFirst|3|Request-URI-Segments-Numbers|1%2C3|-", "/a/b/c/d"), "/a/c");
   EXPECT_EQ(run("1|2|n|d|FromFirst|3|Request-URI-Segments-Numbers|1%2C9|-", "/a/b/c/d"), "/a");
-  EXPECT_EQ(set.global_rule->rule_mode, 4);
   EXPECT_EQ(run("1|2|n|d|FromFirst|3|Request-URI-Segments-Numbers|-|-", "/a/b/c"), "/a/b");
   EXPECT_EQ(run("1|9|n|d|-|-|-|-|-", "/a"), "(null)") << "unknown rule mode names nothing";
   // Eight fields: the default line instead.
