@@ -22,65 +22,53 @@ void apply(std::string msg) {
   findStatusFromClientMsg(*tlzxApplication, msg.data());
 }
 
-TEST(KeywordTable, ShapeOfTheTable) {
+TEST(KeywordTable, RowIndicesAndConvertersHoldTheProtocol) {
   std::set<std::string> names;
   for (const auto &row : keywordsMap) names.insert(row.name);
   EXPECT_EQ(names.size(), static_cast<size_t>(ZX_KEYWORD_COUNT));
   // Row indices are part of the protocol (file keyword 0 and 1, ...).
-  EXPECT_EQ(NameToIndex("BTRuleConfig"), 0);
-  EXPECT_EQ(NameToIndex("BTTConfig"), 1);
-  EXPECT_EQ(NameToIndex("status"), 16);
-  EXPECT_EQ(NameToIndex("ZXTGFlushInterval"), 123);
-  EXPECT_EQ(keywordsMap[123].offset, 1104);
-  EXPECT_EQ(NameToIndex("enableCaptureDataOutsideTxn"), 132);
-  EXPECT_EQ(NameToIndex("agenttracelevel"), -1) << "case-sensitive";
-  EXPECT_EQ(NameToIndex(nullptr), -1);
-}
+  const std::pair<const char *, int> rows[] = {{"BTRuleConfig", 0},
+                                               {"BTTConfig", 1},
+                                               {"status", 16},
+                                               {"ZXTGFlushInterval", 123},
+                                               {"enableCaptureDataOutsideTxn", 132},
+                                               {"agenttracelevel", -1},  // case-sensitive
+                                               {nullptr, -1}};
+  for (auto [name, index] : rows) EXPECT_EQ(NameToIndex(name), index) << (name ? name : "null");
 
-TEST(Converters, WriteExactlyTheirWidth) {
-  alignas(8) unsigned char buf[16];
-  auto fill = [&](auto fn, const char *value, int len) {
+  // Each converter writes exactly its width (little-endian), text padded, never terminated.
+  auto written = [](auto fn, const char *value, int len) {
+    alignas(8) char buf[16];
     memset(buf, 0xAB, sizeof buf);
     fn(buf, value, len);
+    return std::string(buf, static_cast<size_t>(len) + 1);
   };
-  fill(fill_int_data, "65537", 2);
-  EXPECT_EQ(buf[0], 1);
-  EXPECT_EQ(buf[1], 0);
-  EXPECT_EQ(buf[2], 0xAB);
-  fill(fill_int_data, "-1", 1);
-  EXPECT_EQ(buf[0], 0xFF);
-  EXPECT_EQ(buf[1], 0xAB);
-  fill(fill_long_long_data, "4294967296", 8);
-  long long ll;
-  memcpy(&ll, buf, 8);
-  EXPECT_EQ(ll, 4294967296LL);
-  EXPECT_EQ(buf[8], 0xAB);
-  fill(fill_double_data, "0.25", 8);
-  double d;
-  memcpy(&d, buf, 8);
-  EXPECT_EQ(d, 0.25);
-  fill(fill_double_data, "junk", 8);
-  memcpy(&d, buf, 8);
-  EXPECT_EQ(d, 0.0);
-  // Text: the width is written, a short value is padded, nothing is added.
-  fill(fill_char_data, "1", 1);
-  EXPECT_EQ(buf[0], 0x31);
-  EXPECT_EQ(buf[1], 0xAB);
-  fill(fill_char_data, "ab", 10);
-  EXPECT_EQ(memcmp(buf, "ab\0\0\0\0\0\0\0\0", 10), 0);
-  EXPECT_EQ(buf[10], 0xAB);
-  fill(fill_char_data, "0123456789ABC", 10);
-  EXPECT_EQ(memcmp(buf, "0123456789", 10), 0);
-  EXPECT_EQ(buf[10], 0xAB);
+  using namespace std::string_literals;
+  EXPECT_EQ(written(fill_int_data, "65537", 2), "\x01\x00\xAB"s);
+  EXPECT_EQ(written(fill_int_data, "-1", 1), "\xFF\xAB"s);
+  EXPECT_EQ(written(fill_long_long_data, "4294967296", 8), "\0\0\0\0\x01\0\0\0\xAB"s);
+  EXPECT_EQ(written(fill_double_data, "0.25", 8), "\0\0\0\0\0\0\xD0\x3F\xAB"s);
+  EXPECT_EQ(written(fill_double_data, "junk", 8), "\0\0\0\0\0\0\0\0\xAB"s);
+  EXPECT_EQ(written(fill_char_data, "1", 1), "1\xAB"s);
+  EXPECT_EQ(written(fill_char_data, "ab", 10), "ab\0\0\0\0\0\0\0\0\xAB"s);
+  EXPECT_EQ(written(fill_char_data, "0123456789ABC", 10), "0123456789\xAB"s);
 }
 
-TEST(ClientMessage, FieldRowsReachTheirRecords) {
+TEST(ClientMessage, FieldParserAndInertRows) {
   ScopedApp app;
+  unsigned char before[sizeof(ZXSys_t)];
+  memcpy(before, static_cast<const void *>(&app->ZXSys), sizeof before);
+  apply(start_msg("ZXTGFlushInterval=5;enableZXTGDataTransfer=1;ZXTGLogPath=/x"));
+  EXPECT_EQ(memcmp(before, static_cast<const void *>(&app->ZXSys), sizeof before), 0)
+      << "inert rows change nothing";
+
   apply(start_msg(
       "captureMethodForAllFP=65537;fileBasedKeywordMode=1;zxEnableDebugMode=258;"
       "BCITraceMaxSize=123456789012;autoInstrSampleInterval=7;autoInstrSampleThreshold=9;"
       "autoInstrPct=12.5;status=running;fpVersionID=2.0;maxCharInSeqBlob=77;interfaceTraceLevel=3;"
-      "appID=5;TimeStampDiff=-42;setthresholdTime=2;InstrTraceLevel=4"));
+      "appID=5;TimeStampDiff=-42;setthresholdTime=2;InstrTraceLevel=4;morEpochDiff=1500;"
+      "appName=shop;tierName=web;zxAppServerHost=h1;zxAgentDebugLogging=2;testIdx=12;"
+      "enableBTMonitor=1;maxBTCount=300"));
   EXPECT_EQ(app->ZXSys.captureMethodForAllFP, 1);
   EXPECT_EQ(app->ZXBCISetting.fileBasedKeywordMode, '1');
   EXPECT_EQ(app->ZXSys.dumpDebugData, 2);
@@ -95,6 +83,23 @@ TEST(ClientMessage, FieldRowsReachTheirRecords) {
   EXPECT_EQ(app->Server.diffTimeFromZXC, -42);
   EXPECT_EQ(app->Server.dumpremainingtstime, 2);
   EXPECT_EQ(app->Server.setInstrumentTraceLevel, '4');
+
+  EXPECT_EQ(app->Server.morEpochDiffTime, 1500000);
+  EXPECT_EQ(app->Server.originalMorEpochDiffTime, 1500000);
+  EXPECT_EQ(app->Server.changeOriginalTime, 1);
+  EXPECT_STREQ(app->ZXBCISetting.appName.get(), "shop");
+  EXPECT_STREQ(app->ZXBCISetting.tierName.get(), "web");
+  EXPECT_STREQ(app->ZXBCISetting.appServerName.get(), "h1");
+  EXPECT_EQ(app->ZXSys.sendLogsToProxy, 2);
+  EXPECT_EQ(app->Server.TestRunIDValue, 12);
+  EXPECT_STREQ(featureKeywordValue(*tlzxApplication, "maxBTCount"), "300");
+
+  apply(start_msg("morEpochDiff=0"));
+  EXPECT_EQ(app->Server.changeOriginalTime, 0);
+
+  zxlb_init_all_keywords(*tlzxApplication);
+  EXPECT_EQ(app->Server.morEpochDiffTime, 0) << "a new run starts from the defaults";
+  EXPECT_EQ(featureKeywordValue(*tlzxApplication, "maxBTCount"), nullptr);
 }
 
 TEST(ClientMessage, WhichMessagesApplyAndWhereTheyStop) {
@@ -120,40 +125,6 @@ TEST(ClientMessage, WhichMessagesApplyAndWhereTheyStop) {
   app->ZXSys.closeCtrlConFlag = 1;
   apply(start_msg("AgentTraceLevel=2"));
   EXPECT_EQ(app->ZXSys.agentTraceLevel, 1);
-}
-
-TEST(ClientMessage, InertRowsChangeNothing) {
-  ScopedApp app;
-  unsigned char before[sizeof(ZXSys_t)];
-  memcpy(before, static_cast<const void *>(&app->ZXSys), sizeof before);
-  apply(start_msg("ZXTGFlushInterval=5;enableZXTGDataTransfer=1;ZXTGLogPath=/x"));
-  EXPECT_EQ(memcmp(before, static_cast<const void *>(&app->ZXSys), sizeof before), 0);
-}
-
-TEST(ClientMessage, ParserRows) {
-  ScopedApp app;
-  apply(
-      start_msg("morEpochDiff=1500;appName=shop;tierName=web;zxAppServerHost=h1;"
-                "zxAgentDebugLogging=2;testIdx=12;enableBTMonitor=1;maxBTCount=300"));
-  EXPECT_EQ(app->Server.morEpochDiffTime, 1500000);
-  EXPECT_EQ(app->Server.originalMorEpochDiffTime, 1500000);
-  EXPECT_EQ(app->Server.changeOriginalTime, 1);
-  EXPECT_STREQ(app->ZXBCISetting.appName.get(), "shop");
-  EXPECT_STREQ(app->ZXBCISetting.tierName.get(), "web");
-  EXPECT_STREQ(app->ZXBCISetting.appServerName.get(), "h1");
-  EXPECT_EQ(app->ZXSys.sendLogsToProxy, 2);
-  EXPECT_EQ(app->Server.TestRunIDValue, 12);
-  EXPECT_STREQ(featureKeywordValue(*tlzxApplication, "maxBTCount"), "300");
-
-  apply(start_msg("morEpochDiff=0"));
-  EXPECT_EQ(app->Server.changeOriginalTime, 0);
-
-  zxlb_init_all_keywords(*tlzxApplication);
-  EXPECT_EQ(app->Server.originalMorEpochDiffTime, ZX_ORIGINAL_EPOCH_DIFF_MS);
-  EXPECT_EQ(app->Server.morEpochDiffTime, 0);
-  EXPECT_STREQ(app->Server.fpgVID, "1.0");
-  EXPECT_EQ(app->ZXSettings.zxVectorSeperator, '>');
-  EXPECT_EQ(featureKeywordValue(*tlzxApplication, "maxBTCount"), nullptr);
 }
 
 std::string g_seen;

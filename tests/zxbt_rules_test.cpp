@@ -61,13 +61,6 @@ class BTRules : public ::testing::Test {
 TEST_F(BTRules, WithoutFilesTheDefaultGlobalRuleNamesByTwoSegmentsAndHeader) {
   start("");
   EXPECT_EQ(rules().bt_rule, 0);
-  const ZXBTGlobalRule &g = *rules().global_rule;
-  EXPECT_EQ(g.rule_mode, 4);
-  EXPECT_EQ(g.include_uri_in_name_order, 1);
-  EXPECT_EQ(g.include_uri_in_name_segment, 2);
-  EXPECT_EQ(g.seg_type, ZXBT_SEG_HEADER);
-  EXPECT_STREQ(g.header, "CustomeHeader");
-
   EXPECT_EQ(name_of("/a/b/c"), "/a/b#2");
   EXPECT_EQ(name_of("/a/b/d"), "/a/b#2") << "same name, same object";
   EXPECT_EQ(name_of("/a/b/c", "", "X=1&CustomeHeader=v1&Y=2"), "/a/b.v1#3");
@@ -130,7 +123,6 @@ TEST_F(BTRules, GlobalRuleNamingSources) {
   EXPECT_EQ(run("1|1|n|d|-|-|Request-Header|h|-", "/a", nullptr, nullptr, "v"), "/a.v");
   EXPECT_EQ(run("1|2|n|d|FromFirst|3|Request-URI-Segments-Numbers|1%2C3|-", "/a/b/c/d"), "/a/c");
   EXPECT_EQ(run("1|2|n|d|FromFirst|3|Request-URI-Segments-Numbers|1%2C9|-", "/a/b/c/d"), "/a");
-  EXPECT_EQ(set.global_rule->rule_mode, 4);
   EXPECT_EQ(run("1|2|n|d|FromFirst|3|Request-URI-Segments-Numbers|-|-", "/a/b/c"), "/a/b");
   EXPECT_EQ(run("1|9|n|d|-|-|-|-|-", "/a"), "(null)") << "unknown rule mode names nothing";
   // Eight fields: the default line instead.
@@ -195,33 +187,32 @@ TEST_F(BTRules, ThresholdsAndCategories) {
   EXPECT_EQ(others->bt_threshold.slow.load(), 100) << "ALL does not revise existing BTs";
   EXPECT_EQ(app_->allSlow, 300);
 
-  const Threshold &t = login->bt_threshold;
-  EXPECT_EQ(findCategoryOfBT(*tlzxApplication, t, 9, 200, nullptr), ZXBT_CATEGORY_NORMAL);
-  EXPECT_EQ(findCategoryOfBT(*tlzxApplication, t, 10, 200, nullptr), ZXBT_CATEGORY_SLOW);
-  EXPECT_EQ(findCategoryOfBT(*tlzxApplication, t, 19, 200, nullptr), ZXBT_CATEGORY_SLOW);
-  EXPECT_EQ(findCategoryOfBT(*tlzxApplication, t, 20, 200, nullptr), ZXBT_CATEGORY_VERY_SLOW);
-  EXPECT_EQ(findCategoryOfBT(*tlzxApplication, t, 1, 500, nullptr), ZXBT_CATEGORY_NORMAL)
-      << "no error table yet";
+  auto category = [&](int ms, int status, char *captured = nullptr) {
+    return findCategoryOfBT(*tlzxApplication, login->bt_threshold, ms, status, captured);
+  };
+  EXPECT_EQ(category(9, 200), ZXBT_CATEGORY_NORMAL);
+  EXPECT_EQ(category(10, 200), ZXBT_CATEGORY_SLOW);
+  EXPECT_EQ(category(19, 200), ZXBT_CATEGORY_SLOW);
+  EXPECT_EQ(category(20, 200), ZXBT_CATEGORY_VERY_SLOW);
+  EXPECT_EQ(category(1, 500), ZXBT_CATEGORY_NORMAL) << "no error table yet";
 
   push(2, "BTErrorRules", "# failing codes\n500|F\n502-504|F\n503|-\nbad\n700|F\n");
-  EXPECT_EQ(findCategoryOfBT(*tlzxApplication, t, 1, 500, nullptr), ZXBT_CATEGORY_ERROR);
-  EXPECT_EQ(findCategoryOfBT(*tlzxApplication, t, 1, 502, nullptr), ZXBT_CATEGORY_ERROR);
-  EXPECT_EQ(findCategoryOfBT(*tlzxApplication, t, 1, 503, nullptr), ZXBT_CATEGORY_NORMAL)
-      << "later line wins";
-  EXPECT_EQ(findCategoryOfBT(*tlzxApplication, t, 99, 504, nullptr), ZXBT_CATEGORY_ERROR);
-  EXPECT_EQ(findCategoryOfBT(*tlzxApplication, t, 1, 700, nullptr), ZXBT_CATEGORY_NORMAL);
-  EXPECT_EQ(findCategoryOfBT(*tlzxApplication, t, 1, -1, nullptr), ZXBT_CATEGORY_NORMAL);
+  EXPECT_EQ(category(1, 500), ZXBT_CATEGORY_ERROR);
+  EXPECT_EQ(category(1, 502), ZXBT_CATEGORY_ERROR);
+  EXPECT_EQ(category(1, 503), ZXBT_CATEGORY_NORMAL) << "later line wins";
+  EXPECT_EQ(category(99, 504), ZXBT_CATEGORY_ERROR);
+  EXPECT_EQ(category(1, 700), ZXBT_CATEGORY_NORMAL);
+  EXPECT_EQ(category(1, -1), ZXBT_CATEGORY_NORMAL);
   push(2, "BTErrorRules", "404|F\n");
-  EXPECT_EQ(findCategoryOfBT(*tlzxApplication, t, 1, 500, nullptr), ZXBT_CATEGORY_NORMAL)
-      << "a read replaces";
+  EXPECT_EQ(category(1, 500), ZXBT_CATEGORY_NORMAL) << "a read replaces";
 
   app_->ZXSys.captureMethodForAllFP = 1;
   app_->ZXSys.bciInstrSessionPct = 0;
   char captured = 1;
-  EXPECT_EQ(findCategoryOfBT(*tlzxApplication, t, 1, 200, &captured), ZXBT_CATEGORY_NONE);
+  EXPECT_EQ(category(1, 200, &captured), ZXBT_CATEGORY_NONE);
   EXPECT_EQ(captured, 0);
   captured = 1;
-  EXPECT_EQ(findCategoryOfBT(*tlzxApplication, t, 15, 200, &captured), ZXBT_CATEGORY_SLOW);
+  EXPECT_EQ(category(15, 200, &captured), ZXBT_CATEGORY_SLOW);
   EXPECT_EQ(captured, 1);
 }
 

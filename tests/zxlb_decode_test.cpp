@@ -1,21 +1,31 @@
 // The proxy's decoder against a live engine: framing over good and bad
-// bytes, a flowpath's life in the proxy's map, the stale-flowpath sweep, the
-// exception frame's two orders, a replayed call-out against one made in
-// process, and a frame stream cut into reads anywhere.
+// bytes, a flowpath's life in the proxy's map, the stale-flowpath sweep and
+// the exception frame's texts; then replays, cut into reads anywhere, held to
+// tracing in process.
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <cstdint>
 #include <cstring>
+#include <functional>
+#include <map>
 #include <random>
-#include <regex>
+#include <set>
+#include <sstream>
 #include <string>
+#include <thread>
+#include <vector>
 
+#include "ZXBTMonitor.h"
 #include "ZXCallOut.h"
 #include "ZXDataDispatcher.h"
 #include "ZXFlowpathGenerator.h"
 #include "ZXFrameStream.h"
 #include "ZXMethodManager.h"
 #include "ZXProxyApplications.h"
+#include "flowpath_decode.h"
 #include "test_support.h"
+#include "zx_tier_callout.h"
 #include "zxbt_rule_parser.h"
 #include "zxlb_decode.h"
 #include "zxlb_frame_build.h"
@@ -89,28 +99,30 @@ std::string resetF(long long id) {
   return frame(ZX_FRAME_TRANSACTION_RESET, f);
 }
 
-// One transaction as an application process sends it.
-std::string transaction(long long id) {
-  return start(id) + entry(id, "Cart.load", 1) + entry(id, "Cart.price", 2) +
-         exitF(id, "Cart.price", 3, 5) + exitF(id, "orders-db", 4, 9, 2, "SELECT 1") +
-         exitF(id, "Cart.load", 9, 10) + end(id, 12) + resetF(id);
+// An engine ready to trace (or, in proxy mode, to send frames).
+void prepare(ZXProxyInstance_t &app, bool proxyMode) {
+  app.ZXSys.proxyMode = proxyMode ? 1 : 0;
+  app.ZXSys.bciDataBufferMaxSize = 1 << 20;
+  app.ZXSys.dataBuffMaxCount = 64;
+  app.dataThreadRunning = true;  // so that new names are announced
+  ASSERT_EQ(buff_list_init(&app), 0);
+  initPerThreadSlots(&app);
+  if (!proxyMode) {
+    setMethodHashMapNode(&app, "Cart.load|0\n");
+    ZXBTConfigModelInit(app);
+    create_fpi_tls_map(app);
+  }
+  app.Server.testRunRunning = 1;
 }
 
-class DecodeTest : public ::testing::Test {
- protected:
-  DecodeTest() {
-    app_->ZXSys.bciDataBufferMaxSize = 1 << 17;
-    app_->ZXSys.dataBuffMaxCount = 32;
-    EXPECT_EQ(buff_list_init(&app()), 0);
-    initPerThreadSlots(&app());
-    setMethodHashMapNode(&app(), "Cart.load|0\n");
-    ZXBTConfigModelInit(app());
-    app_->Server.testRunRunning = 1;
-    create_fpi_tls_map(app());
+// An engine set up as the proxy's, with one application process registered.
+struct ProxyEngine {
+  explicit ProxyEngine(bool publish = true) : app_("", publish) {
+    prepare(app(), false);
     index_ = zxProxyApplications().add(app());
     proc_ = zxProxyApplications().addProcess(index_);
   }
-  ~DecodeTest() override {
+  ~ProxyEngine() {
     free_fpi_tls_map(app());
     zxProxyApplications().clear();
   }
@@ -126,6 +138,8 @@ class DecodeTest : public ::testing::Test {
   zxtest::ScopedApp app_;
   int index_ = 0, proc_ = 0;
 };
+
+class DecodeTest : public ::testing::Test, protected ProxyEngine {};
 
 TEST_F(DecodeTest, FramingSkipsNoiseAndBadFramesAndStopsAtAPartialOne) {
   ASSERT_EQ(decode(start(1)), start(1).size());
@@ -184,12 +198,10 @@ TEST_F(DecodeTest, ProcessesOfOneApplicationMayReuseAnInstance) {
   for (const std::string *part : {&head, &tail})
     for (int proc : {proc_, second}) decodeFrames(app(), part->data(), part->size(), proc);
   const std::string records = zxtest::drain_records(app());
-  std::size_t ends = 0;
-  for (std::size_t at = 0; (at = records.find("\n4,42,", at)) != std::string::npos; ++at) ++ends;
-  EXPECT_EQ(ends, 2u) << records;
+  EXPECT_EQ(zxtest::count_of(records, "\n4,42,"), 2u) << records;
 }
 
-TEST_F(DecodeTest, FlowpathLivesInTheMapFromStartToReset) {
+TEST_F(DecodeTest, FlowpathLivesInTheMapFromStartToResetOrSweep) {
   const long long before = counterforfpi_tls_map.load();
   decode(start(42, "F") + start(43, "100F_101F_7.1") + entry(42, "Cart.load", 1));
   EXPECT_EQ(counterforfpi_tls_map.load(), before + 2);
@@ -213,9 +225,8 @@ TEST_F(DecodeTest, FlowpathLivesInTheMapFromStartToReset) {
   EXPECT_EQ(readDataMessage(e.data() + ZX_FRAME_FIXED_AT, static_cast<long long>(e.size()) - 14, 0,
                             otherIndex, 0),
             -2);
-}
 
-TEST_F(DecodeTest, ResetFrameSweepsFlowpathsOlderThanFiveMinutes) {
+  // A reset sweeps flowpaths older than five minutes, once in five minutes.
   decode(start(1) + start(2) + start(3));
   const long long now = my_gettimeofday();
   fp(1)->fpStartTimeforReset = now - 301'000;
@@ -257,76 +268,15 @@ TEST_F(DecodeTest, ExceptionTextsPairWithTheirOwnLengths) {
   EXPECT_STREQ(r->exceptionStackTrace.c_str(), "at x\nat y");
 }
 
-// The same blob entry, sequence step and backend count as a call made in
-// process, for both kinds.
-TEST_F(DecodeTest, ReplayedCallOutMatchesOneMadeInProcess) {
-  for (ZXCallOutKind kind : {ZXCallOutKind::Database, ZXCallOutKind::Http}) {
-    const long long id = kind == ZXCallOutKind::Database ? 900 : 901;
-    ZXPerThreadData_t *local =
-        startFP(&app(), nullptr, "/cart", nullptr, 0, nullptr, nullptr, nullptr, -1, T0);
-    ASSERT_NE(local, nullptr);
-    const int before = local->sequenceBlobLen;
-    methodPropProperties *backend = beginCallOut(&app(), local, kind, "orders-db", "SELECT 1");
-    endCallOut(&app(), local, kind, backend);
-    const std::string want(local->sequenceBlob + before, local->sequenceBlobLen - before);
-    long long seq, duration, started;
-    int mid, type;
-    ASSERT_EQ(std::sscanf(want.c_str(), "T%lld:%d:%lld:%d:%*d:%lld_", &seq, &mid, &duration, &type,
-                          &started),
-              5)
-        << want;
+TEST_F(DecodeTest, FrameStreamSkipsNoiseAndOversizedFramesAcrossReads) {
+  // Keep-alives and junk cut into one-byte reads; a partial frame is left at close.
+  ZXFrameStream bytewise;
+  const std::string noisy = "10,\n\njunk" + start(9) + "10,\n" + start(10).substr(0, 40);
+  for (char c : noisy) bytewise.feed(app(), &c, 1, proc_);
+  EXPECT_NE(fp(9), nullptr);
+  EXPECT_EQ(bytewise.close(), 40u);
 
-    decode(start(id) + exitF(id, "orders-db", duration, started + duration, static_cast<int>(kind),
-                             "SELECT 1"));
-    ZXPerThreadData_t *replayed = fp(id);
-    ASSERT_NE(replayed, nullptr);
-    EXPECT_EQ(std::string(replayed->sequenceBlob).substr(static_cast<std::size_t>(before)), want);
-    EXPECT_EQ(replayed->seqNum, local->seqNum);
-    endFP(&app(), local, 200, 0, 0);
-    reset(&app(), local);
-  }
-}
-
-// Records without the slot's thread number, which differs from run to run.
-std::string withoutThreads(const std::string &records) {
-  static const std::regex header(R"((^|\n)(2,\d+,\d+),\d+,\d+\.1,)"), event(R"(([,_]\d+):\d+_)");
-  return std::regex_replace(std::regex_replace(records, header, "$1$2,t,t.1,"), event, "$1:t_");
-}
-
-// Cut anywhere, the stream replays exactly what it replays whole.
-TEST_F(DecodeTest, FrameStreamGivesTheSameRecordsHoweverTheBytesAreCut) {
-  std::string bytes;
-  for (long long id = 1; id <= 6; ++id) bytes += transaction(id * 1000) + "10,\n\n";
-  bytes += "junk" + transaction(7000).substr(0, 40);
-  auto replay = [&](std::vector<std::size_t> cuts) {
-    ZXFrameStream stream;
-    std::size_t at = 0;
-    cuts.push_back(bytes.size());
-    for (std::size_t cut : cuts) {
-      stream.feed(app(), bytes.data() + at, cut - at, proc_);
-      at = cut;
-    }
-    EXPECT_EQ(stream.close(), 40u);
-    return withoutThreads(zxtest::drain_records(app()));
-  };
-  replay({});  // names the methods once
-  const std::string whole = replay({});
-  ASSERT_NE(whole.find("\n4,6000,"), std::string::npos) << whole;
-  for (std::size_t cut = 1; cut < bytes.size(); ++cut)
-    ASSERT_EQ(replay({cut}), whole) << "cut at " << cut;
-  std::mt19937 rng(7);
-  for (int round = 0; round < 200; ++round) {
-    std::vector<std::size_t> cuts;
-    for (std::size_t at = 0;;) {
-      at += 1 + rng() % 40;
-      if (at >= bytes.size()) break;
-      cuts.push_back(at);
-    }
-    ASSERT_EQ(replay(cuts), whole) << "round " << round;
-  }
-}
-
-TEST_F(DecodeTest, FrameStreamSkipsAnOversizedFrameWithoutHoldingIt) {
+  // An oversized frame is skipped without holding its bytes.
   ZXFrameStream stream;
   const std::size_t declared = ZXFrameStream::kMaxFrameBytes + 1;
   std::string big = entry(1, "x", 0).substr(0, 14);
@@ -343,6 +293,237 @@ TEST_F(DecodeTest, FrameStreamSkipsAnOversizedFrameWithoutHoldingIt) {
   EXPECT_EQ(stream.feed(app(), rest.data(), rest.size(), proc_), 1u);
   EXPECT_EQ(stream.framesOversized(), 1u);
   EXPECT_NE(fp(8), nullptr);
+}
+
+// Proxy mode must not change what the collector learns. One script of
+// engine calls (the SDK's, with the times given so that both runs see the
+// same clock) runs once in an engine that traces it itself, and once in a
+// proxy-mode process whose frames, cut into reads anywhere, replay into a
+// second engine. Both must write the same flowpaths, names and BT counts;
+// only ids and measured times may differ.
+
+constexpr int kThreads = 3;
+constexpr int kPerThread = 40;
+
+// One request of kind i % 7 on thread t; times are t0-relative and given.
+void request(ZXProxyInstance_t &app, long long t0, int t, int i, std::string &tierHeader) {
+  const long long tid = 100 + t;
+  const long long at = t0 + 1000LL * i;
+  auto entry = [&](ZXPerThreadData_t *r, const char *m, long long ms) {
+    zxMethodEntry(&app, nullptr, r, m, "/test", nullptr, tid, nullptr, 0, at + ms);
+  };
+  auto exit = [&](ZXPerThreadData_t *r, const char *m, long long ms) {
+    zxMethodExit(&app, nullptr, r, m, -1, 200, nullptr, -1, tid, 0, 0, 1, 0, at + ms);
+  };
+  const int kind = i % 7;
+  static const char *const urls[] = {"/shop/cart",   "/shop/checkout", "/shop/checkout",
+                                     "/shop/search", "/shop/cart",     "/shop/cart",
+                                     "/shop/cart"};
+  // A forced flowpath brings its own id; a chained one its caller's header.
+  const std::string forced = std::to_string(700000 + 1000 * t + i) + "F";
+  const char *header = kind == 4 ? forced.c_str() : kind == 5 ? "9000_9001F_7.1" : nullptr;
+  ZXPerThreadData_t *r =
+      startFP(&app, header, urls[kind], nullptr, 0, nullptr, nullptr, nullptr, 0, at);
+  ASSERT_NE(r, nullptr);
+  int status = 200;
+  long long end = 10;
+  switch (kind) {
+    case 0:
+    case 4:
+    case 5: {  // nested methods and a database call-out
+      entry(r, "Cart.load", 1);
+      entry(r, "Cart.price", 2);
+      exit(r, "Cart.price", 4);
+      methodPropProperties *db =
+          beginCallOut(&app, r, ZXCallOutKind::Database, "orders-db", "SELECT * FROM cart");
+      endCallOut(&app, r, ZXCallOutKind::Database, db);
+      exit(r, "Cart.load", 8);
+      break;
+    }
+    case 1: {  // an HTTP call-out to a tier that joins the chain
+      entry(r, "Checkout.pay", 1);
+      methodPropProperties *http =
+          beginCallOut(&app, r, ZXCallOutKind::Http, "payments.internal:8443", nullptr);
+      if (const char *h = getTierCallOut(r)) tierHeader += std::string(h) + "\n";
+      endCallOut(&app, r, ZXCallOutKind::Http, http);
+      exit(r, "Checkout.pay", 20);
+      end = 25;
+      break;
+    }
+    case 2:  // a method that throws, and the request fails
+      entry(r, "Checkout.validate", 1);
+      zxMethodExitException(&app, nullptr, r, "Checkout.validate", -1, 500, nullptr, 3, 0, tid, 0,
+                            0, 3);
+      status = 500;
+      break;
+    case 3:  // slow
+      entry(r, "Search.run", 1);
+      exit(r, "Search.run", 3500);
+      end = 3600;
+      break;
+    case 6:  // very slow, and an HTTP call-out inside a method
+      entry(r, "Cart.sync", 1);
+      {
+        methodPropProperties *http =
+            beginCallOut(&app, r, ZXCallOutKind::Http, "stock.internal:80", nullptr);
+        endCallOut(&app, r, ZXCallOutKind::Http, http);
+      }
+      exit(r, "Cart.sync", 9000);
+      end = 9100;
+      break;
+  }
+  endFP(&app, r, status, 0, at + end);
+  releaseFP(&app, r);
+}
+
+// The script on kThreads threads; each thread's outgoing tier headers, in call order.
+std::vector<std::string> runScript(ZXProxyInstance_t &app, long long t0) {
+  std::vector<std::string> tierHeaders(kThreads);
+  std::vector<std::thread> threads;
+  for (int t = 0; t < kThreads; ++t)
+    threads.emplace_back([&, t] {
+      for (int i = 0; i < kPerThread; ++i) request(app, t0, t, i, tierHeaders[t]);
+    });
+  for (auto &th : threads) th.join();
+  return tierHeaders;
+}
+
+// What the collector learns from a record stream, ids, thread ids and
+// measured times left out: every method and BT by name.
+struct Learned {
+  std::multiset<std::string> flowpaths;       // one line each
+  std::set<std::string> methods, bts;         // records 5 and 7
+  std::map<std::string, std::string> counts;  // record 74 values by BT name
+};
+
+std::string blobText(const std::string &blob, const zxref::NameBook &names) {
+  const zxref::ParsedBlob parsed = zxref::parse_blob(blob);
+  std::ostringstream out;
+  if (parsed.skipped) out << "skipped " << parsed.skipped << ";";
+  for (const zxref::BlobEntry &e : parsed.entries) {
+    out << names.method(e.method_id);
+    switch (e.type) {
+      case zxref::BlobEntry::Type::Entry:
+        out << " in@" << e.ms;
+        break;
+      case zxref::BlobEntry::Type::Exit:
+        // An exit by exception carries no wall time over the wire: the
+        // proxy measures it by its own clock.
+        out << " out" << e.event << "#" << e.seq;
+        if (e.event == ZX_FP_EVENT_EXIT) out << "/" << e.ms;
+        break;
+      case zxref::BlobEntry::Type::CallOut:
+        out << " callout" << e.kind << (e.error ? "E" : "") << "#" << e.seq << ":" << e.resource
+            << ":" << e.status << ":" << e.resource_url;
+        break;
+    }
+    out << ";";
+  }
+  return out.str();
+}
+
+Learned learn(const std::string &records, ZXProxyInstance_t &app) {
+  Learned l;
+  zxref::FlowpathStore store;
+  std::istringstream in(records);
+  for (std::string line; std::getline(in, line);)
+    if (auto r = zxref::parse_record(line)) {
+      EXPECT_TRUE(store.add(*r)) << line;
+    }
+  EXPECT_EQ(store.malformed(), 0u);
+  EXPECT_EQ(store.open_count(), 0u);
+  const zxref::NameBook &names = store.names();
+  for (const auto &[id, name] : names.methods) l.methods.insert(name);
+  for (const auto &[id, name] : names.bts) l.bts.insert(name);
+  for (const zxref::Flowpath &fp : store.finished()) {
+    std::ostringstream o;
+    const auto &h = *fp.header;
+    o << names.bt(h.bt_id) << " " << h.url << (h.forced ? " forced" : "");
+    if (h.first_instance)
+      o << " chain " << h.first_instance << "/" << h.prev_instance << "@" << h.position;
+    o << " corr=" << h.correlation << " sid=" << h.sid << " page=" << h.page_id
+      << " type=" << h.fp_type << " queue=" << h.queue_ms << " | status=" << fp.status
+      << " category=" << fp.category << " resp=" << fp.resp_ms << " bt=" << names.bt(fp.bt_id)
+      << " | " << blobText(fp.blob, names);
+    l.flowpaths.insert(o.str());
+  }
+  std::vector<char> buf(1 << 16);
+  int len = 0;
+  if (generateAndDumpBTMonitoringRecord(app, buf.data(), &len, static_cast<int>(buf.size()))) {
+    std::istringstream r74(std::string(buf.data(), static_cast<std::size_t>(len)));
+    for (std::string line; std::getline(r74, line);) {
+      const auto colon = line.find(':'), bar = line.find('|', colon);
+      if (line.rfind("74,", 0) == 0 && colon != std::string::npos && bar != std::string::npos)
+        l.counts[line.substr(colon + 1, bar - colon - 1)] = line.substr(bar + 1);
+    }
+  }
+  return l;
+}
+
+// A proxy's engine that replays `frames`, read `cut` bytes at a time.
+Learned replay(const std::string &frames, const std::function<std::size_t()> &cut) {
+  ProxyEngine proxy(false);
+  ZXFrameStream stream;
+  for (std::size_t at = 0; at < frames.size();) {
+    const std::size_t n = std::min(cut(), frames.size() - at);
+    stream.feed(proxy.app(), frames.data() + at, n, proxy.proc_);
+    at += n;
+  }
+  EXPECT_EQ(stream.close(), 0u) << "bytes left over";
+  return learn(zxtest::drain_records(proxy.app()), proxy.app());
+}
+
+// The sequence numbers of a thread's outgoing tier headers (own id, first
+// id, flowpath index and sequence: only the sequence is the script's).
+std::vector<std::string> headerSequences(const std::string &headers) {
+  std::vector<std::string> seqs;
+  std::istringstream in(headers);
+  for (std::string h; std::getline(in, h);) seqs.push_back(h.substr(h.rfind('.')));
+  return seqs;
+}
+
+TEST(ProxyEquivalence, FramesReplayedInTheProxyWriteWhatTracingInProcessWrites) {
+  const long long t0 = my_gettimeofday();
+  zxtest::ScopedApp local;
+  prepare(*local, false);
+  const auto traced = runScript(*local, t0);
+  const Learned expected = learn(zxtest::drain_records(*local), *local);
+  free_fpi_tls_map(*local);
+  ASSERT_EQ(expected.flowpaths.size(), static_cast<std::size_t>(kThreads * kPerThread));
+  ASSERT_EQ(expected.bts.size(), 3u);
+  ASSERT_FALSE(expected.counts.empty());
+  // Every kind of request the script makes is there to compare.
+  for (const char *feature : {" forced", " chain ", "callout1#", "callout10#", " out3#",
+                              "status=500", "category=11", "category=12"})
+    EXPECT_TRUE(std::any_of(expected.flowpaths.begin(), expected.flowpaths.end(),
+                            [&](const std::string &f) { return f.find(feature) != f.npos; }))
+        << feature;
+
+  zxtest::ScopedApp proc("", false);
+  prepare(*proc, true);
+  const auto sent = runScript(*proc, t0);
+  const std::string frames = zxtest::drain_records(*proc);
+  EXPECT_EQ(readSendCounts(proc->sendBuffers).lost(), 0u);
+  for (int t = 0; t < kThreads; ++t) {
+    EXPECT_EQ(headerSequences(sent[t]), headerSequences(traced[t]));
+    EXPECT_EQ(headerSequences(sent[t]).size(), (kPerThread + 5) / 7u);
+  }
+
+  std::mt19937 rng(7);
+  std::uniform_int_distribution<std::size_t> anyCut(1, 300);
+  const std::pair<const char *, std::function<std::size_t()>> splits[] = {
+      {"one read", [] { return SIZE_MAX; }},
+      {"random reads", [&] { return anyCut(rng); }},
+      {"byte by byte", [] { return std::size_t{1}; }},
+  };
+  for (const auto &[name, cut] : splits) {
+    SCOPED_TRACE(name);
+    const Learned got = replay(frames, cut);
+    EXPECT_EQ(got.flowpaths, expected.flowpaths);
+    EXPECT_EQ(got.methods, expected.methods);
+    EXPECT_EQ(got.bts, expected.bts);
+    EXPECT_EQ(got.counts, expected.counts);
+  }
 }
 
 }  // namespace
