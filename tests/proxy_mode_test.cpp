@@ -242,19 +242,17 @@ struct UnlinkedProxyApp {
 
 // A method frame's name (entry or exit), else empty.
 std::string methodName(const char *frame, int type) {
-  std::size_t lenAt = 0, nameAt = ZX_FRAME_FIXED_AT;
-  if (type == ZX_FRAME_METHOD_ENTRY) {
-    lenAt = ZX_FRAME_FIXED_AT + offsetof(MethodEntryVar_t, methodName);
-    nameAt += sizeof(MethodEntryVar_t);
-  } else if (type == ZX_FRAME_METHOD_EXIT) {
-    lenAt = ZX_FRAME_FIXED_AT + offsetof(MethodExitVar_t, methodName);
-    nameAt += sizeof(MethodExitVar_t);
-  } else {
-    return {};
-  }
+  const bool entry = type == ZX_FRAME_METHOD_ENTRY;
+  if (!entry && type != ZX_FRAME_METHOD_EXIT) return {};
   std::int32_t len;
-  std::memcpy(&len, frame + lenAt, sizeof len);
-  return std::string(frame + nameAt, static_cast<std::size_t>(len));
+  std::memcpy(
+      &len,
+      frame + ZX_FRAME_FIXED_AT +
+          (entry ? offsetof(MethodEntryVar_t, methodName) : offsetof(MethodExitVar_t, methodName)),
+      sizeof len);
+  return std::string(
+      frame + ZX_FRAME_FIXED_AT + (entry ? sizeof(MethodEntryVar_t) : sizeof(MethodExitVar_t)),
+      static_cast<std::size_t>(len));
 }
 
 TEST(ProxyMode, StagedFramesReachTheBuffersWholeAndInEachThreadsOrder) {
