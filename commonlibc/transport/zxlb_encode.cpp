@@ -62,8 +62,8 @@ struct SetAside {
 // stored where they go, padding zeroed first: a block built aside and
 // copied would be read back across its own narrower stores, which stalls.
 template <typename Block, typename Fields, typename... Strings>
-[[gnu::always_inline]] inline void writeFrame(char *out, ZXFrameType type, std::size_t total, const Fields &fields,
-                const Strings &...strings) {
+[[gnu::always_inline]] inline void writeFrame(char *out, ZXFrameType type, std::size_t total,
+                                              const Fields &fields, const Strings &...strings) {
   writeFrameHead(out, type, total);
   std::memset(out + ZX_FRAME_FIXED_AT, 0, sizeof(Block));
   fields(SetInPlace<Block>{out + ZX_FRAME_FIXED_AT});
@@ -81,8 +81,9 @@ template <typename Block, typename Fields, typename... Strings>
 // ("^" with the header and "|", the fixed block, each string, the end byte),
 // split, dropped and counted by the pool.
 template <typename Block, typename Fields, typename... Strings>
-[[gnu::always_inline]] inline void send(ZXAppLink *app, ZXFrameStage *stage, ZXFrameType type, const Fields &fields,
-          const char *what, const Strings &...strings) {
+[[gnu::always_inline]] inline void send(ZXAppLink *app, ZXFrameStage *stage, ZXFrameType type,
+                                        const Fields &fields, const char *what,
+                                        const Strings &...strings) {
   const std::size_t total =
       ZX_FRAME_OVERHEAD + sizeof(Block) + (std::size_t{0} + ... + strings.len);
   const int len = static_cast<int>(total);
