@@ -7,7 +7,10 @@
 #include <sys/un.h>
 #include <unistd.h>
 
+#include <apr_time.h>
+
 #include <algorithm>
+#include <atomic>
 #include <chrono>
 #include <cstring>
 #include <mutex>
@@ -16,16 +19,19 @@
 #include <vector>
 
 #include "ZXCallOut.h"
+#include "ZXDataThread.h"
 #include "ZXFlowpathGenerator.h"
 #include "reference_collector.h"
 #include "test_support.h"
 #include "zxlb_frame_layout.h"
+#include "zxlb_mem_pool.h"
 
 namespace {
 
 using namespace std::chrono_literals;
 using zxref::ConnKind;
 using zxref::ReferenceCollector;
+using zxtest::ScopedApp;
 
 // Runs the link of `agent` in proxy mode against the proxy at `endpoint`
 // (settings lines) until its data connection is up.
@@ -211,6 +217,136 @@ TEST(ProxyMode, UnixDomainSocketWhenAPathIsSet) {
   EXPECT_TRUE(zxtest::wait_until([&] { return frameTypes(proxy.data()) == expected; }))
       << "frames seen: " << frameTypes(proxy.data()).size();
   agent.stop_agent();
+}
+
+// An application in proxy mode with no link: what the host's threads queue
+// is taken out of the send buffers by the test, as the data thread would.
+struct UnlinkedProxyApp {
+  ScopedApp app;
+  explicit UnlinkedProxyApp(int bufferSize = 1 << 16, int buffers = 256) {
+    app->ZXSys.proxyMode = 1;
+    app->ZXSys.bciDataBufferMaxSize = bufferSize;
+    app->ZXSys.dataBuffMaxCount = buffers;
+    app->Server.testRunRunning = 1;
+    initPerThreadSlots(&*app);
+    EXPECT_EQ(buff_list_init(&*app), 0);
+  }
+  ZXPerThreadData_t *start() {
+    return startFP(&*app, nullptr, "/shop/cart", nullptr, 0, nullptr, nullptr, nullptr, 0, 0);
+  }
+  void pair(ZXPerThreadData_t *r, const std::string &name) {
+    zxMethodEntry(&*app, nullptr, r, name.c_str(), nullptr, nullptr, 1, nullptr, 0, 0);
+    zxMethodExit(&*app, nullptr, r, name.c_str(), -1, 200, nullptr, -1, 1, 0, 0, 1, 0, 0);
+  }
+};
+
+// A method frame's name (entry or exit), else empty.
+std::string methodName(const char *frame, int type) {
+  const bool entry = type == ZX_FRAME_METHOD_ENTRY;
+  if (!entry && type != ZX_FRAME_METHOD_EXIT) return {};
+  std::int32_t len;
+  std::memcpy(
+      &len,
+      frame + ZX_FRAME_FIXED_AT +
+          (entry ? offsetof(MethodEntryVar_t, methodName) : offsetof(MethodExitVar_t, methodName)),
+      sizeof len);
+  return std::string(
+      frame + ZX_FRAME_FIXED_AT + (entry ? sizeof(MethodEntryVar_t) : sizeof(MethodExitVar_t)),
+      static_cast<std::size_t>(len));
+}
+
+TEST(ProxyMode, StagedFramesReachTheBuffersWholeAndInEachThreadsOrder) {
+  UnlinkedProxyApp p;
+  constexpr int kThreads = 4, kTransactions = 30, kPairs = 40;
+  std::atomic<int> running{kThreads};
+  std::vector<std::thread> hosts;
+  for (int t = 0; t < kThreads; ++t)
+    hosts.emplace_back([&, t] {
+      int n = 0;
+      for (int x = 0; x < kTransactions; ++x) {
+        ZXPerThreadData_t *r = p.start();
+        ASSERT_NE(r, nullptr);
+        for (int m = 0; m < kPairs; ++m, ++n) {
+          std::string name = "t" + std::to_string(t) + "." + std::to_string(n);
+          // Now and then a frame larger than a stage, which bypasses it.
+          if (m == x % kPairs) name += "." + std::string(ZXFrameStage::kBytes, 'x');
+          p.pair(r, name);
+          // A tick's take mid-stage for sure, besides the drainer's racing ones.
+          if (m == kPairs / 2 && x % 2) movePartialToReadList(p.app->sendBuffers);
+        }
+        // The last thread leaves its last transaction open and exits.
+        if (t == kThreads - 1 && x == kTransactions - 1) break;
+        endFP(&*p.app, r, 200, 0, 0);
+        releaseFP(&*p.app, r);
+      }
+      --running;
+    });
+  // The data thread's ticks, taking staged frames while hosts stage more.
+  std::string stream;
+  while (running.load() > 0) stream += zxtest::drain_records(*p.app);
+  for (std::thread &h : hosts) h.join();
+  stream += zxtest::drain_records(*p.app);
+
+  std::vector<int> next(kThreads, 0);  // each thread's next method, entry then exit
+  std::vector<bool> exitDue(kThreads, false);
+  unsigned long long frames = 0, starts = 0, ends = 0;
+  std::size_t at = 0;
+  while (at < stream.size()) {
+    ASSERT_EQ(stream[at], ZX_FRAME_START) << "at " << at;
+    msgHdr_t h;
+    std::memcpy(&h, stream.data() + at + 1, sizeof h);
+    ASSERT_LE(at + static_cast<std::size_t>(h.total_len), stream.size());
+    ASSERT_EQ(stream[at + static_cast<std::size_t>(h.total_len) - 1], ZX_FRAME_END);
+    ++frames;
+    starts += h.msg_type == ZX_FRAME_TRANSACTION_START;
+    ends += h.msg_type == ZX_FRAME_TRANSACTION_END;
+    const std::string name = methodName(stream.data() + at, h.msg_type);
+    if (!name.empty()) {
+      const int t = std::stoi(name.substr(1));
+      const int n = std::stoi(name.substr(name.find('.') + 1));
+      ASSERT_EQ(n, next[t]) << "thread " << t;
+      ASSERT_EQ(h.msg_type == ZX_FRAME_METHOD_EXIT, exitDue[t]) << "thread " << t;
+      if (exitDue[t]) ++next[t];
+      exitDue[t] = !exitDue[t];
+    }
+    at += static_cast<std::size_t>(h.total_len);
+  }
+  for (int t = 0; t < kThreads; ++t) EXPECT_EQ(next[t], kTransactions * kPairs);
+  EXPECT_EQ(starts, static_cast<unsigned long long>(kThreads * kTransactions));
+  EXPECT_EQ(ends, starts - 1);
+  const ZXSendCounts c = readSendCounts(p.app->sendBuffers);
+  EXPECT_EQ(c.records, frames);
+  EXPECT_EQ(c.sent, frames);
+  EXPECT_EQ(c.lost(), 0u);
+}
+
+TEST(ProxyMode, StagedFramesAreCountedByTheExitDrainAndByAFullPool) {
+  {
+    // A flowpath that never ends: its staged frames are lost at exit, counted.
+    UnlinkedProxyApp p;
+    ZXPerThreadData_t *r = p.start();
+    ASSERT_NE(r, nullptr);
+    for (int i = 0; i < 10; ++i) p.pair(r, "Cart.load");
+    EXPECT_EQ(readSendCounts(p.app->sendBuffers).records, 0u) << "staged, not yet handed over";
+    EXPECT_FALSE(drainSendBuffersForExit(&*p.app, apr_time_now() + apr_time_from_msec(50)).ok());
+    const ZXSendCounts c = readSendCounts(p.app->sendBuffers);
+    EXPECT_EQ(c.lostAtExit, 21u);
+    EXPECT_EQ(c.records, 21u);
+  }
+  // One buffer, never sent: each handover that does not fit drops its
+  // frames whole and counts every one.
+  UnlinkedProxyApp p(4096, 1);
+  for (int x = 0; x < 20; ++x) {
+    ZXPerThreadData_t *r = p.start();
+    ASSERT_NE(r, nullptr);
+    for (int i = 0; i < 20; ++i) p.pair(r, "Cart.load");
+    endFP(&*p.app, r, 200, 0, 0);
+    releaseFP(&*p.app, r);
+  }
+  const ZXSendCounts c = readSendCounts(p.app->sendBuffers);
+  EXPECT_GT(c.lostPoolFull, 0u);
+  EXPECT_EQ(c.records, 20u * (1 + 40 + 2));
+  EXPECT_EQ(c.records, c.queued + c.lostPoolFull);
 }
 
 }  // namespace

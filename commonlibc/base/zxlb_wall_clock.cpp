@@ -109,12 +109,17 @@ long long calibrate() noexcept {
   return now.ns;
 }
 
+// The scale in fixed point, nanoseconds per tick << kScaleShift: integer
+// arithmetic on the read path. Ticks within one anchor interval times it
+// stay below kAnchorNs << kScaleShift, well within 64 bits.
+constexpr int kScaleShift = 32;
+
 struct Anchor {
   unsigned long long tsc = 0;
   unsigned long long span = 0;  // ticks the anchor is good for; 0: none
   long long ns = 0;
   long long last = 0;  // the latest reading given out
-  double scale = 0;
+  unsigned long long mult = 0;
 };
 thread_local Anchor anchor;
 
@@ -131,8 +136,16 @@ long long reanchor(Anchor &a, double scale) noexcept {
   a.tsc = now.tsc;
   a.span = now.tsc ? static_cast<unsigned long long>(static_cast<double>(kAnchorNs) / scale) : 0;
   a.ns = ns;
-  a.scale = scale;
+  a.mult = static_cast<unsigned long long>(scale * static_cast<double>(1ULL << kScaleShift));
   return ns;
+}
+
+[[gnu::noinline]] long long wallClockMsSlow(Anchor &a) noexcept {
+  if (!useCounter()) return kernelNs() / 1'000'000;
+  const double scale = nsPerTick.load(std::memory_order_relaxed);
+  const long long ns = scale > 0 ? reanchor(a, scale) : calibrate();
+  a.last = ns;
+  return ns / 1'000'000;
 }
 
 }  // namespace
@@ -140,16 +153,11 @@ long long reanchor(Anchor &a, double scale) noexcept {
 namespace zx {
 
 long long wallClockMs() noexcept {
-  if (!useCounter()) return kernelNs() / 1'000'000;
   Anchor &a = anchor;
+  // A span is only ever set where the counter is in use.
   const unsigned long long since = ticks() - a.tsc;
-  long long ns;
-  if (since < a.span) {
-    ns = a.ns + static_cast<long long>(static_cast<double>(since) * a.scale);
-  } else {
-    const double scale = nsPerTick.load(std::memory_order_relaxed);
-    ns = scale > 0 ? reanchor(a, scale) : calibrate();
-  }
+  if (since >= a.span) return wallClockMsSlow(a);
+  const long long ns = a.ns + static_cast<long long>((since * a.mult) >> kScaleShift);
   a.last = ns;
   return ns / 1'000'000;
 }

@@ -32,7 +32,7 @@ void startFPForProxy(ZXAppTracing *app, ZXPerThreadData_t *r, const char *fpHead
   // The request's own entry opens every captured flowpath's blob.
   r->seqNum = r->tlIsFPCaptured || r->tlIsForceDump ? 1 : 0;
   transactionStartEncode(app, qTimeMS, r->flowpathInstance, fpHeader, url, btHeaderValue, zxCookie,
-                         rbCookie, correlationHeader, start);
+                         rbCookie, correlationHeader, start, &r->frameStage);
 }
 
 void methodEntryForProxy(ZXAppTracing *app, ZXPerThreadData_t *r, const char *methodName,
@@ -44,7 +44,7 @@ void methodEntryForProxy(ZXAppTracing *app, ZXPerThreadData_t *r, const char *me
   ++r->tlNonServiceMethodCount;
   if (written(app, r)) ++r->seqNum;
   MethodEntryEncode(app, 0, r->flowpathInstance, threadId, methodName, queryString, urlParameter,
-                    now);
+                    now, &r->frameStage);
 }
 
 void methodExitForProxy(ZXAppTracing *app, ZXPerThreadData_t *r, const char *methodName,
@@ -61,7 +61,7 @@ void methodExitForProxy(ZXAppTracing *app, ZXPerThreadData_t *r, const char *met
     --r->tlNonServiceMethodCount;
   MethodExitEncode(app, 0, statusCode, eventType, isCallout, threadId,
                    duration >= 0 ? duration : wall, r->flowpathInstance, cpuTime, methodName,
-                   backendHeader, r->tierCallOutSeqNum, end, nullptr);
+                   backendHeader, r->tierCallOutSeqNum, end, nullptr, &r->frameStage);
 }
 
 void methodExitExceptionForProxy(ZXAppTracing *app, ZXPerThreadData_t *r, const char *methodName,
@@ -71,15 +71,17 @@ void methodExitExceptionForProxy(ZXAppTracing *app, ZXPerThreadData_t *r, const 
   if (r->tlNonServiceMethodCount > app->ZXSys.bciMaxNonServiceMethodsPerFP)
     --r->tlNonServiceMethodCount;
   zxMethodExitExceptionEncode(app, r->flowpathInstance, methodName, backendName, threadId,
-                              exceptionExitType);
+                              exceptionExitType, &r->frameStage);
 }
 
 void endFPForProxy(ZXAppTracing *app, ZXPerThreadData_t *r, int statusCode, long long endTime) {
-  transactionEndEncode(app, statusCode, r->flowpathInstance, endTime);
+  transactionEndEncode(app, statusCode, r->flowpathInstance, endTime, &r->frameStage);
+  r->frameStage.handOver();
 }
 
 void resetForProxy(ZXAppTracing *app, ZXPerThreadData_t *r) {
-  if (r->flowpathInstance) transactionResetEncode(app, r->flowpathInstance);
+  if (r->flowpathInstance) transactionResetEncode(app, r->flowpathInstance, &r->frameStage);
+  r->frameStage.handOver();
 }
 
 void callOutBeginForProxy(ZXAppTracing *app, ZXPerThreadData_t *r, int kind, const char *host,
@@ -101,7 +103,7 @@ void callOutEndForProxy(ZXAppTracing *app, ZXPerThreadData_t *r, int kind) {
   MethodExitEncode(app, 0, r->tlStatusCode, 1, kind, r->tlThreadId,
                    end - app->Server.morEpochDiffTime - c->startMs, r->flowpathInstance, -1,
                    c->host.c_str(), c->query.is_set() ? c->query.c_str() : nullptr,
-                   r->tierCallOutSeqNum, end, nullptr);
+                   r->tierCallOutSeqNum, end, nullptr, &r->frameStage);
   // The call-out's entry consumed the outgoing call's sequence number.
   r->tierCallOutSeqNum = 0;
 }

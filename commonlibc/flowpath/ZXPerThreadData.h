@@ -19,6 +19,7 @@
 #include <atomic>
 #include <memory>
 
+#include "ZXDataDispatcher.h"
 #include "ZXSQLProcessor.h"
 #include "zxlb_apr.h"
 #include "zxlb_owned_string.h"
@@ -156,6 +157,9 @@ struct ZXPerThreadData_t {
     int depth = 0;
   };
   ProxiedCallOut proxiedCallOuts[2];
+  // In a proxy-mode application process: this flowpath's frames on their way
+  // to the send buffers. Kept across transactions, with its buffer.
+  ZXFrameStage frameStage;
 
   // The application this record belongs to (its slot pool or thread-id map);
   // functions given only a record find the application here. In a fork's

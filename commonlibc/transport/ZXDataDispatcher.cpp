@@ -342,6 +342,63 @@ void ZXFrameSlot::commit() {
   at_ = nullptr;
 }
 
+ZXFrameStage::~ZXFrameStage() {
+  if (!app_) return;
+  ZXSendBufferPool &pool = app_->sendBuffers;
+  std::lock_guard write(pool.bufferWriteLock);
+  takeLocked();
+  (prev_ ? prev_->next_ : pool.stages) = next_;
+  if (next_) next_->prev_ = prev_;
+}
+
+char *ZXFrameStage::reserveSlow(ZXAppLink *app, int len) {
+  if (buf_) {
+    handOver();
+    return len <= cap_ ? buf_.get() : nullptr;
+  }
+  if (!app) return nullptr;
+  ZXSendBufferPool &pool = app->sendBuffers;
+  std::lock_guard write(pool.bufferWriteLock);
+  // No buffers yet: the direct route drops and counts.
+  if (!pool.nodes) return nullptr;
+  // A handover must fit one buffer: it is stored whole or dropped whole.
+  const int cap = std::min(kBytes, pool.nodes[0].buff_size);
+  if (len > cap) return nullptr;
+  buf_.reset(new (std::nothrow) char[static_cast<std::size_t>(cap)]);
+  if (!buf_) return nullptr;
+  cap_ = cap;
+  app_ = app;
+  next_ = pool.stages;
+  if (next_) next_->prev_ = this;
+  pool.stages = this;
+  return buf_.get();
+}
+
+void ZXFrameStage::handOver() {
+  if (!app_ || used_ == 0) return;
+  std::lock_guard write(app_->sendBuffers.bufferWriteLock);
+  takeLocked();
+  used_ = 0;
+  frames_ = 0;
+  taken_ = 0;
+  published_.store(0, std::memory_order_relaxed);
+}
+
+void ZXFrameStage::takeLocked() {
+  const std::uint64_t pub = published_.load(std::memory_order_acquire);
+  const auto from = static_cast<std::uint32_t>(taken_), to = static_cast<std::uint32_t>(pub);
+  if (to <= from) return;
+  const ZXFramePart chunk{buf_.get() + from, to - from};
+  bool logDrop = false;  // a drop is counted; the data thread's summary tells of it
+  (void)addLocked(app_, &chunk, 1, static_cast<int>(to - from), (pub >> 32) - (taken_ >> 32),
+                  logDrop);
+  taken_ = pub;
+}
+
+void takeStagedFrames(ZXSendBufferPool &pool) {
+  for (ZXFrameStage *s = pool.stages; s; s = s->next_) s->takeLocked();
+}
+
 int dumpRecords(ZXAppLink *app, const ZXRecordSpan *records, int count) {
   if (!app) return -99;
   if (count > ZX_MAX_RECORDS_AT_ONCE) count = ZX_MAX_RECORDS_AT_ONCE;
@@ -412,6 +469,7 @@ void moveToWriteList(ZXSendBufferPool &pool) {
 
 void movePartialToReadList(ZXSendBufferPool &pool) {
   std::lock_guard write(pool.bufferWriteLock);
+  takeStagedFrames(pool);
   nioSettings_t *b = pool.writeList.load(std::memory_order_relaxed);
   if (b && b->use_len > 0) moveToReadList(pool);
 }

@@ -26,11 +26,16 @@
 //
 // Every record line handed to the pool is counted once where it ends up:
 // sent, still queued, or lost for one cause (ZXSendCounters).
+//
+// In proxy mode a flowpath's frames may wait a while in its own stage
+// (ZXFrameStage) before they are handed to the pool; they are counted from
+// the handover.
 #pragma once
 
 #include <atomic>
 #include <condition_variable>
 #include <cstddef>
+#include <cstdint>
 #include <memory>
 #include <mutex>
 
@@ -40,6 +45,7 @@
 #include "zxlb_status.h"
 
 struct ZXAppLink;
+class ZXFrameStage;
 
 // One send buffer. Owned by the pool; `buff` points into the pool's storage.
 struct nioSettings_t {
@@ -149,6 +155,10 @@ struct ZXSendBufferPool {
 
   ZXSendCounters counters;
 
+  // Every frame stage with a buffer, for movePartialToReadList to take their
+  // frames (under bufferWriteLock).
+  ZXFrameStage *stages = nullptr;
+
   // Raised once the exit deadline has passed: nothing more is sent, and
   // what is or becomes queued is discarded as lost at exit.
   std::atomic<bool> closedForExit{false};
@@ -222,6 +232,69 @@ class ZXFrameSlot {
   int len_;
 };
 
+// A flowpath's frames staged by its owner thread with no lock and no locked
+// instruction, and handed to the pool in one locked copy: when the stage is
+// full, when the owner says so (the transaction's end), and whenever anyone
+// moves the partly filled buffer on (movePartialToReadList: the data
+// thread's tick, the exit drain, a discard), which takes every stage's
+// frames so far without the owner's help, so frames of a thread that
+// stalls or is gone still flow. A stage's frames reach the pool whole and in
+// order. Frames larger than a stage go through ZXFrameSlot after a handover.
+//
+// The owner appends at `used_` and publishes each frame (a release store of
+// `published_`); takers copy only the published bytes past `taken_`, under
+// bufferWriteLock, and the owner rewinds to the start only under that lock.
+// So the bytes a taker reads are never written meanwhile.
+class ZXFrameStage {
+ public:
+  ZXFrameStage() = default;
+  ~ZXFrameStage();  // hands over what is left
+  ZXFrameStage(const ZXFrameStage &) = delete;
+  ZXFrameStage &operator=(const ZXFrameStage &) = delete;
+
+  // Owner only. Room for a frame of `len` bytes, after a handover when the
+  // stage is full; null when the frame is larger than a stage or the stage
+  // cannot be made (the caller then sends it through the pool directly,
+  // which keeps the order: the stage was handed over).
+  char *reserve(ZXAppLink *app, int len) {
+    if (len <= cap_ - used_) return buf_.get() + used_;
+    return reserveSlow(app, len);
+  }
+  // Owner only: the `len` bytes at reserve() are one frame.
+  void commit(int len) {
+    used_ += len;
+    ++frames_;
+    published_.store(pack(frames_, used_), std::memory_order_release);
+  }
+  // Owner only: everything staged into the pool now.
+  void handOver();
+
+  // Bytes in one stage at most (smaller when the pool's buffers are).
+  static constexpr int kBytes = 8192;
+
+ private:
+  friend void takeStagedFrames(ZXSendBufferPool &pool);
+  static std::uint64_t pack(std::uint32_t frames, int bytes) {
+    return std::uint64_t{frames} << 32 | static_cast<std::uint32_t>(bytes);
+  }
+  char *reserveSlow(ZXAppLink *app, int len);
+  // The published frames past taken_ into the pool. Caller holds
+  // bufferWriteLock.
+  void takeLocked();
+
+  ZXAppLink *app_ = nullptr;  // set with buf_
+  std::unique_ptr<char[]> buf_;
+  int cap_ = 0;
+  int used_ = 0;              // the owner's
+  std::uint32_t frames_ = 0;  // the owner's: frames staged since the last rewind
+  std::atomic<std::uint64_t> published_{0};
+  std::uint64_t taken_ = 0;  // frames and bytes already handed over; bufferWriteLock
+  ZXFrameStage *prev_ = nullptr, *next_ = nullptr;  // pool.stages; bufferWriteLock
+};
+
+// Every stage's published frames into the pool. Caller holds bufferWriteLock.
+void takeStagedFrames(ZXSendBufferPool &pool);
+
 // The single entry for producers; a no-op (0) for null data or len <= 0, -99
 // without an application. Otherwise the result of addDataInSendBuffer.
 int dumpData(ZXAppLink *app, const char *data, int len);
@@ -253,7 +326,8 @@ nioSettings_t *moveToReadList(ZXSendBufferPool &pool);
 // Sent head of the read list (counts already zeroed) -> right behind the
 // filling head, where the next producer takes it.
 void moveToWriteList(ZXSendBufferPool &pool);
-// Partly filled head -> read tail (flush). Takes both locks itself.
+// Staged frames, then the partly filled head -> read tail (flush). Takes
+// both locks itself.
 void movePartialToReadList(ZXSendBufferPool &pool);
 
 // The sender's side. These assume one sender (the data thread, or a

@@ -278,8 +278,14 @@ void dataThreadBody(ZXAppLink *app) {
       continue;
     }
     // A quiet application may take minutes to fill a buffer: a tick with
-    // nothing full to send ships the partly filled one.
-    if (!sendBufferHead(pool)) movePartialToReadList(pool);
+    // nothing full to send ships the partly filled one. Staged frames of a
+    // long or stalled flowpath move on every tick.
+    if (!sendBufferHead(pool)) {
+      movePartialToReadList(pool);
+    } else {
+      std::lock_guard write(pool.bufferWriteLock);
+      takeStagedFrames(pool);
+    }
     if (processData(app) < 0) {
       close_data_connection(app);
       if (sys.closeCtrlConFlag) {

@@ -20,41 +20,91 @@ std::int32_t len32(const ZXFrameString &s) {
 // proxy does not turn every event into a log write on the host's thread.
 std::atomic<unsigned long long> framesLostLogged{0};
 
-// The fixed block zeroed first: its padding goes out as zero.
-template <typename Block>
-Block zeroed() {
-  Block b;
-  std::memset(&b, 0, sizeof b);
-  return b;
+// A fixed block's field at its place in a frame, whatever the alignment.
+template <typename Block, typename T>
+std::size_t fieldOffset(T Block::*field) {
+  static const Block probe{};
+  return static_cast<std::size_t>(reinterpret_cast<const char *>(&(probe.*field)) -
+                                  reinterpret_cast<const char *>(&probe));
 }
 
-// The frame is written where it is to be sent from, in the filling buffer;
-// one that does not fit there whole goes in parts ("^" with the header and
-// "|", the fixed block, each string, the end byte), split, dropped and
-// counted by the pool. Nothing is assembled aside. The block's fields were
-// stored just before: copied once the pool lock's atomic has drained them,
-// so the copy does not stall on its own stores.
-template <typename Block, typename... Strings>
-void send(ZXAppLink *app, ZXFrameType type, const Block &fixed, const char *what,
-          const Strings &...strings) {
-  const std::size_t total = ZX_FRAME_OVERHEAD + sizeof fixed + (std::size_t{0} + ... + strings.len);
+// Encoders name their fields once, as `fields(set)` with set(&Block::f, v);
+// these are the two ways of setting them.
+template <typename Block>
+struct SetInPlace {
+  char *at;
+  template <typename T, typename V>
+  void operator()(T Block::*field, V v) const {
+    const T x = static_cast<T>(v);
+    std::memcpy(at + fieldOffset(field), &x, sizeof x);
+  }
+};
+template <typename Block>
+struct SetAside {
+  Block &b;
+  template <typename T, typename V>
+  void operator()(T Block::*field, V v) const {
+    b.*field = static_cast<T>(v);
+  }
+};
+
+// Short strings (most names) without a call.
+[[gnu::always_inline]] inline void putString(char *out, const ZXFrameString &s) {
+  if (s.len >= 8 && s.len <= 16) {
+    std::memcpy(out, s.text, 8);
+    std::memcpy(out + s.len - 8, s.text + s.len - 8, 8);
+  } else if (s.len) {  // an absent string has no text
+    std::memcpy(out, s.text, s.len);
+  }
+}
+
+// Writes the whole frame of `total` bytes at `out`. The block's fields are
+// stored where they go, padding zeroed first: a block built aside and
+// copied would be read back across its own narrower stores, which stalls.
+template <typename Block, typename Fields, typename... Strings>
+[[gnu::always_inline]] inline void writeFrame(char *out, ZXFrameType type, std::size_t total,
+                                              const Fields &fields, const Strings &...strings) {
+  writeFrameHead(out, type, total);
+  std::memset(out + ZX_FRAME_FIXED_AT, 0, sizeof(Block));
+  fields(SetInPlace<Block>{out + ZX_FRAME_FIXED_AT});
+  out += ZX_FRAME_FIXED_AT + sizeof(Block);
+  [[maybe_unused]] const auto put = [&out](const ZXFrameString &s) {
+    putString(out, s);
+    out += s.len;
+  };
+  (put(strings), ...);
+  *out = ZX_FRAME_END;
+}
+
+// The frame is written where it is to be sent from: in the flowpath's stage,
+// else in the filling buffer; one that fits neither whole goes in parts
+// ("^" with the header and "|", the fixed block, each string, the end byte),
+// split, dropped and counted by the pool.
+template <typename Block, typename Fields, typename... Strings>
+[[gnu::always_inline]] inline void send(ZXAppLink *app, ZXFrameStage *stage, ZXFrameType type,
+                                        const Fields &fields, const char *what,
+                                        const Strings &...strings) {
+  const std::size_t total =
+      ZX_FRAME_OVERHEAD + sizeof(Block) + (std::size_t{0} + ... + strings.len);
   const int len = static_cast<int>(total);
+  if (stage) {
+    if (char *out = stage->reserve(app, len)) {
+      writeFrame<Block>(out, type, total, fields, strings...);
+      stage->commit(len);
+      return;
+    }
+  }
   {
     ZXFrameSlot slot(app, len);
     if (char *out = slot.at()) {
-      writeFrameHead(out, type, total);
-      std::memcpy(out + ZX_FRAME_FIXED_AT, &fixed, sizeof fixed);
-      out += ZX_FRAME_FIXED_AT + sizeof fixed;
-      [[maybe_unused]] const auto put = [&out](const ZXFrameString &s) {
-        if (s.len) std::memcpy(out, s.text, s.len);  // an absent string has no text
-        out += s.len;
-      };
-      (put(strings), ...);
-      *out = ZX_FRAME_END;
+      writeFrame<Block>(out, type, total, fields, strings...);
       slot.commit();
       return;
     }
   }
+  Block fixed;
+  std::memset(&fixed, 0, sizeof fixed);  // padding goes out as zero
+  fields(SetAside<Block>{fixed});
   char lead[ZX_FRAME_FIXED_AT];
   writeFrameHead(lead, type, total);
   static constexpr char end = ZX_FRAME_END;
@@ -71,88 +121,99 @@ void send(ZXAppLink *app, ZXFrameType type, const Block &fixed, const char *what
 
 void MethodEntryEncode(ZXAppLink *app, int mid, long long flowpathinstance, long long threadId,
                        const char *methodName, const char *query_string, const char *urlParameter,
-                       long long startTime) {
+                       long long startTime, ZXFrameStage *stage) {
   const ZXFrameString name = frameString(methodName), query = frameString(query_string),
                       param = frameString(urlParameter);
-  auto b = zeroed<MethodEntryVar_t>();
-  b.mid = frameNumber(mid);
-  b.flowpathinstance = frameNumber(flowpathinstance);
-  b.threadId = frameNumber(threadId);
-  b.startTime = frameNumber(startTime);
-  b.methodName = len32(name);
-  b.query_string = len32(query);
-  b.urlParameter = len32(param);
-  send(app, ZX_FRAME_METHOD_ENTRY, b, "Method Entry", name, query, param);
+  const auto fields = [&](auto &&set) {
+    set(&MethodEntryVar_t::mid, frameNumber(mid));
+    set(&MethodEntryVar_t::flowpathinstance, frameNumber(flowpathinstance));
+    set(&MethodEntryVar_t::threadId, frameNumber(threadId));
+    set(&MethodEntryVar_t::startTime, frameNumber(startTime));
+    set(&MethodEntryVar_t::methodName, len32(name));
+    set(&MethodEntryVar_t::query_string, len32(query));
+    set(&MethodEntryVar_t::urlParameter, len32(param));
+  };
+  send<MethodEntryVar_t>(app, stage, ZX_FRAME_METHOD_ENTRY, fields, "Method Entry", name, query,
+                         param);
 }
 
 void transactionStartEncode(ZXAppLink *app, long long qTimeMS, long long flowpathinstance,
                             const char *fp_header, const char *url, const char *btHeaderValue,
                             const char *zxCookieSet, const char *rbCookieSet,
-                            const char *correlationHeader, long long startTimeFP) {
+                            const char *correlationHeader, long long startTimeFP,
+                            ZXFrameStage *stage) {
   const ZXFrameString header = frameString(fp_header), u = frameString(url),
                       bt = frameString(btHeaderValue), zx = frameString(zxCookieSet),
                       rb = frameString(rbCookieSet), corr = frameString(correlationHeader);
-  auto b = zeroed<transactionStartVar_t>();
-  b.fp_header = len32(header);
-  b.url = len32(u);
-  b.btHeaderValue = len32(bt);
-  b.zxCookieSet = len32(zx);
-  b.rbCookieSet = len32(rb);
-  b.correlationHeader = len32(corr);
-  b.flowpathinstance = frameNumber(flowpathinstance);
-  b.qTimeMS = frameNumber(qTimeMS);
-  b.startTimeFP = frameNumber(startTimeFP);
-  send(app, ZX_FRAME_TRANSACTION_START, b, "Transaction Start", header, u, bt, zx, rb, corr);
+  const auto fields = [&](auto &&set) {
+    set(&transactionStartVar_t::fp_header, len32(header));
+    set(&transactionStartVar_t::url, len32(u));
+    set(&transactionStartVar_t::btHeaderValue, len32(bt));
+    set(&transactionStartVar_t::zxCookieSet, len32(zx));
+    set(&transactionStartVar_t::rbCookieSet, len32(rb));
+    set(&transactionStartVar_t::correlationHeader, len32(corr));
+    set(&transactionStartVar_t::flowpathinstance, frameNumber(flowpathinstance));
+    set(&transactionStartVar_t::qTimeMS, frameNumber(qTimeMS));
+    set(&transactionStartVar_t::startTimeFP, frameNumber(startTimeFP));
+  };
+  send<transactionStartVar_t>(app, stage, ZX_FRAME_TRANSACTION_START, fields, "Transaction Start",
+                              header, u, bt, zx, rb, corr);
 }
 
 void MethodExitEncode(ZXAppLink *app, int mid, int statusCode, int eventType, int isCallout,
                       long long threadId, long long duration, long long flowpathinstance,
                       long long cpuTime, const char *methodName, const char *backend_header,
                       long long tierCallOutSeqNum, long long endTime,
-                      const char *requestNotificationPhase) {
+                      const char *requestNotificationPhase, ZXFrameStage *stage) {
   const ZXFrameString name = frameString(methodName), backend = frameString(backend_header),
                       phase = frameString(requestNotificationPhase);
-  auto b = zeroed<MethodExitVar_t>();
-  b.statusCode = frameNumber(statusCode);
-  b.mid = frameNumber(mid);
-  b.eventType = frameNumber(eventType);
-  b.isCallout = frameNumber(isCallout);
-  b.threadId = frameNumber(threadId);
-  b.duration = frameNumber(duration);
-  b.flowpathinstance = frameNumber(flowpathinstance);
-  b.cpuTime = frameNumber(cpuTime);
-  b.methodName = len32(name);
-  b.backend_header = len32(backend);
-  b.requestNotificationPhase = len32(phase);
-  b.tierCallOutSeqNum = frameNumber(tierCallOutSeqNum);
-  b.endTime = frameNumber(endTime);
-  send(app, ZX_FRAME_METHOD_EXIT, b, "Method Exit", name, backend, phase);
+  const auto fields = [&](auto &&set) {
+    set(&MethodExitVar_t::statusCode, frameNumber(statusCode));
+    set(&MethodExitVar_t::mid, frameNumber(mid));
+    set(&MethodExitVar_t::eventType, frameNumber(eventType));
+    set(&MethodExitVar_t::isCallout, frameNumber(isCallout));
+    set(&MethodExitVar_t::threadId, frameNumber(threadId));
+    set(&MethodExitVar_t::duration, frameNumber(duration));
+    set(&MethodExitVar_t::flowpathinstance, frameNumber(flowpathinstance));
+    set(&MethodExitVar_t::cpuTime, frameNumber(cpuTime));
+    set(&MethodExitVar_t::methodName, len32(name));
+    set(&MethodExitVar_t::backend_header, len32(backend));
+    set(&MethodExitVar_t::requestNotificationPhase, len32(phase));
+    set(&MethodExitVar_t::tierCallOutSeqNum, frameNumber(tierCallOutSeqNum));
+    set(&MethodExitVar_t::endTime, frameNumber(endTime));
+  };
+  send<MethodExitVar_t>(app, stage, ZX_FRAME_METHOD_EXIT, fields, "Method Exit", name, backend,
+                        phase);
 }
 
 void transactionEndEncode(ZXAppLink *app, int statuscode, long long flowpathinstance,
-                          long long endTime) {
-  auto b = zeroed<transactionEnd_t>();
-  b.statuscode = frameNumber(statuscode);
-  b.flowpathinstance = frameNumber(flowpathinstance);
-  b.endTime = frameNumber(endTime);
-  send(app, ZX_FRAME_TRANSACTION_END, b, "Transaction End");
+                          long long endTime, ZXFrameStage *stage) {
+  const auto fields = [&](auto &&set) {
+    set(&transactionEnd_t::statuscode, frameNumber(statuscode));
+    set(&transactionEnd_t::flowpathinstance, frameNumber(flowpathinstance));
+    set(&transactionEnd_t::endTime, frameNumber(endTime));
+  };
+  send<transactionEnd_t>(app, stage, ZX_FRAME_TRANSACTION_END, fields, "Transaction End");
 }
 
-void transactionResetEncode(ZXAppLink *app, long long flowpathinstance) {
-  auto b = zeroed<transactionReset_t>();
-  b.flowpathinstance = frameNumber(flowpathinstance);
-  send(app, ZX_FRAME_TRANSACTION_RESET, b, "Reset");
+void transactionResetEncode(ZXAppLink *app, long long flowpathinstance, ZXFrameStage *stage) {
+  const auto fields = [&](auto &&set) {
+    set(&transactionReset_t::flowpathinstance, frameNumber(flowpathinstance));
+  };
+  send<transactionReset_t>(app, stage, ZX_FRAME_TRANSACTION_RESET, fields, "Reset");
 }
 
 void encodeHttpHeaderReq(ZXAppLink *app, long long flowpathinstance, const char *buffer,
                          const char *type, int statusCode) {
   const ZXFrameString buf = frameString(buffer), t = frameString(type);
-  auto b = zeroed<transactionEncodeVarHttp_t>();
-  b.statuscode = frameNumber(statusCode);
-  b.buffer_len = len32(buf);
-  b.type_len = len32(t);
-  b.flowpathinstance = frameNumber(flowpathinstance);
-  send(app, ZX_FRAME_HTTP_HEADER, b, "Http Header", buf, t);
+  const auto fields = [&](auto &&set) {
+    set(&transactionEncodeVarHttp_t::statuscode, frameNumber(statusCode));
+    set(&transactionEncodeVarHttp_t::buffer_len, len32(buf));
+    set(&transactionEncodeVarHttp_t::type_len, len32(t));
+    set(&transactionEncodeVarHttp_t::flowpathinstance, frameNumber(flowpathinstance));
+  };
+  send<transactionEncodeVarHttp_t>(app, nullptr, ZX_FRAME_HTTP_HEADER, fields, "Http Header", buf,
+                                   t);
 }
 
 void ExceptionDataEncode(ZXAppLink *app, long long flowpathInstance, long long startTime,
@@ -163,30 +224,34 @@ void ExceptionDataEncode(ZXAppLink *app, long long flowpathInstance, long long s
   const ZXFrameString cls = frameString(ExceptionclassName), msg = frameString(Exceptionmessage),
                       tcls = frameString(throwingClassName), tm = frameString(throwingmethodName),
                       cause = frameString(ExceptionCause), stack = frameString(exceptionStackTrace);
-  auto b = zeroed<ExceptionEncodeVar_t>();
-  b.lineNumber = frameNumber(lineNumber);
-  b.lenofExceptionClassName = len32(cls);
-  b.lenofExceptionThrowingClassName = len32(tcls);
-  b.lenofExceptionThrowingMethodName = len32(tm);
-  b.lenofExceptionMessage = len32(msg);
-  b.lenofExceptionCause = len32(cause);
-  b.lenofExceptionStackTrace = len32(stack);
-  b.flowpathInstance = frameNumber(flowpathInstance);
-  b.startTime = frameNumber(startTime);
+  const auto fields = [&](auto &&set) {
+    set(&ExceptionEncodeVar_t::lineNumber, frameNumber(lineNumber));
+    set(&ExceptionEncodeVar_t::lenofExceptionClassName, len32(cls));
+    set(&ExceptionEncodeVar_t::lenofExceptionThrowingClassName, len32(tcls));
+    set(&ExceptionEncodeVar_t::lenofExceptionThrowingMethodName, len32(tm));
+    set(&ExceptionEncodeVar_t::lenofExceptionMessage, len32(msg));
+    set(&ExceptionEncodeVar_t::lenofExceptionCause, len32(cause));
+    set(&ExceptionEncodeVar_t::lenofExceptionStackTrace, len32(stack));
+    set(&ExceptionEncodeVar_t::flowpathInstance, frameNumber(flowpathInstance));
+    set(&ExceptionEncodeVar_t::startTime, frameNumber(startTime));
+  };
   // The strings' order differs from their lengths' order: both are the wire's.
-  send(app, ZX_FRAME_EXCEPTION, b, "Exception Data", cls, msg, tcls, tm, cause, stack);
+  send<ExceptionEncodeVar_t>(app, nullptr, ZX_FRAME_EXCEPTION, fields, "Exception Data", cls, msg,
+                             tcls, tm, cause, stack);
 }
 
 void zxMethodExitExceptionEncode(ZXAppLink *app, long long flowPathInstance,
                                  const char *ExceptionMethodName, const char *ExceptionBackendName,
-                                 long long threadId, int ExceptionExitType) {
+                                 long long threadId, int ExceptionExitType, ZXFrameStage *stage) {
   const ZXFrameString name = frameString(ExceptionMethodName),
                       backend = frameString(ExceptionBackendName);
-  auto b = zeroed<ExceptionMethodExitEncodeVar_t>();
-  b.ExceptionExitType = frameNumber(ExceptionExitType);
-  b.lenofExceptionMethodName = len32(name);
-  b.lenofExceptionBackendName = len32(backend);
-  b.flowpathInstance = frameNumber(flowPathInstance);
-  b.threadId = frameNumber(threadId);
-  send(app, ZX_FRAME_METHOD_EXIT_EXCEPTION, b, "Exception Method Exit Data", name, backend);
+  const auto fields = [&](auto &&set) {
+    set(&ExceptionMethodExitEncodeVar_t::ExceptionExitType, frameNumber(ExceptionExitType));
+    set(&ExceptionMethodExitEncodeVar_t::lenofExceptionMethodName, len32(name));
+    set(&ExceptionMethodExitEncodeVar_t::lenofExceptionBackendName, len32(backend));
+    set(&ExceptionMethodExitEncodeVar_t::flowpathInstance, frameNumber(flowPathInstance));
+    set(&ExceptionMethodExitEncodeVar_t::threadId, frameNumber(threadId));
+  };
+  send<ExceptionMethodExitEncodeVar_t>(app, stage, ZX_FRAME_METHOD_EXIT_EXCEPTION, fields,
+                                       "Exception Method Exit Data", name, backend);
 }
