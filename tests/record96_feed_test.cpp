@@ -10,6 +10,7 @@
 #include <cstdio>
 #include <map>
 #include <random>
+#include <sstream>
 #include <string>
 #include <thread>
 #include <vector>
@@ -165,16 +166,25 @@ TEST_F(FeedToCollectorTest, IntervalSumsOnRequest) {
     ASSERT_TRUE(count(bt, i));
     total += i;
   }
-  auto login74 = [](const zxref::Record &r) {
-    return r.number == 74 && r.fields.size() > 1 && r.fields[1].find(">Login|") != r.fields[1].npos;
-  };
+  // Every interval's record 74 first (their counts add up), then its points.
   Received got;
   long long intervals = 0;
   ASSERT_TRUE(collector_.wait_until(
       [&](const zxref::History &h) {
         got.take(h);
-        intervals = std::count_if(h.records.begin(), h.records.end(), login74);
-        return intervals > 0 && got.weight("Login") >= intervals;
+        long long counted = 0;
+        intervals = 0;
+        for (const zxref::Record &r : h.records) {
+          if (r.number != 74 || r.fields.size() < 2) continue;
+          const std::string &f = r.fields[1];
+          if (f.find(">Login|") == f.npos) continue;
+          ++intervals;
+          double perSec, avg, min;
+          long long max, n = 0;
+          std::istringstream(f.substr(f.rfind('|') + 1)) >> perSec >> avg >> min >> max >> n;
+          counted += n;
+        }
+        return counted == kTransactions && got.weight("Login") >= intervals;
       },
       kWait));
   EXPECT_EQ(got.weight("Login"), intervals);
