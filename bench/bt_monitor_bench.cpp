@@ -3,7 +3,10 @@
 // the same transaction and does nothing. Threads count different BTs in
 // their own models, so two threads should each run as fast as one; a
 // reporter merging every millisecond shows what taking the counts costs the
-// counters. Each benchmark checks that every update was counted.
+// counters. With the response-time feed on (argument 1) each update also
+// appends a point to the thread's ring, drained into the digests with the
+// clock paused whenever it could be full. Each benchmark checks that every
+// update was counted, and with the feed every point queued and none dropped.
 #include <sys/syscall.h>
 #include <unistd.h>
 
@@ -29,10 +32,13 @@ constexpr int kMaxThreads = 2;
 std::unique_ptr<ZXProxyInstance_t> app;
 std::unique_ptr<std::vector<BTObject>> objects;
 
-void setup(const benchmark::State &) {
+void setup(const benchmark::State &state) {
   app = std::make_unique<ZXProxyInstance_t>();
   publishApplication(app.get());
   ZXBTMonitorInit(app->btMonitor, *app);
+  // Small digests: the drains run with the clock paused, the ring is what counts.
+  app->tDigest.TDigestPercentileBT.delta = 1.0;
+  app->tDigest.TDigestPercentileBT.is_enabled = state.range(0);
   objects = std::make_unique<std::vector<BTObject>>(kBTsPerThread * kMaxThreads);
   for (int i = 0; i < kBTsPerThread * kMaxThreads; ++i) {
     (*objects)[i].bt_id = i + 2;
@@ -64,13 +70,18 @@ void warmUp(int thread) {
     updateCounterAndDurationForBT(*app, transaction(thread, i));
 }
 
-// Transactions the calling thread's model holds; read by the owner.
-long long countedHere() {
+ZXMonitorDataModel *modelHere() {
   const long tid = static_cast<long>(syscall(SYS_gettid));
   std::lock_guard models(app->controlThreadTmpLock);
   const auto it = app->btMonitor.threadModels.find(tid);
-  if (it == app->btMonitor.threadModels.end()) return -1;
-  ZXMonitorDataModel &model = *it->second;
+  return it == app->btMonitor.threadModels.end() ? nullptr : it->second.get();
+}
+
+// Transactions the calling thread's model holds; read by the owner.
+long long countedHere() {
+  ZXMonitorDataModel *m = modelHere();
+  if (!m) return -1;
+  ZXMonitorDataModel &model = *m;
   std::lock_guard blocks(model.lockForBT);
   long long n = 0;
   for (const auto &block : model.btmDataArray)
@@ -101,23 +112,38 @@ void BM_EmptyCallBaseline(benchmark::State &state) {
     ++i;
   }
 }
-BENCHMARK(BM_EmptyCallBaseline)->Setup(setup)->Teardown(teardown)->Threads(1)->Threads(2);
+BENCHMARK(BM_EmptyCallBaseline)->Setup(setup)->Teardown(teardown)->Arg(0)->Threads(1)->Threads(2);
 
 void BM_UpdateExistingBlock(benchmark::State &state) {
   const int thread = state.thread_index();
+  const bool feed = state.range(0) != 0;
   warmUp(thread);
+  if (feed) drainResponseTimes(*app);
   const long long before = countedHere();
+  ZXMonitorDataModel &model = *modelHere();
+  const std::uint64_t headBefore = model.feedHead.load();
   int i = 0;
   for (auto _ : state) {
     benchmark::DoNotOptimize(updateCounterAndDurationForBT(*app, transaction(thread, i)));
-    ++i;
+    // Every drain empties every ring, so this thread's never fills.
+    if (++i % ZXBT_FEED_RING_SIZE == 0 && feed) {
+      state.PauseTiming();
+      drainResponseTimes(*app);
+      state.ResumeTiming();
+    }
   }
-  if (countedHere() - before != static_cast<long long>(state.iterations()))
-    state.SkipWithError("an update was not counted");
+  const auto n = static_cast<long long>(state.iterations());
+  if (countedHere() - before != n) state.SkipWithError("an update was not counted");
+  const auto queued = static_cast<long long>(model.feedHead.load() - headBefore);
+  if (queued != (feed ? n : 0) || model.feedDropped.load() != 0)
+    state.SkipWithError("a response time was not queued exactly once");
 }
 BENCHMARK(BM_UpdateExistingBlock)
     ->Setup(setup)
     ->Teardown(teardown)
+    ->ArgName("feed")
+    ->Arg(0)
+    ->Arg(1)
     ->Threads(1)
     ->Threads(kMaxThreads);
 
@@ -145,6 +171,6 @@ void BM_UpdateWhileReporting(benchmark::State &state) {
   if (reported != static_cast<long long>(state.iterations()))
     state.SkipWithError("the reports did not count every update exactly once");
 }
-BENCHMARK(BM_UpdateWhileReporting)->Setup(setup)->Teardown(teardown);
+BENCHMARK(BM_UpdateWhileReporting)->Setup(setup)->Teardown(teardown)->Arg(0);
 
 }  // namespace

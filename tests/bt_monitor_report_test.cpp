@@ -60,8 +60,8 @@ TEST_F(MonitorReportTest, RunShipsRecords74And96) {
   ASSERT_EQ(data.rfind(dataWord, 0), 0u);
   EXPECT_EQ(as, asWord + data.substr(dataWord.size()));
 
-  // One transaction per thread, so each thread's interval sum (the digest's
-  // point) is that transaction's duration whichever tick takes it.
+  // One transaction per thread: its duration is the digest's point, also for
+  // a collector that asked for interval sums.
   char name[ZXBT_NAME_SIZE] = "Login";
   BTObject *login = updateBTObject(*tlzxApplication, name);
   ASSERT_NE(login, nullptr);

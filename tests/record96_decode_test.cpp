@@ -57,7 +57,7 @@ TEST(Record96Decode, PercentilesMatchTheAgentsDigest) {
   std::lognormal_distribution<double> response_ms(5, 1);
   td_histogram_ptr login(td_new(0.01, 100)), overall(td_new(0.01, 100));
   for (int i = 0; i < 100000; ++i) td_add(login.get(), response_ms(rng), 1);
-  // Whole milliseconds, one point per thread per interval, as the monitor feeds.
+  // Whole milliseconds, as the monitor feeds.
   for (int i = 0; i < 300; ++i) td_add(overall.get(), std::round(response_ms(rng)), 1);
 
   const std::string stream =

@@ -271,12 +271,13 @@ inline ZXMonitorDataModel *threadModel(ZXAppMonitors &app) {
 // Stores, not compares, bound this function: extremes are stored only when
 // they change, which is rare after an interval's first transactions. The
 // category picks its counters by index, as traffic mixes categories.
-void updatePropertiesOfBT(ZXBTIntervalCounters &h, const ZXBTTransaction_t &tx) {
+// false for a category that is not counted.
+bool updatePropertiesOfBT(ZXBTIntervalCounters &h, const ZXBTTransaction_t &tx) {
   using I = ZXBTIntervalCounters;
   // Category - 10 for the counted ones: 10..13 and 15 (general only).
   constexpr unsigned kCounted = 0b101111;
   const unsigned k = static_cast<unsigned char>(tx.category) - 10u;
-  if (k > 5 || !((kCounted >> k) & 1)) return;
+  if (k > 5 || !((kCounted >> k) & 1)) return false;
   auto extremes = [](long long v, long long &lo, long long &hi) {
     if (v < lo) lo = v;
     if (v > hi) hi = v;
@@ -300,6 +301,54 @@ void updatePropertiesOfBT(ZXBTIntervalCounters &h, const ZXBTTransaction_t &tx) 
   ++c.count;
   c.sum += d;
   extremes(d, c.min, c.max);
+  return true;
+}
+
+// A point is the duration above a 16-bit BT id: one store on the hot path.
+static_assert(ZXBT_MAX_SLOTS <= 1 << 16, "BT ids must fit a point's low 16 bits");
+static_assert((ZXBT_FEED_RING_SIZE & (ZXBT_FEED_RING_SIZE - 1)) == 0, "ring size: power of two");
+constexpr int kPointIdBits = 16;
+
+inline std::uint64_t packPoint(int id, long long duration) noexcept {
+  return static_cast<std::uint64_t>(duration) << kPointIdBits | static_cast<std::uint64_t>(id);
+}
+inline int pointId(std::uint64_t p) noexcept {
+  return static_cast<int>(p & ((1u << kPointIdBits) - 1));
+}
+inline long long pointDuration(std::uint64_t p) noexcept {
+  return static_cast<long long>(p) >> kPointIdBits;
+}
+
+// Owner only. A failed allocation drops the point; the next one tries again.
+[[gnu::noinline]] bool makeFeedRing(ZXMonitorDataModel &model) {
+  std::lock_guard guard(model.lockForBT);
+  model.feedRing.reset(new (std::nothrow) std::uint64_t[ZXBT_FEED_RING_SIZE]);
+  return model.feedRing != nullptr;
+}
+
+inline void countDrop(ZXMonitorDataModel &model) noexcept {
+  model.feedDropped.store(model.feedDropped.load(std::memory_order_relaxed) + 1,
+                          std::memory_order_relaxed);
+}
+
+// Owner only: appends one point, or drops and counts it when the ring is full.
+inline void feedPoint(ZXMonitorDataModel &model, int id, long long duration) {
+  if (!model.feedRing && !makeFeedRing(model)) [[unlikely]] {
+    countDrop(model);
+    return;
+  }
+  const std::uint64_t head = model.feedHead.load(std::memory_order_relaxed);
+  // feedTail is read only when the last look says full, so the drainer's
+  // line stays out of the owner's cache in the common case.
+  if (head - model.feedTailSeen >= ZXBT_FEED_RING_SIZE) [[unlikely]] {
+    model.feedTailSeen = model.feedTail.load(std::memory_order_acquire);
+    if (head - model.feedTailSeen >= ZXBT_FEED_RING_SIZE) {
+      countDrop(model);
+      return;
+    }
+  }
+  model.feedRing[head % ZXBT_FEED_RING_SIZE] = packPoint(id, duration);
+  model.feedHead.store(head + 1, std::memory_order_release);
 }
 
 // Adds src into dst and resets src.
@@ -372,6 +421,11 @@ void toCounters(const ZXBTIntervalCounters &h, ZXBTMonitorDataCounters &c) {
 
 }  // namespace
 
+bool responseTimeFeedOn(const ZXAppMonitors &app) noexcept {
+  return app.tDigest.TDigestPercentileBT.is_enabled.load(std::memory_order_relaxed) > 0 &&
+         !app.tDigestIntervalSumsBT.load(std::memory_order_relaxed);
+}
+
 bool updateCounterAndDurationForBT(ZXAppMonitors &app, const ZXBTTransaction_t &tx) {
   ZXBTMonitor_t &m = app.btMonitor;
   if (!m.isBTMonitorOn.load(std::memory_order_relaxed) || !tx.btObj) return false;
@@ -386,8 +440,10 @@ bool updateCounterAndDurationForBT(ZXAppMonitors &app, const ZXBTTransaction_t &
   model->lastUpdateTimeStamp.store(tx.endTime, std::memory_order_relaxed);
   const unsigned seq = model->seq.load(std::memory_order_relaxed);
   enterUpdate(*model, seq + 1);
-  updatePropertiesOfBT(c->half[model->active.load(std::memory_order_seq_cst) & 1], tx);
+  const bool counted =
+      updatePropertiesOfBT(c->half[model->active.load(std::memory_order_seq_cst) & 1], tx);
   model->seq.store(seq + 2, std::memory_order_release);
+  if (counted && responseTimeFeedOn(app)) feedPoint(*model, id, tx.duration);
   return true;
 }
 
@@ -424,11 +480,59 @@ void flipModel(ZXAppMonitors &app, ZXMonitorDataModel &model, int size) {
   model.reportHalf = static_cast<int>(half);
 }
 
+// One point into the slot's digest, made when missing. Caller holds slotLock.
+bool insertIntoDigest(ZXAppMonitors &app, ZXBTMonitorDataCounters &slot, long long value) {
+  const TDigestPercentile_t &td = app.tDigest.TDigestPercentileBT;
+  td_histogram_t *h = slot.tdigest_key.load(std::memory_order_relaxed);
+  if (!h) {
+    if (pwlb_t_digest_init(&h, td.delta.load(std::memory_order_relaxed),
+                           td.k.load(std::memory_order_relaxed)) != 0)
+      return false;
+    slot.tdigest_key.store(h, std::memory_order_relaxed);
+  }
+  pwlb_t_digest_insert(h, static_cast<double>(value), 1);
+  slot.tdigestDataExist.store(1, std::memory_order_relaxed);
+  return true;
+}
+
+// Moves the model's pending points into the slots' digests and takes over
+// its drop count. Caller holds slotLock (the one drainer) and
+// controlThreadTmpLock (the model stays); size is the slot count.
+long long drainModel(ZXAppMonitors &app, ZXMonitorDataModel &model, int size) {
+  ZXBTMonitor_t &m = app.btMonitor;
+  const std::uint64_t *ring;
+  {
+    std::lock_guard guard(model.lockForBT);
+    ring = model.feedRing.get();
+  }
+  const long long dropped = model.feedDropped.load(std::memory_order_relaxed);
+  long long lost = dropped - model.feedDroppedSeen;
+  model.feedDroppedSeen = dropped;
+  long long moved = 0;
+  if (ring) {
+    const std::uint64_t head = model.feedHead.load(std::memory_order_acquire);
+    std::uint64_t tail = model.feedTail.load(std::memory_order_relaxed);
+    for (; tail != head; ++tail) {
+      const std::uint64_t p = ring[tail % ZXBT_FEED_RING_SIZE];
+      const int id = pointId(p);
+      if (id < size && insertIntoDigest(app, m.aggBTDataArr[id], pointDuration(p)))
+        ++moved;
+      else
+        ++lost;
+    }
+    model.feedTail.store(head, std::memory_order_release);
+  }
+  if (lost) {
+    m.responseTimesDropped.fetch_add(lost, std::memory_order_relaxed);
+    m.responseTimesDroppedUnlogged += lost;
+  }
+  return moved;
+}
+
 // Merges and resets the half a flip took away from the model's thread, once
 // the thread has left the update that may still be writing it.
-void mergeModel(ZXAppMonitors &app, ZXMonitorDataModel &model, int size, bool feedDigests) {
+void mergeModel(ZXAppMonitors &app, ZXMonitorDataModel &model, int size, bool feedSums) {
   ZXBTMonitor_t &m = app.btMonitor;
-  const TDigestPercentile_t &td = app.tDigest.TDigestPercentileBT;
   // An update takes nanoseconds; only a thread descheduled inside one makes
   // the reporter give up its processor.
   if (const unsigned seq = model.seq.load(std::memory_order_seq_cst); seq & 1)
@@ -450,18 +554,9 @@ void mergeModel(ZXAppMonitors &app, ZXMonitorDataModel &model, int size, bool fe
     ZXBTIntervalCounters &half = block->half[model.reportHalf];
     const long long duration = half.sum[ZXBTIntervalCounters::kDuration];
     ZXBTMonitorDataCounters &slot = m.aggBTDataArr[i];
-    if (feedDigests && duration > 0) {
-      td_histogram_t *h = slot.tdigest_key.load(std::memory_order_relaxed);
-      if (!h && pwlb_t_digest_init(&h, td.delta.load(std::memory_order_relaxed),
-                                   td.k.load(std::memory_order_relaxed)) == 0)
-        slot.tdigest_key.store(h, std::memory_order_relaxed);
-      if (h) {
-        pwlb_t_digest_insert(h, static_cast<double>(duration), 1);
-        slot.tdigestDataExist.store(1, std::memory_order_relaxed);
-        ZXBT_APP_LOG(app, 1, "Info", "TDigestPercentile inserted for BT:%d , duration:%d", i,
-                     static_cast<int>(duration));
-      }
-    }
+    if (feedSums && duration > 0 && insertIntoDigest(app, slot, duration))
+      ZXBT_APP_LOG(app, 1, "Info", "TDigestPercentile inserted for BT:%d , duration:%d", i,
+                   static_cast<int>(duration));
     ZXBTMonitorDataCounters taken;
     toCounters(half, taken);
     mergeCounters(slot, taken);
@@ -474,18 +569,22 @@ void mergeModel(ZXAppMonitors &app, ZXMonitorDataModel &model, int size, bool fe
 // models are flipped first so that one process barrier covers them all.
 void mergeThreadModels(ZXAppMonitors &app, int size) {
   ZXBTMonitor_t &m = app.btMonitor;
-  const bool feedDigests =
-      app.tDigest.TDigestPercentileBT.is_enabled.load(std::memory_order_relaxed) > 0;
+  const bool feedSums =
+      app.tDigest.TDigestPercentileBT.is_enabled.load(std::memory_order_relaxed) > 0 &&
+      app.tDigestIntervalSumsBT.load(std::memory_order_relaxed);
   std::lock_guard models(app.controlThreadTmpLock);
   for (auto &entry : m.threadModels) flipModel(app, *entry.second, size);
   reporterFence();
   for (auto it = m.threadModels.begin(); it != m.threadModels.end();) {
     ZXMonitorDataModel &model = *it->second;
+    // Also when the feed was switched off since: points taken still count.
+    // An exit read before the flip means the thread's last point is in.
+    drainModel(app, model, size);
     if (model.reportHalf < 0) {
       ++it;
       continue;
     }
-    mergeModel(app, model, size, feedDigests);
+    mergeModel(app, model, size, feedSums);
     if (model.exitedBeforeFlip) {
       it = m.threadModels.erase(it);
       m.numberOfThreads.fetch_sub(1, std::memory_order_relaxed);
@@ -574,6 +673,16 @@ bool generateAndDumpBTMonitoringRecord(ZXAppMonitors &app, char *buf, int *len, 
   initZXBTMonitorDataCounters(&overall);
   ++m.currentReportingCount;
   return true;
+}
+
+long long drainResponseTimes(ZXAppMonitors &app) {
+  ZXBTMonitor_t &m = app.btMonitor;
+  std::lock_guard slots(m.slotLock);
+  const int size = m.aggDataArraySize.load(std::memory_order_acquire);
+  std::lock_guard models(app.controlThreadTmpLock);
+  long long moved = 0;
+  for (auto &entry : m.threadModels) moved += drainModel(app, *entry.second, size);
+  return moved;
 }
 
 // ---- Keywords ----

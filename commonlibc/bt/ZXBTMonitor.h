@@ -38,6 +38,18 @@
 // odd store is an atomic exchange. A transaction is therefore in exactly one
 // half when the reporter takes it, and each half is read only after its last
 // update.
+//
+// Response times: with t-digest percentiles on, each counted transaction is
+// also one point (BT id, duration) in its thread's feed ring, which only the
+// owner appends to, without a lock. A slotLock holder drains the rings into
+// the slots' digests: the monitoring timer every ZXBT_FEED_DRAIN_MS, and every
+// report before it reads the slots. A full ring drops the point and counts it,
+// so memory stays bounded at any rate and the owner never waits or runs a
+// digest merge. With tDigestIntervalSumsBT the report instead inserts each old
+// half's duration sum, and the rings stay unused.
+//
+//   owner:   ring[head % N] = point; head + 1 (release)
+//   drainer: points tail..head -> slot digests; tail = head (release)
 #pragma once
 
 #include <array>
@@ -64,6 +76,11 @@ inline constexpr int ZXBT_VECTOR_PREFIX_ID_SIZE = 64;
 inline constexpr int ZXBT_REPORT_BUFFER_SIZE = 131072;
 inline constexpr int ZXBT_DEFAULT_INTERVAL_SECS = 60;
 inline constexpr int ZXBT_CATEGORY_GENERAL_ONLY = 15;
+// Points per thread's feed ring (8 bytes each, made at the thread's first
+// point). Drained every ZXBT_FEED_DRAIN_MS, so a thread drops points only
+// above about 80,000 transactions per second.
+inline constexpr int ZXBT_FEED_RING_SIZE = 4096;
+inline constexpr int ZXBT_FEED_DRAIN_MS = 50;
 
 struct ZXBTMonitorDataCounters {
   int count;
@@ -163,6 +180,17 @@ struct alignas(64) ZXMonitorDataModel {
   // report (-1: none) and whether the thread had exited before the flip.
   int reportHalf = -1;
   bool exitedBeforeFlip = false;
+
+  // The feed ring. feedRing is made by the owner under lockForBT; the drainer
+  // reads the pointer under it. The owner writes feedHead, feedTailSeen (its
+  // last look at feedTail) and feedDropped; slotLock holders write feedTail
+  // and feedDroppedSeen. Kept on their own line, away from seq and active.
+  std::unique_ptr<std::uint64_t[]> feedRing;
+  alignas(64) std::atomic<std::uint64_t> feedHead{0};
+  std::uint64_t feedTailSeen = 0;
+  std::atomic<long long> feedDropped{0};
+  alignas(64) std::atomic<std::uint64_t> feedTail{0};
+  long long feedDroppedSeen = 0;
 };
 
 // A finished transaction as the flowpath hands it over. Units: durations,
@@ -208,6 +236,12 @@ struct ZXBTMonitor_t {
   std::atomic<int> numberOfThreads{0};
   std::atomic<char> doNotDisacrdAnyTransaction{0};
 
+  // Response-time points lost: a full feed ring, no slot for the id or no
+  // memory for a digest. Total since start, and the part not yet logged by a
+  // record-96 report (slotLock).
+  std::atomic<long long> responseTimesDropped{0};
+  long long responseTimesDroppedUnlogged = 0;
+
   // Per-thread models by thread id; guarded by the application's
   // controlThreadTmpLock. A thread caches its own model (see serial).
   std::unordered_map<long, std::shared_ptr<ZXMonitorDataModel>> threadModels;
@@ -239,8 +273,16 @@ int checkAndIncrementAggrBTDataArray(ZXBTMonitor_t &m, BTObject *obj);
 // atomic exchange (none with the process barrier), and it waits for nobody.
 bool updateCounterAndDurationForBT(ZXAppMonitors &app, const ZXBTTransaction_t &tx);
 
-// The interval's report: merges every thread's blocks into the slots (and
-// feeds the slots' t-digests when those are on), appends record 74 per BT
+// Whether counted transactions go to the feed rings: t-digest percentiles for
+// BTs on and the interval-sum feed off.
+bool responseTimeFeedOn(const ZXAppMonitors &app) noexcept;
+// Moves every thread's pending response times into the slots' t-digests.
+// Takes slotLock; the points moved.
+long long drainResponseTimes(ZXAppMonitors &app);
+
+// The interval's report: merges every thread's blocks into the slots, drains
+// the feed rings (or, with tDigestIntervalSumsBT, inserts each thread's
+// duration sums into the slots' t-digests), appends record 74 per BT
 // with data and the overall record to buf (advancing *len, never past cap)
 // and resets what it merged. false when no thread counted anything yet or no
 // BT exists.

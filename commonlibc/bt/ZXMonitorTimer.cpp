@@ -1,5 +1,6 @@
 #include "ZXMonitorTimer.h"
 
+#include <algorithm>
 #include <chrono>
 #include <exception>
 #include <system_error>
@@ -12,18 +13,38 @@
 
 namespace {
 
+// Between reports the timer wakes to drain the feed rings while the feed is
+// on, and once a second to notice that it was switched on.
+constexpr auto kDrainPeriod = std::chrono::milliseconds(ZXBT_FEED_DRAIN_MS);
+constexpr auto kFeedCheckPeriod = std::chrono::seconds(1);
+
+std::chrono::steady_clock::time_point nextReport(const ZXAppMonitors &app) {
+  const int secs = app.btMonitor.monitorIntervalInSecs.load(std::memory_order_relaxed);
+  return std::chrono::steady_clock::now() +
+         std::chrono::seconds(secs > 0 ? secs : ZXBT_DEFAULT_INTERVAL_SECS);
+}
+
 void timerBody(ZXAppMonitors *app) {
+  using Clock = std::chrono::steady_clock;
   ZXMonitorTimer &t = app->monitorTimer;
   std::unique_lock lk(t.wakeMutex);
+  auto reportAt = nextReport(*app);
   while (!t.stopRequested) {
-    const int secs = app->btMonitor.monitorIntervalInSecs.load(std::memory_order_relaxed);
-    const auto interval = std::chrono::seconds(secs > 0 ? secs : ZXBT_DEFAULT_INTERVAL_SECS);
-    if (t.wakeCond.wait_for(lk, interval, [&t] { return t.stopRequested; })) break;
+    const bool feeding = responseTimeFeedOn(*app);
+    const auto wakeAt = std::min(
+        reportAt, Clock::now() + (feeding ? Clock::duration(kDrainPeriod) : kFeedCheckPeriod));
+    if (t.wakeCond.wait_until(lk, wakeAt, [&t] { return t.stopRequested; })) break;
     lk.unlock();
+    if (Clock::now() < reportAt) {
+      if (feeding) drainResponseTimes(*app);
+      lk.lock();
+      continue;
+    }
     runMonitorTick(app);
     lk.lock();
     ++t.ticks;
     t.wakeCond.notify_all();
+    reportAt = nextReport(*app);
   }
 }
 

@@ -3,6 +3,8 @@
 // aggregation period has passed, the record-96 report (through dumpASData).
 // Both reports run on this one thread, so they never overlap each other; they
 // hold the monitor's slotLock, so they never overlap slot growth either.
+// Between reports it drains the threads' response-time rings into the
+// slots' t-digests every ZXBT_FEED_DRAIN_MS while that feed is on.
 // Request threads never wait for it: they count under their own locks.
 #pragma once
 

@@ -134,11 +134,19 @@ bool dumpTDigestRecordForOverallBT(ZXAppMonitors &app, char *buf, int *len, int 
 bool generateAndDumpTDigestDataForBT(ZXAppMonitors &app, char *buf, int *len, int cap) {
   ZXBTMonitor_t &m = app.btMonitor;
   const TDigestPercentile_t &s = app.tDigest.TDigestPercentileBT;
+  drainResponseTimes(app);
   td_histogram_t *overall = nullptr;
   if (pwlb_t_digest_init(&overall, s.delta.load(), s.k.load()) != 0) return false;
   bool any = false;
   {
     std::lock_guard slots(m.slotLock);
+    if (m.responseTimesDroppedUnlogged > 0) {
+      ZXBT_APP_LOG(app, 0, "Warning",
+                   "%lld response times left out of the percentiles since the last record 96 "
+                   "(a thread's feed ring was full, or no slot or digest for its BT); %lld in all",
+                   m.responseTimesDroppedUnlogged, m.responseTimesDropped.load());
+      m.responseTimesDroppedUnlogged = 0;
+    }
     const int size = m.aggDataArraySize.load(std::memory_order_acquire);
     for (int i = 1; i < size; ++i) {
       ZXBTMonitorDataCounters &slot = m.aggBTDataArr[i];

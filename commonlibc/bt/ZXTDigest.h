@@ -2,10 +2,12 @@
 // them on, and record 96, which ships each slot's t-digest once per
 // aggregation period over the auto-sensor data connection.
 //
-// The BT monitor's report feeds the slots' digests (one point per thread per
-// interval); the record-96 report writes, merges into the overall digest and
-// destroys them. Both run on the monitoring timer and hold the monitor's
-// slotLock, so digests are never touched by two threads at once.
+// The slots' digests get every counted transaction's duration, drained from
+// the threads' feed rings (ZXBTMonitor.h), or with tDigestIntervalSumsBT one
+// point per thread per interval, its duration sum. The record-96 report
+// writes, merges into the overall digest and destroys them. Feeding and
+// reports hold the monitor's slotLock, so digests are never touched by two
+// threads at once.
 //
 // Record 96 = text header, binary payload, "\n":
 //   "96,<tier>|<app>|<group>|<graph>:<vector prefix><name>,<agent ms>,<len>,\n"
@@ -47,7 +49,8 @@ void setTDigestPercentileIP(ZXAppMonitors &app, char *value, char *keyword, int 
 void setTDigestPercentile(TDigestPercentile_t &s, const char *name, const char *value);
 
 // Appends record 96 for every BT slot with digest data, then the overall
-// "AllTransactions" record, destroying the slots' digests. Advances *len,
+// "AllTransactions" record, destroying the slots' digests; drains the feed
+// rings first and logs the points dropped since the last report. Advances *len,
 // never past cap; a record that does not fit is left out. Takes slotLock.
 bool generateAndDumpTDigestDataForBT(ZXAppMonitors &app, char *buf, int *len, int cap);
 // One record 96 from `digest` (serialised with the configured mode).

@@ -16,6 +16,8 @@
 // names the lock that guards it.
 #pragma once
 
+#include <atomic>
+
 #include <apr_time.h>
 
 #include <cstdarg>
@@ -153,6 +155,11 @@ struct ZXAppSettings : zx::LogContext {
   // and their MOR_APP_AGENT_* variables). Written by the control thread while
   // it reads settings; the data and auto-sensor links use their own copies.
   ZXTlsSettings tls;
+  // "tDigestIntervalSumsBT" (MOR_APP_AGENT_TDIGESTINTERVALSUMSBT): feed each
+  // BT's t-digest one point per thread and interval, that thread's duration
+  // sum, instead of every response time; for collectors that expect those
+  // points. Written while settings are read, read by the BT monitor.
+  std::atomic<bool> tDigestIntervalSumsBT{false};
   // Link timings from the settings file ("zxcRetryIntervalMs",
   // "zxcConnectTimeoutMs"; 0 keeps the default). Read by agent_init only,
   // before the control thread starts; later settings passes change nothing.

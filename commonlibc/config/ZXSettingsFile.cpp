@@ -174,6 +174,8 @@ bool apply_common_keyword(ZXAppSettings &app, char *line, ConfPass &pass) {
     app.tls.caFile.assign(v);
   } else if ((v = search_keyword(line, "zxTlsVerifyPeer"))) {
     app.tls.verifyPeer = !tls_verify_off(v);
+  } else if ((v = search_keyword(line, "tDigestIntervalSumsBT"))) {
+    app.tDigestIntervalSumsBT = atoi(v) > 0;
   } else if ((v = search_keyword(line, "zxProjectKey"))) {
     bci.projectKey.assign(v);
     bci.saasMode = 1;
@@ -262,6 +264,8 @@ int read_env_var(ZXAppSettings &app) {
 
   if ((v = env_value("MOR_APP_AGENT_ZXTLSCAFILE", s))) app.tls.caFile.assign(v);
   if ((v = env_value("MOR_APP_AGENT_ZXTLSVERIFYPEER", s))) app.tls.verifyPeer = !tls_verify_off(v);
+  if ((v = env_value("MOR_APP_AGENT_TDIGESTINTERVALSUMSBT", s)))
+    app.tDigestIntervalSumsBT = atoi(v) > 0;
 
   if ((v = env_value("MOR_APP_AGENT_TIER", s)))
     setTierName(bci, v);

@@ -122,9 +122,6 @@ std::string BTTable::render(const std::map<int, std::string> &bt_names) const {
                   q[1], q[2]);
     out += line;
   }
-  out +=
-      "  (p50/p90/p99 from record 96: the agent feeds each BT's digest one point per\n"
-      "   request thread per interval, that thread's total time in the BT)\n";
 
   std::map<std::string, std::vector<long long>> by_name;
   std::vector<long long> all;
