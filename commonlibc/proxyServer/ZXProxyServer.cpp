@@ -404,11 +404,7 @@ void ZXProxyServer::acceptNewConnection() {
         c->peerPort = sa->port;
       }
     }
-    if (inPollset_ >= opt_.maxDescriptors) {
-      ++counts_.refused;
-      ZX_PROXY_LOG(-1, "Error",
-                   "Connection refused: the poll set holds %zu descriptors. Closing '%s:%d'.",
-                   opt_.maxDescriptors, c->peerIp.c_str(), c->peerPort);
+    if (!roomFor(c->peerIp, c->peerPort)) {
       apr_socket_close(s);
       continue;
     }
@@ -471,15 +467,20 @@ void ZXProxyServer::deliverWsEvents() {
   freeClosed();
 }
 
+bool ZXProxyServer::roomFor(const std::string &ip, int port) {
+  if (inPollset_ < opt_.maxDescriptors) return true;
+  ++counts_.refused;
+  ZX_PROXY_LOG(-1, "Error",
+               "Connection refused: the poll set holds %zu descriptors. Closing '%s:%d'.",
+               opt_.maxDescriptors, ip.c_str(), port);
+  return false;
+}
+
 void ZXProxyServer::takeWsEvent(ZXProxyWsEvent &e) {
   ZXProxyConnection *c = e.peer->conn;
   switch (e.type) {
     case ZXProxyWsEvent::Type::Opened: {
-      if (inPollset_ >= opt_.maxDescriptors) {
-        ++counts_.refused;
-        ZX_PROXY_LOG(-1, "Error",
-                     "Connection refused: the poll set holds %zu descriptors. Closing '%s:%d'.",
-                     opt_.maxDescriptors, e.peer->ip.c_str(), e.peer->port);
+      if (!roomFor(e.peer->ip, e.peer->port)) {
         ws_->close(e.peer);
         return;
       }

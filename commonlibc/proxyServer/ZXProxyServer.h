@@ -125,6 +125,9 @@ class ZXProxyServer {
   void loop();
   void handleEvent(const apr_pollfd_t &e);
   void acceptNewConnection();
+  // Whether the poll set has room for one more connection; a refusal is
+  // counted and logged here.
+  bool roomFor(const std::string &ip, int port);
   void readFromConnection(ZXProxyConnection &c);
   void consume(ZXProxyConnection &c, const char *data, std::size_t n);
   bool stillKnown(ZXProxyConnection &c);
