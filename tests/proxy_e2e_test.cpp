@@ -20,6 +20,7 @@
 #include <thread>
 #include <vector>
 
+#include "ZXProxyRegistration.h"
 #include "bt_table.h"
 #include "chaos_support.h"
 #include "flowpath_decode.h"
@@ -46,18 +47,6 @@ constexpr const char *kStart = "zxMonitorInterval=1;status=running";
 std::string btOf(std::string page) {
   if (page.size() > 1 && page.back() == '/') page.pop_back();
   return page;
-}
-
-// The value of `key` in a "prefix:key=value;key=value" request line.
-std::string requestValue(std::string_view line, std::string_view key) {
-  for (std::size_t at = line.find(':'); at != std::string_view::npos; at = line.find(';', at)) {
-    ++at;
-    if (line.substr(at, key.size()) == key && line.substr(at + key.size(), 1) == "=") {
-      const std::size_t from = at + key.size() + 1;
-      return std::string(line.substr(from, line.find(';', from) - from));
-    }
-  }
-  return "";
 }
 
 // What the collector received, per application, tallied as it arrives.
@@ -106,7 +95,7 @@ class Collector {
     using Type = zxref::Event::Type;
     std::unique_lock lk(mu_);
     if (e.type == Type::Request) {
-      const std::string app = requestValue(e.text, "appName");
+      const std::string app = parseProxyRequest(e.text).appName;
       connApp_[e.conn_id] = app;
       if (e.kind != ConnKind::Control) return;
       ++apps_[app].controlConnections;

@@ -6,10 +6,8 @@
 
 #include <atomic>
 #include <chrono>
-#include <condition_variable>
 #include <functional>
 #include <memory>
-#include <mutex>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -426,37 +424,28 @@ TEST_P(ProxyOver, ARealApplicationProcessThroughTheProxy) {
 }
 
 // Holds the proxy's poll thread inside the registration of application
-// "hold" until released (at the latest when this goes), while the WebSocket
+// "hold" until released (at the latest when a copy goes), while the WebSocket
 // side keeps reading: the poll thread falls behind at will.
 class PollThreadHold {
  public:
-  std::function<void(ZXProxyInstance_t &)> hook() {
-    return [state = state_](ZXProxyInstance_t &a) {
+  std::function<void(ZXProxyInstance_t &)> hook() const {
+    return [s = state_](ZXProxyInstance_t &a) {
       if (std::string_view(a.ZXBCISetting.appName.c_str()) != "hold") return;
-      std::unique_lock lk(state->m);
-      state->held = true;
-      state->cv.notify_all();
-      state->cv.wait(lk, [&] { return state->released; });
+      s->held = true;
+      zxtest::wait_until([&] { return s->released.load(); }, 60s);
     };
   }
   PollThreadHold() = default;
   PollThreadHold(const PollThreadHold &) = default;
   ~PollThreadHold() { release(); }
-  bool waitHeld() {
-    std::unique_lock lk(state_->m);
-    return state_->cv.wait_for(lk, 10s, [&] { return state_->held; });
+  bool waitHeld() const {
+    return zxtest::wait_until([&] { return state_->held.load(); });
   }
-  void release() const {
-    std::lock_guard lk(state_->m);
-    state_->released = true;
-    state_->cv.notify_all();
-  }
+  void release() const { state_->released = true; }
 
  private:
   struct State {
-    std::mutex m;
-    std::condition_variable cv;
-    bool held = false, released = false;
+    std::atomic<bool> held{false}, released{false};
   };
   std::shared_ptr<State> state_ = std::make_shared<State>();
 };
