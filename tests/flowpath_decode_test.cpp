@@ -38,7 +38,7 @@ std::string show(const BlobEntry &e) {
 // Expected entries name only the fields their form sets; the rest keep their defaults.
 #pragma GCC diagnostic ignored "-Wmissing-field-initializers"
 
-TEST(FlowpathBlob, ReadsEveryEntryForm) {
+TEST(FlowpathBlob, ReadsEveryEntryFormAndSkipsMalformedPieces) {
   using enum Type;
   // clang-format off
   const std::pair<const char *, BlobEntry> forms[] = {
@@ -69,18 +69,17 @@ TEST(FlowpathBlob, ReadsEveryEntryForm) {
   ASSERT_EQ(parsed.entries.size(), std::size(forms));
   for (std::size_t i = 0; i < std::size(forms); ++i)
     EXPECT_EQ(show(parsed.entries[i]), show(forms[i].second)) << forms[i].first;
-}
 
-TEST(FlowpathBlob, MalformedPiecesAreSkippedAndTheRestRead) {
-  // A lost separator, garbage, a call-out short of fields, an overflowing id.
-  const auto parsed = zxref::parse_blob(
+  // Malformed pieces are skipped and the rest read: a lost separator,
+  // garbage, a call-out short of fields, an overflowing id.
+  const auto skipped = zxref::parse_blob(
       "1:5_0_0_2:5_0_1__xx_T1:2:3_99999999999999999999:5_0_1__3:5_0_2__3:5_1_1____");
-  ASSERT_GE(parsed.entries.size(), 3u);
-  EXPECT_GT(parsed.skipped, 0u);
-  EXPECT_EQ(parsed.entries[0].method_id, 1);
-  EXPECT_EQ(parsed.entries[1].method_id, 2) << "the entry behind a lost '_' survives";
-  EXPECT_EQ(parsed.entries.back().type, Type::Exit);
-  EXPECT_EQ(parsed.entries.back().method_id, 3);
+  ASSERT_GE(skipped.entries.size(), 3u);
+  EXPECT_GT(skipped.skipped, 0u);
+  EXPECT_EQ(skipped.entries[0].method_id, 1);
+  EXPECT_EQ(skipped.entries[1].method_id, 2) << "the entry behind a lost '_' survives";
+  EXPECT_EQ(skipped.entries.back().type, Type::Exit);
+  EXPECT_EQ(skipped.entries.back().method_id, 3);
 
   for (const char *bad : {"", "_", "__", "T", "E1:2:3:4:5:6_", "5:1:1:", "5:1:1:/x_0_", "5:1_0_",
                           "5:1_9_1____", "-:1_0_1__", "5:1_1:x_1____", "4:77:2:u_0_1__"}) {
@@ -112,13 +111,12 @@ TEST(FlowpathTree, NestsMethodsAndPlacesCallOuts) {
   ASSERT_EQ(cart.callouts.size(), 1u) << "a call-out of another backend stays with the caller";
   EXPECT_EQ(cart.callouts[0].method_id, 9);
   EXPECT_EQ(cart.children[1].wall_ms, -1) << "closed without an exit";
-}
 
-TEST(FlowpathTree, DeepNestingIsCut) {
-  std::string blob;
-  for (int i = 0; i < 1000; ++i) blob += std::to_string(i) + ":1_0_" + std::to_string(i) + "__";
-  const auto tree = zxref::build_call_tree(zxref::parse_blob(blob).entries);
-  EXPECT_EQ(tree.too_deep, 1000 - zxref::kMaxCallDepth);
+  // Nesting deeper than the limit is cut.
+  std::string deep;
+  for (int i = 0; i < 1000; ++i) deep += std::to_string(i) + ":1_0_" + std::to_string(i) + "__";
+  EXPECT_EQ(zxref::build_call_tree(zxref::parse_blob(deep).entries).too_deep,
+            1000 - zxref::kMaxCallDepth);
 }
 
 TEST(FlowpathRecords, HeaderForms) {
@@ -259,10 +257,6 @@ TEST(BTTable, SumsIntervalsMergesDigestsAndRanksResponses) {
             std::string::npos)
       << text;
   EXPECT_LT(text.find("  /shop/cart "), text.find("  AllTransactions ")) << "the total comes last";
-
-  std::vector<long long> none;
-  EXPECT_EQ(zxref::nearest_rank(none, 0.5), 0);
-  EXPECT_EQ(zxref::bt_name_of("3|9|2:T>S>A>Login"), "Login");
 }
 
 }  // namespace
