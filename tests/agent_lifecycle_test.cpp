@@ -39,48 +39,38 @@ struct ChildEnd {
   double exitMs = -1;  // from the child's call of exit() to its end
 };
 
-// The child side: `body` runs, then exit(0) with the call's time sent first.
-[[noreturn]] void childMain(int fd, const std::function<void()> &body) {
-  body();
-  const long long t = monotonicNs();
-  (void)!write(fd, &t, sizeof t);
-  exit(0);
-}
-
-// Forks; the child runs `body` and exits. Waits up to `limit` for the end.
-ChildEnd runChild(const std::function<void()> &body, std::chrono::milliseconds limit = 10s,
-                  pid_t *pidOut = nullptr, const std::function<void(pid_t)> &whileRunning = {}) {
+// Forks a child that runs `body` and then exit(0), sending the time of that
+// call first; `whileRunning` runs in the parent meanwhile. Waits up to
+// `limit` for the end, then kills.
+ChildEnd runChild(const std::function<void()> &body, const std::function<void()> &whileRunning,
+                  pid_t &pid, std::chrono::milliseconds limit) {
   int fds[2];
   if (pipe(fds) != 0) return {};
-  const pid_t pid = fork();
+  pid = fork();
   if (pid == 0) {
-    close(fds[0]);
-    childMain(fds[1], body);
+    body();
+    const long long t = monotonicNs();
+    (void)!write(fds[1], &t, sizeof t);
+    exit(0);
   }
   close(fds[1]);
-  if (pidOut) *pidOut = pid;
-  if (whileRunning) whileRunning(pid);
+  whileRunning();
   ChildEnd end;
   long long exitCalledAt = 0;
-  int status = 0;
-  const bool ended = zxtest::wait_until(
+  end.ended = zxtest::wait_until(
       [&] {
         pollfd p{fds[0], POLLIN, 0};
         if (!exitCalledAt && poll(&p, 1, 0) == 1)
           (void)!read(fds[0], &exitCalledAt, sizeof exitCalledAt);
-        return waitpid(pid, &status, WNOHANG) == pid;
+        return waitpid(pid, &end.status, WNOHANG) == pid;
       },
       limit);
-  const long long endedAt = monotonicNs();
+  if (exitCalledAt) end.exitMs = static_cast<double>(monotonicNs() - exitCalledAt) / 1e6;
   close(fds[0]);
-  if (!ended) {
+  if (!end.ended) {
     kill(pid, SIGKILL);
-    waitpid(pid, &status, 0);
-    return end;
+    waitpid(pid, &end.status, 0);
   }
-  end.ended = true;
-  end.status = status;
-  if (exitCalledAt) end.exitMs = static_cast<double>(endedAt - exitCalledAt) / 1e6;
   return end;
 }
 
@@ -151,7 +141,7 @@ TEST_F(LifecycleTest, ForkedChildTracesUnderItsOwnPid) {
         for (int i = 1; i < kChildTransactions; ++i)
           if (!oneTransaction("/child/more")) _exit(5);
       },
-      30s, &child, [&](pid_t) { startRunOn(2); });
+      [&] { startRunOn(2); }, child, 30s);
   stop = true;
   busy.join();
   ASSERT_TRUE(end.ended) << "child hung";
