@@ -129,28 +129,15 @@ TEST(ControlRequest, SaasFormAndOverlongIdentityStillEndsTheLine) {
   EXPECT_EQ(bci.controlConnectionReqMessage[bci.controlConnectionReqMessage_len - 1], '\n');
 }
 
-TEST_F(LinkTest, ReplyRules) {
+// Rejections are retried at once, without the retry interval. What each
+// reply means is judged below; an accepted one keeps its connection (above).
+TEST_F(LinkTest, RejectionsAreRetriedAtOnce) {
   auto c = zxtest::start_collector();
   ZXProxyInstance_t &a = configure(c->port());
-  // Rejections are retried at once, without the retry interval.
   a.retry_policy.time_interval = apr_time_from_sec(60);
   c->update_behaviour([](Behaviour &b) { b.reply = zxref::reply::error(); });
   run_loop();
   ASSERT_TRUE(c->wait_for_connections(ConnKind::Control, 3, 5s));
-  stop_agent();
-
-  // NOT_RUNNING clears the data retry; the connection is kept and used.
-  Behaviour notRunning;
-  notRunning.reply = zxref::reply::not_running();
-  auto c2 = zxtest::start_collector(notRunning);
-  a.zxc_server_arr.at_growing(0).zxc_port = c2->port();
-  a.Server.retryForDataConn = 1;
-  restart_loop();
-  ASSERT_TRUE(c2->wait_for_connections(ConnKind::Control, 1, kWait));
-  ASSERT_TRUE(c2->send_modify("a=1"));
-  ASSERT_TRUE(c2->wait_for_control_line(starts("zx_control_rep:result=Error"), kWait));
-  EXPECT_EQ(a.Server.retryForDataConn, 0);
-  EXPECT_EQ(c2->snapshot().of(ConnKind::Control).connections, 1u);
 }
 
 TEST(ReplyJudgement, EveryRuleInItsOrder) {
@@ -278,25 +265,9 @@ TEST_F(LinkTest, FailoverWalksTheListThroughTheEmptyEntry) {
   EXPECT_EQ(a.Server.requestType, 3);
 }
 
-TEST_F(LinkTest, UnansweredHeartbeatsDropTheConnection) {
-  Behaviour silent;
-  silent.echo_heartbeats = false;
-  auto c = zxtest::start_collector(silent);
-  ZXProxyInstance_t &a = configure(c->port());
-  a.zx_dr_state = 1;
-  a.retry_policy.heartbeat_reply_timeout_check = 1;
-  run_loop();
-  // Ten heartbeats go out unanswered; the connection is then dropped.
-  ASSERT_TRUE(
-      c->wait_for_control_line(starts("zx_control_req:action=reconnect;heartBeat 9;"), kWait));
-  ASSERT_TRUE(c->wait_for_closed(ConnKind::Control, 1, kWait));
-  EXPECT_FALSE(
-      c->wait_for_control_line(starts("zx_control_req:action=reconnect;heartBeat 10;"), 100ms));
-  stop_agent();
-  EXPECT_EQ(a.health_check_fail, 1);
-}
-
-TEST_F(LinkTest, AnsweredHeartbeatsKeepTheConnection) {
+// With failover on, answered heartbeats keep the connection; ten unanswered
+// ones drop it.
+TEST_F(LinkTest, HeartbeatsKeepOrDropTheConnection) {
   auto c = zxtest::start_collector();
   ZXProxyInstance_t &a = configure(c->port());
   a.zx_dr_state = 1;
@@ -306,13 +277,26 @@ TEST_F(LinkTest, AnsweredHeartbeatsKeepTheConnection) {
       [](const zxref::History &h) {
         size_t n = 0;
         for (const auto &l : h.lines_of(ConnKind::Control))
-          if (l.text.rfind("zx_control_req:action=reconnect;heartBeat", 0) == 0) ++n;
+          n += l.text.rfind("zx_control_req:action=reconnect;heartBeat", 0) == 0;
         return n >= 30;
       },
       kWait));
   EXPECT_EQ(c->snapshot().of(ConnKind::Control).connections, 1u);
   stop_agent();
   EXPECT_LT(a.heartbeat_count, 10);
+
+  Behaviour silent;
+  silent.echo_heartbeats = false;
+  auto quiet = zxtest::start_collector(silent);
+  a.zxc_server_arr.at_growing(0).zxc_port = quiet->port();
+  restart_loop();
+  ASSERT_TRUE(
+      quiet->wait_for_control_line(starts("zx_control_req:action=reconnect;heartBeat 9;"), kWait));
+  ASSERT_TRUE(quiet->wait_for_closed(ConnKind::Control, 1, kWait));
+  EXPECT_FALSE(
+      quiet->wait_for_control_line(starts("zx_control_req:action=reconnect;heartBeat 10;"), 100ms));
+  stop_agent();
+  EXPECT_EQ(a.health_check_fail, 1);
 }
 
 // Without failover the agent sends no heartbeats and would drop a collector that never
