@@ -6,14 +6,16 @@
  *   phase              later samples go to the next latency phase (up to 4)
  *   fork N exit|run    fork N children from the main thread while the workers
  *                      run; "exit" children call exit(0) at once, "run"
- *                      children run transactions for --child-ms, then exit
+ *                      children run transactions for 1.5 s, try to end one
+ *                      the parent began before the fork, then exit
  *   exit               (or end of input) stop the workers, report, exit(0)
  * and reads its stdout, one line per fact:
  *   ready pid=P traced=0|1
  *   forked pid=C
  *   child pid=C status=exit:N|signal:N|hung exit_ns=T
  *   phase pid=P index=I calls=N p50=T p99=T p999=T max=T      (T in ns)
- *   worked pid=C transactions=N traced=N                      (a "run" child)
+ *   parked pid=P end=R             (the parent's zx_bt_end of that transaction, at exit)
+ *   worked pid=C transactions=N traced=N parked_end=R         (a "run" child)
  *   exiting pid=P mono_ns=T                                   (just before exit())
  *   result pid=P transactions=N traced=N records=N sent=N queued=N lost_pool_full=N
  *          lost_conn_down=N lost_at_exit=N lost_oversized=N   (from atexit, after the
@@ -197,7 +199,10 @@ static struct {
   int reaper_running;
 } g_children;
 
-static void child_main(int stamp_fd, int run) {
+/* Begun before "run" children are forked, ended by the parent at its exit. */
+static zxBTHandle g_parked;
+
+static void child_main(int stamp_fd, int run, zxBTHandle parked) {
   if (run) {
     /* Only this thread exists in the child: it is the child's only worker. */
     Worker *w = &g_workers[0];
@@ -210,9 +215,11 @@ static void child_main(int stamp_fd, int run) {
     }
     g_transactions = w->transactions;
     g_traced = w->traced;
+    /* Once the child's own agent traces, the parent's transaction is not its to end. */
+    const int parked_end = zx_bt_end(parked, 200);
     print_phases(w, 1);
-    printf("worked pid=%d transactions=%llu traced=%llu\n", (int)getpid(), g_transactions,
-           g_traced);
+    printf("worked pid=%d transactions=%llu traced=%llu parked_end=%d\n", (int)getpid(),
+           g_transactions, g_traced, parked_end);
   } else {
     g_transactions = g_traced = 0;
   }
@@ -261,6 +268,7 @@ static void *reap_children(void *arg) {
 
 static void fork_children(int n, int run) {
   if (g_children.reaper_running || n < 1 || n > kMaxChildren) return;
+  if (run && !g_parked) g_parked = zx_bt_begin("/chaos/parked", NULL);
   fflush(stdout); /* a child must not print the parent's pending output again */
   for (int i = 0; i < n; ++i) {
     int fds[2];
@@ -268,7 +276,7 @@ static void fork_children(int n, int run) {
     const pid_t pid = fork();
     if (pid == 0) {
       close(fds[0]);
-      child_main(fds[1], run);
+      child_main(fds[1], run, g_parked);
     }
     close(fds[1]);
     if (pid < 0) {
@@ -350,6 +358,10 @@ int main(int argc, char **argv) {
     g_traced += g_workers[i].traced;
   }
   if (g_children.reaper_running) pthread_join(g_children.reaper, NULL);
+  if (g_parked) {
+    printf("parked pid=%d end=%d\n", (int)getpid(), zx_bt_end(g_parked, 200));
+    zx_bt_release(g_parked);
+  }
   print_phases(g_workers, started);
   announce_exit();
   exit(0);

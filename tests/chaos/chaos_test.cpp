@@ -502,6 +502,8 @@ TEST_F(Chaos, ForkedChildrenRunTransactions) {
   expect_accounted(r);
   expect_all_received(*collector_, r);
   const auto lines = host_->process().lines();
+  EXPECT_EQ(last_line_of(lines, "parked", r.pid)["end"], "0")
+      << "a transaction begun before the fork still ends in the parent";
   for (long long kid : kids) {
     SCOPED_TRACE("child " + std::to_string(kid));
     auto end = last_line_of(lines, "child", kid);
@@ -511,8 +513,10 @@ TEST_F(Chaos, ForkedChildrenRunTransactions) {
     const HostReport c = report_of(lines, kid);
     print_phases(c);
     if (c.phases.count(0)) expect_latency_held(c, 0, &r.phases.at(0));
-    EXPECT_GT(chaos::number_field(last_line_of(lines, "worked", kid), "traced"), 0u)
+    auto worked = last_line_of(lines, "worked", kid);
+    EXPECT_GT(chaos::number_field(worked, "traced"), 0u)
         << "the child's transactions were not traced";
+    EXPECT_EQ(worked["parked_end"], "-1") << "the parent's handle crossed the fork";
     EXPECT_TRUE(collector_->saw_request("control", kid))
         << "no connection request carrying the child's pid";
     EXPECT_GT(collector_->records_from(kid), 0u) << "no records from the child";
