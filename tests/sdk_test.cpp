@@ -1,20 +1,17 @@
 // The SDK as a host uses it: neutral results on bad arguments (counted, and
 // logged only as rate-limited lines and summaries), parked handles, call-out
-// depths, slot give-back over many transactions, and the whole path from SDK
-// calls to records read by the reference collector.
+// depths and slot give-back over many transactions. The whole path from SDK
+// calls to records at the collector is flowpath_generator_test's.
 #include <gtest/gtest.h>
 
 #include <algorithm>
 #include <chrono>
-#include <map>
 #include <regex>
 #include <string>
 #include <thread>
 #include <vector>
 
 #include "ZXProxyInstance.h"
-#include "flowpath_decode.h"
-#include "reference_collector.h"
 #include "test_support.h"
 #include "zx_sdk.h"
 #include "zx_sdk_log.h"
@@ -24,7 +21,6 @@
 namespace {
 
 using namespace std::chrono_literals;
-using zxref::ConnKind;
 using zxtest::ScopedApp;
 
 // An agent with a run going and the send buffers read back directly.
@@ -328,65 +324,6 @@ TEST(SdkInit, PausesUntilARunStartsAndReturnsAtOnceWhenInitialised) {
   t0 = std::chrono::steady_clock::now();
   zx_init();
   EXPECT_LT(std::chrono::steady_clock::now() - t0, 10s);
-  zx_free();
-}
-
-// SDK calls to records read by the reference collector over a real run.
-class SdkEndToEnd : public ::testing::Test, protected zxtest::LinkedAgent {};
-
-TEST_F(SdkEndToEnd, TransactionsArriveDecodableAtTheCollector) {
-  zxref::ReferenceCollector c;
-  ASSERT_TRUE(c.start()) << c.error();
-  home().write("instrProfile.txt", "Shop.Checkout.pay|0|0\n");  // saved by an earlier run
-  ZXProxyInstance_t &a = start_sdk_run(c);
-  zxBTHandle bt = zx_bt_begin("/cart/add?sku=9", nullptr);
-  ASSERT_NE(bt, nullptr);
-  zx_method_entry(bt, "Cart.add");
-  zx_ip_http_callout_end(bt, zx_ip_http_callout_begin(bt, "stock.svc", "/reserve"));
-  zx_method_exit(bt, "Cart.add");
-  const std::string fpi = bt->flowpathInstanceStr;
-  EXPECT_EQ(zx_bt_end(bt, 200), 0);
-  zx_bt_release(bt);
-
-  auto four = c.wait_for_record(4, 10s);
-  ASSERT_TRUE(four.has_value()) << [&] {
-    std::string seen;
-    for (const zxref::Record &r : c.records()) seen += std::to_string(r.number) + " ";
-    return seen;
-  }();
-  // Decoded as the collector shows it: header, names and the call tree.
-  zxref::FlowpathStore store;
-  for (const zxref::Record &r : c.records()) store.add(r);
-  const zxref::NameBook &names = store.names();
-  auto fp =
-      std::find_if(store.finished().begin(), store.finished().end(),
-                   [&](const zxref::Flowpath &f) { return std::to_string(f.instance) == fpi; });
-  ASSERT_NE(fp, store.finished().end());
-  ASSERT_TRUE(fp->header.has_value());
-  EXPECT_EQ(fp->header->url, "/cart/add?sku=9");
-  EXPECT_EQ(names.bt(fp->bt_id), "/cart/add");
-  EXPECT_EQ(fp->status, 200);
-  const zxref::ParsedBlob blob = zxref::parse_blob(fp->blob);
-  EXPECT_EQ(blob.skipped, 0u) << fp->blob;
-  const zxref::CallTree tree = zxref::build_call_tree(blob.entries);
-  ASSERT_EQ(tree.roots.size(), 1u) << fp->blob;
-  EXPECT_EQ(names.method(tree.roots[0].method_id), "Profiler.Morvane.BeginRequest");
-  ASSERT_EQ(tree.roots[0].children.size(), 1u) << fp->blob;
-  const zxref::CallNode &add = tree.roots[0].children[0];
-  EXPECT_EQ(names.method(add.method_id), "Cart.add");
-  ASSERT_EQ(add.callouts.size(), 1u) << fp->blob;
-  EXPECT_EQ(add.callouts[0].kind, 1);
-  EXPECT_EQ(names.method(add.callouts[0].method_id), "stock.svc");
-  EXPECT_TRUE(std::any_of(names.methods.begin(), names.methods.end(), [](const auto &n) {
-    return n.second == "Shop.Checkout.pay";
-  })) << "the saved profile was loaded at the run's start";
-
-  // A profile swap retires the table in force; with no flowpath holding it,
-  // the control thread frees it on an idle poll.
-  ASSERT_EQ(setMethodHashMapNode(&a, "Shop.Checkout.refund|0|0\n"), 0);
-  EXPECT_GE(retiredNodeCount(&a), 1);
-  EXPECT_TRUE(zxtest::wait_until([&] { return retiredNodeCount(&a) == 0; }));
-
   zx_free();
 }
 
