@@ -152,7 +152,7 @@ TEST_F(MethodTableTest, AgeBasedClearNeverFreesAReferencedNode) {
   checkAndClearHashMapNode(&app(), 1);  // empty list
 }
 
-TEST_F(MethodTableTest, ProfileAndEntryPointFiles) {
+TEST_F(MethodTableTest, ProfileEntryPointAndSavedFiles) {
   EXPECT_EQ(readingFileInstrProfile(tlzxApplication), 1) << "absent";
   EXPECT_EQ(readingEntryPointfile(tlzxApplication), 1);
   // A file beyond the read limit loses the line that the limit cuts.
@@ -172,9 +172,8 @@ TEST_F(MethodTableTest, ProfileAndEntryPointFiles) {
   EXPECT_EQ(byName("first.method")->isEntryPoint, 9) << "entry-point bits are added";
   ASSERT_NE(byName("new.entry"), nullptr);
   EXPECT_EQ(byName("new.entry")->isEntryPoint, 1);
-}
 
-TEST_F(MethodTableTest, ProfileKeywordsAndSavedFile) {
+  // The announced profile is fetched unless the saved copy has its size.
   parseInstrProfile(*tlzxApplication, const_cast<char *>("orders.prof"),
                     const_cast<char *>("instrProfile"), 56);
   parseInstrProfile(*tlzxApplication, const_cast<char *>("1700000000"), const_cast<char *>("lmd"),
@@ -183,7 +182,7 @@ TEST_F(MethodTableTest, ProfileKeywordsAndSavedFile) {
   EXPECT_STREQ(app().instrProfileInfo.name.c_str(), "orders.prof");
   EXPECT_STREQ(app().instrProfileInfo.lmd.c_str(), "1700000000");
   EXPECT_EQ(app().instrProfileInfo.size, 10);
-  EXPECT_TRUE(instrProfileNeedsFetch(&app())) << "no local copy yet";
+  EXPECT_TRUE(instrProfileNeedsFetch(&app())) << "the local copy is not the announced one";
 
   app().ZXBCISetting.fileBasedKeywordMode = 1;
   app().InstrFileData_flag = 1;
