@@ -165,15 +165,7 @@ TEST(ReplyJudgement, EveryRuleInItsOrder) {
   EXPECT_EQ(app->ZXSys.dataConnState, 0);
   EXPECT_EQ(app->ZXSys.autosensorConnState, 0);
   EXPECT_EQ(judge("zx_control_req:action=reconnect;heartBeat 3"), ZX_REPLY_REJECTED);
-
-  // The SaaS endpoint names the collector to use: it becomes entry 0.
-  app->zxc_server_arr.at_growing(0).saasServer = 1;
-  EXPECT_EQ(judge("mor_saas_auth_agent_msg_rep:status=OK;zxcHost=zxc.example;zxcPort=7001;"),
-            ZX_REPLY_REJECTED);
-  const zxc_servers_t &e0 = app->zxc_server_arr.at_growing(0);
-  EXPECT_STREQ(e0.zxc_host.get(), "zxc.example");
-  EXPECT_EQ(e0.zxc_port, 7001u);
-  EXPECT_EQ(e0.saasServer, 0);
+  // The SaaS endpoint's naming of a collector is judged over WSS in websocket_link_test.
 }
 
 TEST_F(LinkTest, ProtocolNegotiation) {
@@ -224,10 +216,6 @@ TEST(ProtocolNegotiation, SwitchesToTheCollectorsFirstSharedProtocol) {
   EXPECT_EQ(app->ActiveAgentProtocolIndex, ZX_PROTO_WS);
   EXPECT_EQ(app->lws_active, 1);
   EXPECT_EQ(setProtocolFromResponseMessage(tlzxApplication, "zx_ctrl_msg_rep:result=Ok;"), 0);
-
-  char reply[] = "zx_ctrl_msg_rep:result=Ok;supportedProtocols=TCP:7892";
-  app->ActiveAgentProtocolIndex = ZX_PROTO_TCP;
-  EXPECT_EQ(handle_zxc_con_res_msg(tlzxApplication, reply), ZX_REPLY_ACCEPTED);
 }
 
 TEST_F(LinkTest, FailoverWalksTheListThroughTheEmptyEntry) {
