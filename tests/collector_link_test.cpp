@@ -495,21 +495,26 @@ TEST_F(LinkTest, BrokenDataConnectionLosesAtMostTheCutLine) {
     ASSERT_EQ(l.text.size() - l.text.rfind(',') - 1, pad.size()) << l.text;
   }
 
-  stop_agent();
-  const std::string log = trace_log();
-  EXPECT_EQ(zxtest::count_of(log, "Data connection lost"), 1u);
-  EXPECT_EQ(zxtest::count_of(log, "Data connection established"), 2u);
-  // The summaries add up to the whole loss, cause by cause.
-  auto summed = [&log](const std::string &cause) {
+  // The summaries add up to the whole loss, cause by cause, once the data
+  // thread's next tick has written the last one.
+  auto summed = [](const std::string &log, const std::string &cause) {
     unsigned long long sum = 0;
     const std::regex number(cause + " (\\d+)");
     for (std::sregex_iterator it(log.begin(), log.end(), number), end; it != end; ++it)
       sum += std::stoull((*it)[1]);
     return sum;
   };
-  EXPECT_GE(zxtest::count_of(log, "Data records lost since the last summary"), 1u);
-  EXPECT_EQ(summed("send buffers full"), dropped);
-  EXPECT_EQ(summed("connection down"), counts.lostConnDown);
+  EXPECT_TRUE(zxtest::wait_until([&] {
+    const std::string log = trace_log();
+    return summed(log, "send buffers full") == dropped &&
+           summed(log, "connection down") == counts.lostConnDown;
+  })) << "summed: send buffers full "
+      << summed(trace_log(), "send buffers full") << " of " << dropped << ", connection down "
+      << summed(trace_log(), "connection down") << " of " << counts.lostConnDown;
+  stop_agent();
+  const std::string log = trace_log();
+  EXPECT_EQ(zxtest::count_of(log, "Data connection lost"), 1u);
+  EXPECT_EQ(zxtest::count_of(log, "Data connection established"), 2u);
 }
 
 // The exit drain against a collector that has stopped reading: it returns by
