@@ -19,6 +19,7 @@
 #include <cstdlib>
 #include <fstream>
 #include <memory>
+#include <regex>
 #include <sstream>
 
 #include "chaos_support.h"
@@ -48,20 +49,6 @@ const std::uint64_t kExitLimitNs = env_number("CHAOS_EXIT_LIMIT_MS", 1000) * 100
 
 bool starts_with(std::string_view s, std::string_view prefix) {
   return s.substr(0, prefix.size()) == prefix;
-}
-
-// The value of `key` in "...;key=value;..." request text.
-std::string request_value(std::string_view text, const std::string &key) {
-  const std::string needle = key + "=";
-  std::size_t at = 0;
-  while ((at = text.find(needle, at)) != std::string_view::npos) {
-    if (at == 0 || text[at - 1] == ';' || text[at - 1] == ':') {
-      const std::size_t from = at + needle.size();
-      return std::string(text.substr(from, text.find(';', from) - from));
-    }
-    at += needle.size();
-  }
-  return "";
 }
 
 // One connection as the collector printed it with --conn-ids.
@@ -102,7 +89,9 @@ class Collector {
       if (starts_with(rest, "record ") && !starts_with(rest, "record 99 ")) {
         ++c.records;
       } else if (starts_with(rest, "zx_data_msg_req:") || starts_with(rest, "zx_ctrl_msg_req:")) {
-        c.pid = std::atoll(request_value(rest, "pid").c_str());
+        static const std::regex pid("[;:]pid=([0-9]+)");
+        std::match_results<std::string_view::const_iterator> m;
+        if (std::regex_search(rest.begin(), rest.end(), m, pid)) c.pid = std::stoll(m[1].str());
       } else if (starts_with(rest, "connection ") && rest.ends_with(" closed")) {
         c.closed = true;
       }
