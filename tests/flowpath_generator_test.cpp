@@ -26,6 +26,7 @@
 #include "ZXProxyInstance.h"
 #include "ZXRunTimeChangeHandle.h"
 #include "ZXSessionCookie.h"
+#include "flowpath_decode.h"
 #include "reference_collector.h"
 #include "test_support.h"
 #include "zx_sdk.h"
@@ -147,12 +148,9 @@ TEST_F(FlowpathTest, InstanceIdsStepTheCounterTwiceUnderTheMasks) {
   EXPECT_TRUE(stamp == (before & 0xFF) || stamp == (after & 0xFF)) << id;
   EXPECT_EQ((id - 1000) & 0xFFFF, 2);
 
-  char modify[] = "zx_control_req:action=modify;zxFlowpathMasks=0%20F%204%20F";
-  findStatusFromClientMsg(*tlzxApplication, modify);
-  EXPECT_EQ(s.timeStampMask, 0xF) << "the keyword applies the masks";
-  EXPECT_EQ(s.seqNoDigits, 4);
+  // The keyword applying them is judged in settings_race_test.
   EXPECT_EQ(parse_flowpath_mask(&app(), "0%201%202"), -1);
-  EXPECT_EQ(s.seqNoDigits, 4) << "a short value changes nothing";
+  EXPECT_EQ(s.seqNoDigits, 16) << "a short value changes nothing";
   char text[] = "a%20b%20c";
   char *parts[2];
   EXPECT_EQ(tokenize_flowpathmasks(text, parts, "%20", 2), 2);
@@ -526,8 +524,10 @@ TEST_F(FlowpathRunTest, SessionCookieDecidesCapture) {
   zx_set_session_settings(*tlzxApplication, ZXSessionSettings_t{});
 }
 
-// A transaction of the application runs across the collector's stop and the
-// next run's start, which installs a profile that retires its method table.
+// SDK calls to records at the reference collector over real runs: a
+// transaction that runs across the collector's stop and the next run's
+// start, which installs a profile that retires its method table, and the
+// next transaction decoded as the collector shows it.
 class FlowpathAcrossRuns : public ::testing::Test, protected zxtest::LinkedAgent {
  protected:
   // Records 2, 3 and 4 of flowpath `id` received so far, by record number.
@@ -551,6 +551,7 @@ class FlowpathAcrossRuns : public ::testing::Test, protected zxtest::LinkedAgent
 TEST_F(FlowpathAcrossRuns, TransactionRunsAcrossAStopAndANewStart) {
   zxref::ReferenceCollector c;
   ASSERT_TRUE(c.start()) << c.error();
+  home().write("instrProfile.txt", "Shop.Checkout.pay|0|0\n");  // saved by an earlier run
   ZXProxyInstance_t &a = start_sdk_run(c);
 
   zxBTHandle bt = zx_bt_begin("/pay", nullptr);
@@ -581,22 +582,50 @@ TEST_F(FlowpathAcrossRuns, TransactionRunsAcrossAStopAndANewStart) {
   zx_method_entry(bt, "Pay.receipt");
   zx_method_exit(bt, "Pay.receipt");
   EXPECT_EQ(zx_bt_end(bt, 200), 0);
-  zxBTHandle next = zx_bt_begin("/pay", nullptr);
+  zxBTHandle next = zx_bt_begin("/cart/add?sku=9", nullptr);
   ASSERT_NE(next, nullptr);
   EXPECT_NE(next, bt) << "the slot is not handed out while its owner holds it";
   EXPECT_EQ(zx_bt_release(bt), 0);
-  checkAndDeleteNode(&a);
-  EXPECT_EQ(retiredNodeCount(&a), 0) << "freed once its last user let go";
+  // With no flowpath holding it, the control thread frees it on an idle poll.
+  EXPECT_TRUE(zxtest::wait_until([&] { return retiredNodeCount(&a) == 0; }));
 
   const std::string nextId = next->flowpathInstanceStr;
-  zx_method_entry(next, "Pay.run");
-  zx_method_exit(next, "Pay.run");
+  zx_method_entry(next, "Cart.add");
+  zx_ip_http_callout_end(next, zx_ip_http_callout_begin(next, "stock.svc", "/reserve"));
+  zx_method_exit(next, "Cart.add");
   EXPECT_EQ(zx_bt_end(next, 200), 0);
   EXPECT_EQ(zx_bt_release(next), 0);
   ASSERT_TRUE(received(c, 4, nextId));
   // Records go out in order, so a record 4 of the old flowpath would be here.
   EXPECT_EQ(recordsOf(c.snapshot(), id), (std::vector<int>{2, 3})) << "written once, by the stop";
   EXPECT_EQ(a.gBusyTLSCnt, 0);
+
+  // Decoded as the collector shows it: header, names and the call tree.
+  zxref::FlowpathStore store;
+  for (const zxref::Record &r : c.records()) store.add(r);
+  const zxref::NameBook &names = store.names();
+  auto fp =
+      std::find_if(store.finished().begin(), store.finished().end(),
+                   [&](const zxref::Flowpath &f) { return std::to_string(f.instance) == nextId; });
+  ASSERT_NE(fp, store.finished().end());
+  ASSERT_TRUE(fp->header.has_value());
+  EXPECT_EQ(fp->header->url, "/cart/add?sku=9");
+  EXPECT_EQ(names.bt(fp->bt_id), "/cart/add");
+  EXPECT_EQ(fp->status, 200);
+  const zxref::ParsedBlob blob = zxref::parse_blob(fp->blob);
+  EXPECT_EQ(blob.skipped, 0u) << fp->blob;
+  const zxref::CallTree tree = zxref::build_call_tree(blob.entries);
+  ASSERT_EQ(tree.roots.size(), 1u) << fp->blob;
+  EXPECT_EQ(names.method(tree.roots[0].method_id), "Profiler.Morvane.BeginRequest");
+  ASSERT_EQ(tree.roots[0].children.size(), 1u) << fp->blob;
+  const zxref::CallNode &add = tree.roots[0].children[0];
+  EXPECT_EQ(names.method(add.method_id), "Cart.add");
+  ASSERT_EQ(add.callouts.size(), 1u) << fp->blob;
+  EXPECT_EQ(add.callouts[0].kind, 1);
+  EXPECT_EQ(names.method(add.callouts[0].method_id), "stock.svc");
+  EXPECT_TRUE(std::any_of(names.methods.begin(), names.methods.end(), [](const auto &n) {
+    return n.second == "Shop.Checkout.pay";
+  })) << "the saved profile was loaded at the first run's start";
   zx_free();
 }
 

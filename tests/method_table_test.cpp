@@ -1,4 +1,5 @@
-// The method table: ids and record 5 (checked at the reference collector),
+// The method table: ids and record 5 (checked at the reference collector; the
+// opening method's id 1 in flowpath_generator_test's records),
 // profile files and their grammar, the swap under a flowpath in flight, and
 // both clean-ups of retired nodes, which never free a referenced one.
 #include <gtest/gtest.h>
@@ -34,27 +35,6 @@ class MethodTableTest : public ::testing::Test {
   TempDir home_;
   ScopedApp app_;
 };
-
-TEST_F(MethodTableTest, NewNamesGetConsecutiveIdsFromOne) {
-  node_t *node = acquireMethodHashMapNode(&app());
-  ASSERT_NE(node, nullptr);
-  methodPropProperties *begin = byName(ZX_BEGIN_REQUEST_METHOD);
-  ASSERT_NE(begin, nullptr) << "every table knows the flowpath's opening method";
-  EXPECT_EQ(begin->methodId, 1);
-  getMethodHashMapLock(tlzxApplication);
-  methodPropProperties *a = updateMethodHashMap(tlzxApplication, "shop.Cart.add", 1, 0, node);
-  methodPropProperties *b = updateMethodHashMap(tlzxApplication, "db.orders", 0, 2, node);
-  releaseMethodHashMapLock(tlzxApplication);
-  ASSERT_TRUE(a && b);
-  EXPECT_EQ(a->methodId, 2);
-  EXPECT_EQ(b->methodId, 3);
-  EXPECT_EQ(b->type, 2);
-  EXPECT_EQ(byName("shop.Cart.add"), a);
-  EXPECT_EQ(getMethodPropFromMethodId(3, node), b);
-  EXPECT_EQ(getMethodPropFromMethodId(4, node), nullptr);
-  EXPECT_EQ(byName("absent"), nullptr);
-  releaseMethodHashMapNode(node);
-}
 
 TEST_F(MethodTableTest, ProfileGrammar) {
   const char *profile =
@@ -152,7 +132,7 @@ TEST_F(MethodTableTest, AgeBasedClearNeverFreesAReferencedNode) {
   checkAndClearHashMapNode(&app(), 1);  // empty list
 }
 
-TEST_F(MethodTableTest, ProfileAndEntryPointFiles) {
+TEST_F(MethodTableTest, ProfileEntryPointAndSavedFiles) {
   EXPECT_EQ(readingFileInstrProfile(tlzxApplication), 1) << "absent";
   EXPECT_EQ(readingEntryPointfile(tlzxApplication), 1);
   // A file beyond the read limit loses the line that the limit cuts.
@@ -172,9 +152,8 @@ TEST_F(MethodTableTest, ProfileAndEntryPointFiles) {
   EXPECT_EQ(byName("first.method")->isEntryPoint, 9) << "entry-point bits are added";
   ASSERT_NE(byName("new.entry"), nullptr);
   EXPECT_EQ(byName("new.entry")->isEntryPoint, 1);
-}
 
-TEST_F(MethodTableTest, ProfileKeywordsAndSavedFile) {
+  // The announced profile is fetched unless the saved copy has its size.
   parseInstrProfile(*tlzxApplication, const_cast<char *>("orders.prof"),
                     const_cast<char *>("instrProfile"), 56);
   parseInstrProfile(*tlzxApplication, const_cast<char *>("1700000000"), const_cast<char *>("lmd"),
@@ -183,7 +162,7 @@ TEST_F(MethodTableTest, ProfileKeywordsAndSavedFile) {
   EXPECT_STREQ(app().instrProfileInfo.name.c_str(), "orders.prof");
   EXPECT_STREQ(app().instrProfileInfo.lmd.c_str(), "1700000000");
   EXPECT_EQ(app().instrProfileInfo.size, 10);
-  EXPECT_TRUE(instrProfileNeedsFetch(&app())) << "no local copy yet";
+  EXPECT_TRUE(instrProfileNeedsFetch(&app())) << "the local copy is not the announced one";
 
   app().ZXBCISetting.fileBasedKeywordMode = 1;
   app().InstrFileData_flag = 1;

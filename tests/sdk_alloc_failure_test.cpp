@@ -145,17 +145,16 @@ struct Armed {
 void transaction(bool arm, bool complete) {
   std::optional<Armed> a;
   if (arm) a.emplace();
+  auto zeroOrNeutral = [complete](int rc) { return rc == 0 || (!complete && rc == -1); };
   zxBTHandle bt = zx_bt_begin("/alloc/cart?sku=1", nullptr);
   if (complete) CHILD_CHECK(bt != nullptr);
   zx_method_entry(bt, "Alloc.outer");
   zx_method_entry(bt, "Alloc.inner");
   zxIPCallOutHandle db = zx_ip_db_callout_begin(bt, "alloc-db", "SELECT 1");
   if (complete) CHILD_CHECK(db != nullptr);
-  const int dbEnd = zx_ip_db_callout_end(bt, db);
-  CHILD_CHECK(dbEnd == 0 || (!complete && dbEnd == -1));
+  CHILD_CHECK(zeroOrNeutral(zx_ip_db_callout_end(bt, db)));
   zxIPCallOutHandle web = zx_ip_http_callout_begin(bt, "alloc-web", "/reserve");
-  const int webEnd = zx_ip_http_callout_end(bt, web);
-  CHILD_CHECK(webEnd == 0 || (!complete && webEnd == -1));
+  CHILD_CHECK(zeroOrNeutral(zx_ip_http_callout_end(bt, web)));
   const char *header = getTierCallOut(bt);
   CHILD_CHECK(header || !complete);
   if (header) CHILD_CHECK(std::strchr(header, '_') != nullptr);
@@ -164,10 +163,8 @@ void transaction(bool arm, bool complete) {
   CHILD_CHECK(got == bt || (!complete && got == nullptr));
   zx_method_exit(bt, "Alloc.inner");
   zx_method_exit(bt, "Alloc.outer");
-  const int end = zx_bt_end(bt, 200);
-  CHILD_CHECK(end == 0 || (!complete && end == -1));
-  const int release = zx_bt_release(bt);
-  CHILD_CHECK(release == 0 || (!complete && release == -1));
+  CHILD_CHECK(zeroOrNeutral(zx_bt_end(bt, 200)));
+  CHILD_CHECK(zeroOrNeutral(zx_bt_release(bt)));
   cleanThreadIdToThreadLocal(4242);
   a.reset();
   if (bt) CHILD_CHECK(zx_bt_get("alloc-id") == nullptr);

@@ -120,8 +120,7 @@ TEST_F(TraceLogTest, OverLongMessagesAreCutNotDropped) {
   std::string text = file(0);
   size_t start = text.find("|Info|");
   ASSERT_NE(start, std::string::npos);
-  size_t line_start = text.rfind('\n', start);
-  EXPECT_EQ(text.size() - line_start, static_cast<size_t>(ZX_TRACE_LINE_MAX - 1));
+  EXPECT_EQ(text.size() - text.rfind('\n', start), static_cast<size_t>(ZX_TRACE_LINE_MAX - 1));
 
   // Mode 2 keeps at most a buffer's worth, and a full buffer drops new lines.
   app_->ZXSys.sendLogsToProxy = 2;
@@ -188,13 +187,11 @@ TEST_F(TraceLogTest, WebSocketLibraryLinesAreGatedByControlLevel) {
   app_->ZXSys.controlTraceLevel = 1;
   lws_log(2, "warn-shown");
   lws_log(4, "info-hidden");
-  std::string text = file(0);
-  EXPECT_NE(text.find("|WS|"), std::string::npos);
-  EXPECT_NE(text.find("log from lws:always"), std::string::npos);
-  EXPECT_NE(text.find("log from lws level:16 log:odd-level"), std::string::npos);
-  EXPECT_NE(text.find("log from lws:warn-shown"), std::string::npos);
-  EXPECT_EQ(text.find("warn-hidden"), std::string::npos);
-  EXPECT_EQ(text.find("info-hidden"), std::string::npos);
+  const std::string text = file(0);
+  for (const char *shown : {"|WS|", "lws:always", "level:16 log:odd-level", "lws:warn-shown"})
+    EXPECT_NE(text.find(shown), std::string::npos) << shown;
+  for (const char *hidden : {"warn-hidden", "info-hidden"})
+    EXPECT_EQ(text.find(hidden), std::string::npos) << hidden;
 }
 
 TEST(TraceLogNoKey, NullKeyAndNullNameAreHarmless) {
