@@ -188,12 +188,13 @@ bool connectData(ZXAppLink *app, apr_time_t giveUpAt = 0) {
   return true;
 }
 
-// At most once per lossSummaryInterval, and only when something was lost
-// since the last one: the losses by cause, at the default level.
-void summarizeLosses(ZXAppLink *app, apr_time_t &lastAt, ZXSendCounts &last) {
+// At most once per lossSummaryInterval (and once more when the thread
+// ends), and only when something was lost since the last one: the losses by
+// cause, at the default level.
+void summarizeLosses(ZXAppLink *app, apr_time_t &lastAt, ZXSendCounts &last, bool final = false) {
   ZXSendBufferPool &pool = app->sendBuffers;
   const apr_time_t now = apr_time_now();
-  if (now - lastAt < pool.lossSummaryInterval) return;
+  if (!final && now - lastAt < pool.lossSummaryInterval) return;
   lastAt = now;
   const ZXSendCounts c = readSendCounts(pool);
   if (c.lost() != last.lost())
@@ -250,6 +251,13 @@ void dataThreadBody(ZXAppLink *app) {
   int written = 0;
   apr_time_t summaryAt = apr_time_now();
   ZXSendCounts summarized = readSendCounts(pool);
+  // Losses since the last tick's summary are told on every way out too.
+  struct FinalSummary {
+    ZXAppLink *app;
+    apr_time_t &at;
+    ZXSendCounts &last;
+    ~FinalSummary() { summarizeLosses(app, at, last, true); }
+  } finalSummary{app, summaryAt, summarized};
   while (!checkAndStopThread(app)) {
     summarizeLosses(app, summaryAt, summarized);
     if (apr_time_t deadline = pool.drainDeadline.exchange(0)) {
