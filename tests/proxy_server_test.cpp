@@ -274,37 +274,6 @@ TEST(ProxyServer, RegistrationRulesAndSlots) {
   EXPECT_EQ(proxy.server->applicationCount(), 2u);
 }
 
-TEST(ProxyServer, RelaysCommandsToProcessesAndLogsToTheCollector) {
-  ProxyUnderTest proxy;
-  int a = -1, b = -1;
-  Client first = proxy.registerProcess(11, a);
-  proxy.startRun();
-  ASSERT_TRUE(first.line());  // the start
-  // A process that registers later gets the kept start once.
-  Client later = proxy.registerProcess(12, b);
-  EXPECT_TRUE(later.next(kStart));
-  ASSERT_TRUE(proxy.collector.send_modify("BTRuleFile=1"));
-  EXPECT_TRUE(first.next("zx_control_req:action=modify"));
-  EXPECT_TRUE(later.next("zx_control_req:action=modify"));
-  // A command naming a process goes to that one only.
-  ASSERT_TRUE(proxy.collector.send(
-      ConnKind::Control, "zx_control_req:action=abort;procIndex=" + std::to_string(b) + "\n"));
-  EXPECT_TRUE(later.next("zx_control_req:action=abort"));
-  ASSERT_TRUE(proxy.collector.send_stop());
-  EXPECT_TRUE(first.next("zx_control_req:action=stop_instrumentation"));
-
-  // Agent log text goes to the collector, wrapped; acknowledgements do not.
-  ASSERT_TRUE(first.send("zx_control_rep:action=modify;result=Ok;\nline|AGENT-LOG<x>|boom\n"));
-  for (std::string_view want : {"line|AGENT-LOG<x>|boom", "</agentLogs>"})
-    EXPECT_TRUE(
-        proxy.collector.wait_for_control_line([&](std::string_view l) { return l == want; }, 10s));
-  // The application answered the modify once, for all of its processes.
-  std::size_t modifyAcks = 0;
-  for (const zxref::Line &l : proxy.collector.lines(ConnKind::Control))
-    modifyAcks += l.text == "zx_control_rep:action=modify;result=Ok;";
-  EXPECT_EQ(modifyAcks, 1u);
-}
-
 TEST(ProxyServer, LimitsAndMisbehavingClientsStayTheirOwn) {
   ZXProxyServerOptions opt;
   opt.maxDescriptors = 4;  // the listener and three connections
@@ -386,6 +355,49 @@ TEST_P(ProxyOver, FramesAndLinesSurviveAnyCut) {
   EXPECT_EQ(collector.snapshot().of(ConnKind::Control).connections, 1u);
   ctrl.close();
   EXPECT_TRUE(zxtest::wait_until([&] { return proxy->counts().openConnections == 0; }));
+}
+
+// Two processes of one application: commands reach each, their text reaches
+// the collector.
+TEST_P(ProxyOver, RelaysCommandsToProcessesAndLogsToTheCollector) {
+  std::unique_ptr<ProxyUnderTest> owned = start();
+  ProxyUnderTest &proxy = *owned;
+  int a = -1, b = -1;
+  Client first = proxy.registerProcess(11, a);
+  proxy.startRun();
+  ASSERT_TRUE(first.line());  // the start
+  // A data connection that ends leaves its process registered (its slot
+  // is not free for the next one).
+  {
+    Client data = proxy.connect();
+    ASSERT_TRUE(data.send(dataLine(11)));
+    ASSERT_TRUE(zxtest::wait_until([&] { return proxy.counts().registered.load() == 2; }));
+  }
+  ASSERT_TRUE(zxtest::wait_until([&] { return proxy.counts().closed.load() == 1; }));
+  // A process that registers later gets the kept start once.
+  Client later = proxy.registerProcess(12, b);
+  EXPECT_EQ(b, a + 1);
+  EXPECT_TRUE(later.next(kStart));
+  ASSERT_TRUE(proxy.collector.send_modify("BTRuleFile=1"));
+  EXPECT_TRUE(first.next("zx_control_req:action=modify"));
+  EXPECT_TRUE(later.next("zx_control_req:action=modify"));
+  // A command naming a process goes to that one only.
+  ASSERT_TRUE(proxy.collector.send(
+      ConnKind::Control, "zx_control_req:action=abort;procIndex=" + std::to_string(b) + "\n"));
+  EXPECT_TRUE(later.next("zx_control_req:action=abort"));
+  ASSERT_TRUE(proxy.collector.send_stop());
+  EXPECT_TRUE(first.next("zx_control_req:action=stop_instrumentation"));
+
+  // Agent log text goes to the collector, wrapped; acknowledgements do not.
+  ASSERT_TRUE(first.send("zx_control_rep:action=modify;result=Ok;\nline|AGENT-LOG<x>|boom\n"));
+  for (std::string_view want : {"line|AGENT-LOG<x>|boom", "</agentLogs>"})
+    EXPECT_TRUE(
+        proxy.collector.wait_for_control_line([&](std::string_view l) { return l == want; }, 10s));
+  // The application answered the modify once, for all of its processes.
+  std::size_t modifyAcks = 0;
+  for (const zxref::Line &l : proxy.collector.lines(ConnKind::Control))
+    modifyAcks += l.text == "zx_control_rep:action=modify;result=Ok;";
+  EXPECT_EQ(modifyAcks, 1u);
 }
 
 // An application process in proxy mode traces transactions; the proxy turns
@@ -486,6 +498,11 @@ TEST(ProxyOverWebSocket, ReadingPausesWhileThePollThreadIsBehindAndLosesNothing)
     ASSERT_TRUE(exitingData.send(dataLine(5) + transactionFrames(500)));
   }
   exitingCtrl.close();
+  // A command relayed meanwhile goes out before the poll thread has read
+  // what the exited process sent: its end is not hastened by the send.
+  ASSERT_TRUE(proxy.collector.send_modify("BTRuleFile=1"));
+  ASSERT_TRUE(proxy.collector.wait_for_control_line(
+      [](std::string_view l) { return l == "zx_control_rep:action=modify;result=Ok;"; }, 10s));
   hold.release();
   flood.join();
   EXPECT_EQ(sent, kMessages);

@@ -21,7 +21,8 @@ struct instanceProcess_t {
   // Bytes of a frame held over from the last read. The decoder zeroes it
   // after every frame it replays.
   int data_len = 0;
-  // Descriptors of the process's connections; -1 when absent.
+  // Descriptors of the process's connections; -1 when absent, and always
+  // -1 over WebSocket, where a connection has no descriptor of its own.
   int ctrlFd = -1, dcFd = -1, asFd = -1, aiFd = -1;
   long long processId = -1;  // -1: the slot is free
   std::string data;          // pending data of the process
@@ -32,7 +33,9 @@ struct instanceProcess_t {
   // process registered: the kept start command stands for them.
   unsigned long long joinedAfterRelay = 0;
 
-  bool connected() const { return ctrlFd != -1 || dcFd != -1 || asFd != -1 || aiFd != -1; }
+  // By the connections, not the descriptors: a process over WebSocket
+  // would otherwise lose its slot with its first closed connection.
+  bool connected() const { return ctrlSocket || dcSocket || asSocket || aiSocket; }
 };
 using ZXProxyProcessInfo_t = instanceProcess_t;
 

@@ -139,7 +139,10 @@ long ZXProxyWsListener::send(const std::shared_ptr<ZXProxyWsPeer> &peer, const c
   std::size_t n = 0;
   {
     std::lock_guard lk(peer->lock);
-    if (peer->gone || peer->closeWanted) return -1;
+    if (peer->closeWanted) return -1;
+    // Its end reaches the poll thread as an event, after what it sent before
+    // (a data registration among them): a failed send must not end it sooner.
+    if (peer->gone) return static_cast<long>(len);
     n = std::min(len, kMaxPendingOut - std::min(kMaxPendingOut, peer->out.size()));
     peer->out.append(data, n);
   }

@@ -87,8 +87,9 @@ class ZXProxyWsListener {
 
   // Poll thread: the events queued since the last call, in arrival order.
   void take(std::vector<ZXProxyWsEvent> &events);
-  // Poll thread: queues what fits of `data` for the peer. Bytes taken, -1
-  // when the peer is gone.
+  // Poll thread: queues what fits of `data` for the peer. Bytes taken; -1
+  // once close() was called. A peer the library has closed takes (and
+  // drops) everything: its Closed event, still to come, ends it.
   long send(const std::shared_ptr<ZXProxyWsPeer> &peer, const char *data, std::size_t len);
   // Poll thread: closes the connection once its queued bytes are out.
   void close(const std::shared_ptr<ZXProxyWsPeer> &peer);
