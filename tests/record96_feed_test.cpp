@@ -16,6 +16,8 @@
 #include <vector>
 
 #include "ZXBTMonitor.h"
+#include "ZXTDigest.h"
+#include "collector_protocol.h"
 #include "reference_collector.h"
 #include "tdigest/pwlb_t_digest_quantile.h"
 #include "tdigest_record.h"
@@ -180,6 +182,57 @@ TEST_F(FeedRingTest, IntervalSumsAreOnePointPerThread) {
   ASSERT_NE(h, nullptr);
   EXPECT_DOUBLE_EQ(pwlb_t_digest_getquantile(h, 0.5), 500.0);
   EXPECT_EQ(app_->btMonitor.responseTimesDropped.load(), 0);
+}
+
+// Digests of every response time run to kilobytes: a period's records that
+// outgrow the report buffer go out in several buffers, none left out; with
+// nowhere to flush, what does not fit is counted.
+TEST_F(FeedRingTest, ReportsLargerThanABufferAreFlushedNotDropped) {
+  constexpr int kBTs = 24, kPoints = 2000;
+  std::vector<BTObject *> bts;
+  for (int b = 0; b < kBTs; ++b) {
+    bts.push_back(newBT(("Page" + std::to_string(b)).c_str()));
+    ASSERT_NE(bts.back(), nullptr);
+  }
+  auto feed = [&] {
+    for (int i = 0; i < kPoints; ++i) {
+      for (BTObject *bt : bts) ASSERT_TRUE(count(bt, i));
+      if (i % 100 == 0) drainResponseTimes(*app_);
+    }
+  };
+  static std::vector<std::string> flushed;
+  flushed.clear();
+  auto report = [](ZXAppMonitors &app, ZXRecordFlush flush) {
+    std::vector<char> buf(ZXBT_REPORT_BUFFER_SIZE);
+    int len = 0;
+    EXPECT_TRUE(
+        generateAndDumpTDigestDataForBT(app, buf.data(), &len, ZXBT_REPORT_BUFFER_SIZE, flush));
+    flushed.emplace_back(buf.data(), static_cast<std::size_t>(len));
+  };
+
+  feed();
+  report(*app_, [](ZXAppMonitors &, const char *data, int len) {
+    flushed.emplace_back(data, static_cast<std::size_t>(len));
+  });
+  EXPECT_GE(flushed.size(), 2u) << "the records outgrow one buffer";
+  zxref::StreamDecoder decoder;
+  std::vector<zxref::Frame> frames;
+  decoder.feed("auto_sensor_thread_hotspot_data_req:\n", frames);
+  for (const std::string &chunk : flushed) decoder.feed(chunk, frames);
+  std::map<std::string, double> weights;
+  for (const zxref::Frame &f : frames)
+    if (f.type == zxref::Frame::Type::Record)
+      if (auto r = zxref::decode_tdigest_record(f.record))
+        weights[r->name.substr(r->name.rfind('>') + 1)] = r->count;
+  ASSERT_EQ(weights.size(), kBTs + 1u) << "every BT and AllTransactions";
+  for (const auto &[name, weight] : weights)
+    EXPECT_EQ(weight, name == "AllTransactions" ? kBTs * kPoints : kPoints) << name;
+  EXPECT_EQ(app_->tDigest.records96Dropped.load(), 0);
+
+  feed();
+  flushed.clear();
+  report(*app_, nullptr);
+  EXPECT_GT(app_->tDigest.records96Dropped.load(), 0);
 }
 
 }  // namespace

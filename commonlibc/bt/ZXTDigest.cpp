@@ -87,25 +87,28 @@ void setTDigestPercentileIP(ZXAppMonitors &app, char *value, char *keyword, int 
   setTDigestPercentile(app.tDigest.TDigestPercentileIP, "TDigestPercentileIP", value);
 }
 
-bool dumpTDigestRecordForBT(ZXAppMonitors &app, char *buf, int *len, int cap,
-                            td_histogram_t *digest, const char *btName) {
-  if (!buf || !len || *len < 0 || *len >= cap) return false;
+namespace {
+
+// The percentiles, traced only, at the BT trace level above 1.
+void traceDigest(ZXAppMonitors &app, td_histogram_t *digest, const char *btName) {
+  if (zxbt_trace_level(app) <= 1 || !digest) return;
+  static constexpr struct {
+    const char *label;
+    double q;
+  } kLevels[] = {{"80th", 0.8}, {"85th", 0.85}, {"90th", 0.9}, {"95th", 0.95}, {"99th", 0.99}};
+  for (const auto &level : kLevels)
+    ZXBT_APP_LOG(app, 1, "Info", "%s percentile for BT [%s]:%f", level.label, btName,
+                 pwlb_t_digest_getquantile(digest, level.q));
+  ZXBT_APP_LOG(app, 1, "Info", "TDigest Data count for BT [%s]:%d", btName,
+               static_cast<int>(pwlb_t_digest_get_data_count(digest)));
+}
+
+// One record 96 appended whole, or nothing (false) when it does not fit.
+bool appendRecord96(ZXAppMonitors &app, char *buf, int *len, int cap,
+                    const std::vector<unsigned char> &payload, std::size_t size,
+                    const char *btName) {
   const ZXBTMonitor_t &m = app.btMonitor;
   const TDigestPercentile_t &s = app.tDigest.TDigestPercentileBT;
-  if (zxbt_trace_level(app) > 1 && digest) {
-    static constexpr struct {
-      const char *label;
-      double q;
-    } kLevels[] = {{"80th", 0.8}, {"85th", 0.85}, {"90th", 0.9}, {"95th", 0.95}, {"99th", 0.99}};
-    for (const auto &level : kLevels)
-      ZXBT_APP_LOG(app, 1, "Info", "%s percentile for BT [%s]:%f", level.label, btName,
-                   pwlb_t_digest_getquantile(digest, level.q));
-    ZXBT_APP_LOG(app, 1, "Info", "TDigest Data count for BT [%s]:%d", btName,
-                 static_cast<int>(pwlb_t_digest_get_data_count(digest)));
-  }
-  std::vector<unsigned char> payload(ZXTD_INITIAL_SERIALIZE_SIZE);
-  std::size_t size = 0;
-  if (!pwlb_t_digest_serialize(digest, s.serialization.load(), &payload, &size)) size = 0;
   const long long now = my_gettimeofday() - app.Server.morEpochDiffTime;
   const int room = cap - *len;
   const int n = snprintf(buf + *len, static_cast<std::size_t>(room), "96,%s%ld|%d:%s%s,%lld,%d,\n",
@@ -114,8 +117,6 @@ bool dumpTDigestRecordForBT(ZXAppMonitors &app, char *buf, int *len, int cap,
   // Header, payload and the closing "\n" go in whole or not at all.
   if (n < 0 || static_cast<long long>(n) + static_cast<long long>(size) + 1 > room - 1) {
     buf[*len] = '\0';
-    ZXBT_APP_LOG(app, 0, "Warning", "Record 96 for BT [%s] does not fit (%d bytes left); dropped",
-                 btName ? btName : "", room);
     return false;
   }
   char *out = buf + *len + n;
@@ -125,13 +126,62 @@ bool dumpTDigestRecordForBT(ZXAppMonitors &app, char *buf, int *len, int cap,
   return true;
 }
 
+// The digest serialised with the configured mode; size 0 when it cannot be.
+std::size_t serialise(ZXAppMonitors &app, td_histogram_t *digest,
+                      std::vector<unsigned char> &payload) {
+  payload.resize(ZXTD_INITIAL_SERIALIZE_SIZE);
+  std::size_t size = 0;
+  if (!pwlb_t_digest_serialize(digest, app.tDigest.TDigestPercentileBT.serialization.load(),
+                               &payload, &size))
+    size = 0;
+  return size;
+}
+
+void recordDropped(ZXAppMonitors &app, const char *btName, int room) {
+  app.tDigest.records96Dropped.fetch_add(1, std::memory_order_relaxed);
+  ZXBT_APP_LOG(app, 0, "Warning", "Record 96 for BT [%s] does not fit (%d bytes left); dropped",
+               btName ? btName : "", room);
+}
+
+// A BT's record into the report, after flushing a full buffer when one is
+// given.
+void reportDigest(ZXAppMonitors &app, char *buf, int *len, int cap, td_histogram_t *digest,
+                  const char *btName, ZXRecordFlush flush) {
+  if (*len < 0 || *len >= cap) return;
+  traceDigest(app, digest, btName);
+  std::vector<unsigned char> payload;
+  const std::size_t size = serialise(app, digest, payload);
+  if (appendRecord96(app, buf, len, cap, payload, size, btName)) return;
+  if (flush && *len > 0) {
+    flush(app, buf, *len);
+    *len = 0;
+    if (appendRecord96(app, buf, len, cap, payload, size, btName)) return;
+  }
+  recordDropped(app, btName, cap - *len);
+}
+
+}  // namespace
+
+bool dumpTDigestRecordForBT(ZXAppMonitors &app, char *buf, int *len, int cap,
+                            td_histogram_t *digest, const char *btName) {
+  if (!buf || !len || *len < 0 || *len >= cap) return false;
+  traceDigest(app, digest, btName);
+  std::vector<unsigned char> payload;
+  const std::size_t size = serialise(app, digest, payload);
+  if (appendRecord96(app, buf, len, cap, payload, size, btName)) return true;
+  recordDropped(app, btName, cap - *len);
+  return false;
+}
+
 bool dumpTDigestRecordForOverallBT(ZXAppMonitors &app, char *buf, int *len, int cap,
                                    td_histogram_t *digest) {
   ZXBT_APP_LOG(app, 0, "Info", "Going to dump 96 record for overall bt");
   return dumpTDigestRecordForBT(app, buf, len, cap, digest, "AllTransactions");
 }
 
-bool generateAndDumpTDigestDataForBT(ZXAppMonitors &app, char *buf, int *len, int cap) {
+bool generateAndDumpTDigestDataForBT(ZXAppMonitors &app, char *buf, int *len, int cap,
+                                     ZXRecordFlush flush) {
+  if (!buf || !len) return false;
   ZXBTMonitor_t &m = app.btMonitor;
   const TDigestPercentile_t &s = app.tDigest.TDigestPercentileBT;
   drainResponseTimes(app);
@@ -155,12 +205,15 @@ bool generateAndDumpTDigestDataForBT(ZXAppMonitors &app, char *buf, int *len, in
       slot.tdigestDataExist.store(0, std::memory_order_relaxed);
       if (!h) continue;
       const BTObject *obj = slot.tlBTObj.load(std::memory_order_acquire);
-      dumpTDigestRecordForBT(app, buf, len, cap, h, obj ? obj->bt_name : "");
+      reportDigest(app, buf, len, cap, h, obj ? obj->bt_name : "", flush);
       pwlb_t_digest_merge(overall, h);
       pwlb_t_digest_destroy(&h);
       any = true;
     }
-    if (any) dumpTDigestRecordForOverallBT(app, buf, len, cap, overall);
+    if (any) {
+      ZXBT_APP_LOG(app, 0, "Info", "Going to dump 96 record for overall bt");
+      reportDigest(app, buf, len, cap, overall, "AllTransactions", flush);
+    }
   }
   pwlb_t_digest_destroy(&overall);
   return any;
@@ -169,8 +222,12 @@ bool generateAndDumpTDigestDataForBT(ZXAppMonitors &app, char *buf, int *len, in
 void generateAndDumpPartialTDigestBTRecords(ZXAppMonitors &app) {
   std::vector<char> buf(ZXBT_REPORT_BUFFER_SIZE);
   int len = 0;
-  if (generateAndDumpTDigestDataForBT(app, buf.data(), &len, ZXBT_REPORT_BUFFER_SIZE) && len > 0)
-    dumpASData(&app, buf.data(), len);
+  const ZXRecordFlush send = [](ZXAppMonitors &a, const char *data, int n) {
+    dumpASData(&a, data, n);
+  };
+  if (generateAndDumpTDigestDataForBT(app, buf.data(), &len, ZXBT_REPORT_BUFFER_SIZE, send) &&
+      len > 0)
+    send(app, buf.data(), len);
   app.tDigest.nextLogTime.store(my_gettimeofday() - app.Server.morEpochDiffTime +
                                 app.tDigest.TDigestPercentileBT.aggregate_time.load());
 }

@@ -40,6 +40,8 @@ struct ZXTDigest_t {
   TDigestPercentile_t TDigestPercentileIP;
   // Agent time (ms) at which the next period's records are due; timer only.
   std::atomic<long long> nextLogTime{0};
+  // Records 96 left out whole: larger than a report buffer, or no flush.
+  std::atomic<long long> records96Dropped{0};
 };
 
 // "%20"-separated fields: enabled, aggregation minutes, mode, compression
@@ -48,11 +50,20 @@ void setTDigestPercentileBT(ZXAppMonitors &app, char *value, char *keyword, int 
 void setTDigestPercentileIP(ZXAppMonitors &app, char *value, char *keyword, int index);
 void setTDigestPercentile(TDigestPercentile_t &s, const char *name, const char *value);
 
+// Where a full report buffer goes before the next record is written: digests
+// fed every response time run to kilobytes each, so a period's records may
+// need several buffers.
+using ZXRecordFlush = void (*)(ZXAppMonitors &app, const char *buf, int len);
+
 // Appends record 96 for every BT slot with digest data, then the overall
 // "AllTransactions" record, destroying the slots' digests; drains the feed
 // rings first and logs the points dropped since the last report. Advances *len,
-// never past cap; a record that does not fit is left out. Takes slotLock.
-bool generateAndDumpTDigestDataForBT(ZXAppMonitors &app, char *buf, int *len, int cap);
+// never past cap. A record that does not fit goes into an empty buffer after
+// `flush` has taken the full one (*len is then restarted); without a flush,
+// or when it does not fit even then, it is left out, logged and counted in
+// records96Dropped. Takes slotLock.
+bool generateAndDumpTDigestDataForBT(ZXAppMonitors &app, char *buf, int *len, int cap,
+                                     ZXRecordFlush flush = nullptr);
 // One record 96 from `digest` (serialised with the configured mode).
 bool dumpTDigestRecordForBT(ZXAppMonitors &app, char *buf, int *len, int cap,
                             td_histogram_t *digest, const char *btName);

@@ -257,19 +257,19 @@ zx::Status stop_as_data_thread(ZXAppLink *app, apr_time_t deadline) {
 
 int dumpASData(ZXAppLink *app, const char *data, int len) {
   if (!data || len <= 0) return 0;
-  if (!app || !app->asData.ready.load(std::memory_order_acquire)) return -99;
+  if (!app) return -99;
   ZXASDataLink &link = app->asData;
-  int rc;
-  {
+  const bool ready = link.ready.load(std::memory_order_acquire);
+  int rc = -99;
+  if (ready) {
     std::lock_guard write(link.buffers.bufferWriteLock);
     rc = asAddLocked(link.buffers, data, len);
   }
   if (rc != 0) {
     const long long n = link.discardCount.fetch_add(1, std::memory_order_relaxed) + 1;
     if (n % 1000 == 1)
-      ZX_CTRL_LOG(0, "Warning",
-                  "Auto-sensor buffers full: record of %d bytes dropped, %lld dropped so far", len,
-                  n);
+      ZX_CTRL_LOG(0, "Warning", "Auto-sensor %s: record of %d bytes dropped, %lld dropped so far",
+                  ready ? "buffers full" : "link not ready", len, n);
   }
   return rc;
 }

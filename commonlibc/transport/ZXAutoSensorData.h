@@ -36,7 +36,7 @@ struct ZXASDataLink {
   // `ready` is raised.
   ZXSendBufferPool buffers;
   std::atomic<bool> ready{false};
-  std::atomic<long long> discardCount{0};
+  std::atomic<long long> discardCount{0};  // records dropped by dumpASData
 
   // endpointLock guards the fields below, prepared by the control
   // thread when a run starts (identity strings may change under keywords).
@@ -72,7 +72,8 @@ void request_as_data_thread_stop(ZXAppLink *app);
 zx::Status stop_as_data_thread(ZXAppLink *app, apr_time_t deadline = 0);
 
 // Copies one record into the auto-sensor buffers. 0 stored, -1 no room
-// (dropped and counted), -99 no buffers yet.
+// (dropped and counted), -99 no application, or no buffers yet (dropped and
+// counted too).
 int dumpASData(ZXAppLink *app, const char *data, int len);
 
 // "auto_sensor_thread_hotspot_data_req:" plus the data request's fields and
