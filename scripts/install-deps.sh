@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
 # Installs what the build and the tests need on Debian 12, only if missing.
 set -euo pipefail
-pkgs=(build-essential cmake ninja-build pkg-config libapr1-dev libwebsockets-dev
+pkgs=(build-essential cmake ninja-build pkg-config libapr1-dev libwebsockets-dev libssl-dev
       libgtest-dev libgmock-dev libbenchmark-dev clang libclang-rt-14-dev binutils
       dpkg-dev python3 python3-pytest python3-pip python3-setuptools python3-venv openssl)
 missing=()

@@ -1,12 +1,13 @@
 #!/usr/bin/env bash
-# The shared library may need only the C runtime, APR and libwebsockets, and
-# may export only the C ABI of its public headers.
+# The shared library may need only the C runtime, APR, libwebsockets and the
+# OpenSSL that libwebsockets itself uses, and may export only the C ABI of its
+# public headers.
 set -euo pipefail
 lib="$1"
 status=0
 while read -r needed; do
   case "$needed" in
-    libc.so.*|libm.so.*|ld-linux*|libapr-1.so.*|libwebsockets.so.*) ;;
+    libc.so.*|libm.so.*|ld-linux*|libapr-1.so.*|libwebsockets.so.*|libssl.so.3|libcrypto.so.3) ;;
     *) echo "unexpected NEEDED entry: $needed"; status=1 ;;
   esac
 done < <(readelf -d "$lib" | sed -n 's/.*(NEEDED).*\[\(.*\)\]/\1/p')

@@ -1,6 +1,5 @@
 #include "ZXWebSocketConnection.h"
 
-#include <dlfcn.h>
 #include <libwebsockets.h>
 #include <openssl/ssl.h>
 #include <openssl/x509_vfy.h>
@@ -15,7 +14,6 @@
 #include <map>
 #include <mutex>
 #include <string>
-#include <type_traits>
 #include <vector>
 
 #include "zxlb_mt_log.h"
@@ -54,49 +52,6 @@ void zx_lws_install_log() {
 
 namespace {
 
-// The client TLS context is made here, not by the library, and OpenSSL's
-// functions are taken from the process (the library brought it in) rather
-// than linked, so that the agent needs no TLS library of its own.
-struct OpenSslCalls {
-  decltype(&TLS_client_method) clientMethod = nullptr;
-  decltype(&SSL_CTX_new) newContext = nullptr;
-  decltype(&SSL_CTX_free) freeContext = nullptr;
-  decltype(&SSL_CTX_ctrl) control = nullptr;
-  decltype(&SSL_CTX_set_default_verify_paths) defaultPaths = nullptr;
-  decltype(&SSL_CTX_load_verify_locations) loadFile = nullptr;
-  decltype(&SSL_CTX_set_cert_verify_callback) setChainCheck = nullptr;
-  decltype(&X509_STORE_CTX_set_verify_cb) setVerdict = nullptr;
-  decltype(&X509_verify_cert) verifyChain = nullptr;
-  decltype(&X509_STORE_CTX_set_error) setError = nullptr;
-  decltype(&SSL_get_verify_result) verifyResult = nullptr;
-  decltype(&X509_verify_cert_error_string) errorText = nullptr;
-
-  static const OpenSslCalls &get() {
-    static const OpenSslCalls calls = [] {
-      OpenSslCalls c;
-      auto find = [&c](auto &fn, const char *name) {
-        fn = reinterpret_cast<std::remove_reference_t<decltype(fn)>>(dlsym(RTLD_DEFAULT, name));
-        c.complete = c.complete && fn;
-      };
-      find(c.clientMethod, "TLS_client_method");
-      find(c.newContext, "SSL_CTX_new");
-      find(c.freeContext, "SSL_CTX_free");
-      find(c.control, "SSL_CTX_ctrl");
-      find(c.defaultPaths, "SSL_CTX_set_default_verify_paths");
-      find(c.loadFile, "SSL_CTX_load_verify_locations");
-      find(c.setChainCheck, "SSL_CTX_set_cert_verify_callback");
-      find(c.setVerdict, "X509_STORE_CTX_set_verify_cb");
-      find(c.verifyChain, "X509_verify_cert");
-      find(c.setError, "X509_STORE_CTX_set_error");
-      find(c.verifyResult, "SSL_get_verify_result");
-      find(c.errorText, "X509_verify_cert_error_string");
-      return c;
-    }();
-    return calls;
-  }
-  bool complete = true;
-};
-
 // Parsing the CA store costs more than the rest of a handshake (seconds
 // under the sanitizers), so WSS connections with the same trust share one
 // client TLS context. It lives while a connection uses it: a later connect
@@ -123,20 +78,18 @@ class SharedClientTls {
 
  private:
   static std::shared_ptr<SSL_CTX> create(const ZXTlsSettings &settings) {
-    const OpenSslCalls &ssl = OpenSslCalls::get();
-    if (!ssl.complete) return nullptr;
-    SSL_CTX *raw = ssl.newContext(ssl.clientMethod());
+    SSL_CTX *raw = SSL_CTX_new(TLS_client_method());
     if (!raw) return nullptr;
-    std::shared_ptr<SSL_CTX> ctx(raw, ssl.freeContext);
+    std::shared_ptr<SSL_CTX> ctx(raw, SSL_CTX_free);
     // The library resends a partial write from its own copy of the bytes.
-    ssl.control(raw, SSL_CTRL_MODE, SSL_MODE_ACCEPT_MOVING_WRITE_BUFFER | SSL_MODE_RELEASE_BUFFERS,
-                nullptr);
+    SSL_CTX_set_mode(raw, SSL_MODE_ACCEPT_MOVING_WRITE_BUFFER | SSL_MODE_RELEASE_BUFFERS);
     // OpenSSL's defaults are what operators configure (SSL_CERT_FILE,
     // SSL_CERT_DIR); the library would load a fixed directory.
-    ssl.defaultPaths(raw);
-    if (!settings.caFile.empty() && ssl.loadFile(raw, settings.caFile.c_str(), nullptr) != 1)
+    SSL_CTX_set_default_verify_paths(raw);
+    if (!settings.caFile.empty() &&
+        SSL_CTX_load_verify_locations(raw, settings.caFile.c_str(), nullptr) != 1)
       ZX_LOG_IF(true, "WSS", "Error", "Cannot load the CA file '%s'", settings.caFile.c_str());
-    ssl.setChainCheck(raw, checkChain, settings.verifyPeer ? nullptr : raw);
+    SSL_CTX_set_cert_verify_callback(raw, checkChain, settings.verifyPeer ? nullptr : raw);
     return ctx;
   }
 
@@ -145,13 +98,12 @@ class SharedClientTls {
   // anew whenever any context is created, so a context made on one thread
   // fails a handshake in flight on another.
   static int checkChain(X509_STORE_CTX *store, void *lenient) {
-    const OpenSslCalls &ssl = OpenSslCalls::get();
-    ssl.setVerdict(store, lenient ? acceptAny : keepVerdict);
-    return ssl.verifyChain(store) > 0 ? 1 : 0;
+    X509_STORE_CTX_set_verify_cb(store, lenient ? acceptAny : keepVerdict);
+    return X509_verify_cert(store) > 0 ? 1 : 0;
   }
   static int keepVerdict(int ok, X509_STORE_CTX *) { return ok; }
   static int acceptAny(int, X509_STORE_CTX *store) {
-    OpenSslCalls::get().setError(store, X509_V_OK);
+    X509_STORE_CTX_set_error(store, X509_V_OK);
     return 1;
   }
 };
@@ -416,11 +368,11 @@ int lws_handler::handle(lws *w, lws_callback_reasons reason, void *, void *in, s
       break;
     case LWS_CALLBACK_CLIENT_CONNECTION_ERROR: {
       // The library's text says little about a refused certificate; OpenSSL's does.
-      const OpenSslCalls &ssl = OpenSslCalls::get();
-      SSL *session = tls_ && ssl.complete ? lws_get_ssl(w) : nullptr;
-      const long verdict = session ? ssl.verifyResult(session) : X509_V_OK;
+      SSL *session = tls_ ? lws_get_ssl(w) : nullptr;
+      const long verdict = session ? SSL_get_verify_result(session) : X509_V_OK;
       if (verdict != X509_V_OK)
-        closeReason_ = std::string("certificate not accepted: ") + ssl.errorText(verdict);
+        closeReason_ =
+            std::string("certificate not accepted: ") + X509_verify_cert_error_string(verdict);
       else
         closeReason_ = in ? static_cast<const char *>(in) : "connection failed";
       state_ = State::Closed;

@@ -25,13 +25,13 @@ class Collector:
     """zx_collector as a subprocess; its printed records, gathered by a reader
     thread, joined into flowpaths: instance -> {url, bt, chain, status}."""
 
-    def __init__(self, binary, workdir):
+    def __init__(self, binary, workdir, args):
         self._cond = threading.Condition()  # guards everything below
         self.port = None
         self.bt_names = {}     # BT id -> name (record 7)
         self.flowpaths = {}    # instance -> dict
         self.lines = []
-        self.proc = subprocess.Popen([binary, "--port", "0", "--start", START],
+        self.proc = subprocess.Popen([binary, "--port", "0"] + args,
                                      stdout=subprocess.PIPE, stderr=subprocess.STDOUT,
                                      text=True, cwd=workdir)
         self._reader = threading.Thread(target=self._read, daemon=True)
@@ -97,16 +97,34 @@ def _collector_binary():
     return os.path.abspath(binary)
 
 
+def _self_signed_certificate(work):
+    """A throwaway certificate for 127.0.0.1 that is its own CA."""
+    cert, key = os.path.join(work, "cert.pem"), os.path.join(work, "key.pem")
+    subprocess.run(["openssl", "req", "-x509", "-newkey", "ec", "-pkeyopt",
+                    "ec_paramgen_curve:prime256v1", "-nodes", "-keyout", key, "-out", cert,
+                    "-days", "1", "-subj", "/CN=localhost", "-addext",
+                    "subjectAltName=IP:127.0.0.1,DNS:localhost"],
+                   check=True, capture_output=True)
+    return cert, key
+
+
 @pytest.fixture(scope="session")
 def collector():
+    # The link moves from TCP to WSS, offered by a first collector: the
+    # binding loads the library with its dependencies out of the process's
+    # global scope, and TLS must work from there too.
     work = tempfile.mkdtemp(prefix="zx-pytest-")
-    coll = Collector(_collector_binary(), work)
+    cert, key = _self_signed_certificate(work)
+    coll = Collector(_collector_binary(), work,
+                     ["--start", START, "--wss", "--cert", cert, "--key", key])
+    offer = Collector(_collector_binary(), work, ["--protocols", "WSS:%d" % coll.port])
     home = os.path.join(work, "home")
     os.makedirs(os.path.join(home, "config"))
     with open(os.path.join(home, "config", "zxsettings.conf"), "w") as f:
         f.write("tier=PyTier\nserver=py-server\ninstance=py-test\nzxcHost=127.0.0.1\n"
-                "zxcPort=%d\nZXC_COMM_PROTOCOL=TCP:%d\nzxcRetryIntervalMs=200\n"
-                "zxcConnectTimeoutMs=2000\n" % (coll.port, coll.port))
+                "zxcPort=%d\nZXC_COMM_PROTOCOL=TCP:%d,WSS:%d\nzxTlsCaFile=%s\n"
+                "zxcRetryIntervalMs=200\nzxcConnectTimeoutMs=2000\n"
+                % (offer.port, offer.port, coll.port, cert))
     os.environ["ZXHOME"] = home
     try:
         assert zxagent.init(pause_ms=DEADLINE_S * 1000), "library not loaded"
@@ -114,5 +132,6 @@ def collector():
                                   for l in coll.lines), "the run to start")
         yield coll
     finally:
+        offer.stop()
         coll.stop()
         shutil.rmtree(work, ignore_errors=True)
