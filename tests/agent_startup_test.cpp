@@ -102,9 +102,11 @@ TEST_F(ConfPassTest, HostileFileContents) {
   text += std::string("zxcPort=\x01\xff\x80", 11) + "\n";       // binary value
   text += std::string("instance=a\0b\n", 13);                   // NUL inside a line
   text += "server\nzxcHost=\n=\n\r\n\t\n";                      // missing values
+  text += "tDigestIntervalSumsBT=1\n";                          // a plain line among them
   text += "zxcHost=real\r\nagentTraceLevel=3";                  // CRLF, no final newline
   conf(text);
   EXPECT_EQ(run(), 0);
+  EXPECT_TRUE(app_->tDigestIntervalSumsBT);
   EXPECT_STREQ(entry(0).zxc_host.get(), "real");
   EXPECT_EQ(std::string(app_->ZXBCISetting.tierName.c_str()).size(), 1023u - 5u);
   EXPECT_STREQ(app_->ZXBCISetting.appName.get(), "a");
@@ -119,7 +121,9 @@ TEST_F(ConfPassTest, EnvironmentHostAndPortReplaceTheFile) {
   env("MOR_APP_AGENT_TIERTAG", "tag");
   env("MOR_APP_AGENT_ZXSAASURL", "saas:9443");
   env("MOR_APP_AGENT_ZXPROJECTKEY", "key");
+  env("MOR_APP_AGENT_TDIGESTINTERVALSUMSBT", "1");
   EXPECT_EQ(read_env_var(*tlzxApplication), 0);
+  EXPECT_TRUE(app_->tDigestIntervalSumsBT);
   EXPECT_EQ(read_conf_file(*tlzxApplication), 0);
   auto &bci = app_->ZXBCISetting;
   EXPECT_EQ(bci.isEnableEnvVar, 1);
