@@ -115,6 +115,21 @@ R counted(zx_sdk_reason why, R result) {
   return result;
 }
 
+// Before the SDK is ready. In a fork's child whose own agent has not
+// started yet, any handle is the parent's: refused like one, without
+// touching it.
+template <typename R>
+R notReady(zxBTHandle h, R neutral, R refused) {
+  if (h && sdkRestartInChild.load(std::memory_order_relaxed))
+    return counted(zx_sdk_reason::parent_handle, refused);
+  return counted(zx_sdk_reason::not_initialised, neutral);
+}
+inline void notReady(zxBTHandle h) {
+  zx_sdk_count(h && sdkRestartInChild.load(std::memory_order_relaxed)
+                   ? zx_sdk_reason::parent_handle
+                   : zx_sdk_reason::not_initialised);
+}
+
 const char *shortProcessName() {
   static char name[256];
   if (FILE *f = std::fopen("/proc/self/comm", "r")) {
@@ -251,7 +266,7 @@ ZX_EXPORT zxBTHandle zx_bt_begin(const char *bt_name, const char *correlation_he
 }
 
 ZX_EXPORT int zx_bt_end(zxBTHandle bt_handle, int bt_status) {
-  if (!ready()) return counted(zx_sdk_reason::not_initialised, 0);
+  if (!ready()) return notReady(bt_handle, 0, -1);
   if (!bt_handle) return counted(zx_sdk_reason::null_handle, -1);
   if (!ownHandle(bt_handle)) return counted(zx_sdk_reason::parent_handle, -1);
   return zx_c_guard(-1, [bt_handle, bt_status] {
@@ -269,7 +284,7 @@ ZX_EXPORT int zx_bt_end(zxBTHandle bt_handle, int bt_status) {
 }
 
 ZX_EXPORT int zx_bt_release(zxBTHandle bt_handle) {
-  if (!ready()) return counted(zx_sdk_reason::not_initialised, 0);
+  if (!ready()) return notReady(bt_handle, 0, -1);
   if (!bt_handle) return counted(zx_sdk_reason::null_handle, -1);
   if (!ownHandle(bt_handle)) return counted(zx_sdk_reason::parent_handle, -1);
   return zx_c_guard(-1, [bt_handle] {
@@ -294,7 +309,7 @@ ZX_EXPORT int zx_bt_release(zxBTHandle bt_handle) {
 }
 
 ZX_EXPORT void zx_bt_store(zxBTHandle bt_handle, const char *unique_bt_id) {
-  if (!ready()) return zx_sdk_count(zx_sdk_reason::not_initialised);
+  if (!ready()) return notReady(bt_handle);
   if (!bt_handle) return zx_sdk_count(zx_sdk_reason::null_handle);
   if (!ownHandle(bt_handle)) return zx_sdk_count(zx_sdk_reason::parent_handle);
   zx_c_guard([bt_handle, unique_bt_id] {
@@ -339,7 +354,7 @@ ZX_EXPORT int zx_bt_add_error(zxBTHandle bt_handle, int err_level, const char *m
 }
 
 ZX_EXPORT void zx_method_entry(zxBTHandle bt_handle, const char *method) {
-  if (!ready()) return zx_sdk_count(zx_sdk_reason::not_initialised);
+  if (!ready()) return notReady(bt_handle);
   if (!bt_handle) return zx_sdk_count(zx_sdk_reason::null_handle);
   if (!ownHandle(bt_handle)) return zx_sdk_count(zx_sdk_reason::parent_handle);
   zx_c_guard([bt_handle, method] {
@@ -350,7 +365,7 @@ ZX_EXPORT void zx_method_entry(zxBTHandle bt_handle, const char *method) {
 }
 
 ZX_EXPORT void zx_method_exit(zxBTHandle bt_handle, const char *method) {
-  if (!ready()) return zx_sdk_count(zx_sdk_reason::not_initialised);
+  if (!ready()) return notReady(bt_handle);
   if (!bt_handle) return zx_sdk_count(zx_sdk_reason::null_handle);
   if (!ownHandle(bt_handle)) return zx_sdk_count(zx_sdk_reason::parent_handle);
   zx_c_guard([bt_handle, method] {
@@ -362,7 +377,7 @@ ZX_EXPORT void zx_method_exit(zxBTHandle bt_handle, const char *method) {
 
 ZX_EXPORT zxIPCallOutHandle zx_ip_db_callout_begin(zxBTHandle bt_handle, const char *db_host,
                                                    const char *db_query) {
-  if (!ready()) return counted(zx_sdk_reason::not_initialised, nullptr);
+  if (!ready()) return notReady<zxIPCallOutHandle>(bt_handle, nullptr, nullptr);
   if (!bt_handle) return counted(zx_sdk_reason::null_handle, nullptr);
   if (!ownHandle(bt_handle)) return counted(zx_sdk_reason::parent_handle, nullptr);
   return zx_c_guard(nullptr, [bt_handle, db_host, db_query] {
@@ -371,7 +386,7 @@ ZX_EXPORT zxIPCallOutHandle zx_ip_db_callout_begin(zxBTHandle bt_handle, const c
 }
 
 ZX_EXPORT int zx_ip_db_callout_end(zxBTHandle bt_handle, zxIPCallOutHandle ip_handle) {
-  if (!ready()) return counted(zx_sdk_reason::not_initialised, 0);
+  if (!ready()) return notReady(bt_handle, 0, -1);
   if (!bt_handle) return counted(zx_sdk_reason::null_handle, -1);
   if (!ownHandle(bt_handle)) return counted(zx_sdk_reason::parent_handle, -1);
   return zx_c_guard(-1, [bt_handle, ip_handle] {
@@ -382,7 +397,7 @@ ZX_EXPORT int zx_ip_db_callout_end(zxBTHandle bt_handle, zxIPCallOutHandle ip_ha
 ZX_EXPORT zxIPCallOutHandle zx_ip_http_callout_begin(zxBTHandle bt_handle, const char *http_host,
                                                      const char *url) {
   (void)url;
-  if (!ready()) return counted(zx_sdk_reason::not_initialised, nullptr);
+  if (!ready()) return notReady<zxIPCallOutHandle>(bt_handle, nullptr, nullptr);
   if (!bt_handle) return counted(zx_sdk_reason::null_handle, nullptr);
   if (!ownHandle(bt_handle)) return counted(zx_sdk_reason::parent_handle, nullptr);
   return zx_c_guard(nullptr, [bt_handle, http_host] {
@@ -391,7 +406,7 @@ ZX_EXPORT zxIPCallOutHandle zx_ip_http_callout_begin(zxBTHandle bt_handle, const
 }
 
 ZX_EXPORT int zx_ip_http_callout_end(zxBTHandle bt_handle, zxIPCallOutHandle ip_handle) {
-  if (!ready()) return counted(zx_sdk_reason::not_initialised, 0);
+  if (!ready()) return notReady(bt_handle, 0, -1);
   if (!bt_handle) return counted(zx_sdk_reason::null_handle, -1);
   if (!ownHandle(bt_handle)) return counted(zx_sdk_reason::parent_handle, -1);
   return zx_c_guard(-1, [bt_handle, ip_handle] {

@@ -15,7 +15,7 @@
  *   child pid=C status=exit:N|signal:N|hung exit_ns=T
  *   phase pid=P index=I calls=N p50=T p99=T p999=T max=T      (T in ns)
  *   parked pid=P end=R             (the parent's zx_bt_end of that transaction, at exit)
- *   worked pid=C transactions=N traced=N parked_end=R         (a "run" child)
+ *   worked pid=C transactions=N traced=N parked_end=R early_end=R  (a "run" child)
  *   exiting pid=P mono_ns=T                                   (just before exit())
  *   result pid=P transactions=N traced=N records=N sent=N queued=N lost_pool_full=N
  *          lost_conn_down=N lost_at_exit=N lost_oversized=N   (from atexit, after the
@@ -204,6 +204,8 @@ static zxBTHandle g_parked;
 
 static void child_main(int stamp_fd, int run, zxBTHandle parked) {
   if (run) {
+    /* Before the child's own agent exists, the parent's handle is refused too. */
+    const int early_end = zx_bt_end(parked, 200);
     /* Only this thread exists in the child: it is the child's only worker. */
     Worker *w = &g_workers[0];
     memset(w, 0, sizeof *w);
@@ -218,8 +220,8 @@ static void child_main(int stamp_fd, int run, zxBTHandle parked) {
     /* Once the child's own agent traces, the parent's transaction is not its to end. */
     const int parked_end = zx_bt_end(parked, 200);
     print_phases(w, 1);
-    printf("worked pid=%d transactions=%llu traced=%llu parked_end=%d\n", (int)getpid(),
-           g_transactions, g_traced, parked_end);
+    printf("worked pid=%d transactions=%llu traced=%llu parked_end=%d early_end=%d\n",
+           (int)getpid(), g_transactions, g_traced, parked_end, early_end);
   } else {
     g_transactions = g_traced = 0;
   }

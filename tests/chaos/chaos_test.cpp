@@ -506,6 +506,7 @@ TEST_F(Chaos, ForkedChildrenRunTransactions) {
     EXPECT_GT(chaos::number_field(worked, "traced"), 0u)
         << "the child's transactions were not traced";
     EXPECT_EQ(worked["parked_end"], "-1") << "the parent's handle crossed the fork";
+    EXPECT_EQ(worked["early_end"], "-1") << "refused before the child's agent starts too";
     EXPECT_TRUE(collector_->saw_request("control", kid))
         << "no connection request carrying the child's pid";
     EXPECT_GT(collector_->records_from(kid), 0u) << "no records from the child";
