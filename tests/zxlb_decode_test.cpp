@@ -215,9 +215,11 @@ TEST_F(DecodeTest, FlowpathLivesInTheMapFromStartToResetOrSweep) {
   EXPECT_NE(records.find("\n2,42F,"), std::string::npos) << records;
   EXPECT_NE(records.find("\n4,42F,200,"), std::string::npos) << records;
 
+  const unsigned long long lost = zxFramesNotReplayed.load();
   decode(resetF(42) + exitF(42, "Cart.load", 1, 30) + end(42, 31));
   EXPECT_EQ(fp(42), nullptr);
   EXPECT_EQ(zxtest::drain_records(app()), "") << "frames of a reset flowpath are dropped";
+  EXPECT_EQ(zxFramesNotReplayed.load(), lost + 2) << "and counted";
 
   zxtest::ScopedApp other("", false);
   const int otherIndex = zxProxyApplications().add(*other);
@@ -225,6 +227,7 @@ TEST_F(DecodeTest, FlowpathLivesInTheMapFromStartToResetOrSweep) {
   EXPECT_EQ(readDataMessage(e.data() + ZX_FRAME_FIXED_AT, static_cast<long long>(e.size()) - 14, 0,
                             otherIndex, 0),
             -2);
+  EXPECT_EQ(zxFramesNotReplayed.load(), lost + 3) << "no map: counted too";
 
   // A reset sweeps flowpaths older than five minutes, once in five minutes.
   decode(start(1) + start(2) + start(3));

@@ -20,6 +20,7 @@
 #include "ZXProxyServerRecord.h"
 #include "ZXSupportedProtocols.h"
 #include "zx_agent_stop.h"
+#include "zxlb_decode.h"
 #include "zxlb_mt_log.h"
 
 namespace {
@@ -263,9 +264,10 @@ void ZXProxyServer::shutdown() {
   }
   ZX_PROXY_LOG(-1, "Info",
                "Proxy stopped: connections accepted %llu, refused %llu; frames replayed %llu, "
-               "frame bytes lost %llu; messages dropped %llu",
+               "of them reaching no flowpath %llu, frame bytes lost %llu; messages dropped %llu",
                counts_.accepted.load(), counts_.refused.load(), counts_.framesReplayed.load(),
-               counts_.frameBytesLost.load(), counts_.messagesDropped.load());
+               zxFramesNotReplayed.load(), counts_.frameBytesLost.load(),
+               counts_.messagesDropped.load());
   zxProxyApplications().clear();
   ZXProxy.numInstances = 0;
   apps.clear();

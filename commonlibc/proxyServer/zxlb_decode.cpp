@@ -23,6 +23,7 @@
 
 std::atomic<long long> counterforfpi_tls_map{0};
 std::atomic<long long> counterforNumofResetCalled{0};
+std::atomic<unsigned long long> zxFramesNotReplayed{0};
 
 // Framing and replay lines: above 0 what was skipped, above 2 every frame.
 #define ZX_DECODE_LOG(above, severity, ...) \
@@ -150,7 +151,10 @@ void startFlowpath(ZXAppTracing &app, int processIndex, const transactionStartVa
   *end = '\0';
   ZXPerThreadData_t *r =
       startFP(&app, id, s[1], s[2], 0, s[3], s[4], s[5], f.qTimeMS, f.startTimeFP);
-  if (!r) return;
+  if (!r) {
+    zxFramesNotReplayed.fetch_add(1, std::memory_order_relaxed);
+    return;
+  }
   if (header && std::strchr(header, '_')) (void)parseTierCallOut(r, header);
   r->fpStartTimeforReset = my_gettimeofday();
   ZXFpiTlsMap::iterator it;
@@ -186,7 +190,10 @@ int replayFrame(ZXProxyInstance_t &app, const char *buff, long long len, int typ
     return 0;
   }
   // Only the headers go without a map: they simply find no flowpath.
-  if (type != ZX_FRAME_HTTP_HEADER && !app.fpi_tls_map) return -2;
+  if (type != ZX_FRAME_HTTP_HEADER && !app.fpi_tls_map) {
+    zxFramesNotReplayed.fetch_add(1, std::memory_order_relaxed);
+    return -2;
+  }
 
   // The fixed block, then the strings whose lengths lensOf names in wire
   // order; false when the event is dropped.
@@ -199,7 +206,10 @@ int replayFrame(ZXProxyInstance_t &app, const char *buff, long long len, int typ
   };
   auto lookup = [&](long long id) {
     ZXPerThreadData_t *r = findFlowpath(app, ZXFpiKey{processIndex, id});
-    if (!r) ZX_DECODE_LOG(2, "Info", "-- Not M Type %d  pfpi = %lld", type, id);
+    if (!r) {
+      zxFramesNotReplayed.fetch_add(1, std::memory_order_relaxed);
+      ZX_DECODE_LOG(2, "Info", "-- Not M Type %d  pfpi = %lld", type, id);
+    }
     return r;
   };
 

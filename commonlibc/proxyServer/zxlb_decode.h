@@ -29,6 +29,10 @@ struct ZXProxyInstance_t;
 // Flowpath map entries ever added, and flowpaths the sweep reset.
 extern std::atomic<long long> counterforfpi_tls_map;
 extern std::atomic<long long> counterforNumofResetCalled;
+// Whole frames that reached no flowpath: their start was refused (no run, no
+// record) or never came, their flowpath was reset or swept, or their
+// application has no map. Told in the proxy's stop summary.
+extern std::atomic<unsigned long long> zxFramesNotReplayed;
 
 // A flowpath older than this is reset by the sweep, which runs at most this
 // often per application.
