@@ -144,33 +144,28 @@ void recordDropped(ZXAppMonitors &app, const char *btName, int room) {
 }
 
 // A BT's record into the report, after flushing a full buffer when one is
-// given.
-void reportDigest(ZXAppMonitors &app, char *buf, int *len, int cap, td_histogram_t *digest,
+// given; false (logged and counted) when it is left out.
+bool reportDigest(ZXAppMonitors &app, char *buf, int *len, int cap, td_histogram_t *digest,
                   const char *btName, ZXRecordFlush flush) {
-  if (*len < 0 || *len >= cap) return;
+  if (*len < 0 || *len >= cap) return false;
   traceDigest(app, digest, btName);
   std::vector<unsigned char> payload;
   const std::size_t size = serialise(app, digest, payload);
-  if (appendRecord96(app, buf, len, cap, payload, size, btName)) return;
+  if (appendRecord96(app, buf, len, cap, payload, size, btName)) return true;
   if (flush && *len > 0) {
     flush(app, buf, *len);
     *len = 0;
-    if (appendRecord96(app, buf, len, cap, payload, size, btName)) return;
+    if (appendRecord96(app, buf, len, cap, payload, size, btName)) return true;
   }
   recordDropped(app, btName, cap - *len);
+  return false;
 }
 
 }  // namespace
 
 bool dumpTDigestRecordForBT(ZXAppMonitors &app, char *buf, int *len, int cap,
                             td_histogram_t *digest, const char *btName) {
-  if (!buf || !len || *len < 0 || *len >= cap) return false;
-  traceDigest(app, digest, btName);
-  std::vector<unsigned char> payload;
-  const std::size_t size = serialise(app, digest, payload);
-  if (appendRecord96(app, buf, len, cap, payload, size, btName)) return true;
-  recordDropped(app, btName, cap - *len);
-  return false;
+  return buf && len && reportDigest(app, buf, len, cap, digest, btName, nullptr);
 }
 
 bool dumpTDigestRecordForOverallBT(ZXAppMonitors &app, char *buf, int *len, int cap,

@@ -421,13 +421,7 @@ void ZXProxyServer::acceptNewConnection() {
       apr_socket_close(s);
       continue;
     }
-    c->acceptedAt = apr_time_now();
-    ++inPollset_;
-    ++unregistered_;
-    ++counts_.accepted;
-    ++counts_.openConnections;
-    ZX_PROXY_LOG(1, "Info", "Accepted '%s:%d'", c->peerIp.c_str(), c->peerPort);
-    conns_.push_back(std::move(c));
+    admit(std::move(c));
   }
 }
 
@@ -469,6 +463,16 @@ void ZXProxyServer::deliverWsEvents() {
   freeClosed();
 }
 
+void ZXProxyServer::admit(std::unique_ptr<ZXProxyConnection> c) {
+  c->acceptedAt = apr_time_now();
+  ++inPollset_;
+  ++unregistered_;
+  ++counts_.accepted;
+  ++counts_.openConnections;
+  ZX_PROXY_LOG(1, "Info", "Accepted '%s:%d'", c->peerIp.c_str(), c->peerPort);
+  conns_.push_back(std::move(c));
+}
+
 bool ZXProxyServer::roomFor(const std::string &ip, int port) {
   if (inPollset_ < opt_.maxDescriptors) return true;
   ++counts_.refused;
@@ -490,14 +494,8 @@ void ZXProxyServer::takeWsEvent(ZXProxyWsEvent &e) {
       made->ws = e.peer;
       made->peerIp = e.peer->ip;
       made->peerPort = e.peer->port;
-      made->acceptedAt = apr_time_now();
       e.peer->conn = made.get();
-      ++inPollset_;
-      ++unregistered_;
-      ++counts_.accepted;
-      ++counts_.openConnections;
-      ZX_PROXY_LOG(1, "Info", "Accepted '%s:%d'", made->peerIp.c_str(), made->peerPort);
-      conns_.push_back(std::move(made));
+      admit(std::move(made));
       return;
     }
     case ZXProxyWsEvent::Type::Bytes:

@@ -128,6 +128,9 @@ class ZXProxyServer {
   // Whether the poll set has room for one more connection; a refusal is
   // counted and logged here.
   bool roomFor(const std::string &ip, int port);
+  // A connection taken into the poll set's count, waiting for its
+  // registration line.
+  void admit(std::unique_ptr<ZXProxyConnection> c);
   void readFromConnection(ZXProxyConnection &c);
   void consume(ZXProxyConnection &c, const char *data, std::size_t n);
   bool stillKnown(ZXProxyConnection &c);
